@@ -1,0 +1,17 @@
+# One interface target that every target of the project links: warnings, the
+# floating-point rules that keep results identical everywhere, sanitizers.
+add_library(zem_compile_options INTERFACE)
+
+target_compile_options(zem_compile_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  $<$<BOOL:${ZEM_WARNINGS_AS_ERRORS}>:-Werror>
+  # A multiply and an add are fused only where the source says std::fma: a
+  # compiler that fuses on its own gives other bits on other machines.
+  -ffp-contract=off
+  -fno-math-errno)
+
+if(ZEM_SANITIZE)
+  target_compile_options(zem_compile_options INTERFACE
+    -fsanitize=${ZEM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(zem_compile_options INTERFACE -fsanitize=${ZEM_SANITIZE})
+endif()

@@ -1,0 +1,12 @@
+// Chat turns in the ChatML framing of Qwen models, whole or streamed.
+#pragma once
+
+#include "qwen35_session.h"
+
+namespace qwen35rt {
+
+int qwen35V2ChatTurn(ZEMRuntimeHandle* handle, const char* userText, char* out, size_t outSize);
+int qwen35V2ChatTurnStream(ZEMRuntimeHandle* handle, const char* userText, ZEMChatTokenFn cb,
+                           void* user, volatile int* cancel);
+
+}  // namespace qwen35rt

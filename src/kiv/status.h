@@ -1,0 +1,34 @@
+// The result of an operation that can fail for reasons outside the program:
+// a file's contents, the disk, a driver.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace kiv {
+
+enum class StatusCode : uint8_t {
+  Ok = 0,
+  InvalidFormat = 1,
+  Unsupported = 2,
+  Corrupted = 3,
+  IOError = 4,
+};
+
+// Success, or a code with a message for people. Success carries no message.
+class [[nodiscard]] Status {
+ public:
+  Status() = default;
+  Status(StatusCode code, std::string message) : code_(code), message_(std::move(message)) {}
+
+  bool ok() const { return code_ == StatusCode::Ok; }
+  StatusCode code() const { return code_; }
+  const std::string& message() const { return message_; }
+
+ private:
+  StatusCode code_ = StatusCode::Ok;
+  std::string message_;
+};
+
+}  // namespace kiv

@@ -1,0 +1,85 @@
+// Text to vocabulary ids and back: special tokens, pre-tokenisation, byte-pair
+// merges.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "kiv/status.h"
+
+namespace kiv {
+
+// Token type codes that the tokenizer tells apart; every other code is ordinary.
+inline constexpr int32_t kTokenTypeUnknown = 2;
+inline constexpr int32_t kTokenTypeControl = 3;
+
+// A vocabulary as the container carries it. Ids are indexes into `tokens`; a
+// negative special id means that the vocabulary has none.
+struct TokenizerData {
+  std::vector<std::string> tokens;  // bytes, spaces escaped as U+2581 or U+0120
+  std::vector<float> scores;        // one a token, or empty
+  std::vector<int32_t> tokenTypes;  // one a token, or empty
+  std::vector<std::string> merges;  // "left right", best rule first
+  int32_t bosId = -1;
+  int32_t eosId = -1;
+  int32_t unkId = -1;
+  int32_t padId = -1;
+  bool addBos = false;  // the file's advice; encode() obeys its argument alone
+  std::string chatTemplate;
+};
+
+// Read-only after load(): every const member may run on several threads at once.
+class Tokenizer {
+ public:
+  // Takes the tables over and builds the indexes. May be called again; a load
+  // that fails ("tokenizer: empty token list") leaves everything as it was. A
+  // score table of the wrong length is dropped.
+  Status load(TokenizerData data);
+
+  bool valid() const { return !data_.tokens.empty(); }
+  const TokenizerData& data() const { return data_; }
+  int32_t bos() const { return data_.bosId; }
+  int32_t eos() const { return data_.eosId; }
+  int32_t unk() const { return data_.unkId; }
+
+  // The id of the token whose text is exactly `text` (the lowest, when several
+  // share it), or -1.
+  int32_t tokenToId(const std::string& text) const;
+  // The stored text, markers and byte spellings included.
+  Status tokenToString(int32_t id, std::string& out) const;
+
+  // Replaces `ids` by the ids of `text`, after bosId when `addBos` is true and
+  // the vocabulary has one. Special tokens are recognised anywhere in the text.
+  // Text without a token becomes unkId, or nothing. Time grows as n log n with
+  // the longest piece. Fails only on an empty vocabulary, "tokenizer: not loaded".
+  Status encode(const std::string& text, std::vector<int32_t>& ids, bool addBos) const;
+  // Replaces `out` by the text of `ids`; ids outside the vocabulary are skipped.
+  // The result may end inside a UTF-8 character.
+  Status decode(const std::vector<int32_t>& ids, std::string& out) const;
+
+  void escapeWhitespace(std::string& s) const;    // spaces to the vocabulary's marker
+  void unescapeWhitespace(std::string& s) const;  // U+2581 to spaces, in either style
+
+ private:
+  Status buildIndexes();
+  Status tokenizeSegment(std::string_view segment, std::vector<int32_t>& ids) const;
+  Status tokenizePlain(std::string_view chunk, std::vector<int32_t>& ids) const;
+  Status tokenizeBpe(std::string_view piece, std::vector<int32_t>& ids) const;
+
+  bool gpt2Style_ = false;  // a space is U+0120 in the vocabulary, not U+2581
+  TokenizerData data_;
+  std::unordered_map<std::string, int32_t> tokenToId_;
+  std::unordered_map<std::string, int32_t> mergeRanks_;
+  std::vector<std::pair<std::string, int32_t>> specials_;  // in matching order
+};
+
+// Every space becomes U+2581 (bytes E2 96 81).
+void escapeWhitespace(std::string& s);
+// Every U+2581 becomes a space.
+void unescapeWhitespace(std::string& s);
+
+}  // namespace kiv

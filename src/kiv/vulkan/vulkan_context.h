@@ -1,0 +1,70 @@
+// Everything one GPU user needs of Vulkan: instance, device, one queue, one
+// command pool, one fence.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "kiv/status.h"
+#include "kiv/vulkan/vulkan_device.h"
+
+namespace kiv::vulkan {
+
+// Empty, or ready after init(). All GPU work is synchronous: beginCommand,
+// record, submitAndWait. One thread at a time; there is one fence and one pool.
+// Other GPU objects keep a plain pointer to the context and must go first.
+class VulkanContext {
+ public:
+  VulkanContext() = default;
+  ~VulkanContext() { destroy(); }
+  VulkanContext(const VulkanContext&) = delete;
+  VulkanContext& operator=(const VulkanContext&) = delete;
+
+  // Sets everything up. `deviceIndex` counts positions in the order discrete
+  // first, then more device-local memory; any index past the end selects the
+  // first discrete device, else the first enumerated one. Success at once on a
+  // ready context. Without a Vulkan loader the message is that of a failed
+  // instance creation.
+  Status init(uint64_t deviceIndex);
+  // Releases everything; may be repeated.
+  void destroy();
+
+  // One primary command buffer, begun for one submission.
+  Status beginCommand(VkCommandBuffer* outCmd);
+  // Ends, submits, waits for the fence, frees. After a failure the buffer is
+  // reclaimed with the pool.
+  Status submitAndWait(VkCommandBuffer cmd);
+
+  VkInstance instance() const { return instance_; }
+  VkPhysicalDevice physicalDevice() const { return physicalDevice_; }
+  VkDevice device() const { return device_; }
+  VkQueue queue() const { return queue_; }
+  uint32_t queueFamily() const { return queueFamily_; }
+  const VulkanDeviceInfo& info() const { return info_; }
+  // 8- and 16-bit storage-buffer access are enabled.
+  bool hasNativeStorage() const { return nativeStorage_; }
+
+ private:
+  VkInstance instance_ = VK_NULL_HANDLE;
+  VkPhysicalDevice physicalDevice_ = VK_NULL_HANDLE;
+  VkDevice device_ = VK_NULL_HANDLE;
+  VkQueue queue_ = VK_NULL_HANDLE;
+  uint32_t queueFamily_ = 0;
+  VkCommandPool commandPool_ = VK_NULL_HANDLE;
+  VkFence fence_ = VK_NULL_HANDLE;
+  VulkanDeviceInfo info_;
+  bool nativeStorage_ = false;
+};
+
+// One device as init() would number it.
+struct ListedDevice {
+  VulkanDeviceInfo info;
+  bool nativeStorage = false;
+  bool software = false;   // a CPU implementation
+  bool automatic = false;  // what an index past the end selects
+};
+
+// The devices in the order in which init()'s index selects them.
+Status listDevices(std::vector<ListedDevice>& out);
+
+}  // namespace kiv::vulkan

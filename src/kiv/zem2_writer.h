@@ -1,0 +1,86 @@
+// Writes a container file in one pass over the weights: tensors are declared
+// first, then streamed in name order, so that memory stays bounded whatever
+// the model's size.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kiv/status.h"
+#include "kiv/tensor.h"
+#include "kiv/tokenizer.h"
+#include "kiv/zem2.h"
+
+namespace kiv {
+
+// Values of the container header that the tensors do not determine.
+struct ZEM2ModelHeader {
+  uint32_t modelType = 0;
+  uint64_t hiddenSize = 0;
+  uint32_t layerCount = 0;
+  uint32_t vocabSize = 0;
+};
+
+// Use: declare (set*, add*), begin(), then for every tensor of order() its
+// bytes through write(), then finish(). One thread.
+//
+// The file appears under its name only when it is whole: it is written beside
+// it as "<path>.partial" and renamed by finish(). Without a finish() that
+// succeeded, the destructor removes the partial file. An existing file of that
+// name stays as it was until the rename replaces it.
+//
+// Declaration mistakes (a name used twice, longer than 64 bytes, more than four
+// extents, a size too small for shape and type) fail in begin() with
+// InvalidFormat and name the tensor; failures of the disk are IOError and name the file.
+class ZEM2Writer {
+ public:
+  ZEM2Writer();
+  ~ZEM2Writer();
+  ZEM2Writer(const ZEM2Writer&) = delete;
+  ZEM2Writer& operator=(const ZEM2Writer&) = delete;
+
+  void setModel(const ZEM2ModelHeader& model);
+  void setTokenizer(TokenizerData tokenizer);
+  void setGraph(std::string bytes);
+  // A further section (Asset, Signature, ...), written after the known ones.
+  void addSection(zem2::SectionType type, std::string bytes);
+
+  // Metadata entries, kept in the order of the calls. Keys of up to 65535 bytes.
+  void addMetaU32(std::string key, uint32_t value);
+  void addMetaI32(std::string key, int32_t value);
+  void addMetaF32(std::string key, float value);
+  void addMetaU64(std::string key, uint64_t value);
+  void addMetaStr(std::string key, std::string value);
+  void addMetaU32Array(std::string key, std::vector<uint32_t> value);
+
+  // Declares a tensor; shape[0] is the innermost extent. Its byte size follows
+  // from type and shape, row by row (each row starts on a block boundary).
+  void addTensor(std::string name, DType type, std::vector<uint64_t> shape);
+  // Declares `name` as a second name for the bytes of `target`, which must be a
+  // tensor (not an alias) of the same type and shape. Nothing is streamed for it.
+  void addAlias(std::string name, std::string target);
+
+  // Creates the partial file and writes everything that precedes the weights.
+  Status begin(const std::string& path);
+  // The tensors to stream, by name, in the order in which write() expects them.
+  const std::vector<std::string>& order() const;
+  // Bytes of the tensor `name`, 0 for an unknown name or an alias.
+  uint64_t tensorBytes(const std::string& name) const;
+  // Bytes of all tensors to stream, for progress.
+  uint64_t totalBytes() const;
+
+  // Appends bytes to the current tensor; a tensor may come in several pieces,
+  // and the next one begins when its declared size is reached.
+  Status write(const void* bytes, size_t count);
+  // Checks that every tensor is whole, writes header and checksum, syncs, renames.
+  Status finish();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kiv

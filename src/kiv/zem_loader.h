@@ -1,0 +1,81 @@
+// What the rest of the system opens: a container with its tensors as views,
+// its tokenizer tables and its summary.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kiv/status.h"
+#include "kiv/tensor.h"
+#include "kiv/tokenizer.h"
+#include "kiv/zem2_reader.h"
+
+namespace kiv {
+
+// From the container's header, as written; nothing here is checked against the tensors.
+struct ModelInfo {
+  uint32_t modelType = 0;
+  uint64_t hiddenSize = 0;
+  uint32_t layerCount = 0;
+  uint32_t vocabSize = 0;
+  size_t tensorCount = 0;
+};
+
+// Owns the mapping: every TensorView points into it and dies with close().
+// One thread opens and closes; lookups in between may run on many.
+class ZEMLoader {
+ public:
+  using MetaEntryView = ZEM2Reader::MetaEntryView;
+
+  ZEMLoader() = default;
+  ~ZEMLoader() { close(); }
+  ZEMLoader(const ZEMLoader&) = delete;
+  ZEMLoader& operator=(const ZEMLoader&) = delete;
+
+  // The reader's failures pass through; a container without a readable
+  // tokenizer fails with "ZEMLoader: no tokenizer section".
+  Status open(const char* path);
+  void close();
+  bool valid() const { return valid_; }
+
+  const ModelInfo& modelInfo() const { return info_; }
+  size_t tensorCount() const { return views_.size(); }
+  const TensorView* findTensor(const std::string& name) const;  // null: no such tensor
+  const TensorView& tensorView(size_t i) const { return views_[i]; }
+
+  // The container underneath, for sections and for weightBase()/weightSize().
+  const ZEM2Reader& reader() const { return reader_; }
+
+  // True when the `bytes` bytes from `view.data` lie inside WeightData. Ask
+  // before reading: a container opens whatever its tensor offsets say.
+  bool holdsBytes(const TensorView& view, uint64_t bytes) const;
+
+  const TokenizerData& tokenizer() const { return tokenizer_; }
+  const std::string& chatTemplate() const { return chatTemplate_; }
+  const std::string& graph() const { return graph_; }
+  size_t graphSize() const { return graph_.size(); }
+
+  size_t metaCount() const { return reader_.metaCount(); }
+  bool metaAt(size_t i, MetaEntryView& out) const { return reader_.metaAt(i, out); }
+  bool getMetaU32(const char* key, uint32_t& out) const { return reader_.getMetaU32(key, out); }
+  bool getMetaI32(const char* key, int32_t& out) const { return reader_.getMetaI32(key, out); }
+  bool getMetaF32(const char* key, float& out) const { return reader_.getMetaF32(key, out); }
+  bool getMetaU64(const char* key, uint64_t& out) const { return reader_.getMetaU64(key, out); }
+  bool getMetaStr(const char* key, std::string& out) const { return reader_.getMetaStr(key, out); }
+  bool getMetaU32Array(const char* key, const uint32_t*& data, uint64_t& count) const {
+    return reader_.getMetaU32Array(key, data, count);
+  }
+
+ private:
+  ZEM2Reader reader_;
+  ModelInfo info_;
+  std::vector<TensorView> views_;
+  TokenizerData tokenizer_;
+  std::string chatTemplate_;
+  std::string graph_;
+  bool valid_ = false;
+};
+
+}  // namespace kiv
