@@ -94,8 +94,8 @@ typedef struct ZEMSessionOptions {
 
 typedef struct ZEMBenchParams {
   uint32_t struct_size;
-  int32_t tokens; /* to measure; below 1: 64 */
-  int32_t warmup; /* steps beyond those; below 1: 8 */
+  int32_t tokens;  /* to measure; below 1: 64 */
+  int32_t warmup;  /* steps beyond those; below 1: 8 */
   int32_t max_new; /* not read */
   uint32_t flags;  /* not read */
 } ZEMBenchParams;

@@ -30,8 +30,8 @@ struct Qwen35Session {
   std::unique_ptr<kiv::Tokenizer> tok;
   std::string modelPath;
   size_t ctxCap = 0;
-  std::string sysText;      // for the first turn of a conversation
-  int kvType = 0;           // requested: 0 f32, 1 q8_0, 2 q4_0
+  std::string sysText;  // for the first turn of a conversation
+  int kvType = 0;       // requested: 0 f32, 1 q8_0, 2 q4_0
   bool kvWarned = false;
   float temperature = 0.0F;
   int32_t topK = 0;

@@ -12,9 +12,9 @@ namespace kiv::zem2 {
 inline constexpr char kMagic[4] = {'Z', 'E', 'M', '2'};
 inline constexpr uint32_t kVersion = 2;
 inline constexpr uint32_t kEndianMark = 0x01020304;
-inline constexpr uint64_t kAlignment = 64;      // of every section and tensor
+inline constexpr uint64_t kAlignment = 64;  // of every section and tensor
 inline constexpr uint32_t kMaxSections = 16;
-inline constexpr size_t kMaxNameBytes = 64;     // of a tensor's name
+inline constexpr size_t kMaxNameBytes = 64;  // of a tensor's name
 inline constexpr uint16_t kMaxDims = 4;
 inline constexpr char kTokenizerMagic[4] = {'T', 'K', 'N', 'Z'};
 inline constexpr uint32_t kMaxTokenizerCount = 0x4000000;  // entries a table may state
