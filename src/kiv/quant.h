@@ -48,7 +48,7 @@ static_assert(sizeof(Q80Block) == 34);
 #pragma pack(pop)
 
 // Bytes of `n` elements of type `t`; a partial last block counts whole. 0 for
-// an unknown type.
+// an unknown type, and when the result would not fit 64 bits.
 uint64_t quantizedBytes(QuantType t, uint64_t n);
 
 // IEEE 754 binary16 to and from binary32. The way down rounds to nearest, ties
@@ -56,9 +56,13 @@ uint64_t quantizedBytes(QuantType t, uint64_t n);
 float f16ToF32(uint16_t h);
 uint16_t f32ToF16(float x);
 
-// Encode `n` floats into ceil(n / 32) blocks at `dst`, padding the last one
-// with zeros. Single pass: the scale follows from the block's largest
-// magnitude (Q4_0 maps that element to code 0, Q8_0 to +-127).
+// Encode `n` floats into ceil(n / 32) blocks at `dst` (any alignment), padding
+// the last one with zeros. Single pass: the scale follows from the block's
+// largest magnitude (Q4_0 maps that element to code 0, Q8_0 to +-127).
+//
+// Every input gives a defined block. NaN counts as zero. A block that holds an
+// infinity, or whose scale is too large for half precision, gets an infinite
+// scale and so decodes to infinities and NaNs: keep weights below 2^18.
 void quantQ40(const float* src, void* dst, uint64_t n);
 void quantQ80(const float* src, void* dst, uint64_t n);
 

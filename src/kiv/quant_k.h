@@ -57,15 +57,20 @@ static_assert(sizeof(Q8KBlock) == 290);
 #pragma pack(pop)
 
 // Bytes of `n` elements of a K type or IQ4_XS, a partial last block counting
-// whole; 0 for every other type.
+// whole; 0 for every other type, and when the result would not fit 64 bits.
 uint64_t quantizedBytesK(QuantType t, uint64_t n);
 
 // Unpacks the 6-bit scale `d` and minimum `m` of sub-block j (0 to 7) from the
 // 12 packed bytes `q`.
 void getScaleMinK4(int j, const uint8_t* q, uint8_t& d, uint8_t& m);
 
-// Encode `n` floats into ceil(n / 256) blocks at `dst`, padding the last one
-// with zeros. No search for a better scale: the bytes follow from fixed rules.
+// Encode `n` floats into ceil(n / 256) blocks at `dst` (any alignment), padding
+// the last one with zeros. No search for a better scale: the bytes follow from
+// fixed rules. NaN, infinities and huge values as in quant.h.
+//
+// Q4_K and Q5_K store the smallest element of a sub-block as a subtracted, never
+// negative minimum, so they suit weights around zero: a sub-block that lies far
+// above zero is cut at its scale's reach.
 void quantQ4K(const float* src, void* dst, uint64_t n);
 void quantQ5K(const float* src, void* dst, uint64_t n);
 void quantQ6K(const float* src, void* dst, uint64_t n);
