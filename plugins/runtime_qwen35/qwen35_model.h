@@ -51,8 +51,7 @@ struct Layer {
   ZeroedFloats convWin;  // the last three inputs of each channel, oldest first
   ZeroedFloats kCache;   // nHeadKv x kvCap x headDim
   ZeroedFloats vCache;
-  size_t kvLen = 0;        // slots filled
-  bool stateUsed = false;  // `state` or `convWin` may hold something other than zero
+  size_t kvLen = 0;  // slots filled
 };
 
 struct Model {

@@ -1,0 +1,53 @@
+#include "qwen35_kernels.h"
+
+#include <bit>
+#include <vector>
+
+#include "qwen35_reference.h"
+#include "qwen35_team.h"
+
+namespace qwen35 {
+
+uint16_t f32ToBf16(float f) {
+  const auto u = std::bit_cast<uint32_t>(f);
+  return static_cast<uint16_t>((u + ((u >> 16) & 1) + 0x7FFF) >> 16);
+}
+
+float bf16ToF32(uint16_t h) { return std::bit_cast<float>(static_cast<uint32_t>(h) << 16); }
+
+void rmsNorm(const float* x, const float* w, float* out, size_t n, float eps) {
+  reference::rmsNorm(x, w, out, n, eps);
+}
+
+void silu(const float* x, float* out, size_t n) { reference::silu(x, out, n); }
+
+void sigmoid(const float* x, float* out, size_t n) { reference::sigmoid(x, out, n); }
+
+void softplus(const float* x, float* out, size_t n) { reference::softplus(x, out, n); }
+
+void l2NormBlocks(const float* x, float* out, size_t nBlocks, size_t blockLen, float eps) {
+  reference::l2NormBlocks(x, out, nBlocks, blockLen, eps);
+}
+
+void matvecBf16Add(const uint16_t* W, const float* x, float* y, size_t rows, size_t cols) {
+  forEachRowRange(rows, [=](size_t /*thread*/, size_t begin, size_t end) {
+    for (size_t r = begin; r < end; ++r) y[r] += reference::dotBf16(W + r * cols, x, cols);
+  });
+}
+
+void matvecF32Add(const float* W, const float* x, float* y, size_t rows, size_t cols) {
+  forEachRowRange(rows, [=](size_t /*thread*/, size_t begin, size_t end) {
+    for (size_t r = begin; r < end; ++r) y[r] += reference::dotF32(W + r * cols, x, cols);
+  });
+}
+
+float dotF32(const float* a, const float* b, size_t n) { return reference::dotF32(a, b, n); }
+
+void gdnStep(float* S, const float* q, const float* k, const float* v, float beta, size_t d,
+             float g, float scale) {
+  if (d == 0) return;
+  std::vector<float> delta(d);
+  reference::gdnStep(S, q, k, const_cast<float*>(v), beta, d, g, scale, delta.data());
+}
+
+}  // namespace qwen35

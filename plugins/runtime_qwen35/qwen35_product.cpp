@@ -1,0 +1,118 @@
+#include "qwen35_product.h"
+
+#include <omp.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "kiv/dequant.h"
+#include "kiv/quant_k.h"
+#include "qwen35_kernels.h"
+#include "qwen35_team.h"
+
+namespace qwen35 {
+namespace {
+
+using kiv::DType;
+
+bool isAligned(const void* p, size_t alignment) {
+  return reinterpret_cast<uintptr_t>(p) % alignment == 0;
+}
+
+bool isComputable(DType type) {
+  return type == DType::F32 || type == DType::BF16 || type == DType::Q8_0 || isKQuant(type);
+}
+
+// Calls use(row index, row as floats) for every row, on the team. Each thread
+// widens into a scratch row of its own.
+template <typename Use>
+void forEachWidenedRow(const TensorView* W, size_t rows, size_t cols, const Use& use) {
+  std::vector<float> scratch(static_cast<size_t>(omp_get_max_threads()) * cols);
+  forEachRowRange(rows, [&](size_t thread, size_t begin, size_t end) {
+    float* row = scratch.data() + thread * cols;
+    for (size_t r = begin; r < end; ++r) {
+      rowToF32(W, r, cols, row);
+      use(r, row);
+    }
+  });
+}
+
+bool offerToGpu(Model& m, const TensorView* W, const float* x, float* y) {
+  return m.gpuGemvRow != nullptr && m.gpuCtx != nullptr && isKQuant(W->dtype) &&
+         m.gpuGemvRow(m.gpuCtx, W, x, y);
+}
+
+}  // namespace
+
+size_t matrixRows(const TensorView& W) {
+  size_t rows = 1;
+  for (size_t i = 1; i < W.ndim; ++i) rows *= W.shape[i];
+  return rows;
+}
+
+bool isKQuant(DType type) {
+  return type == DType::Q4_K || type == DType::Q5_K || type == DType::Q6_K;
+}
+
+void rowToF32(const TensorView* W, size_t row, size_t n, float* out) {
+  using namespace kiv::quant;
+  const auto* base = static_cast<const uint8_t*>(W->data);
+  const size_t blocks32 = row * (n / kBlock32);
+  const size_t blocks256 = row * (n / kBlock256);
+  switch (W->dtype) {
+    case DType::F32:
+      std::memcpy(out, base + row * n * sizeof(float), n * sizeof(float));
+      break;
+    case DType::BF16:
+      for (size_t i = 0; i < n; ++i) {
+        uint16_t h = 0;
+        std::memcpy(&h, base + (row * n + i) * sizeof h, sizeof h);
+        out[i] = bf16ToF32(h);
+      }
+      break;
+    case DType::Q8_0:
+      dequantQ80(base + blocks32 * sizeof(Q80Block), out, n);
+      break;
+    case DType::Q4_K:
+      dequantQ4K(base + blocks256 * sizeof(Q4KBlock), out, n);
+      break;
+    case DType::Q5_K:
+      dequantQ5K(base + blocks256 * sizeof(Q5KBlock), out, n);
+      break;
+    case DType::Q6_K:
+      dequantQ6K(base + blocks256 * sizeof(Q6KBlock), out, n);
+      break;
+    default:
+      break;
+  }
+}
+
+void gemvRow(Model& m, const TensorView* W, const float* x, float* y) {
+  if (offerToGpu(m, W, x, y)) return;
+  const size_t cols = matrixCols(*W);
+  const size_t rows = matrixRows(*W);
+  if (W->dtype == DType::BF16 && isAligned(W->data, alignof(uint16_t))) {
+    matvecBf16Add(static_cast<const uint16_t*>(W->data), x, y, rows, cols);
+  } else if (W->dtype == DType::F32 && isAligned(W->data, alignof(float))) {
+    matvecF32Add(static_cast<const float*>(W->data), x, y, rows, cols);
+  } else if (isComputable(W->dtype)) {
+    forEachWidenedRow(W, rows, cols,
+                      [=](size_t r, const float* row) { y[r] += dotF32(row, x, cols); });
+  }
+}
+
+void headProduct(Model& m, const float* cur, float* logits) {
+  if (offerToGpu(m, m.emb, cur, logits)) return;
+  const size_t cols = m.nEmb;
+  forEachWidenedRow(m.emb, m.nVocab, cols,
+                    [=](size_t r, const float* row) { logits[r] = dotF32(row, cur, cols); });
+}
+
+const float* floatsOf(const TensorView* view, size_t n, std::vector<float>& copy) {
+  if (isAligned(view->data, alignof(float))) return static_cast<const float*>(view->data);
+  copy.resize(n);
+  std::memcpy(copy.data(), view->data, n * sizeof(float));
+  return copy.data();
+}
+
+}  // namespace qwen35
