@@ -1,7 +1,6 @@
 #include "qwen35_kernels.h"
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include <bit>
 #include <cmath>
@@ -13,11 +12,10 @@
 
 #include "kiv/exact_math.h"
 #include "qwen35_reference.h"
+#include "runtime_qwen35/open_model.h"
 
 namespace qwen35 {
 namespace {
-
-using Floats = std::vector<float>;
 
 Floats randomFloats(size_t n, uint32_t seed, float scale = 1.0F) {
   std::mt19937 rng(seed);
@@ -26,18 +24,6 @@ Floats randomFloats(size_t n, uint32_t seed, float scale = 1.0F) {
   for (float& x : out) x = range(rng);
   return out;
 }
-
-// Restores the number of OpenMP threads.
-class Threads {
- public:
-  explicit Threads(int count) : before_(omp_get_max_threads()) { omp_set_num_threads(count); }
-  ~Threads() { omp_set_num_threads(before_); }
-  Threads(const Threads&) = delete;
-  Threads& operator=(const Threads&) = delete;
-
- private:
-  int before_;
-};
 
 TEST(Bf16, OneIsAShiftedPattern) { EXPECT_EQ(f32ToBf16(1.0F), 0x3F80); }
 
@@ -140,7 +126,7 @@ TEST(DotF32, SumsFromTheFirstElementUpward) {
 class Matvec : public testing::TestWithParam<int> {};
 
 TEST_P(Matvec, EachRowIsItsPlainSumAddedToY) {
-  const Threads threads(GetParam());
+  const ThreadCount threads(GetParam());
   for (const size_t rows : {1, 2, 3, 5, 16, 67}) {
     const size_t cols = 37;
     const Floats W = randomFloats(rows * cols, 2);
