@@ -38,7 +38,7 @@ inline float zeroIfNan(float x) { return x == x ? x : 0.0F; }
 // NaN counts as zero.
 inline int roundToCode(float x, int lo, int hi) {
   x = zeroIfNan(x);
-  return truncateToCode(x + (x < 0.0F ? -0.5F : 0.5F), lo, hi);
+  return truncateToCode(x + std::copysign(0.5F, x), lo, hi);
 }
 
 // Reductions over eight independent chains, which compilers turn into vector
