@@ -63,7 +63,7 @@ float elementQ6K(const uint8_t* block, size_t e) {
   const size_t l = e % 32;
   const int low = bitsOf(block[64 * half + 32 * (quarter % 2) + l], quarter < 2 ? 0 : 4, 4);
   const int high = bitsOf(block[128 + 32 * half + l], static_cast<int>(2 * quarter), 2);
-  const int scale = static_cast<int8_t>(block[192 + e / 16]);
+  const auto scale = static_cast<int8_t>(block[192 + e / 16]);
   return static_cast<float>(scale * (16 * high + low - 32)) * halfValue(halfAt(block + 208));
 }
 
@@ -231,8 +231,9 @@ TEST(DequantQ4KTest, EachElementHasItsNibbleScaleAndMinimum) {
     std::vector<float> y(256);
     dequantQ4K(block.data(), y.data(), 256);
     for (size_t i = 0; i < 256; ++i) {
-      const float scale = static_cast<float>(50 + i / 32);
-      const float min = static_cast<float>(40 + i / 32) / 2;
+      const int j = static_cast<int>(i / 32);
+      const auto scale = static_cast<float>(50 + j);
+      const float min = static_cast<float>(40 + j) / 2;
       EXPECT_EQ(y[i], (i == e ? 13 * scale : 0.0F) - min) << e << " " << i;
     }
   }
@@ -246,8 +247,9 @@ TEST(DequantQ5KTest, EachElementHasItsFifthBit) {
     std::vector<float> y(256);
     dequantQ5K(block.data(), y.data(), 256);
     for (size_t i = 0; i < 256; ++i) {
-      const float scale = static_cast<float>(50 + i / 32);
-      const float min = static_cast<float>(40 + i / 32) / 2;
+      const int j = static_cast<int>(i / 32);
+      const auto scale = static_cast<float>(50 + j);
+      const float min = static_cast<float>(40 + j) / 2;
       EXPECT_EQ(y[i], (i == e ? 19 * scale : 0.0F) - min) << e << " " << i;
     }
   }

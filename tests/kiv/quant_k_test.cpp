@@ -309,7 +309,7 @@ TEST_P(QuantKTest, ABlockWithAnInfinityLeavesItsNeighboursAlone) {
 }
 
 TEST_P(QuantKTest, ScalesOutsideHalfPrecisionSaturate) {
-  // Ranges, scales and their inverses overflow on the way; sanitizers watch the conversions.
+  // Ranges, scales and their inverses overflow on the way, and some become NaN.
   constexpr float kMax = std::numeric_limits<float>::max();
   constexpr float kTiny = std::numeric_limits<float>::denorm_min();
   const auto scaleOf = [](const std::vector<float>& x) {

@@ -19,7 +19,6 @@ namespace {
 
 using testing::finiteInputs;
 using testing::GuardedBytes;
-using testing::halfAt;
 using testing::halfValue;
 using testing::kCounts;
 using testing::NamedInput;
