@@ -380,6 +380,18 @@ TEST(QuantQ4KTest, ASubBlockWhoseStoredScaleVanishesKeepsItsOwnCodes) {
   for (size_t l = 0; l < 32; ++l) EXPECT_EQ(block.qs[l], l % 16 * 0x11) << l;
 }
 
+TEST(QuantQ4KTest, ScalesAreMultipliedByARoundedFactor) {
+  // Scales 22 and 11: 11 * 63 / 22 is 31.5 and would round to 32, but the float
+  // nearest 63 / 22 lies below it, and 11 times that rounds to 31.
+  std::vector<float> x(256, 0.0F);
+  x[0] = 330.0F;
+  x[32] = 165.0F;
+  Q4KBlock block;
+  quantQ4K(x.data(), &block, 256);
+  EXPECT_EQ(packedScale(block.scales, 0), 63);
+  EXPECT_EQ(packedScale(block.scales, 1), 31);
+}
+
 TEST(QuantQ6KTest, ZeroBlockHasNoScaleAndMiddleCodes) {
   Q6KBlock block;
   std::memset(&block, 0xEE, sizeof(block));
