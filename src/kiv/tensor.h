@@ -55,7 +55,7 @@ struct TensorView {
   uint64_t size = 0;  // bytes, as the container states them; unchecked
   DType dtype = DType::F32;
   std::array<uint64_t, 4> shape{};
-  uint16_t ndim = 0;  // 0 to 4
+  uint16_t ndim = 0;  // 0 to 4, whatever the container says
   QuantInfo quant;
   std::string name;
 };

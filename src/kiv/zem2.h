@@ -1,6 +1,6 @@
 // The container file as it lies on disk (".zem", version 2): fixed records,
 // section types and the checksum. docs/container-format.md has the whole format.
-// All numbers are little-endian. Only zem2_reader.cpp and zem2_writer.cpp use
+// All numbers are little-endian. Only the reader (zem2_*.cpp) and the writer use
 // these records on bytes; everybody else goes through ZEM2Reader.
 #pragma once
 
@@ -96,7 +96,9 @@ static_assert(sizeof(QuantEntry) == 32);
 
 #pragma pack(pop)
 
-// The reader's raw view of one tensor; all zero for a miss.
+// The reader's raw view of one tensor; all zero for a miss. Nothing in it is
+// checked: `ptr` may point outside the file, and `ndim` may exceed the four
+// extents that `shape` has room for (no more than those are ever filled in).
 struct TensorView {
   const uint8_t* ptr = nullptr;
   size_t size = 0;

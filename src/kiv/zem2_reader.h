@@ -18,7 +18,9 @@ namespace kiv {
 //
 // A file is input from a stranger. open() checks everything that lookups rely
 // on, so that no lookup reads outside the mapping; it does not check where
-// tensors lie (weightRange() is there to do that before their data is read).
+// tensors lie (ZEMLoader::holdsBytes() is there to do that before their data is
+// read). The file must not change while it is open: lookups rely on what open()
+// saw, and reading a page that a shortened file no longer has ends the process.
 class ZEM2Reader {
  public:
   using Header = zem2::Header;
@@ -63,6 +65,8 @@ class ZEM2Reader {
   void close();
   bool valid() const { return valid_; }
 
+  // As the file has them. After close(), and after an open() that got as far as
+  // reading a header, they are still those of the last file.
   const Header& header() const { return header_; }
   uint32_t sectionCount() const { return header_.sectionCount; }
   uint32_t tensorCount() const { return header_.tensorCount; }
@@ -71,8 +75,10 @@ class ZEM2Reader {
   const SectionEntry* section(SectionType t) const;
   // Entry `i` of the section table, or null when there is no such entry.
   const SectionEntry* sectionAt(size_t i) const;
+  // The payload of section(t): null and 0 where there is none.
   const uint8_t* sectionData(SectionType t) const;
   uint64_t sectionSize(SectionType t) const;
+  // True for an open reader: open() refuses sections that are not aligned.
   bool aligned64() const;
 
   // The payload of WeightData, and how many bytes of it there are.
@@ -80,7 +86,8 @@ class ZEM2Reader {
   uint64_t weightSize() const { return sectionSize(SectionType::WeightData); }
 
   // Metadata, in file order. The getters return the first entry whose key and
-  // type both match, and leave `out` alone when there is none.
+  // type both match, and leave `out` alone when there is none (or `key` is null).
+  // An array's `data` points into the reader.
   Status parseMeta();  // called by open()
   size_t metaCount() const { return meta_.size(); }
   bool metaAt(size_t i, MetaEntryView& out) const;
@@ -96,17 +103,23 @@ class ZEM2Reader {
   size_t quantInfoCount() const { return quant_.size(); }
   const QuantEntry& quantEntry(size_t i) const { return quant_[i]; }
 
-  // The tensor index inside the mapping, sorted by name. findTensor compares
-  // at most 64 bytes of `name`.
+  // The tensor index inside the mapping, sorted by name; null when closed.
+  // findTensor compares at most 64 bytes of `name`; in an index that is not
+  // sorted it may miss tensors. A miss is null, or an all-zero view.
   const TensorEntry* tensors() const;
   const TensorEntry* findTensor(const char* name) const;
   zem2::TensorView tensorView(size_t index) const;
   zem2::TensorView tensorView(const char* name) const;
 
-  // Decodes the Tokenizer section; false when it is absent or broken.
+  // Decodes the Tokenizer section; false when it is absent or broken, in which
+  // case `out` keeps what was read before the break.
   bool readTokenizer(TokenizerData& out) const;
 
  private:
+  Status mapFile(const char* path);
+  Status checkHeader();
+  Status checkSections() const;
+
   Header header_{};
   const SectionEntry* sections_ = nullptr;
   const uint8_t* map_ = nullptr;
