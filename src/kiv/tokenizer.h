@@ -5,11 +5,12 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <utility>
 #include <vector>
 
 #include "kiv/status.h"
+#include "kiv/text_index.h"
+#include "kiv/tokenizer_bpe.h"
+#include "kiv/tokenizer_specials.h"
 
 namespace kiv {
 
@@ -49,32 +50,42 @@ class Tokenizer {
   // The id of the token whose text is exactly `text` (the lowest, when several
   // share it), or -1.
   int32_t tokenToId(const std::string& text) const;
-  // The stored text, markers and byte spellings included.
+  // The stored text, markers and byte spellings included. Fails on an id outside
+  // the vocabulary, "tokenizer: token id out of range"; `out` then stays.
   Status tokenToString(int32_t id, std::string& out) const;
 
   // Replaces `ids` by the ids of `text`, after bosId when `addBos` is true and
-  // the vocabulary has one. Special tokens are recognised anywhere in the text.
-  // Text without a token becomes unkId, or nothing. Time grows as n log n with
-  // the longest piece. Fails only on an empty vocabulary, "tokenizer: not loaded".
+  // the vocabulary has one. Special tokens are recognised anywhere in the text but
+  // across line feeds; an empty one is never matched. Text without a token becomes
+  // unkId, or nothing. Time grows as n log n with the longest piece. Fails on an
+  // empty vocabulary, "tokenizer: not loaded", and on a stretch of 4 GiB without a
+  // break, "tokenizer: piece too long"; `ids` then holds what came before.
   Status encode(const std::string& text, std::vector<int32_t>& ids, bool addBos) const;
   // Replaces `out` by the text of `ids`; ids outside the vocabulary are skipped.
-  // The result may end inside a UTF-8 character.
+  // U+2581 becomes a space except in special tokens, which are kept as they are;
+  // then "<0xHH>" becomes the byte HH wherever it stands, also across tokens. The
+  // result may end inside a UTF-8 character. Fails only on an empty vocabulary,
+  // "tokenizer: not loaded".
   Status decode(const std::vector<int32_t>& ids, std::string& out) const;
 
   void escapeWhitespace(std::string& s) const;    // spaces to the vocabulary's marker
   void unescapeWhitespace(std::string& s) const;  // U+2581 to spaces, in either style
 
  private:
-  Status buildIndexes();
-  Status tokenizeSegment(std::string_view segment, std::vector<int32_t>& ids) const;
-  Status tokenizePlain(std::string_view chunk, std::vector<int32_t>& ids) const;
-  Status tokenizeBpe(std::string_view piece, std::vector<int32_t>& ids) const;
+  struct Scratch;  // working memory of one encode()
+
+  void buildIndexes();
+  Status tokenizeSegment(std::string_view segment, Scratch& scratch,
+                         std::vector<int32_t>& ids) const;
+  Status tokenizePlain(std::string_view chunk, Scratch& scratch, std::vector<int32_t>& ids) const;
+  Status tokenizeBpe(std::string_view piece, Scratch& scratch, std::vector<int32_t>& ids) const;
 
   bool gpt2Style_ = false;  // a space is U+0120 in the vocabulary, not U+2581
   TokenizerData data_;
-  std::unordered_map<std::string, int32_t> tokenToId_;
-  std::unordered_map<std::string, int32_t> mergeRanks_;
-  std::vector<std::pair<std::string, int32_t>> specials_;  // in matching order
+  // The indexes hold ids and no views, so a tokenizer may be copied and moved.
+  TextIndex tokenToId_;
+  BytePairMerger merges_;
+  SpecialTokens specials_;
 };
 
 // Every space becomes U+2581 (bytes E2 96 81).

@@ -1,0 +1,180 @@
+#include "kiv/tokenizer_bpe.h"
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+#include <unordered_map>
+
+#include "kiv/tokenizer_pieces.h"
+
+namespace kiv {
+namespace {
+
+constexpr int32_t kNoSymbol = -1;
+constexpr uint32_t kNoRank = UINT32_MAX;
+constexpr uint32_t kNoNeighbour = UINT32_MAX;
+
+// A character has one to four bytes; a cut-off one differs from one with zeros.
+uint64_t characterKey(std::string_view character) {
+  uint64_t key = character.size();
+  for (const char c : character) key = key << 8 | static_cast<uint8_t>(c);
+  return key;
+}
+
+uint64_t pairKey(int32_t left, int32_t right) {
+  return static_cast<uint64_t>(static_cast<uint32_t>(left)) << 32 | static_cast<uint32_t>(right);
+}
+
+uint64_t queueEntry(uint32_t rank, uint32_t symbol) {
+  return static_cast<uint64_t>(rank) << 32 | symbol;
+}
+
+struct Sides {
+  std::string_view left;
+  std::string_view right;
+};
+
+std::optional<Sides> splitRule(std::string_view rule) {
+  const size_t space = rule.find(' ');
+  if (space == std::string_view::npos || space == 0 || space + 1 == rule.size()) return {};
+  if (rule.find(' ', space + 1) != std::string_view::npos) return {};
+  return Sides{rule.substr(0, space), rule.substr(space + 1)};
+}
+
+// Numbers the texts that are tokens or sides of rules. Views into the rules.
+class SymbolTable {
+ public:
+  SymbolTable(const std::vector<std::string>& tokens, const TextIndex& tokenIds)
+      : tokens_(tokens), tokenIds_(tokenIds) {}
+
+  int32_t find(std::string_view text) const {
+    if (const int32_t id = tokenIds_.find(tokens_, text); id >= 0) return id;
+    const auto side = sides_.find(text);
+    return side == sides_.end() ? kNoSymbol : side->second;
+  }
+
+  void add(std::string_view text) {
+    if (tokenIds_.find(tokens_, text) >= 0) return;
+    sides_.emplace(text, static_cast<int32_t>(tokens_.size() + sides_.size()));
+  }
+
+  const std::unordered_map<std::string_view, int32_t>& sides() const { return sides_; }
+
+ private:
+  const std::vector<std::string>& tokens_;
+  const TextIndex& tokenIds_;
+  std::unordered_map<std::string_view, int32_t> sides_;  // those that are no tokens
+};
+
+}  // namespace
+
+void BytePairMerger::build(const std::vector<std::string>& tokens, const TextIndex& tokenIds,
+                           const std::vector<std::string>& merges) {
+  SymbolTable symbols(tokens, tokenIds);
+  for (const std::string& rule : merges) {
+    const auto sides = splitRule(rule);
+    if (!sides) continue;
+    symbols.add(sides->left);
+    symbols.add(sides->right);
+  }
+
+  merges_ = {};
+  merges_.reserve(merges.size());
+  std::string result;
+  for (size_t rank = 0; rank < merges.size(); ++rank) {
+    const auto sides = splitRule(merges[rank]);
+    if (!sides) continue;
+    result.assign(sides->left).append(sides->right);
+    merges_.insert(pairKey(symbols.find(sides->left), symbols.find(sides->right)),
+                   {static_cast<uint32_t>(rank), symbols.find(result)});
+  }
+
+  tokenCount_ = static_cast<int32_t>(tokens.size());
+  characters_ = {};
+  const auto addCharacter = [this](std::string_view text, int32_t symbol) {
+    if (!text.empty() && utf8Length(text) == text.size()) {
+      characters_.insert(characterKey(text), symbol);
+    }
+  };
+  for (size_t i = 0; i < tokens.size(); ++i) addCharacter(tokens[i], static_cast<int32_t>(i));
+  for (const auto& [text, symbol] : symbols.sides()) addCharacter(text, symbol);
+}
+
+void BytePairMerger::encode(std::string_view piece, int32_t unkId, Scratch& scratch,
+                            std::vector<int32_t>& ids) const {
+  if (piece.empty()) return;
+  split(piece, scratch);
+  mergeAll(scratch);
+  for (uint32_t at = 0; at != kNoNeighbour; at = scratch.symbols[at].next) {
+    const int32_t id = scratch.symbols[at].id;
+    if (id >= 0 && id < tokenCount_) {
+      ids.push_back(id);
+    } else if (unkId >= 0) {
+      ids.push_back(unkId);
+    }
+  }
+}
+
+// One symbol a character.
+void BytePairMerger::split(std::string_view piece, Scratch& scratch) const {
+  auto& symbols = scratch.symbols;
+  symbols.clear();
+  while (!piece.empty()) {
+    const size_t length = utf8Length(piece);
+    const int32_t* id = characters_.find(characterKey(piece.substr(0, length)));
+    const auto at = static_cast<uint32_t>(symbols.size());
+    symbols.push_back({at == 0 ? kNoNeighbour : at - 1, at + 1, id != nullptr ? *id : kNoSymbol,
+                       kNoRank, kNoSymbol});
+    piece.remove_prefix(length);
+  }
+  symbols.back().next = kNoNeighbour;
+}
+
+void BytePairMerger::mergeAll(Scratch& scratch) const {
+  auto& symbols = scratch.symbols;
+  auto& queue = scratch.queue;
+  const auto count = static_cast<uint32_t>(symbols.size());
+  queue.clear();
+  for (uint32_t at = 0; at < count; ++at) {
+    if (rankPair(scratch, at)) queue.push_back(queueEntry(symbols[at].rank, at));
+  }
+  std::make_heap(queue.begin(), queue.end(), std::greater<>());
+
+  const auto requeue = [&](uint32_t at) {
+    if (!rankPair(scratch, at)) return;
+    queue.push_back(queueEntry(symbols[at].rank, at));
+    std::push_heap(queue.begin(), queue.end(), std::greater<>());
+  };
+  while (!queue.empty()) {
+    std::pop_heap(queue.begin(), queue.end(), std::greater<>());
+    const auto rank = static_cast<uint32_t>(queue.back() >> 32);
+    const auto at = static_cast<uint32_t>(queue.back());
+    queue.pop_back();
+    auto& left = symbols[at];
+    if (left.rank != rank) continue;  // a neighbouring merge came first
+
+    auto& right = symbols[left.next];
+    left.id = left.merged;
+    left.next = right.next;
+    right.rank = kNoRank;
+    if (left.next != kNoNeighbour) symbols[left.next].previous = at;
+    requeue(at);
+    if (left.previous != kNoNeighbour) requeue(left.previous);
+  }
+}
+
+// Notes the rule for the symbol and the one after it; false when there is none.
+bool BytePairMerger::rankPair(Scratch& scratch, uint32_t left) const {
+  auto& symbol = scratch.symbols[left];
+  symbol.rank = kNoRank;
+  if (symbol.id == kNoSymbol || symbol.next == kNoNeighbour) return false;
+  const int32_t right = scratch.symbols[symbol.next].id;
+  if (right == kNoSymbol) return false;
+  const Merge* merge = merges_.find(pairKey(symbol.id, right));
+  if (merge == nullptr) return false;
+  symbol.rank = merge->rank;
+  symbol.merged = merge->result;
+  return true;
+}
+
+}  // namespace kiv
