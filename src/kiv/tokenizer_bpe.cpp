@@ -41,29 +41,24 @@ std::optional<Sides> splitRule(std::string_view rule) {
   return Sides{rule.substr(0, space), rule.substr(space + 1)};
 }
 
-// Numbers the texts that are tokens or sides of rules. Views into the rules.
+// Numbers texts: tokens by their ids, others in the order of their first use.
 class SymbolTable {
  public:
   SymbolTable(const std::vector<std::string>& tokens, const TextIndex& tokenIds)
       : tokens_(tokens), tokenIds_(tokenIds) {}
 
-  int32_t find(std::string_view text) const {
+  int32_t number(std::string_view text) {
     if (const int32_t id = tokenIds_.find(tokens_, text); id >= 0) return id;
-    const auto side = sides_.find(text);
-    return side == sides_.end() ? kNoSymbol : side->second;
+    const auto next = static_cast<int32_t>(tokens_.size() + others_.size());
+    return others_.try_emplace(std::string(text), next).first->second;
   }
 
-  void add(std::string_view text) {
-    if (tokenIds_.find(tokens_, text) >= 0) return;
-    sides_.emplace(text, static_cast<int32_t>(tokens_.size() + sides_.size()));
-  }
-
-  const std::unordered_map<std::string_view, int32_t>& sides() const { return sides_; }
+  const std::unordered_map<std::string, int32_t>& others() const { return others_; }
 
  private:
   const std::vector<std::string>& tokens_;
   const TextIndex& tokenIds_;
-  std::unordered_map<std::string_view, int32_t> sides_;  // those that are no tokens
+  std::unordered_map<std::string, int32_t> others_;
 };
 
 }  // namespace
@@ -71,13 +66,6 @@ class SymbolTable {
 void BytePairMerger::build(const std::vector<std::string>& tokens, const TextIndex& tokenIds,
                            const std::vector<std::string>& merges) {
   SymbolTable symbols(tokens, tokenIds);
-  for (const std::string& rule : merges) {
-    const auto sides = splitRule(rule);
-    if (!sides) continue;
-    symbols.add(sides->left);
-    symbols.add(sides->right);
-  }
-
   merges_ = {};
   merges_.reserve(merges.size());
   std::string result;
@@ -85,8 +73,9 @@ void BytePairMerger::build(const std::vector<std::string>& tokens, const TextInd
     const auto sides = splitRule(merges[rank]);
     if (!sides) continue;
     result.assign(sides->left).append(sides->right);
-    merges_.insert(pairKey(symbols.find(sides->left), symbols.find(sides->right)),
-                   {static_cast<uint32_t>(rank), symbols.find(result)});
+    const int32_t left = symbols.number(sides->left);
+    const int32_t right = symbols.number(sides->right);
+    merges_.insert(pairKey(left, right), {static_cast<uint32_t>(rank), symbols.number(result)});
   }
 
   tokenCount_ = static_cast<int32_t>(tokens.size());
@@ -97,7 +86,7 @@ void BytePairMerger::build(const std::vector<std::string>& tokens, const TextInd
     }
   };
   for (size_t i = 0; i < tokens.size(); ++i) addCharacter(tokens[i], static_cast<int32_t>(i));
-  for (const auto& [text, symbol] : symbols.sides()) addCharacter(text, symbol);
+  for (const auto& [text, symbol] : symbols.others()) addCharacter(text, symbol);
 }
 
 void BytePairMerger::encode(std::string_view piece, int32_t unkId, Scratch& scratch,

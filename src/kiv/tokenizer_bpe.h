@@ -13,9 +13,9 @@
 namespace kiv {
 
 // The merge rules of a vocabulary over numbered symbols. A symbol is a text that
-// is a token (its number is the token's id) or a side of a rule (numbered after
-// the tokens); a text that is neither can never merge. So one rule is one entry,
-// (left, right) to (rank, result), and merging never touches text.
+// is a token (its number is the token's id) or occurs in a rule (numbered after the
+// tokens); any other text can never merge. So a rule is one entry, (left, right) to
+// (rank, result), and merging never touches text.
 //
 // Const members may run on several threads at once, each with its own Scratch.
 class BytePairMerger {

@@ -1,0 +1,391 @@
+// Merging against the rule as it is defined, one quadratic step at a time.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kiv/tokenizer.h"
+#include "kiv/tokenizer_pieces.h"
+
+namespace kiv {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+
+std::vector<int32_t> idsOf(const TokenizerData& data, const std::string& text) {
+  Tokenizer tokenizer;
+  EXPECT_TRUE(tokenizer.load(data).ok());
+  std::vector<int32_t> ids;
+  EXPECT_TRUE(tokenizer.encode(text, ids, true).ok());
+  return ids;
+}
+
+TokenizerData vocabulary(std::vector<std::string> tokens, std::vector<std::string> merges) {
+  TokenizerData data;
+  data.tokens = std::move(tokens);
+  data.merges = std::move(merges);
+  return data;
+}
+
+// Encodes with maps of texts, a scan of all special tokens at every position and
+// a scan of all pairs for every merge.
+class PlainEncoder {
+ public:
+  explicit PlainEncoder(const TokenizerData& data) : data_(data) {
+    for (size_t i = 0; i < data.tokens.size(); ++i) {
+      ids_.emplace(data.tokens[i], static_cast<int32_t>(i));
+    }
+    for (size_t i = 0; i < data.merges.size(); ++i) ranks_.emplace(data.merges[i], i);
+    if (data.tokenTypes.size() == data.tokens.size()) collectSpecials();
+  }
+
+  std::vector<int32_t> encode(const std::string& text) {
+    result_.clear();
+    if (data_.bosId >= 0) result_.push_back(data_.bosId);
+    const std::string copy = byteLevel() ? text : escaped(text);
+    std::string line;
+    for (const char c : copy) {
+      if (c != '\n') {
+        line.push_back(c);
+        continue;
+      }
+      segment(line);
+      segment("\n");
+      line.clear();
+    }
+    segment(line);
+    return result_;
+  }
+
+ private:
+  bool byteLevel() const {
+    return !data_.merges.empty() && data_.merges[0].find("\xC4\xA0") != std::string::npos &&
+           data_.merges[0].find("\xE2\x96\x81") == std::string::npos;
+  }
+
+  std::string escaped(const std::string& text) const {
+    std::string result;
+    for (const char c : text) {
+      result += c == ' ' ? (byteLevel() ? "\xC4\xA0" : "\xE2\x96\x81") : std::string(1, c);
+    }
+    return result;
+  }
+
+  void collectSpecials() {
+    for (size_t i = 0; i < data_.tokens.size(); ++i) {
+      const int32_t type = data_.tokenTypes[i];
+      if ((type == 2 || type == 3) && !data_.tokens[i].empty()) {
+        specials_.emplace_back(data_.tokens[i], static_cast<int32_t>(i));
+      }
+    }
+    std::stable_sort(specials_.begin(), specials_.end(), [](const auto& a, const auto& b) {
+      if (a.first.size() != b.first.size()) return a.first.size() > b.first.size();
+      return a.first < b.first;
+    });
+  }
+
+  void segment(const std::string& text) {
+    if (text == "\n" && ids_.count(text) != 0) {
+      result_.push_back(ids_.at(text));
+      return;
+    }
+    std::string chunk;
+    for (size_t at = 0; at < text.size();) {
+      const auto special = std::find_if(specials_.begin(), specials_.end(), [&](const auto& entry) {
+        return text.compare(at, entry.first.size(), entry.first) == 0;
+      });
+      if (special == specials_.end()) {
+        chunk.push_back(text[at++]);
+        continue;
+      }
+      plain(chunk);
+      chunk.clear();
+      result_.push_back(special->second);
+      at += special->first.size();
+    }
+    plain(chunk);
+  }
+
+  void plain(std::string_view chunk) {
+    while (!chunk.empty()) {
+      const std::string_view piece = nextPiece(chunk);
+      merge(escaped(std::string(piece)));
+      chunk.remove_prefix(piece.size());
+    }
+  }
+
+  void merge(std::string_view piece) {
+    std::vector<std::string> symbols;
+    while (!piece.empty()) {
+      symbols.emplace_back(piece.substr(0, utf8Length(piece)));
+      piece.remove_prefix(symbols.back().size());
+    }
+    for (;;) {
+      size_t best = SIZE_MAX;
+      size_t place = 0;
+      for (size_t i = 0; i + 1 < symbols.size(); ++i) {
+        const auto rank = ranks_.find(symbols[i] + " " + symbols[i + 1]);
+        if (rank == ranks_.end() || rank->second >= best) continue;
+        best = rank->second;
+        place = i;
+      }
+      if (best == SIZE_MAX) break;
+      symbols[place] += symbols[place + 1];
+      symbols.erase(symbols.begin() + static_cast<std::ptrdiff_t>(place) + 1);
+    }
+    for (const std::string& symbol : symbols) {
+      const auto id = ids_.find(symbol);
+      if (id != ids_.end()) {
+        result_.push_back(id->second);
+      } else if (data_.unkId >= 0) {
+        result_.push_back(data_.unkId);
+      }
+    }
+  }
+
+  const TokenizerData& data_;
+  std::map<std::string, int32_t> ids_;
+  std::map<std::string, size_t> ranks_;
+  std::vector<std::pair<std::string, int32_t>> specials_;
+  std::vector<int32_t> result_;
+};
+
+class RandomCase {
+ public:
+  explicit RandomCase(uint32_t seed) : random_(seed) {
+    const std::vector<std::string> all = {"a",
+                                          "b",
+                                          "\xE2\x96\x81",
+                                          "\xC4\xA0",
+                                          " ",
+                                          "c",
+                                          "\xC3\xA9",
+                                          "\n",
+                                          "'",
+                                          "s",
+                                          "1",
+                                          "<",
+                                          ">",
+                                          "\xE2",
+                                          "\x96",
+                                          "\r",
+                                          "\xF0\x9F\x98\x80",
+                                          "\x81",
+                                          "!",
+                                          std::string(1, '\0')};
+    alphabet_.assign(all.begin(), all.begin() + 1 + below(static_cast<uint32_t>(all.size())));
+  }
+
+  TokenizerData vocabulary() {
+    TokenizerData data;
+    std::vector<std::string> symbols = alphabet_;
+    const uint32_t rules = below(60);
+    for (uint32_t i = 0; i < rules; ++i) data.merges.push_back(rule(symbols));
+    if (below(2) == 0) data.merges.insert(data.merges.begin(), "\xC4\xA0 a");
+    data.tokens = symbols;
+    for (uint32_t i = below(10); i > 0; --i) data.tokens.push_back(text(below(5)));
+    std::shuffle(data.tokens.begin(), data.tokens.end(), random_);
+    // Some symbols are no tokens: merges may pass through texts without an id.
+    data.tokens.resize(1 + below(static_cast<uint32_t>(data.tokens.size())));
+    if (below(2) == 0) {
+      for (size_t i = 0; i < data.tokens.size(); ++i) {
+        data.tokenTypes.push_back(below(8) == 0 ? 2 + static_cast<int32_t>(below(2)) : 1);
+      }
+    }
+    data.bosId = static_cast<int32_t>(below(3)) - 1;
+    data.unkId = below(2) == 0 ? -1 : 1000000;
+    return data;
+  }
+
+  std::string text(uint32_t length) {
+    std::string result;
+    // A run now and then, because equal neighbours are where order matters.
+    while (length > 0) {
+      const std::string& piece = pick(alphabet_);
+      uint32_t run = below(3) == 0 ? 1 + below(6) : 1;
+      for (run = std::min(run, length); run > 0; --run, --length) result += piece;
+    }
+    if (below(4) == 0 && !result.empty()) result.pop_back();
+    return result;
+  }
+
+  uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
+
+ private:
+  const std::string& pick(const std::vector<std::string>& from) {
+    return from[below(static_cast<uint32_t>(from.size()))];
+  }
+
+  std::string rule(std::vector<std::string>& symbols) {
+    const std::string left = pick(symbols);
+    const std::string right = pick(symbols);
+    switch (below(12)) {
+      case 0:
+        return left + right;
+      case 1:
+        return left + "  " + right;
+      case 2:
+        return " " + right;
+      default:
+        if (left.size() + right.size() < 40) symbols.push_back(left + right);
+        return left + " " + right;
+    }
+  }
+
+  std::mt19937 random_;
+  std::vector<std::string> alphabet_;
+};
+
+TEST(MergeTest, TheSmallestRankComesFirst) {
+  const std::vector<std::string> tokens = {"a", "b", "c", "ab", "bc"};
+  EXPECT_THAT(idsOf(vocabulary(tokens, {"a b", "b c"}), "abc"), ElementsAre(3, 2));
+  EXPECT_THAT(idsOf(vocabulary(tokens, {"b c", "a b"}), "abc"), ElementsAre(0, 4));
+}
+
+TEST(MergeTest, TheLeftmostOfEqualRanksComesFirst) {
+  const TokenizerData data = vocabulary({"a", "aa", "aaaa"}, {"a a", "aa aa"});
+  EXPECT_THAT(idsOf(data, "aaa"), ElementsAre(1, 0));
+  EXPECT_THAT(idsOf(data, "aaaa"), ElementsAre(2));
+  EXPECT_THAT(idsOf(data, "aaaaaaa"), ElementsAre(2, 1, 0));
+}
+
+TEST(MergeTest, AMergeMayEnableABetterRule) {
+  EXPECT_THAT(
+      idsOf(vocabulary({"a", "b", "c", "abc", "ca", "ab"}, {"ab c", "a b", "c a"}), "abcab"),
+      ElementsAre(3, 5));
+}
+
+TEST(MergeTest, TheFirstOfEqualRulesCounts) {
+  EXPECT_THAT(idsOf(vocabulary({"a", "b", "c", "ab", "bc"}, {"a b", "b c", "a b"}), "abc"),
+              ElementsAre(3, 2));
+}
+
+TEST(MergeTest, MergesPassThroughTextsThatAreNoTokens) {
+  const TokenizerData data = vocabulary({"abc", "c"}, {"a b", "ab c"});
+  EXPECT_THAT(idsOf(data, "abc"), ElementsAre(0));
+  EXPECT_THAT(idsOf(data, "abab"), ElementsAre());
+}
+
+TEST(MergeTest, AResultWithoutATokenOrARuleIsOneUnknown) {
+  TokenizerData data = vocabulary({"a", "b"}, {"a b"});
+  data.unkId = 9;
+  EXPECT_THAT(idsOf(data, "abb"), ElementsAre(9, 1));
+}
+
+TEST(MergeTest, TheSameTextMadeInTwoWaysIsOneSymbol) {
+  const TokenizerData data =
+      vocabulary({"a", "b", "c", "d", "abcd"}, {"b c", "a bc", "abc d", "a b", "ab c"});
+  EXPECT_THAT(idsOf(data, "abcd"), ElementsAre(4));
+}
+
+TEST(MergeTest, RulesOfOtherShapesFitNothing) {
+  // A piece holds no spaces, so no symbol does, and none is empty.
+  for (const char* rule : {"", " ", "ab", "a  b", " ab", "ab ", "a b ", " a b", "a b c"}) {
+    EXPECT_THAT(idsOf(vocabulary({"a", "b", "ab", "c", "a b"}, {rule}), "ab"), ElementsAre(0, 1))
+        << '"' << rule << '"';
+    EXPECT_THAT(idsOf(vocabulary({"a", "b", "ab", "c", "a b"}, {rule, "a b"}), "ab"),
+                ElementsAre(2))
+        << '"' << rule << '"';
+  }
+}
+
+TEST(MergeTest, ARuleMaySplitACharacter) {
+  // The stray byte, then the character that was cut off by the end of the text.
+  EXPECT_THAT(idsOf(vocabulary({"\x80\xE2\x82", "\x80"}, {"\x80 \xE2\x82"}), "\x80\xE2\x82"),
+              ElementsAre(0));
+  EXPECT_THAT(idsOf(vocabulary({"\xE2\x82\xAC", "\xE2"}, {"\xE2 \x82\xAC"}), "\xE2\x82\xAC\xE2"),
+              ElementsAre(0, 1));
+}
+
+TEST(MergeTest, ZerosAndACutOffCharacterDiffer) {
+  TokenizerData data =
+      vocabulary({std::string("\xE2\0\0", 3), "\xE2", std::string("\xE2\0", 2)}, {});
+  EXPECT_THAT(idsOf(data, "\xE2"), ElementsAre(1));
+  EXPECT_THAT(idsOf(data, std::string("\xE2\0", 2)), ElementsAre(2));
+  EXPECT_THAT(idsOf(data, std::string("\xE2\0\0", 3)), ElementsAre(0));
+}
+
+TEST(MergeTest, AgreesWithThePlainRuleOnRandomVocabularies) {
+  for (uint32_t seed = 0; seed < 3000; ++seed) {
+    RandomCase random(seed);
+    const TokenizerData data = random.vocabulary();
+    Tokenizer tokenizer;
+    ASSERT_TRUE(tokenizer.load(data).ok());
+    PlainEncoder plain(data);
+    for (int round = 0; round < 8; ++round) {
+      const std::string text = random.text(random.below(60));
+      std::vector<int32_t> ids;
+      ASSERT_TRUE(tokenizer.encode(text, ids, true).ok());
+      ASSERT_EQ(ids, plain.encode(text)) << "seed " << seed << ", text \"" << text << '"';
+    }
+  }
+}
+
+// A quadratic encoder would need hours for each of these.
+constexpr size_t kMillion = 1000000;
+
+TEST(LongPieceTest, AMillionEqualLetters) {
+  TokenizerData data = vocabulary({"a"}, {});
+  for (std::string run = "a"; run.size() < 1024; run += run) {
+    data.merges.push_back(run + " " + run);
+    data.tokens.push_back(run + run);
+  }
+  const std::vector<int32_t> ids = idsOf(data, std::string(kMillion, 'a'));
+  // 976 runs of 1024 letters, then 576 = 512 + 64.
+  ASSERT_EQ(ids.size(), 978U);
+  EXPECT_THAT(std::vector<int32_t>(ids.begin(), ids.begin() + 976), Each(10));
+  EXPECT_THAT(std::vector<int32_t>(ids.begin() + 976, ids.end()), ElementsAre(9, 6));
+}
+
+TEST(LongPieceTest, ASymbolThatGrowsLetterByLetter) {
+  TokenizerData data = vocabulary({"a"}, {});
+  for (size_t length = 1; length < 2000; ++length) {
+    data.merges.insert(data.merges.begin(), std::string(length, 'a') + " a");
+    data.tokens.emplace_back(length + 1, 'a');
+  }
+  const std::vector<int32_t> ids = idsOf(data, std::string(kMillion, 'a'));
+  ASSERT_EQ(ids.size(), 500U);
+  EXPECT_THAT(ids, Each(1999));
+}
+
+TEST(LongPieceTest, AMillionSpaces) {
+  const TokenizerData data =
+      vocabulary({"\xE2\x96\x81", "\xE2\x96\x81\xE2\x96\x81"}, {"\xE2\x96\x81 \xE2\x96\x81"});
+  const std::vector<int32_t> ids = idsOf(data, std::string(kMillion, ' '));
+  EXPECT_EQ(ids.size(), kMillion / 2);
+  EXPECT_THAT(ids, Each(1));
+}
+
+TEST(LongPieceTest, AMillionSpecialTokens) {
+  TokenizerData data = vocabulary({"a", "<s>", "<s"}, {});
+  data.tokenTypes = {1, 3, 1};
+  std::string text;
+  for (size_t i = 0; i < kMillion; ++i) text += "<s>";
+  const std::vector<int32_t> ids = idsOf(data, text);
+  EXPECT_EQ(ids.size(), kMillion);
+  EXPECT_THAT(ids, Each(1));
+}
+
+TEST(LongPieceTest, HundredsOfSpecialTokensThatNearlyMatch) {
+  TokenizerData data = vocabulary({"<"}, {});
+  for (int i = 0; i < 500; ++i) data.tokens.push_back("<<" + std::to_string(i) + ">");
+  data.tokenTypes.assign(data.tokens.size(), 3);
+  data.tokenTypes[0] = 1;
+  const std::vector<int32_t> ids = idsOf(data, std::string(kMillion, '<') + "<<499>");
+  ASSERT_EQ(ids.size(), kMillion + 1);
+  EXPECT_EQ(ids.back(), 500);
+}
+
+TEST(LongPieceTest, AMillionLineFeeds) {
+  const std::vector<int32_t> ids = idsOf(vocabulary({"a", "\n"}, {}), std::string(kMillion, '\n'));
+  EXPECT_EQ(ids.size(), kMillion);
+  EXPECT_THAT(ids, Each(1));
+}
+
+}  // namespace
+}  // namespace kiv
