@@ -23,16 +23,22 @@ class VulkanContext {
   // Sets everything up. `deviceIndex` counts positions in the order discrete
   // first, then more device-local memory; any index past the end selects the
   // first discrete device, else the first enumerated one. Success at once on a
-  // ready context. Without a Vulkan loader the message is that of a failed
-  // instance creation.
+  // ready context; a failure leaves it empty. IOError "<the call> failed" or
+  // "no Vulkan physical devices", Unsupported "no compute queue family found".
+  // Without a Vulkan loader the failing call is vkCreateInstance. Contexts may
+  // be set up on several threads at once.
   Status init(uint64_t deviceIndex);
-  // Releases everything; may be repeated.
+  // Releases everything but info() and hasNativeStorage(); may be repeated.
   void destroy();
 
-  // One primary command buffer, begun for one submission.
+  // One primary command buffer, begun for one submission; submitAndWait() or
+  // the context frees it. On a failure `*outCmd` is left as it was: InvalidFormat
+  // "null outCmd" or "beginCommand: uninitialized", IOError "<the call> failed".
   Status beginCommand(VkCommandBuffer* outCmd);
-  // Ends, submits, waits for the fence, frees. After a failure the buffer is
-  // reclaimed with the pool.
+  // Ends, submits, waits without limit, frees. InvalidFormat
+  // "submitAndWait: uninitialized" for a null buffer or an empty context,
+  // IOError "<the call> failed"; after a failure the buffer is reclaimed with
+  // the pool.
   Status submitAndWait(VkCommandBuffer cmd);
 
   VkInstance instance() const { return instance_; }
@@ -45,6 +51,12 @@ class VulkanContext {
   bool hasNativeStorage() const { return nativeStorage_; }
 
  private:
+  Status setUp(uint64_t deviceIndex);
+  Status selectDevice(uint64_t deviceIndex);
+  Status createDevice();
+  Status createCommandPool();
+  Status createFence();
+
   VkInstance instance_ = VK_NULL_HANDLE;
   VkPhysicalDevice physicalDevice_ = VK_NULL_HANDLE;
   VkDevice device_ = VK_NULL_HANDLE;
@@ -64,7 +76,8 @@ struct ListedDevice {
   bool automatic = false;  // what an index past the end selects
 };
 
-// The devices in the order in which init()'s index selects them.
+// The devices in the order in which init()'s index selects them. Fails, with
+// an empty list, as init() does when it looks for devices. Any thread.
 Status listDevices(std::vector<ListedDevice>& out);
 
 }  // namespace kiv::vulkan

@@ -1,8 +1,10 @@
-// One physical device: its description and its compute queue family.
+// The physical devices of an instance: description, order of selection, compute
+// queue family.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "kiv/status.h"
 #include "kiv/vulkan/vulkan_api.h"
@@ -29,5 +31,18 @@ Status queryPhysicalDevice(VkPhysicalDevice device, VulkanDeviceInfo& info);
 // The first family with graphics and compute, else the first with compute;
 // Unsupported "no compute queue family found" when there is neither.
 Status findComputeQueueFamily(VkPhysicalDevice device, uint32_t& family);
+
+// A device of an instance, valid as long as the instance.
+struct PhysicalDevice {
+  VkPhysicalDevice handle = VK_NULL_HANDLE;
+  VulkanDeviceInfo info;
+  bool automatic = false;  // the one to take when nobody chose
+};
+
+// All devices, discrete ones first, then those with more device-local memory;
+// equals stay as enumerated. The automatic one is the first when it is discrete,
+// else the first enumerated. Success means at least one device; IOError
+// "no Vulkan physical devices" or "vkEnumeratePhysicalDevices failed" otherwise.
+Status listPhysicalDevices(VkInstance instance, std::vector<PhysicalDevice>& out);
 
 }  // namespace kiv::vulkan

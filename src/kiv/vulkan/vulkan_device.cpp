@@ -1,0 +1,105 @@
+#include "kiv/vulkan/vulkan_device.h"
+
+#include <algorithm>
+
+namespace kiv::vulkan {
+namespace {
+
+std::string formatDriverVersion(uint32_t version) {
+  return std::to_string(version >> 22) + "." + std::to_string((version >> 12) & 0x3ff) + "." +
+         std::to_string(version & 0xfff);
+}
+
+uint64_t deviceLocalBytes(VkPhysicalDevice device) {
+  VkPhysicalDeviceMemoryProperties memory{};
+  vkGetPhysicalDeviceMemoryProperties(device, &memory);
+  uint64_t bytes = 0;
+  for (uint32_t i = 0; i < memory.memoryHeapCount; ++i) {
+    const VkMemoryHeap& heap = memory.memoryHeaps[i];
+    if ((heap.flags & VK_MEMORY_HEAP_DEVICE_LOCAL_BIT) != 0) bytes += heap.size;
+  }
+  return bytes;
+}
+
+// A device that appears between the two calls makes the second one
+// VK_INCOMPLETE: the handles are as good as any, so that is a success.
+Status enumerateHandles(VkInstance instance, std::vector<VkPhysicalDevice>& handles) {
+  const Status none(StatusCode::IOError, "no Vulkan physical devices");
+  uint32_t count = 0;
+  if (vkEnumeratePhysicalDevices(instance, &count, nullptr) < 0 || count == 0) return none;
+  handles.resize(count);
+  if (vkEnumeratePhysicalDevices(instance, &count, handles.data()) < 0) {
+    return {StatusCode::IOError, "vkEnumeratePhysicalDevices failed"};
+  }
+  handles.resize(count);
+  return handles.empty() ? none : Status();
+}
+
+bool isPreferred(const PhysicalDevice& a, const PhysicalDevice& b) {
+  if (a.info.discrete != b.info.discrete) return a.info.discrete;
+  return a.info.vramBytes > b.info.vramBytes;
+}
+
+}  // namespace
+
+Status queryPhysicalDevice(VkPhysicalDevice device, VulkanDeviceInfo& info) {
+  VkPhysicalDeviceSubgroupProperties subgroup{};
+  subgroup.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_SUBGROUP_PROPERTIES;
+  VkPhysicalDeviceProperties2 chain{};
+  chain.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PROPERTIES_2;
+  chain.pNext = &subgroup;
+  vkGetPhysicalDeviceProperties2(device, &chain);
+
+  const VkPhysicalDeviceProperties& properties = chain.properties;
+  info.deviceName = properties.deviceName;
+  info.driverVersion = formatDriverVersion(properties.driverVersion);
+  info.vendorId = properties.vendorID;
+  info.deviceId = properties.deviceID;
+  info.apiVersion = properties.apiVersion;
+  info.vramBytes = deviceLocalBytes(device);
+  info.maxComputeSharedMemory = properties.limits.maxComputeSharedMemorySize;
+  info.maxWorkGroupInvocations = properties.limits.maxComputeWorkGroupInvocations;
+  info.maxPushConstants = properties.limits.maxPushConstantsSize;
+  info.subgroupSize = subgroup.subgroupSize;
+  info.discrete = properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU;
+  return {};
+}
+
+Status findComputeQueueFamily(VkPhysicalDevice device, uint32_t& family) {
+  uint32_t count = 0;
+  vkGetPhysicalDeviceQueueFamilyProperties(device, &count, nullptr);
+  std::vector<VkQueueFamilyProperties> families(count);
+  vkGetPhysicalDeviceQueueFamilyProperties(device, &count, families.data());
+  families.resize(count);
+
+  constexpr VkQueueFlags kCompute = VK_QUEUE_COMPUTE_BIT;
+  for (const VkQueueFlags wanted : {kCompute | VK_QUEUE_GRAPHICS_BIT, kCompute}) {
+    const auto found = std::find_if(families.begin(), families.end(), [wanted](const auto& f) {
+      return (f.queueFlags & wanted) == wanted;
+    });
+    if (found == families.end()) continue;
+    family = static_cast<uint32_t>(found - families.begin());
+    return {};
+  }
+  return {StatusCode::Unsupported, "no compute queue family found"};
+}
+
+Status listPhysicalDevices(VkInstance instance, std::vector<PhysicalDevice>& out) {
+  out.clear();
+  std::vector<VkPhysicalDevice> handles;
+  if (Status status = enumerateHandles(instance, handles); !status.ok()) return status;
+  for (VkPhysicalDevice handle : handles) {
+    PhysicalDevice& device = out.emplace_back();
+    device.handle = handle;
+    if (Status status = queryPhysicalDevice(handle, device.info); !status.ok()) return status;
+  }
+  std::stable_sort(out.begin(), out.end(), isPreferred);
+
+  // Without a discrete device the system's own order decides: an integrated
+  // device with more memory is no better than the one that the system put first.
+  const VkPhysicalDevice automatic = out[0].info.discrete ? out[0].handle : handles[0];
+  for (PhysicalDevice& device : out) device.automatic = device.handle == automatic;
+  return {};
+}
+
+}  // namespace kiv::vulkan
