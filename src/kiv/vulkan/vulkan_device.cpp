@@ -21,18 +21,21 @@ uint64_t deviceLocalBytes(VkPhysicalDevice device) {
   return bytes;
 }
 
+Status noDevices() { return {StatusCode::IOError, "no Vulkan physical devices"}; }
+
 // A device that appears between the two calls makes the second one
 // VK_INCOMPLETE: the handles are as good as any, so that is a success.
 Status enumerateHandles(VkInstance instance, std::vector<VkPhysicalDevice>& handles) {
-  const Status none(StatusCode::IOError, "no Vulkan physical devices");
   uint32_t count = 0;
-  if (vkEnumeratePhysicalDevices(instance, &count, nullptr) < 0 || count == 0) return none;
+  if (vkEnumeratePhysicalDevices(instance, &count, nullptr) < 0 || count == 0) {
+    return noDevices();
+  }
   handles.resize(count);
   if (vkEnumeratePhysicalDevices(instance, &count, handles.data()) < 0) {
     return {StatusCode::IOError, "vkEnumeratePhysicalDevices failed"};
   }
   handles.resize(count);
-  return handles.empty() ? none : Status();
+  return handles.empty() ? noDevices() : Status();
 }
 
 bool isPreferred(const PhysicalDevice& a, const PhysicalDevice& b) {
@@ -97,7 +100,7 @@ Status listPhysicalDevices(VkInstance instance, std::vector<PhysicalDevice>& out
 
   // Without a discrete device the system's own order decides: an integrated
   // device with more memory is no better than the one that the system put first.
-  const VkPhysicalDevice automatic = out[0].info.discrete ? out[0].handle : handles[0];
+  VkPhysicalDevice automatic = out[0].info.discrete ? out[0].handle : handles[0];
   for (PhysicalDevice& device : out) device.automatic = device.handle == automatic;
   return {};
 }

@@ -1,0 +1,120 @@
+#include "support/fake_vulkan.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "support/fake_vulkan_call.h"
+
+namespace kiv::test {
+namespace {
+
+FakeVulkan* current = nullptr;
+
+constexpr uint64_t kDeadHandle = 0xdead;
+
+PFN_vkVoidFunction VKAPI_CALL findFunction(VkInstance, const char* name) {
+  const auto found = contextFunctions().find(name);
+  return found == contextFunctions().end() ? nullptr : found->second;
+}
+
+void expectKnown(const std::string& function) {
+  EXPECT_NE(findFunction(VK_NULL_HANDLE, function.c_str()), nullptr) << function;
+}
+
+}  // namespace
+
+FakeVulkan::FakeVulkan(std::deque<FakeDevice> machine)
+    : devices(std::move(machine)), previous_(vkGetInstanceProcAddr) {
+  EXPECT_EQ(current, nullptr) << "one scripted machine at a time";
+  current = this;
+  volkInitializeCustom(findFunction);
+}
+
+FakeVulkan::~FakeVulkan() {
+  for (const auto& [handle, object] : objects_) {
+    ADD_FAILURE() << "an object of type " << object.type << " was never destroyed";
+  }
+  current = nullptr;
+  if (previous_ != nullptr) {
+    volkInitializeCustom(previous_);
+  } else {
+    // Nothing was loaded before: the next user opens the machine's own loader.
+    vkGetInstanceProcAddr = nullptr;
+    vkCreateInstance = nullptr;
+  }
+}
+
+void FakeVulkan::fail(const std::string& function, VkResult result, int nth) {
+  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  expectKnown(function);
+  failures_[{function, calls_[function] + nth}] = result;
+}
+
+void FakeVulkan::during(const std::string& function, std::function<void()> action) {
+  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  expectKnown(function);
+  actions_[function] = std::move(action);
+}
+
+int FakeVulkan::calls(const std::string& function) const {
+  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  expectKnown(function);
+  const auto found = calls_.find(function);
+  return found == calls_.end() ? 0 : found->second;
+}
+
+size_t FakeVulkan::live() const {
+  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return objects_.size();
+}
+
+size_t FakeVulkan::live(VkObjectType type) const {
+  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return static_cast<size_t>(
+      std::count_if(objects_.begin(), objects_.end(),
+                    [type](const auto& entry) { return entry.second.type == type; }));
+}
+
+FakeCall::FakeCall(const char* function)
+    : machine_(*current), lock_(machine_.mutex_), function_(function) {
+  const int number = ++machine_.calls_[function];
+  if (auto action = machine_.actions_.extract(function)) action.mapped()();
+  if (auto failure = machine_.failures_.extract({function, number})) result_ = failure.mapped();
+}
+
+void FakeCall::require(bool condition, const char* what) const {
+  if (!condition) ADD_FAILURE() << function_ << ": " << what;
+}
+
+FakeVulkan::Object* FakeCall::findObject(uint64_t handle, VkObjectType type) const {
+  const auto found = machine_.objects_.find(handle);
+  if (found != machine_.objects_.end() && found->second.type == type) return &found->second;
+  ADD_FAILURE() << function_ << ": no live object of type " << type << " has handle " << handle;
+  return nullptr;
+}
+
+uint64_t FakeCall::createObject(VkObjectType type, uint64_t parent) const {
+  if (fails()) return kDeadHandle;
+  const uint64_t handle = machine_.nextHandle_++;
+  machine_.objects_[handle] = {.type = type, .parent = parent};
+  return handle;
+}
+
+void FakeCall::destroyObject(uint64_t handle, VkObjectType type) const {
+  if (findObject(handle, type) == nullptr) return;
+  for (const auto& [child, object] : machine_.objects_) {
+    if (object.parent != handle) continue;
+    ADD_FAILURE() << function_ << ": a child of type " << object.type << " is still alive";
+  }
+  machine_.objects_.erase(handle);
+}
+
+void FakeCall::destroyChildrenOf(uint64_t parent, VkObjectType type) const {
+  std::erase_if(machine_.objects_, [parent, type](const auto& entry) {
+    return entry.second.type == type && entry.second.parent == parent;
+  });
+}
+
+}  // namespace kiv::test
