@@ -25,16 +25,23 @@ struct ZEM2ModelHeader {
 };
 
 // Use: declare (set*, add*), begin(), then for every tensor of order() its
-// bytes through write(), then finish(). One thread.
+// bytes through write(), then finish(). A writer writes one file. One thread.
 //
 // The file appears under its name only when it is whole: it is written beside
-// it as "<path>.partial" and renamed by finish(). Without a finish() that
-// succeeded, the destructor removes the partial file. An existing file of that
-// name stays as it was until the rename replaces it.
+// it as "<path>.partial-<pid>-<n>" and renamed by finish(). Without a finish()
+// that succeeded, nothing is left behind. An existing file of that name stays
+// as it was until the rename replaces it; a folder or a device is refused.
 //
-// Declaration mistakes (a name used twice, longer than 64 bytes, more than four
-// extents, a size too small for shape and type) fail in begin() with
-// InvalidFormat and name the tensor; failures of the disk are IOError and name the file.
+// Sections come in the order Meta, Tokenizer and Graph where they were set,
+// TensorIndex, QuantInfo, those of addSection(), WeightData. Sections and
+// tensors start at multiples of 64 bytes. The same calls give the same bytes.
+//
+// Declaration mistakes (a name used twice, empty, longer than 64 bytes or with
+// a NUL, more than four extents, an extent of 0, a type without a layout, an
+// alias of nothing, more than 16 sections) fail in begin() with InvalidFormat
+// and name the tensor; so do calls out of order and bytes that are too many or
+// too few. Failures of the disk are IOError and name the file. After a failure
+// the partial file is gone and every further call returns that failure.
 class ZEM2Writer {
  public:
   ZEM2Writer();
@@ -43,9 +50,11 @@ class ZEM2Writer {
   ZEM2Writer& operator=(const ZEM2Writer&) = delete;
 
   void setModel(const ZEM2ModelHeader& model);
+  // ZEMLoader does not open a container without a tokenizer, ZEM2Reader does.
   void setTokenizer(TokenizerData tokenizer);
   void setGraph(std::string bytes);
-  // A further section (Asset, Signature, ...), written after the known ones.
+  // A further section (Asset, Signature, ...). Types that the other calls write
+  // are refused: a reader would never see a second one.
   void addSection(zem2::SectionType type, std::string bytes);
 
   // Metadata entries, kept in the order of the calls. Keys of up to 65535 bytes.
@@ -59,17 +68,18 @@ class ZEM2Writer {
   // Declares a tensor; shape[0] is the innermost extent. Its byte size follows
   // from type and shape, row by row (each row starts on a block boundary).
   void addTensor(std::string name, DType type, std::vector<uint64_t> shape);
-  // Declares `name` as a second name for the bytes of `target`, which must be a
-  // tensor (not an alias) of the same type and shape. Nothing is streamed for it.
+  // Declares `name` as a second name for the bytes, type and shape of `target`,
+  // a tensor (not an alias) that may be declared later. Nothing is streamed for it.
   void addAlias(std::string name, std::string target);
 
   // Creates the partial file and writes everything that precedes the weights.
   Status begin(const std::string& path);
   // The tensors to stream, by name, in the order in which write() expects them.
+  // Empty before begin().
   const std::vector<std::string>& order() const;
   // Bytes of the tensor `name`, 0 for an unknown name or an alias.
   uint64_t tensorBytes(const std::string& name) const;
-  // Bytes of all tensors to stream, for progress.
+  // Bytes of all tensors to stream, for progress; 0 before begin().
   uint64_t totalBytes() const;
 
   // Appends bytes to the current tensor; a tensor may come in several pieces,

@@ -1,0 +1,53 @@
+// A file that appears under its name only when it is whole.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace compat {
+
+// Bytes go to "<path>.partial-<pid>-<n>" in the same folder, a name that no
+// other writer has; commit() puts them on the disk and renames the file to
+// `path`. Until then a file of that name stays as it was, and without a
+// commit() that succeeded nothing is left behind. Two writers to one path do
+// not disturb each other: the last commit wins.
+//
+// A symbolic link at `path` is followed. Anything else that is no regular file
+// (a folder, a device) is refused.
+//
+// Calls return false on failure, after which error() names the file and the
+// system's reason and only discard() makes sense. One thread.
+class ReplacingFile {
+ public:
+  ReplacingFile() = default;
+  ~ReplacingFile() { discard(); }
+  ReplacingFile(const ReplacingFile&) = delete;
+  ReplacingFile& operator=(const ReplacingFile&) = delete;
+
+  bool open(const std::string& path);
+  bool append(const void* bytes, size_t count);
+  bool flush();  // to the system; for errors to show now and not later
+  // Replaces bytes that were appended before.
+  bool overwrite(uint64_t offset, const void* bytes, size_t count);
+  bool commit();
+  void discard();  // removes the partial file, if there is one
+
+  uint64_t size() const { return flushed_ + buffer_.size(); }  // bytes appended
+  const std::string& error() const { return error_; }
+
+ private:
+  bool createPartial();
+  bool writeAll(const void* bytes, size_t count, uint64_t offset);
+  bool failWithErrno(const char* action);
+
+  std::string path_;
+  std::string partial_;  // empty when there is none
+  int fd_ = -1;
+  std::vector<char> buffer_;
+  uint64_t flushed_ = 0;
+  std::string error_;
+};
+
+}  // namespace compat
