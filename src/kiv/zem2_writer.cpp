@@ -160,12 +160,12 @@ struct ZEM2Writer::Impl {
   Status fail(StatusCode code, const std::string& message) {
     if (state == State::Failed) return failure;
     state = State::Failed;
-    failure = Status(code, "ZEM2Writer: " + message);
+    failure = Status(code, message);
     file.discard();
     return failure;
   }
   Status failInvalid(const std::string& message) {
-    return fail(StatusCode::InvalidFormat, message);
+    return fail(StatusCode::InvalidFormat, "ZEM2Writer: " + message);
   }
   Status failIO() { return fail(StatusCode::IOError, file.error()); }
 
