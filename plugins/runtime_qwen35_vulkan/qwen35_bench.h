@@ -5,8 +5,9 @@
 
 namespace qwen35rt {
 
-int qwen35V2Bench(ZEMRuntimeHandle* handle, const ZEMBenchParams* params, ZEMBenchResult* result);
-int qwen35V2Stats(ZEMRuntimeHandle* handle, ZEMRuntimeStats* out);
-int qwen35V2Reset(ZEMRuntimeHandle* handle);
+int qwen35V2Bench(ZEMRuntimeHandle* handle, const ZEMBenchParams* params,
+                  ZEMBenchResult* result) noexcept;
+int qwen35V2Stats(ZEMRuntimeHandle* handle, ZEMRuntimeStats* out) noexcept;
+int qwen35V2Reset(ZEMRuntimeHandle* handle) noexcept;
 
 }  // namespace qwen35rt

@@ -5,8 +5,9 @@
 
 namespace qwen35rt {
 
-int qwen35V2ChatTurn(ZEMRuntimeHandle* handle, const char* userText, char* out, size_t outSize);
+int qwen35V2ChatTurn(ZEMRuntimeHandle* handle, const char* userText, char* out,
+                     size_t outSize) noexcept;
 int qwen35V2ChatTurnStream(ZEMRuntimeHandle* handle, const char* userText, ZEMChatTokenFn cb,
-                           void* user, volatile int* cancel);
+                           void* user, volatile int* cancel) noexcept;
 
 }  // namespace qwen35rt

@@ -7,6 +7,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 
 #include "kiv/tokenizer.h"
 #include "kiv/zem_loader.h"
@@ -61,12 +62,16 @@ struct CreateHintOpts {
 CreateHintOpts parseHint(const char* hint);
 
 int qwen35Create(const char* modelPath, const char* hint, ZEMRuntimeHandle** out, char* err,
-                 size_t errSize);
-void qwen35Destroy(ZEMRuntimeHandle* handle);
-int qwen35V2Configure(ZEMRuntimeHandle* handle, const ZEMSessionOptions* opts);
+                 size_t errSize) noexcept;
+void qwen35Destroy(ZEMRuntimeHandle* handle) noexcept;
+int qwen35V2Configure(ZEMRuntimeHandle* handle, const ZEMSessionOptions* opts) noexcept;
+
+// Takes over temperature, top_k, top_p and seed where they are set. False, with
+// nothing changed, for null and for a record too short to hold them.
+bool applySamplingOptions(Qwen35Session& s, const ZEMSessionOptions* opts);
 
 // Copies `text` under the ABI's output-buffer rule; `out` non-null, size >= 1.
-void copyText(const std::string& text, char* out, size_t outSize);
+void copyText(std::string_view text, char* out, size_t outSize) noexcept;
 
 // True when the weights may be read; otherwise prints the one line that names
 // the first bad tensor.

@@ -1,0 +1,12 @@
+// The last step of opening a session: bringing its products to the GPU.
+#pragma once
+
+#include "qwen35_session.h"
+
+namespace qwen35rt {
+
+// Runs after the model is bound. Without a GPU path the session works on the
+// CPU, and one line on the standard error stream says so; never an error.
+void attachGpu(Qwen35Session& s, const CreateHintOpts& hint);
+
+}  // namespace qwen35rt

@@ -1,0 +1,122 @@
+// The exports, the tables behind them and the probe.
+#include <string>
+#include <string_view>
+
+#include "kiv/vulkan/vulkan_context.h"
+#include "kiv/zem_loader.h"
+#include "qwen35_bench.h"
+#include "qwen35_boundary.h"
+#include "qwen35_chat.h"
+#include "qwen35_generate.h"
+#include "qwen35_session.h"
+#include "zem/plugin.h"
+
+namespace qwen35rt {
+namespace {
+
+constexpr char kRuntimeId[] = "qwen35-vulkan";
+constexpr char kRuntimeName[] = "Qwen3.5 hybrid runtime, GPU gemv+head on Vulkan (mixed-v1)";
+constexpr char kBackend[] = "vulkan";
+constexpr char kDense[] = "qwen35";
+constexpr char kMixtureOfExperts[] = "qwen35moe";
+constexpr char kExtension[] = ".zem";
+constexpr int kConfidence = 95;
+constexpr uint64_t kAnyDevice = ~uint64_t{0};
+
+// The architecture of the model in the file, or null for a file that is not ours.
+const char* architectureOf(const char* path) {
+  if (path == nullptr || !std::string_view(path).ends_with(kExtension)) return nullptr;
+  kiv::ZEMLoader loader;
+  std::string architecture;
+  if (!loader.open(path).ok()) return nullptr;
+  if (!loader.getMetaStr("general.architecture", architecture)) return nullptr;
+  if (architecture == kDense) return kDense;
+  return architecture == kMixtureOfExperts ? kMixtureOfExperts : nullptr;
+}
+
+bool deviceAvailable() {
+  kiv::vulkan::VulkanContext context;
+  return context.init(kAnyDevice).ok();
+}
+
+int qwen35Probe(const char* path, ZEMRuntimeProbe* out) noexcept {
+  if (out != nullptr) *out = {0, "", kBackend, ""};
+  guarded([&] {
+    const char* architecture = architectureOf(path);
+    if (architecture == nullptr || !deviceAvailable() || out == nullptr) return 0;
+    *out = {kConfidence, architecture, kBackend,
+            "qwen35 hybrid on Vulkan: GPU gemv + head, CPU decoder"};
+    return 0;
+  });
+  return 0;
+}
+
+constexpr ZEMPluginDescriptor kPlugin = {
+    .abi_version = 1,
+    .plugin_version = 1,
+    .name = "runtime-qwen35-vulkan",
+    .description = "Qwen3.5 hybrid (GDN+attn) runtime: GPU gemv+head via Vulkan",
+    .commands = nullptr,
+    .command_count = 0,
+};
+
+constexpr ZEMRuntimeDescriptor kRuntimes[] = {{
+    .abi_version = 1,
+    .id = kRuntimeId,
+    .name = kRuntimeName,
+    .capabilities = 0xC2,
+    .probe = qwen35Probe,
+    .create = qwen35Create,
+    .destroy = qwen35Destroy,
+    .generate = qwen35GenerateN,
+}};
+
+constexpr ZEMRuntimeDescriptorV2 kRuntimesV2[] = {{
+    .abi_version = 3,
+    .struct_size = sizeof(ZEMRuntimeDescriptorV2),
+    .id = kRuntimeId,
+    .name = kRuntimeName,
+    .caps_v2 = 0x0F,
+    .probe = qwen35Probe,
+    .create = qwen35Create,
+    .destroy = qwen35Destroy,
+    .generate = qwen35GenerateN,
+    .generate_ex = qwen35V2GenerateEx,
+    .bench = qwen35V2Bench,
+    .configure = qwen35V2Configure,
+    .chat_turn = qwen35V2ChatTurn,
+    .reset = qwen35V2Reset,
+    .stats = qwen35V2Stats,
+}};
+
+constexpr ZEMRuntimeDescriptorV2S kRuntimesV2S[] = {{
+    .abi_version = 1,
+    .struct_size = sizeof(ZEMRuntimeDescriptorV2S),
+    .id = kRuntimeId,
+    .chat_turn_stream = qwen35V2ChatTurnStream,
+}};
+
+template <typename Table, size_t N>
+const Table* tableWithCount(const Table (&table)[N], uint32_t* count) {
+  if (count != nullptr) *count = N;
+  return table;
+}
+
+}  // namespace
+}  // namespace qwen35rt
+
+const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* /*host*/) {
+  return &qwen35rt::kPlugin;
+}
+
+const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count) {
+  return qwen35rt::tableWithCount(qwen35rt::kRuntimes, count);
+}
+
+const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count) {
+  return qwen35rt::tableWithCount(qwen35rt::kRuntimesV2, count);
+}
+
+const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count) {
+  return qwen35rt::tableWithCount(qwen35rt::kRuntimesV2S, count);
+}
