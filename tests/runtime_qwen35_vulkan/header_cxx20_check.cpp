@@ -1,0 +1,8 @@
+// The plug-in header alone, as C++20: compiling is the test.
+#include "zem/plugin.h"
+
+#include <type_traits>
+
+static_assert(std::is_standard_layout_v<ZEMSessionOptions>);
+static_assert(std::is_trivially_copyable_v<ZEMRuntimeDescriptorV2>);
+static_assert(std::is_same_v<decltype(&zem_plugin_runtimes_v2), ZEMPluginRuntimesV2Fn>);
