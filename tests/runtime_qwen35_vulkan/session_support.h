@@ -2,17 +2,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "qwen35_session.h"
 #include "runtime_qwen35_vulkan/plugin_module.h"
+#include "support/temp_file.h"
 #include "support/tiny_model.h"
 #include "zem/plugin.h"
 
@@ -20,41 +18,15 @@ namespace zemtest {
 
 inline const char* const kGpuLine = "[qwen35-vulkan] GPU path unavailable - running CPU-only\n";
 
-// A directory that goes with everything in it.
-class TempDir {
- public:
-  TempDir() {
-    std::string name = std::filesystem::temp_directory_path() / "zem-test-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = name;
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  std::string file(const std::string& name) const { return path_ / name; }
-  std::string path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
-
-inline void writeFile(const std::string& path, const Bytes& bytes) {
-  std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-  if (!out.flush()) throw std::runtime_error("cannot write " + path);
-}
-
 // A model file for the length of a test.
 class ModelFile {
  public:
-  explicit ModelFile(const TinyModel& model) : ModelFile(model.build()) {}
-  explicit ModelFile(const Bytes& bytes) { writeFile(path(), bytes); }
-  std::string path() const { return directory_.file("model.zem"); }
+  explicit ModelFile(const TinyModel& model) : file_(model.build()) {}
+  explicit ModelFile(const Bytes& bytes) : file_(bytes) {}
+  const char* path() const { return file_.path(); }
 
  private:
-  TempDir directory_;
+  TempFile file_;
 };
 
 // Full attention in every layer: the cheapest model to run.
@@ -106,9 +78,8 @@ class Session {
                    Tables tables = builtModule())
       : tables_(tables) {
     char err[256] = "";
-    createOutput_ = stderrOf([&] {
-      EXPECT_EQ(api().create(model.path().c_str(), hint, &handle_, err, sizeof err), 0) << err;
-    });
+    createOutput_ = stderrOf(
+        [&] { EXPECT_EQ(api().create(model.path(), hint, &handle_, err, sizeof err), 0) << err; });
     if (handle_ == nullptr) throw std::runtime_error(err);
   }
   ~Session() { api().destroy(handle_); }

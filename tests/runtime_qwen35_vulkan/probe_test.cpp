@@ -1,0 +1,148 @@
+// Whether the runtime recognises its models.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "kiv/vulkan/vulkan_context.h"
+#include "runtime_qwen35_vulkan/session_support.h"
+
+namespace {
+
+using zemtest::cheapOptions;
+using zemtest::TinyModel;
+using zemtest::TinyModelOptions;
+
+// A directory that goes with everything in it: probe looks at file names.
+class ScratchDir {
+ public:
+  ScratchDir() {
+    std::string name = testing::TempDir() + "zem-probe-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = name;
+  }
+  ~ScratchDir() { std::filesystem::remove_all(path_); }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+
+  std::string file(const std::string& name) const { return path_ / name; }
+  std::string add(const std::string& name, const TinyModel& model) const {
+    return add(name, model.build());
+  }
+  std::string add(const std::string& name, const zemtest::Bytes& bytes) const {
+    const zemtest::TempFile whole(bytes);
+    std::filesystem::copy_file(whole.string(), file(name));
+    return file(name);
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+ZEMRuntimeProbe probe(const std::string& path) {
+  ZEMRuntimeProbe result = {-7, nullptr, nullptr, nullptr};
+  EXPECT_EQ(zemtest::builtModule().v2->probe(path.c_str(), &result), 0);
+  return result;
+}
+
+// What a model of ours earns on this machine.
+void expectRecognised(const ZEMRuntimeProbe& result, const std::string& architecture) {
+  kiv::vulkan::VulkanContext context;
+  const bool gpu = context.init(~uint64_t{0}).ok();
+  EXPECT_EQ(result.confidence, gpu ? 95 : 0);
+  EXPECT_STREQ(result.architecture, gpu ? architecture.c_str() : "");
+  EXPECT_STREQ(result.backend, "vulkan");
+  EXPECT_STREQ(result.reason, gpu ? "qwen35 hybrid on Vulkan: GPU gemv + head, CPU decoder" : "");
+}
+
+void expectUnknown(const ZEMRuntimeProbe& result) {
+  EXPECT_EQ(result.confidence, 0);
+  EXPECT_STREQ(result.architecture, "");
+  EXPECT_STREQ(result.backend, "vulkan");
+  EXPECT_STREQ(result.reason, "");
+}
+
+TEST(ProbeTest, AModelIsRecognisedWhereThereIsADevice) {
+  const ScratchDir dir;
+  expectRecognised(probe(dir.add("model.zem", TinyModel(cheapOptions()))), "qwen35");
+}
+
+TEST(ProbeTest, AMixtureOfExpertsIsRecognisedAlthoughCreateRefusesIt) {
+  TinyModelOptions options = cheapOptions();
+  options.architecture = "qwen35moe";
+  const ScratchDir dir;
+  expectRecognised(probe(dir.add("model.zem", TinyModel(options))), "qwen35moe");
+}
+
+TEST(ProbeTest, TheNameMayBeNothingButTheExtension) {
+  const ScratchDir dir;
+  dir.add(".zem", TinyModel(cheapOptions()));
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(dir.file(""));
+  const ZEMRuntimeProbe result = probe(".zem");
+  std::filesystem::current_path(before);
+  expectRecognised(result, "qwen35");
+}
+
+TEST(ProbeTest, OtherNamesAreNotOurs) {
+  const TinyModel model(cheapOptions());
+  const ScratchDir dir;
+  for (const char* name :
+       {"model.ZEM", "model.Zem", "model.zem.bak", "model.zem ", "zem", "modelzem"}) {
+    expectUnknown(probe(dir.add(name, model)));
+  }
+  for (const char* path : {"", "z", "zem", "em"}) expectUnknown(probe(path));
+}
+
+// Opening a pipe that nobody writes to would wait for ever.
+TEST(ProbeTest, AFileOfAnotherNameIsNotOpened) {
+  const ScratchDir dir;
+  for (const char* name : {"model.ZEM", "model.zem.old"}) {
+    ASSERT_EQ(mkfifo(dir.file(name).c_str(), 0600), 0);
+    expectUnknown(probe(dir.file(name)));
+  }
+}
+
+TEST(ProbeTest, OtherArchitecturesAreNotOurs) {
+  const ScratchDir dir;
+  TinyModelOptions options = cheapOptions();
+  for (const char* architecture : {"llama", "qwen35moe2", "QWEN35", ""}) {
+    options.architecture = architecture;
+    expectUnknown(probe(dir.add(std::string(architecture) + ".zem", TinyModel(options))));
+  }
+}
+
+TEST(ProbeTest, WhatCannotBeOpenedIsNotOurs) {
+  const ScratchDir dir;
+  expectUnknown(probe(dir.file("missing.zem")));
+  expectUnknown(probe(dir.add("empty.zem", zemtest::Bytes())));
+  expectUnknown(probe(dir.add("noise.zem", zemtest::Bytes(5000, 0x5A))));
+  std::filesystem::create_directory(dir.file("directory.zem"));
+  expectUnknown(probe(dir.file("directory.zem")));
+}
+
+TEST(ProbeTest, NullArgumentsAreFine) {
+  const auto* runtime = zemtest::builtModule().v2;
+  ZEMRuntimeProbe result = {-7, nullptr, nullptr, nullptr};
+  EXPECT_EQ(runtime->probe(nullptr, &result), 0);
+  expectUnknown(result);
+  EXPECT_EQ(runtime->probe(nullptr, nullptr), 0);
+  const ScratchDir dir;
+  const std::string path = dir.add("model.zem", TinyModel(cheapOptions()));
+  EXPECT_EQ(runtime->probe(path.c_str(), nullptr), 0);
+}
+
+TEST(ProbeTest, PrintsNothing) {
+  const ScratchDir dir;
+  const std::string path = dir.add("model.zem", TinyModel(cheapOptions()));
+  EXPECT_EQ(zemtest::stderrOf([&] {
+              probe(path);
+              probe(dir.file("missing.zem"));
+            }),
+            "");
+}
+
+}  // namespace
