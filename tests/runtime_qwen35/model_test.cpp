@@ -204,7 +204,7 @@ TEST_P(EveryType, UnalignedBytesGiveTheSameProduct) {
 INSTANTIATE_TEST_SUITE_P(Types, EveryType,
                          testing::Values(DType::F32, DType::BF16, DType::Q8_0, DType::Q4_K,
                                          DType::Q5_K, DType::Q6_K),
-                         [](const auto& info) { return kiv::dtypeName(info.param); });
+                         [](const auto& type) { return kiv::dtypeName(type.param); });
 
 TEST(RowToF32, TypesThatAreNotComputedLeaveTheOutputAlone) {
   OwnMatrix W(DType::F32, 32, 1, 4);

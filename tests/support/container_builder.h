@@ -37,7 +37,7 @@ inline void putU64(Bytes& out, uint64_t value) { putUint(out, value, 8); }
 inline void putF32(Bytes& out, float value) { putU32(out, std::bit_cast<uint32_t>(value)); }
 inline void putI32(Bytes& out, int32_t value) { putU32(out, static_cast<uint32_t>(value)); }
 inline void putText(Bytes& out, std::string_view text) {
-  out.insert(out.end(), text.begin(), text.end());
+  for (const char c : text) out.push_back(static_cast<uint8_t>(c));
 }
 inline void putString(Bytes& out, std::string_view text) {  // u32 length, bytes
   putU32(out, static_cast<uint32_t>(text.size()));
