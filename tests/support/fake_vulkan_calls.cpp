@@ -94,7 +94,10 @@ VKAPI_ATTR VkResult VKAPI_CALL enumeratePhysicalDevices(VkInstance instance, uin
                                                         VkPhysicalDevice* out) {
   const FakeCall call("vkEnumeratePhysicalDevices");
   call.find(instance, VK_OBJECT_TYPE_INSTANCE);
-  if (call.fails()) return call.result();
+  if (call.fails()) {
+    *count = 7;  // of no meaning after a failure
+    return call.result();
+  }
   return list(call.machine().devices.size(), count, out,
               [instance](size_t i) { return physicalHandle(instance, i); });
 }

@@ -186,6 +186,18 @@ TEST_P(InitFails, AndLeavesNothingBehind) {
   submitEmptyCommand(context);
 }
 
+TEST_P(InitFails, AfterAnEarlierUseAsWell) {
+  const auto& [failure, result] = GetParam();
+  FakeVulkan vulkan({FakeDevice{}, FakeDevice{}});
+  VulkanContext context;
+  expectOk(context.init(0));
+  context.destroy();
+  vulkan.fail(failure.function, result, failure.call);
+  expectStatus(context.init(0), StatusCode::IOError, failure.message);
+  expectEmpty(context);
+  EXPECT_EQ(vulkan.live(), 0U);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     EachCall, InitFails,
     ::testing::Combine(
