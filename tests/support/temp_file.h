@@ -34,9 +34,11 @@ class TempFile {
   const std::string& string() const { return path_; }
   bool exists() const { return std::filesystem::exists(path_); }
 
-  // Replaces the contents. A disk that fails ends the test with an exception.
+  // Puts a new file in the place of an old one (some file systems go to the disk
+  // when an old one is overwritten). A disk that fails throws.
   void write(const std::vector<uint8_t>& bytes) const {
-    std::ofstream file(path_, std::ios::binary | std::ios::trunc);
+    std::filesystem::remove(path_);
+    std::ofstream file(path_, std::ios::binary);
     file.write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));
     if (!file.flush()) throw std::runtime_error("cannot write " + path_);
