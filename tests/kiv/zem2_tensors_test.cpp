@@ -176,7 +176,7 @@ TEST(Zem2TensorsTest, QuantInfoIsCopiedInWholeEntries) {
 }
 
 TEST(Zem2TensorsTest, NoMoreThanFourExtentsAreCopied) {
-  for (uint64_t ndim : {5, 6, 255, 65535}) {
+  for (const uint64_t ndim : {5U, 6U, 255U, 65535U}) {
     Bytes file = ContainerBuilder().addTensor("a", DType::F32, {1, 2, 3, 4}, Bytes(96)).build();
     set(file, 0, zemtest::tensor::ndim, ndim);
     OpenedReader opened(file);

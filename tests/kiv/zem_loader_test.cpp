@@ -205,7 +205,7 @@ TEST(ZemLoaderTest, NameLengthIsClampedToTheField) {
   EXPECT_EQ(OpenedLoader(file).loader.tensorView(0).name, "ab");
   set(file, 0, zemtest::tensor::nameLen, 0);
   EXPECT_EQ(OpenedLoader(file).loader.tensorView(0).name, "");
-  for (uint64_t length : {64, 65, 65535}) {
+  for (const uint64_t length : {64U, 65U, 65535U}) {
     set(file, 0, zemtest::tensor::nameLen, length);
     EXPECT_EQ(OpenedLoader(file).loader.tensorView(0).name, "abc" + std::string(61, '\0'));
   }
@@ -217,7 +217,7 @@ TEST(ZemLoaderTest, HoldsBytesExactlyInsideTheWeights) {
   OpenedLoader opened(full().build());  // a: 0 to 12, b: 64 to 352
   const TensorView& a = *opened.loader.findTensor("a");
   const TensorView& b = *opened.loader.findTensor("b");
-  for (uint64_t bytes : {0, 1, 12, 13, 351, 352}) {
+  for (const uint64_t bytes : {0U, 1U, 12U, 13U, 351U, 352U}) {
     EXPECT_TRUE(opened.loader.holdsBytes(a, bytes)) << bytes;
   }
   EXPECT_FALSE(opened.loader.holdsBytes(a, 353));
