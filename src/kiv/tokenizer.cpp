@@ -121,7 +121,7 @@ Status Tokenizer::encode(const std::string& text, std::vector<int32_t>& ids, boo
   while (!rest.empty()) {
     // A line feed is a segment of its own.
     const size_t length = rest[0] == '\n' ? 1 : std::min(rest.find('\n'), rest.size());
-    const Status status = tokenizeSegment(rest.substr(0, length), scratch, ids);
+    Status status = tokenizeSegment(rest.substr(0, length), scratch, ids);
     if (!status.ok()) return status;
     rest.remove_prefix(length);
   }
@@ -140,7 +140,7 @@ Status Tokenizer::tokenizeSegment(std::string_view segment, Scratch& scratch,
   if (specials_.empty()) return tokenizePlain(segment, scratch, ids);
   for (size_t at = 0; at < segment.size();) {
     const SpecialTokens::Match special = specials_.find(data_.tokens, segment, at);
-    const Status status = tokenizePlain(segment.substr(at, special.position - at), scratch, ids);
+    Status status = tokenizePlain(segment.substr(at, special.position - at), scratch, ids);
     if (!status.ok()) return status;
     at = special.position;
     if (special.id < 0) break;
@@ -160,7 +160,7 @@ Status Tokenizer::tokenizePlain(std::string_view chunk, Scratch& scratch,
       escapeWhitespace(scratch.piece);
       piece = scratch.piece;
     }
-    const Status status = tokenizeBpe(piece, scratch, ids);
+    Status status = tokenizeBpe(piece, scratch, ids);
     if (!status.ok()) return status;
   }
   return {};

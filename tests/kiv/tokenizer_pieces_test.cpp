@@ -33,8 +33,8 @@ std::vector<std::string> pieces(const std::string& text) {
 TEST(Utf8LengthTest, TheLeadByteDecides) {
   EXPECT_EQ(utf8Length("a"), 1U);
   EXPECT_EQ(utf8Length("ab"), 1U);
-  EXPECT_EQ(utf8Length("\xC3\xA9x"), 2U);
-  EXPECT_EQ(utf8Length("\xE2\x82\xACx"), 3U);
+  EXPECT_EQ(utf8Length("éx"), 2U);
+  EXPECT_EQ(utf8Length("€x"), 3U);
   EXPECT_EQ(utf8Length("\xF0\x9F\x98\x80x"), 4U);
 }
 
@@ -64,18 +64,12 @@ TEST(NextPieceTest, LettersFormOneRun) {
 }
 
 TEST(NextPieceTest, EverythingBeyondAsciiIsALetter) {
-  EXPECT_THAT(pieces("caf\xC3\xA9s\xE2\x82\xAC\xF0\x9F\x98\x80!"),
-              ElementsAre("caf\xC3\xA9s\xE2\x82\xAC\xF0\x9F\x98\x80", "!"));
+  EXPECT_THAT(pieces("cafés€\xF0\x9F\x98\x80!"), ElementsAre("cafés€\xF0\x9F\x98\x80", "!"));
   EXPECT_THAT(pieces("a\x80\xFF"), ElementsAre("a\x80\xFF"));
 }
 
 TEST(NextPieceTest, MarkersJoinWordsIntoOnePiece) {
-  EXPECT_THAT(pieces("a\xE2\x96\x81"
-                     "b\xE2\x96\x81\xE2\x96\x81"
-                     "c"),
-              ElementsAre("a\xE2\x96\x81"
-                          "b\xE2\x96\x81\xE2\x96\x81"
-                          "c"));
+  EXPECT_THAT(pieces("a▁b▁▁c"), ElementsAre("a▁b▁▁c"));
 }
 
 TEST(NextPieceTest, ALeadByteTakesItsLengthWhateverFollows) {
@@ -168,7 +162,7 @@ TEST(NextPieceTest, OneByteBeforeAWordBelongsToIt) {
   EXPECT_THAT(pieces("\tword"), ElementsAre("\tword"));
   EXPECT_THAT(pieces("\vword"), ElementsAre("\vword"));
   EXPECT_THAT(pieces("\x01word"), ElementsAre("\x01word"));
-  EXPECT_THAT(pieces(" \xC3\xA9"), ElementsAre(" \xC3\xA9"));
+  EXPECT_THAT(pieces(" é"), ElementsAre(" é"));
   EXPECT_THAT(pieces("((word"), ElementsAre("((", "word"));
 }
 
