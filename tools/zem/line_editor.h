@@ -1,0 +1,34 @@
+// A prompt on the terminal: line editing with a history that outlives the program.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace zemtool {
+
+// $XDG_STATE_HOME/zem/history, else ~/.local/state/zem/history; empty when
+// neither folder is known.
+std::string defaultHistoryPath();
+
+// Edits on stdin and stderr, so that stdout is free for answers. One at a time,
+// and under an InterruptGuard: an interrupt ends the line being read.
+class LineEditor {
+ public:
+  enum class Event { Line, Interrupted, End };
+
+  // An empty path, or a file that cannot be read, starts an empty history.
+  explicit LineEditor(std::string historyPath);
+  ~LineEditor();  // saves the history
+  LineEditor(const LineEditor&) = delete;
+  LineEditor& operator=(const LineEditor&) = delete;
+
+  // Reads one line, without its line feed. After an event other than Line the
+  // terminal is as it was found and `line` is empty.
+  Event read(std::string& line);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace zemtool

@@ -1,0 +1,102 @@
+// zem: the command-line host. Each subcommand is a source file of its name.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <clocale>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "plugin_host.h"
+#include "terminal.h"
+
+namespace zemtool {
+namespace {
+
+constexpr const char* kFooter =
+    "Examples:\n"
+    "  zem make-demo demo.zem                 a small model to try things with\n"
+    "  zem chat -m demo.zem                   a conversation\n"
+    "  zem run -m demo.zem -p \"Once upon\"     one completion\n"
+    "`zem COMMAND --help` has the options of a command.\n"
+    "\n"
+    "Exit status: 0 success, 1 it failed and one line says why, 2 bad usage.";
+
+std::string versionText() {
+  std::string text = "zem " ZEM_VERSION "\n";
+  try {
+    const std::string path = findPlugin("");
+    const ZEMPluginDescriptor& plugin = PluginHost(path).plugin();
+    text += std::string(plugin.name) + " version " + std::to_string(plugin.plugin_version) + " (" +
+            path + ")\n";
+  } catch (const Failure&) {
+    text += "no runtime plug-in found\n";
+  }
+  return text;
+}
+
+// CLI11 takes "-sys" for the flags s, y and s.
+std::vector<std::string> readArguments(int argc, char** argv) {
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  for (std::string& argument : arguments) {
+    if (argument == "--") break;
+    if (argument == "-sys" || argument.starts_with("-sys=")) {
+      argument.replace(0, 4, "--system-prompt");
+    }
+  }
+  std::reverse(arguments.begin(), arguments.end());  // as CLI11 wants a vector
+  return arguments;
+}
+
+int complainOfUsage(const CLI::App& app, const std::string& message) {
+  std::string command = app.get_name();
+  for (const CLI::App* chosen : app.get_subcommands()) command += " " + chosen->get_name();
+  complain(message + " (see `" + command + " --help`)");
+  return 2;
+}
+
+void addCommands(CLI::App& app, int& status) {
+  addChat(app, status);
+  addRun(app, status);
+  addInfo(app, status);
+  addProbe(app, status);
+  addBench(app, status);
+  addTokenize(app, status);
+  addDevices(app, status);
+  addMakeDemo(app, status);
+}
+
+int runProgram(int argc, char** argv) {
+  CLI::App app{"Runs Qwen3.5 hybrid language models through a runtime plug-in.", "zem"};
+  app.footer(kFooter);
+  app.require_subcommand(0, 1);
+  bool version = false;
+  app.add_flag("--version", version, "Print the versions of this program and of the plug-in");
+  int status = 0;
+  addCommands(app, status);
+  try {
+    app.parse(readArguments(argc, argv));
+  } catch (const CLI::CallForHelp&) {
+    return guarded([&] { writeOut(app.help()); });
+  } catch (const CLI::ParseError& error) {
+    return complainOfUsage(app, error.what());
+  } catch (const UsageError& error) {
+    return complainOfUsage(app, error.what());
+  }
+  if (version) return guarded([] { writeOut(versionText()); });
+  if (app.get_subcommands().empty()) return guarded([&] { writeOut(app.help()); });
+  return status;
+}
+
+}  // namespace
+}  // namespace zemtool
+
+int main(int argc, char** argv) {
+  std::setlocale(LC_CTYPE, "");
+  try {
+    return zemtool::runProgram(argc, argv);
+  } catch (const std::exception& error) {
+    zemtool::complain(error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,46 @@
+// A model file looked at without a runtime.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kiv/zem2_reader.h"
+
+namespace zemtool {
+
+// Opens the container; throws Failure with the file's name and the reason.
+void openContainer(kiv::ZEM2Reader& reader, const std::string& path);
+
+// Throws Failure unless `path` is a file that can be read.
+void requireReadable(const std::string& path);
+
+// Why no runtime would open the file, in words; empty when nothing is wrong with it.
+std::string modelProblem(const std::string& path);
+
+// The metadata's "general.name", else the name of the file.
+std::string modelName(const kiv::ZEM2Reader& reader, const std::string& path);
+
+// One entry of the tensor index as the file states it.
+struct TensorFacts {
+  std::string name;             // raw bytes
+  std::string type;             // "Q4_K", or "type 40" for a code without a name
+  std::vector<uint64_t> shape;  // innermost extent first
+  uint64_t elements = 0;        // saturates
+  uint64_t offset = 0;
+  uint64_t bytes = 0;
+  bool outside = false;  // not wholly inside WeightData
+};
+TensorFacts tensorFacts(const kiv::ZEM2Reader& reader, size_t index);
+
+// Sums over the tensors; names that share their bytes count once.
+struct WeightTotals {
+  uint64_t elements = 0;
+  uint64_t bytes = 0;
+  // Read for every token: all of them, but for an embedding table that is not
+  // the output head as well (of which one row is read).
+  uint64_t bytesPerToken = 0;
+};
+WeightTotals weightTotals(const kiv::ZEM2Reader& reader);
+
+}  // namespace zemtool
