@@ -1,0 +1,99 @@
+// What the tests of the command line share: running `zem` against a plug-in,
+// and folders for files of a given name.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "support/container_builder.h"
+#include "support/subprocess.h"
+
+namespace zemtest {
+
+inline const std::string kZem = ZEM_TEST_BIN "/zem";
+inline const std::string kFakePlugin = ZEM_TEST_PLUGINS "/fake_plugin.so";
+
+using Arguments = std::vector<std::string>;
+
+// The surroundings of a test do not reach the program.
+inline Environment cliEnvironment(const Environment& extra = {}) {
+  Environment all = {{"ZEM_PLUGIN", kFakePlugin}, {"OMP_NUM_THREADS", ""},  {"NO_COLOR", ""},
+                     {"XDG_STATE_HOME", ""},      {"HOME", "/nonexistent"}, {"TERM", "xterm"},
+                     {"LC_ALL", "C.UTF-8"}};
+  for (const auto& [name, value] : extra) all[name] = value;
+  return all;
+}
+
+inline Arguments command(Arguments arguments) {
+  arguments.insert(arguments.begin(), kZem);
+  return arguments;
+}
+
+// `zem ARGUMENTS` with the fake plug-in.
+inline ProcessResult zem(const Arguments& arguments, const std::string& input = {},
+                         const Environment& extra = {}) {
+  return runProcess(command(arguments), input, cliEnvironment(extra));
+}
+
+// A folder that goes with everything in it.
+class TempFolder {
+ public:
+  TempFolder() {
+    std::string pattern = ::testing::TempDir() + "zem-cli-XXXXXX";
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+
+  std::string path(const std::string& name) const { return (path_ / name).string(); }
+
+  // Writes a file and returns its path.
+  std::string write(const std::string& name, std::string_view bytes) const {
+    std::ofstream(path(name), std::ios::binary) << bytes;
+    return path(name);
+  }
+  std::string write(const std::string& name, const Bytes& bytes) const {
+    return write(name, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+  }
+
+  std::string read(const std::string& name) const {
+    std::ifstream file(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A container with metadata, a vocabulary and three tensors, one of them a
+// second name for another's bytes.
+inline ContainerBuilder smallContainer() {
+  kiv::TokenizerData vocabulary;
+  vocabulary.tokens = {"<s>", "a", "b", "ab", "\xE2\x96\x81", "\n", "\x1b[2J"};
+  vocabulary.tokenTypes = {3, 1, 1, 1, 1, 1, 1};
+  vocabulary.merges = {"a b"};
+  vocabulary.bosId = 0;
+  vocabulary.eosId = 2;
+  vocabulary.chatTemplate = "template";
+  ContainerBuilder builder;
+  builder.modelType(9).hiddenSize(4).layerCount(3).vocabSize(7).tokenizer(vocabulary);
+  builder.addMetaStr("general.architecture", "qwen35").addMetaStr("general.name", "small");
+  builder.addMetaU32("a.u32", 7).addMetaI32("a.i32", -7).addMetaF32("a.f32", 0.5F);
+  builder.addMetaU64("a.u64", uint64_t{1} << 40).addMetaU32Array("an.array", {1, 2, 3});
+  builder.addTensor("token_embd.weight", kiv::DType::F32, {4, 7}, Bytes(112, 1));
+  builder.addTensorAlias("output.weight", kiv::DType::F32, {4, 7}, "token_embd.weight");
+  builder.addTensor("blk.0.w", kiv::DType::F16, {4, 2, 2}, Bytes(32, 2));
+  return builder;
+}
+
+}  // namespace zemtest

@@ -1,0 +1,48 @@
+#include <gmock/gmock.h>
+
+#include "cli_support.h"
+
+namespace zemtest {
+namespace {
+
+using ::testing::AnyOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// No driver is found: the Vulkan loader takes its list from these alone.
+const Environment kNoDrivers = {{"VK_DRIVER_FILES", "/nonexistent.json"},
+                                {"VK_ICD_FILENAMES", "/nonexistent.json"}};
+
+TEST(Devices, NoneIsAnAnswer) {
+  const ProcessResult result = zem({"devices"}, "", kNoDrivers);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.out, StartsWith("no usable Vulkan device: "));
+  EXPECT_THAT(result.out, HasSubstr("models run on the CPU"));
+  EXPECT_EQ(result.err, "");
+}
+
+TEST(Devices, NoneInJsonHasAReason) {
+  const auto json = nlohmann::json::parse(zem({"devices", "--json"}, "", kNoDrivers).out);
+  EXPECT_TRUE(json["devices"].empty());
+  EXPECT_NE(json["reason"], "");
+}
+
+TEST(Devices, ThoseOfThisMachineAreNumberedAndOneIsAutomatic) {
+  const ProcessResult result = zem({"devices", "--json"});
+  EXPECT_EQ(result.status, 0);
+  const auto devices = nlohmann::json::parse(result.out)["devices"];
+  if (devices.empty()) GTEST_SKIP() << "no Vulkan device here: " << result.out;
+  int automatic = 0;
+  for (size_t i = 0; i < devices.size(); ++i) {
+    EXPECT_EQ(devices[i]["index"], i);
+    EXPECT_THAT(devices[i]["type"], AnyOf("discrete", "integrated", "software"));
+    EXPECT_GT(devices[i]["memory_bytes"], 0);
+    EXPECT_NE(devices[i]["name"], "");
+    automatic += devices[i]["automatic"] ? 1 : 0;
+  }
+  EXPECT_EQ(automatic, 1);
+  EXPECT_THAT(zem({"devices"}).out, HasSubstr("chosen automatically"));
+}
+
+}  // namespace
+}  // namespace zemtest

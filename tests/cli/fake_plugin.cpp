@@ -1,0 +1,211 @@
+// A plug-in with scripted answers, so that the host's own logic can be tested
+// to the byte. What it does follows from the name of the model file (which need
+// not exist) and from the text of a prompt or turn.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "zem/plugin.h"
+
+#ifndef FAKE_ABI_VERSION
+#define FAKE_ABI_VERSION 3
+#endif
+
+struct ZEMRuntimeHandle {
+  std::string model;
+  std::string hint;
+  std::string settings;      // as last configured
+  std::string systemPrompt;  // taken only between conversations
+  uint64_t contextEnd = 8192;
+  int turns = 0;
+  ZEMRuntimeStats stats{sizeof(ZEMRuntimeStats), 0, 0, 0};
+};
+
+namespace {
+
+constexpr double kStepMs = 2;
+constexpr uint64_t kBudget = 96;
+
+bool contains(const std::string& text, const char* part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::string describe(const ZEMSessionOptions& o) {
+  return "size=" + std::to_string(o.struct_size) + " temp=" + std::to_string(o.temperature) +
+         " top_k=" + std::to_string(o.top_k) + " top_p=" + std::to_string(o.top_p) +
+         " seed=" + std::to_string(o.seed) + " ctx=" + std::to_string(o.ctx_len);
+}
+
+void count(ZEMRuntimeHandle& session, uint64_t tokens) {
+  session.stats.tokens += tokens;
+  session.stats.generation_ms += kStepMs * static_cast<double>(tokens);
+  session.stats.last_step_ms = kStepMs;
+}
+
+int probe(const char* path, ZEMRuntimeProbe* out) {
+  const bool suits = contains(path, "good");
+  *out = {suits ? 77 : 0, suits ? "fake-arch" : "", "vulkan", suits ? "it suits" : ""};
+  return 0;
+}
+
+int create(const char* path, const char* hint, ZEMRuntimeHandle** out, char* err, size_t errSize) {
+  *out = nullptr;
+  if (contains(path, "refuse")) {
+    std::strncpy(err, "scripted refusal", errSize - 1);
+    return 1;
+  }
+  *out = new ZEMRuntimeHandle;
+  (*out)->model = path;
+  (*out)->hint = hint;
+  return 0;
+}
+
+void destroy(ZEMRuntimeHandle* handle) { delete handle; }
+
+// The model "ends" stops the text after 12 tokens, "mute" at once.
+uint64_t sampledTokens(const ZEMRuntimeHandle& session) {
+  constexpr uint64_t kPromptTokens = 2;
+  if (contains(session.model, "ends")) return 13;
+  if (contains(session.model, "mute")) return 1;
+  return std::min(kBudget, session.contextEnd - kPromptTokens + 1);
+}
+
+std::string completion(const ZEMRuntimeHandle& session, const std::string& prompt,
+                       const ZEMSessionOptions& options) {
+  if (prompt == "hint") return session.hint;
+  if (prompt == "options") return describe(options);
+  if (prompt == "threads") {
+    const char* threads = std::getenv("OMP_NUM_THREADS");
+    return threads == nullptr ? "unset" : threads;
+  }
+  if (prompt == "bytes") return "a\x1b[31m\xC3\x28\xE2\x82";
+  if (prompt == "huge") return std::string(size_t{4} << 20, 'x');
+  if (prompt == "lines") return "one\ntwo\n";
+  if (prompt == "nothing") return {};
+  return "<" + prompt + ">";
+}
+
+int generateEx(ZEMRuntimeHandle* session, const char* prompt, const ZEMSessionOptions* options,
+               char* out, size_t size) {
+  if (std::string_view(prompt) == "fail") return 1;
+  const std::string text = completion(*session, prompt, *options);
+  const size_t length = std::min(text.size(), size - 1);
+  std::memcpy(out, text.data(), length);
+  out[length] = '\0';
+  session->stats = {sizeof(ZEMRuntimeStats), 0, 0, 0};
+  count(*session, sampledTokens(*session));
+  return 0;
+}
+
+int generate(ZEMRuntimeHandle* session, const char* prompt, char* out, size_t size) {
+  const ZEMSessionOptions options{};
+  return generateEx(session, prompt, &options, out, size);
+}
+
+// "short" claims to have decoded all tokens in a quarter of their time.
+int bench(ZEMRuntimeHandle* session, const ZEMBenchParams* params, ZEMBenchResult* result) {
+  if (params->warmup != 1) return 1;
+  double ms = kStepMs;
+  if (contains(session->model, "short")) ms = kStepMs / 4;
+  if (contains(session->model, "instant")) ms = 0;
+  *result = {sizeof *result, ms, 1000 / ms, static_cast<uint64_t>(params->tokens)};
+  session->stats = {sizeof(ZEMRuntimeStats), 0, 0, kStepMs};
+  return 0;
+}
+
+int configure(ZEMRuntimeHandle* session, const ZEMSessionOptions* options) {
+  session->settings = describe(*options);
+  if (options->ctx_len != 0) session->contextEnd = options->ctx_len;
+  if (options->system_prompt != nullptr && session->turns == 0) {
+    session->systemPrompt = options->system_prompt;
+  }
+  return 0;
+}
+
+int reset(ZEMRuntimeHandle* session) {
+  session->turns = 0;
+  session->stats = {sizeof(ZEMRuntimeStats), 0, 0, 0};
+  return 0;
+}
+
+int stats(ZEMRuntimeHandle* session, ZEMRuntimeStats* out) {
+  *out = session->stats;
+  return 0;
+}
+
+std::vector<std::string> reply(const ZEMRuntimeHandle& session, const std::string& text) {
+  if (text == "split") return {"\xE2", "\x82", "\xAC", "5 \xF0\x9F", "\x99\x82"};
+  if (text == "torn") return {"ok \xE2\x82"};
+  if (text == "control") return {"\x1b[31m", "red\a\r\tend\n"};
+  if (text == "budget") return std::vector<std::string>(kBudget, "x");
+  if (text == "almost") return std::vector<std::string>(kBudget - 1, "x");
+  if (text == "slow") return std::vector<std::string>(kBudget, "tick ");
+  if (text == "fail") return {"part"};
+  if (text == "silence") return {};
+  if (text == "system") return {"[" + session.systemPrompt + "]"};
+  if (text == "turn") return {"turn ", std::to_string(session.turns)};
+  if (text == "settings") return {session.settings};
+  return {"you said: ", text};
+}
+
+int chatTurnStream(ZEMRuntimeHandle* session, const char* text, ZEMChatTokenFn piece, void* user,
+                   volatile int* cancel) {
+  ++session->turns;
+  if (std::string_view(text) == "refuse") return 1;
+  for (const std::string& part : reply(*session, text)) {
+    count(*session, 1);
+    piece(part.c_str(), static_cast<uint32_t>(part.size()), user);
+    if (std::string_view(text) == "slow")
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    if (cancel != nullptr && *cancel != 0) return 0;
+  }
+  return std::string_view(text) == "fail" ? 1 : 0;
+}
+
+int chatTurn(ZEMRuntimeHandle* /*session*/, const char* /*text*/, char* /*out*/, size_t /*size*/) {
+  return 1;
+}
+
+const ZEMPluginDescriptor kPlugin = {1, 7, "fake", "scripted answers", nullptr, 0};
+const ZEMRuntimeDescriptor kRuntime = {1, "fake-id", "fake", 0, probe, create, destroy, generate};
+const ZEMRuntimeDescriptorV2 kRuntimeV2 = {FAKE_ABI_VERSION,
+                                           sizeof(ZEMRuntimeDescriptorV2),
+                                           "fake-id",
+                                           "fake",
+                                           0,
+                                           probe,
+                                           create,
+                                           destroy,
+                                           generate,
+                                           generateEx,
+                                           bench,
+                                           configure,
+                                           chatTurn,
+                                           reset,
+                                           stats};
+const ZEMRuntimeDescriptorV2S kRuntimeV2S = {1, sizeof(ZEMRuntimeDescriptorV2S), "fake-id",
+                                             chatTurnStream};
+
+template <typename Table>
+const Table* one(const Table& table, uint32_t* count) {
+  if (count != nullptr) *count = 1;
+  return &table;
+}
+
+}  // namespace
+
+const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* /*host*/) { return &kPlugin; }
+const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count) { return one(kRuntime, count); }
+const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count) {
+  return one(kRuntimeV2, count);
+}
+const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count) {
+  return one(kRuntimeV2S, count);
+}

@@ -1,0 +1,3 @@
+// A library that is no plug-in.
+__attribute__((visibility("default"))) int nothingOfUse();
+int nothingOfUse() { return 0; }

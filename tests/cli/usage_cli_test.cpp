@@ -1,0 +1,144 @@
+#include <gmock/gmock.h>
+
+#include "cli_support.h"
+
+namespace zemtest {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+const Arguments kCommands = {"chat", "run", "info", "probe", "bench", "tokenize", "devices"};
+
+TEST(Usage, BareZemPrintsHelp) {
+  const ProcessResult result = zem({});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  for (const std::string& name : kCommands) EXPECT_THAT(result.out, HasSubstr("\n  " + name));
+  EXPECT_EQ(zem({"--help"}).out, result.out);
+}
+
+TEST(Usage, EveryCommandHasHelpWithAnExample) {
+  for (const std::string& name : kCommands) {
+    const ProcessResult result = zem({name, "--help"});
+    EXPECT_EQ(result.status, 0) << name;
+    EXPECT_EQ(result.err, "") << name;
+    EXPECT_THAT(result.out, AllOf(HasSubstr("Example"), HasSubstr("zem " + name))) << name;
+  }
+}
+
+TEST(Usage, VersionNamesThePlugin) {
+  const ProcessResult result = zem({"--version"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "zem 0.1.0\nfake version 7 (" + kFakePlugin + ")\n");
+}
+
+TEST(Usage, VersionNeedsNoPlugin) {
+  const ProcessResult result = zem({"--version"}, "", {{"ZEM_PLUGIN", "/nonexistent.so"}});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.out, StartsWith("zem 0.1.0\n"));
+  EXPECT_EQ(result.err, "");
+}
+
+struct BadUsage {
+  const char* name;
+  Arguments arguments;
+  const char* says;
+};
+
+class BadUsageTest : public ::testing::TestWithParam<BadUsage> {};
+
+TEST_P(BadUsageTest, IsOneLineAndStatus2) {
+  const ProcessResult result = zem(GetParam().arguments);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, AllOf(StartsWith("zem: "), HasSubstr(GetParam().says)));
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BadUsageTest,
+    ::testing::Values(
+        BadUsage{"UnknownCommand", {"frobnicate"}, "frobnicate"},
+        BadUsage{"UnknownOption", {"run", "-m", "m.zem", "-p", "x", "--frob"}, "--frob"},
+        BadUsage{"NoModel", {"run", "-p", "x"}, "--model"}, BadUsage{"NoFile", {"info"}, "file"},
+        BadUsage{"NegativeTemperature", {"run", "-m", "m", "-p", "x", "--temp", "-1"}, "--temp"},
+        BadUsage{"NanTemperature", {"run", "-m", "m", "-p", "x", "--temp", "nan"}, "--temp"},
+        BadUsage{"InfiniteTemperature", {"run", "-m", "m", "-p", "x", "--temp", "inf"}, "--temp"},
+        BadUsage{"TopPAboveOne", {"run", "-m", "m", "-p", "x", "--top-p", "1.5"}, "--top-p"},
+        BadUsage{"TopPBelowZero", {"run", "-m", "m", "-p", "x", "--top-p", "-0.5"}, "--top-p"},
+        BadUsage{"TopKBelowZero", {"run", "-m", "m", "-p", "x", "--top-k", "-1"}, "--top-k"},
+        BadUsage{"ContextZero", {"run", "-m", "m", "-p", "x", "-c", "0"}, "--ctx-size"},
+        BadUsage{"ContextTooLarge", {"run", "-m", "m", "-p", "x", "-c", "8193"}, "--ctx-size"},
+        BadUsage{"ThreadsZero", {"run", "-m", "m", "-p", "x", "-t", "0"}, "--threads"},
+        BadUsage{"SeedNegative", {"run", "-m", "m", "-p", "x", "-s", "-4"}, "--seed"},
+        BadUsage{"PlanWithSemicolon", {"run", "-m", "m", "-p", "x", "--plan", "a;kv=q8_0"}, "';'"},
+        BadUsage{"PromptTwice", {"run", "-m", "m", "-p", "x", "-f", "y"}, "--prompt"},
+        BadUsage{"BenchOfNothing", {"bench", "-m", "m", "-n", "0"}, "--tokens"},
+        BadUsage{"BenchTooLong", {"bench", "-m", "m", "-n", "4096"}, "--tokens"},
+        BadUsage{"BenchInNoFormat", {"bench", "-m", "m", "-o", "xml"}, "--output"},
+        BadUsage{"IdsAndJson", {"tokenize", "-m", "m", "-p", "x", "--ids", "--json"}, "--json"}),
+    [](const auto& test) { return test.param.name; });
+
+struct BadPlugin {
+  const char* name;
+  const char* path;
+  const char* says;
+};
+
+class BadPluginTest : public ::testing::TestWithParam<BadPlugin> {};
+
+TEST_P(BadPluginTest, IsOneLineAndStatus1) {
+  const ProcessResult result = zem({"run", "-m", "m.zem", "-p", "x", "--plugin", GetParam().path});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, AllOf(StartsWith("zem: "), HasSubstr(GetParam().says)));
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BadPluginTest,
+    ::testing::Values(BadPlugin{"Missing", "/nonexistent/plugin.so", "cannot load the plug-in"},
+                      BadPlugin{"NoLibrary", __FILE__, "cannot load the plug-in"},
+                      BadPlugin{"WithoutExports", ZEM_TEST_PLUGINS "/plugin_without_exports.so",
+                                "does not export zem_plugin_init"},
+                      BadPlugin{"OfAnotherVersion",
+                                ZEM_TEST_PLUGINS "/fake_plugin_of_old_version.so",
+                                "version 2, this host needs 3"}),
+    [](const auto& test) { return test.param.name; });
+
+TEST(Plugin, AnOptionBeatsTheEnvironment) {
+  const ProcessResult result = zem({"run", "-m", "m.zem", "-p", "x", "--plugin", kFakePlugin}, "",
+                                   {{"ZEM_PLUGIN", "/nonexistent.so"}});
+  EXPECT_EQ(result.out, "<x>\n");
+}
+
+TEST(Plugin, ABareNameIsAFileOfThisFolder) {
+  const ProcessResult result = runProcess(
+      {"/bin/sh", "-c",
+       "cd '" ZEM_TEST_PLUGINS "' && exec '" + kZem + "' run -m m -p x --plugin fake_plugin.so"},
+      "", cliEnvironment());
+  EXPECT_EQ(result.out, "<x>\n") << result.err;
+}
+
+TEST(Output, AFullDiskIsAFailure) {
+  const ProcessResult result = runProcess(
+      {"/bin/sh", "-c", "exec '" + kZem + "' run -m m -p x > /dev/full"}, "", cliEnvironment());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("zem: cannot write to standard output: No space left"));
+}
+
+// Whether a closed pipe kills or is an error is inherited: both must be quiet.
+TEST(Output, AClosedPipeIsQuiet) {
+  for (const std::string trap : {"", "trap '' PIPE; "}) {
+    const ProcessResult result =
+        runProcess({"/bin/sh", "-c", trap + "(sleep 0.3; exec '" + kZem + "' --help) | true"}, "",
+                   cliEnvironment());
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.out, "");
+  }
+}
+
+}  // namespace
+}  // namespace zemtest
