@@ -24,8 +24,8 @@ TEST(Info, ShowsEveryPartOfAContainer) {
        {"  hidden size  4\n", "  layers       3\n", "  vocabulary   7\n", "  tensors      3\n",
         "  general.architecture  str    \"qwen35\"\n", "  a.i32                 i32    -7\n",
         "  a.f32                 f32    0.5\n", "  an.array              u32[]  [1, 2, 3]\n",
-        "  tokens         7\n", "  bos, eos       0, 2\n", "  F16         1        16      32 B\n",
-        "  F32         2        56     224 B\n"}) {
+        "  tokens         7\n", "  bos, eos       0, 2\n", "  F16         1        16   32 B\n",
+        "  F32         2        56  224 B\n"}) {
     EXPECT_THAT(result.out, HasSubstr(line));
   }
   EXPECT_THAT(result.out, Not(HasSubstr("blk.0.w")));

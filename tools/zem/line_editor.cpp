@@ -1,9 +1,14 @@
 #include "line_editor.h"
 
 #include <histedit.h>
+#include <poll.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cwchar>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
@@ -15,6 +20,56 @@ namespace zemtool {
 namespace {
 
 constexpr int kHistoryLines = 1000;
+
+// Keeps the signals that end a line or the program waiting, so that none falls
+// between setting the terminal up and waiting for a key.
+class SignalsHeld {
+ public:
+  SignalsHeld() {
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) sigaddset(&held, number);
+    pthread_sigmask(SIG_BLOCK, &held, &before);
+  }
+  ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+  static sigset_t before;
+};
+sigset_t SignalsHeld::before;
+
+// One byte from the terminal, as read() returns it; -1 after an interrupt.
+// Signals arrive here and nowhere else.
+ssize_t readByte(char& byte) {
+  for (;;) {
+    if (interruptFlag != 0) return -1;
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    if (ppoll(&input, 1, nullptr, &SignalsHeld::before) > 0) {
+      return ::read(STDIN_FILENO, &byte, 1);
+    }
+    if (errno != EINTR) return -1;
+  }
+}
+
+int readCharacter(EditLine* /*editor*/, wchar_t* character) {
+  std::mbstate_t state{};
+  for (;;) {
+    char byte = 0;
+    const ssize_t got = readByte(byte);
+    if (got <= 0) return static_cast<int>(got);
+    const size_t length = std::mbrtowc(character, &byte, 1, &state);
+    if (length == static_cast<size_t>(-2)) continue;  // more bytes belong to it
+    if (length == static_cast<size_t>(-1)) *character = L'?';
+    return 1;
+  }
+}
+
+bool isEditing(EditLine* editor) {
+  int editing = 0;
+  el_get(editor, EL_EDITMODE, &editing);
+  return editing != 0;
+}
 
 char* promptText(EditLine* /*editor*/) {
   static char text[] = "> ";
@@ -55,6 +110,7 @@ LineEditor::LineEditor(std::string historyPath) : impl_(std::make_unique<Impl>()
   el_set(impl_->editor, EL_HIST, history, impl_->history);
   // Its handlers give the terminal back before any signal stops or ends us.
   el_set(impl_->editor, EL_SIGNAL, 1);
+  el_set(impl_->editor, EL_GETCFN, &readCharacter);
   el_source(impl_->editor, nullptr);  // the user's own key bindings, ~/.editrc
 }
 
@@ -74,8 +130,11 @@ LineEditor::~LineEditor() {
 
 LineEditor::Event LineEditor::read(std::string& line) {
   line.clear();
+  flushOut();
+  const SignalsHeld held;
   interruptFlag = 0;
-  std::fflush(stdout);
+  // Before the prompt shows, for it invites to type.
+  if (isEditing(impl_->editor)) el_set(impl_->editor, EL_PREP_TERM, 1);
   int length = 0;
   const char* text = el_gets(impl_->editor, &length);
   if (interruptFlag != 0) return Event::Interrupted;

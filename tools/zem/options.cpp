@@ -28,6 +28,15 @@ CLI::Validator inRange(float low, float high, const std::string& description) {
           ""};
 }
 
+// CLI11 wraps a negative number around.
+CLI::Validator withoutSign() {
+  return {[](std::string& text) -> std::string {
+            if (!text.starts_with('-')) return {};
+            return "\"" + text + "\" is not a seed: a whole number from 0";
+          },
+          ""};
+}
+
 CLI::Validator withoutSemicolon() {
   return {[](std::string& text) -> std::string {
             if (text.find(';') == std::string::npos) return {};
@@ -112,6 +121,7 @@ void addSamplingOptions(CLI::App& command, SamplingOptions& options) {
       .add_option(
           "-s,--seed", options.seed,
           "Seed of the random numbers, its low 32 bits; 0 keeps the runtime's own (default)")
+      ->check(withoutSign())
       ->type_name("N");
 }
 

@@ -21,7 +21,8 @@ struct RunOptions {
 
 void printText(const std::string& text) {
   Utf8Joiner joiner;
-  std::string shown = joiner.push(text) + joiner.finish();
+  std::string shown = joiner.push(text);
+  shown += joiner.finish();
   if (stdoutIsTerminal()) shown = escapeControls(shown, "\n\t");
   if (shown.empty() || shown.back() != '\n') shown += '\n';
   writeOut(shown);

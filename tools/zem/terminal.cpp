@@ -16,9 +16,18 @@ namespace {
 
 struct sigaction previousAction;
 
-[[noreturn]] void failToWrite() {
-  if (errno == EPIPE) throw ClosedPipe();
-  throw Failure(std::string("cannot write to standard output: ") + std::strerror(errno));
+int outputError = 0;  // errno of the first write to stdout that failed
+
+void checkOutput(bool written) {
+  if (!written && outputError == 0) outputError = errno;
+  if (outputError == EPIPE) throw ClosedPipe();
+  if (outputError != 0) {
+    throw Failure(std::string("cannot write to standard output: ") + std::strerror(outputError));
+  }
+}
+
+void flushQuietly() {
+  if (std::fflush(stdout) != 0 && outputError == 0) outputError = errno;
 }
 
 bool stderrIsStyled() {
@@ -52,12 +61,10 @@ bool stdoutIsTerminal() { return isatty(STDOUT_FILENO) == 1; }
 bool stderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
 
 void writeOut(std::string_view text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) failToWrite();
+  checkOutput(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
 }
 
-void flushOut() {
-  if (std::fflush(stdout) != 0) failToWrite();
-}
+void flushOut() { checkOutput(std::fflush(stdout) == 0); }
 
 void writeJson(const nlohmann::ordered_json& value) {
   // A terminal would obey some of the characters beyond ASCII.
@@ -67,12 +74,12 @@ void writeJson(const nlohmann::ordered_json& value) {
 }
 
 void complain(std::string_view message) {
-  std::fflush(stdout);
+  flushQuietly();
   std::fprintf(stderr, "zem: %s\n", escapeControls(message).c_str());
 }
 
 void remark(std::string_view text) {
-  std::fflush(stdout);
+  flushOut();
   const bool styled = stderrIsStyled();
   std::fprintf(stderr, "%s%s%s\n", styled ? "\033[2m" : "", escapeControls(text, "\n").c_str(),
                styled ? "\033[0m" : "");
