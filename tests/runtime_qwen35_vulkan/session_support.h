@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <cstdint>
 #include <stdexcept>
@@ -28,6 +29,10 @@ class ModelFile {
  private:
   TempFile file_;
 };
+
+// These models are too small to share out: waiting for each other at the end of
+// every product would cost the threads more than the products.
+inline const bool kOneThread = (omp_set_num_threads(1), true);
 
 // Full attention in every layer: the cheapest model to run.
 inline TinyModelOptions cheapOptions() {
@@ -118,6 +123,14 @@ class Session {
   }
   int configure(const ZEMSessionOptions& options) const {
     return api().configure(handle_, &options);
+  }
+  // The position at which replies end, to keep them short.
+  void setContext(size_t positions) const {
+    ZEMSessionOptions options = {};
+    options.struct_size = sizeof options;
+    options.temperature = -1.0F;
+    options.ctx_len = static_cast<uint32_t>(positions);
+    EXPECT_EQ(configure(options), 0);
   }
   int reset() const { return api().reset(handle_); }
   ZEMRuntimeStats stats() const {

@@ -196,7 +196,7 @@ TEST_F(CreateTest, TheErrorTextIsCutToItsBuffer) {
 
 TEST_F(CreateTest, WithoutAGpuTheOnlySignIsOneLine) {
   const ModelFile model(TinyModel{cheapOptions()});
-  const Session session(model);
+  const Session session(model, "host;ctx=8");
   EXPECT_EQ(session.createOutput(), kGpuLine);
   EXPECT_EQ(session.generate("the").rc, 0);
 }
@@ -269,9 +269,9 @@ TEST_F(CreateTest, AKvHintOfF16PrintsNothing) {
 
 TEST_F(CreateTest, SessionsAreIndependent) {
   const ModelFile model(TinyModel{cheapOptions()});
-  const std::string alone = Session(model).chat("the cat").text;
-  const Session a(model);
-  const Session b(model);
+  const std::string alone = Session(model, "host;ctx=32").chat("the cat").text;
+  const Session a(model, "host;ctx=32");
+  const Session b(model, "host;ctx=32");
   EXPECT_EQ(b.chat("another").rc, 0);
   EXPECT_EQ(a.chat("the cat").text, alone);
   EXPECT_EQ(b.reset(), 0);
@@ -470,12 +470,11 @@ TEST_F(ConfigureTest, ContextLengthIsCappedByTheCaches) {
 }
 
 TEST_F(ConfigureTest, AContextBelowThePositionStopsGeneration) {
+  session_.setContext(32);
   EXPECT_EQ(session_.chat("the cat sat").rc, 0);
   const size_t pos = s_.pos;
   ASSERT_GT(pos, 2U);
-  ZEMSessionOptions options = keepAll();
-  options.ctx_len = 2;
-  EXPECT_EQ(session_.configure(options), 0);
+  session_.setContext(2);
   EXPECT_EQ(s_.ctxCap, 2U);
   EXPECT_EQ(session_.chat("on the mat").rc, 1);
   EXPECT_EQ(s_.pos, pos);
@@ -503,6 +502,7 @@ TEST_F(ConfigureTest, KvTypeQ8NamesItself) {
 TEST_F(ConfigureTest, ASystemPromptDuringAChatIsRefused) {
   ZEMSessionOptions options = keepAll();
   options.system_prompt = "first";
+  options.ctx_len = 48;
   EXPECT_EQ(session_.configure(options), 0);
   EXPECT_EQ(session_.chat("hello").rc, 0);
   options.system_prompt = "second";
