@@ -228,7 +228,7 @@ TEST(TokenizerSpecialsTest, TheLowestIdOfEqualTextsIsUsed) {
 
 TEST(TokenizerSpecialsTest, EqualTextsAreNotReadBeyondTheirEnds) {
   // Long enough to lie on the heap, where a sanitizer guards what follows.
-  const std::string special = "<a special token of some length>";
+  const std::string special = "<a_special_token_of_some_length>";
   TokenizerData data = vocabulary({special, special, special, "a"});
   data.tokenTypes = {3, 3, 3, 1};
   EXPECT_THAT(idsOf(loaded(data), special + std::string(8, '\0') + "a", false), ElementsAre(0, 3));

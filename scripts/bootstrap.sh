@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building, testing and checking need. Safe to
+# repeat: does nothing when everything is there.
+set -euo pipefail
+
+packages=(
+  # build
+  ca-certificates cmake g++ git ninja-build pkg-config
+  libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
+  # tests
+  libgmock-dev libgtest-dev mesa-vulkan-drivers vulkan-validationlayers
+  # checks
+  clang-format-14 clang-tidy-14
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+  [[ $status == "install ok installed" ]] || missing+=("$package")
+done
+if ((${#missing[@]} == 0)); then
+  exit 0
+fi
+
+as_root=()
+if ((EUID != 0)); then
+  if ! command -v sudo >/dev/null; then
+    echo "bootstrap.sh: these packages are missing; install them as root:" >&2
+    echo "  apt-get install ${missing[*]}" >&2
+    exit 1
+  fi
+  as_root=(sudo)
+fi
+
+echo "bootstrap.sh: installing ${missing[*]}" >&2
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"

