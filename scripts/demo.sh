@@ -9,8 +9,8 @@ say() { printf '\n== %s\n' "$*"; }
 
 say "Packages and build"
 bash scripts/bootstrap.sh
-cmake --preset release -DZEM_BUILD_TESTS=OFF
-cmake --build --preset release
+cmake --preset release
+cmake --build --preset release --target zem qwen35_vulkan_plugin
 
 zem=build/release/bin/zem
 model=build/release/demo.zem
