@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -606,6 +607,45 @@ TEST(Zem2ReaderTest, RandomDamageBehindTheChecksumIsSafe) {
   // Both outcomes were exercised.
   EXPECT_GT(opens, 100U);
   EXPECT_LT(opens, 3900U);
+}
+
+// ---- The document ----
+
+// The bytes of the hex dump in docs/container-format.md: lines of an eight-digit
+// offset, a colon, and eight groups of a space and four digits.
+Bytes documentedExample() {
+  std::ifstream document(ZEM_TEST_DATA "/../../docs/container-format.md");
+  Bytes bytes;
+  for (std::string line; std::getline(document, line);) {
+    if (line.size() < 49 || line.find_first_not_of("0123456789abcdef") != 8) continue;
+    EXPECT_EQ(std::stoul(line.substr(0, 8), nullptr, 16), bytes.size());
+    for (size_t i = 0; i < 16; ++i) {
+      const size_t digits = 10 + i / 2 * 5 + i % 2 * 2;
+      bytes.push_back(static_cast<uint8_t>(std::stoul(line.substr(digits, 2), nullptr, 16)));
+    }
+  }
+  return bytes;
+}
+
+TEST(Zem2ReaderTest, DocumentedExampleOpensAsDescribed) {
+  const Bytes file = documentedExample();
+  ASSERT_EQ(file.size(), 512U);
+  OpenedReader opened(file);
+  ASSERT_THAT(opened.status, IsOk());
+  EXPECT_EQ(opened.reader.header().crc64, 0x53FE1D59FE7CF3C1U);
+  EXPECT_EQ(opened.reader.header().hiddenSize, 2U);
+  std::string architecture;
+  EXPECT_TRUE(opened.reader.getMetaStr("general.architecture", architecture));
+  EXPECT_EQ(architecture, "qwen35");
+  kiv::TokenizerData tokenizer;
+  ASSERT_TRUE(opened.reader.readTokenizer(tokenizer));
+  EXPECT_THAT(tokenizer.tokens, ::testing::ElementsAre("a", "b"));
+  EXPECT_EQ(tokenizer.eosId, 1);
+  const auto view = opened.reader.tensorView("w");
+  ASSERT_EQ(view.size, 8U);
+  float values[2];
+  std::memcpy(values, view.ptr, sizeof(values));
+  EXPECT_THAT(values, ::testing::ElementsAre(1.0F, -0.5F));
 }
 
 // ---- The checksum ----
