@@ -2,8 +2,9 @@
 
 #include <cstring>
 #include <limits>
-#include <memory>
+#include <numeric>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 
@@ -14,10 +15,10 @@ using kiv::ByteCursor;
 // Bytes 01 02 03 ... in a buffer of exactly that size, so that the sanitizer
 // sees a read beyond it.
 struct Counting {
-  explicit Counting(size_t size) : bytes(new uint8_t[size]), cursor(bytes.get(), size) {
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(i + 1);
+  explicit Counting(size_t size) : bytes(size), cursor(bytes.data(), size) {
+    std::iota(bytes.begin(), bytes.end(), uint8_t{1});
   }
-  std::unique_ptr<uint8_t[]> bytes;
+  std::vector<uint8_t> bytes;
   ByteCursor cursor;
 };
 
