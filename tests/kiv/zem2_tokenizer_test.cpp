@@ -100,6 +100,19 @@ TEST(Zem2TokenizerTest, EveryTruncationIsRefused) {
   EXPECT_TRUE(readable(whole));
 }
 
+TEST(Zem2TokenizerTest, BytesBehindAShortSectionAreNotRead) {
+  Bytes file = ContainerBuilder().tokenizer(example()).build();
+  const size_t i = zemtest::sectionIndex(file, kiv::zem2::SectionType::Tokenizer);
+  const uint64_t whole = zemtest::get(file, i, zemtest::section::size);
+  for (uint64_t size = 0; size <= whole; ++size) {
+    zemtest::set(file, i, zemtest::section::size, size);
+    zemtest::reseal(file);
+    OpenedReader opened(file);
+    TokenizerData out;
+    EXPECT_EQ(opened.reader.readTokenizer(out), size == whole) << size;
+  }
+}
+
 TEST(Zem2TokenizerTest, AddBosIsMandatory) {
   Bytes payload = zemtest::tokenizerBytes(example());
   payload.pop_back();
