@@ -168,6 +168,11 @@ std::vector<std::string> namesOf(const std::array<Enum, kCount>& values,
   return names;
 }
 
+// CLI11 takes "-1" for the largest unsigned number.
+std::string refuseSign(const std::string& text) {
+  return text.starts_with('-') ? "\"" + text + "\" is not a seed: a whole number from 0" : "";
+}
+
 }  // namespace
 
 void addMakeDemo(CLI::App& app, int& status) {
@@ -185,6 +190,7 @@ void addMakeDemo(CLI::App& app, int& status) {
       ->type_name("TYPE")
       ->check(CLI::IsMember(namesOf(kDemoTypes, demoTypeName)).description(""));
   command->add_option("--seed", options->seed, "Seed of the weights")
+      ->check(refuseSign, "")
       ->type_name("N")
       ->capture_default_str();
   command->add_flag("--force", options->force, "Replace a file that exists");
