@@ -384,7 +384,7 @@ void ZEM2Writer::setModel(const ZEM2ModelHeader& model) {
   if (impl_->declaring()) impl_->model = model;
 }
 
-void ZEM2Writer::setTokenizer(TokenizerData tokenizer) {
+void ZEM2Writer::setTokenizer(const TokenizerData& tokenizer) {
   if (!impl_->declaring()) return;
   const std::string problem = tokenizerProblem(tokenizer);
   if (!problem.empty()) return impl_->refuse("the tokenizer has " + problem);
@@ -406,33 +406,33 @@ void ZEM2Writer::addSection(zem2::SectionType type, std::string bytes) {
   impl_->extra.push_back({type, std::move(bytes)});
 }
 
-void ZEM2Writer::addMetaU32(std::string key, uint32_t value) {
+void ZEM2Writer::addMetaU32(const std::string& key, uint32_t value) {
   impl_->addMeta(key, MetaType::U32, 1, [&](std::string& out) { put(out, value); });
 }
 
-void ZEM2Writer::addMetaI32(std::string key, int32_t value) {
+void ZEM2Writer::addMetaI32(const std::string& key, int32_t value) {
   impl_->addMeta(key, MetaType::I32, 1, [&](std::string& out) { put(out, value); });
 }
 
-void ZEM2Writer::addMetaF32(std::string key, float value) {
+void ZEM2Writer::addMetaF32(const std::string& key, float value) {
   impl_->addMeta(key, MetaType::F32, 1, [&](std::string& out) { put(out, value); });
 }
 
-void ZEM2Writer::addMetaU64(std::string key, uint64_t value) {
+void ZEM2Writer::addMetaU64(const std::string& key, uint64_t value) {
   impl_->addMeta(key, MetaType::U64, 1, [&](std::string& out) { put(out, value); });
 }
 
-void ZEM2Writer::addMetaStr(std::string key, std::string value) {
+void ZEM2Writer::addMetaStr(const std::string& key, const std::string& value) {
   impl_->addMeta(key, MetaType::Str, value.size(),
                  [&](std::string& out) { putString(out, value); });
 }
 
-void ZEM2Writer::addMetaU32Array(std::string key, std::vector<uint32_t> value) {
+void ZEM2Writer::addMetaU32Array(const std::string& key, const std::vector<uint32_t>& value) {
   impl_->addMeta(key, MetaType::U32Array, value.size(),
                  [&](std::string& out) { putArray(out, value); });
 }
 
-void ZEM2Writer::addTensor(std::string name, DType type, std::vector<uint64_t> shape) {
+void ZEM2Writer::addTensor(const std::string& name, DType type, std::vector<uint64_t> shape) {
   if (!impl_->declaring() || !impl_->nameIsGood(name)) return;
   Impl::Tensor tensor;
   tensor.type = type;
@@ -440,7 +440,7 @@ void ZEM2Writer::addTensor(std::string name, DType type, std::vector<uint64_t> s
   impl_->addTensor(name, std::move(tensor));
 }
 
-void ZEM2Writer::addAlias(std::string name, std::string target) {
+void ZEM2Writer::addAlias(const std::string& name, std::string target) {
   if (!impl_->declaring() || !impl_->nameIsGood(name)) return;
   if (target.empty()) return impl_->refuse("alias " + quoted(name) + " has no target");
   impl_->tensors[name].target = std::move(target);

@@ -51,26 +51,26 @@ class ZEM2Writer {
 
   void setModel(const ZEM2ModelHeader& model);
   // ZEMLoader does not open a container without a tokenizer, ZEM2Reader does.
-  void setTokenizer(TokenizerData tokenizer);
+  void setTokenizer(const TokenizerData& tokenizer);
   void setGraph(std::string bytes);
   // A further section (Asset, Signature, ...). Types that the other calls write
   // are refused: a reader would never see a second one.
   void addSection(zem2::SectionType type, std::string bytes);
 
   // Metadata entries, kept in the order of the calls. Keys of up to 65535 bytes.
-  void addMetaU32(std::string key, uint32_t value);
-  void addMetaI32(std::string key, int32_t value);
-  void addMetaF32(std::string key, float value);
-  void addMetaU64(std::string key, uint64_t value);
-  void addMetaStr(std::string key, std::string value);
-  void addMetaU32Array(std::string key, std::vector<uint32_t> value);
+  void addMetaU32(const std::string& key, uint32_t value);
+  void addMetaI32(const std::string& key, int32_t value);
+  void addMetaF32(const std::string& key, float value);
+  void addMetaU64(const std::string& key, uint64_t value);
+  void addMetaStr(const std::string& key, const std::string& value);
+  void addMetaU32Array(const std::string& key, const std::vector<uint32_t>& value);
 
   // Declares a tensor; shape[0] is the innermost extent. Its byte size follows
   // from type and shape, row by row (each row starts on a block boundary).
-  void addTensor(std::string name, DType type, std::vector<uint64_t> shape);
+  void addTensor(const std::string& name, DType type, std::vector<uint64_t> shape);
   // Declares `name` as a second name for the bytes, type and shape of `target`,
   // a tensor (not an alias) that may be declared later. Nothing is streamed for it.
-  void addAlias(std::string name, std::string target);
+  void addAlias(const std::string& name, std::string target);
 
   // Creates the partial file and writes everything that precedes the weights.
   Status begin(const std::string& path);

@@ -52,11 +52,12 @@ class DemoVocabularyTest : public testing::Test {
   }
   static std::vector<std::string> pieces(const std::string& text) {
     std::vector<std::string> pieces;
-    for (const int32_t id : encode(text)) pieces.push_back(vocabulary_->data.tokens.at(id));
+    for (const int32_t id : encode(text))
+      pieces.push_back(vocabulary_->data.tokens.at(static_cast<size_t>(id)));
     return pieces;
   }
   static float loudness(const std::string& token) {
-    return vocabulary_->loudness.at(tokenizer_->tokenToId(token));
+    return vocabulary_->loudness.at(static_cast<size_t>(tokenizer_->tokenToId(token)));
   }
 
   static DemoVocabulary* vocabulary_;
@@ -151,7 +152,7 @@ TEST_F(DemoVocabularyTest, SpecialTokensAreControlTokens) {
   for (const char* text : {"<|im_start|>", "<|im_end|>", "<|endoftext|>"}) {
     const int32_t id = tokenizer_->tokenToId(text);
     ASSERT_GE(id, 0) << text;
-    EXPECT_EQ(data.tokenTypes[id], 3) << text;
+    EXPECT_EQ(data.tokenTypes[static_cast<size_t>(id)], 3) << text;
     EXPECT_THAT(encode(text), ElementsAre(id));
   }
   EXPECT_EQ(std::count(data.tokenTypes.begin(), data.tokenTypes.end(), 3), 3);
@@ -340,7 +341,8 @@ TEST(DemoWeightsTest, RowsDoNotDependOnHowTheyAreCut) {
   const DemoTensor& tensor = tensorOf(tiny(), "token_embd.weight");
   const std::vector<uint8_t> whole = encodeRows(tiny(), tensor, 100, 8);
   std::vector<uint8_t> joined;
-  for (const auto& [first, count] : {std::pair{100, 1}, std::pair{101, 3}, std::pair{104, 4}}) {
+  for (const auto& [first, count] :
+       {std::pair{100U, 1U}, std::pair{101U, 3U}, std::pair{104U, 4U}}) {
     const std::vector<uint8_t> part = encodeRows(tiny(), tensor, first, count);
     joined.insert(joined.end(), part.begin(), part.end());
   }

@@ -71,7 +71,8 @@ Bytes pattern(uint64_t size, uint8_t start) {
 
 // Bytes that differ from tensor to tensor.
 Bytes contentsOf(const ZEM2Writer& writer, const std::string& name) {
-  return pattern(writer.tensorBytes(name), static_cast<uint8_t>(name.size() * 31 + name.back()));
+  return pattern(writer.tensorBytes(name),
+                 static_cast<uint8_t>(name.size() * 31 + static_cast<uint8_t>(name.back())));
 }
 
 testing::AssertionResult succeeded(const Status& status) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -77,9 +78,9 @@ class ProgressBar {
     next_ = now + std::chrono::milliseconds(100);
     const double part = static_cast<double>(done) / static_cast<double>(total_);
     const double seconds = std::chrono::duration<double>(now - start_).count();
-    const auto left = static_cast<int>(seconds / part * (1 - part) + 0.5);
+    const auto left = std::lround(seconds / part * (1 - part));
     const std::string bar(static_cast<size_t>(part * kWidth), '#');
-    std::fprintf(stderr, "\r%3d%% [%-*s] %s of %s, %d:%02d left\033[K",
+    std::fprintf(stderr, "\r%3d%% [%-*s] %s of %s, %ld:%02ld left\033[K",
                  static_cast<int>(part * 100), kWidth, bar.c_str(), formatBytes(done).c_str(),
                  formatBytes(total_).c_str(), left / 60, left % 60);
     std::fflush(stderr);
@@ -163,8 +164,8 @@ void makeDemo(const MakeDemoOptions& options) {
 template <typename Enum, size_t kCount>
 std::vector<std::string> namesOf(const std::array<Enum, kCount>& values,
                                  const char* (*name)(Enum)) {
-  std::vector<std::string> names;
-  for (const Enum value : values) names.emplace_back(name(value));
+  std::vector<std::string> names(kCount);
+  std::transform(values.begin(), values.end(), names.begin(), name);
   return names;
 }
 
@@ -200,7 +201,7 @@ void addMakeDemo(CLI::App& app, int& status) {
       "\n"
       "  tiny   width 256, about 15 MB; layers of a kind share their weights. Default type q4_k.\n"
       "  4b     width 2560 and 248320 tokens, the shapes of a real model of four billion weights,\n"
-      "         for benchmarks; 2.5 GB in its default type q4_k_m.\n"
+      "         for benchmarks; 2.7 GB in its default type q4_k_m.\n"
       "\n"
       "Types: f32, bf16, q8_0, q4_k, q5_k, q6_k, and the mix q4_k_m (q6_k for the embedding,\n"
       "attn_v and ffn_down, q8_0 for ssm_alpha and ssm_beta, q4_k for the rest).\n"
