@@ -133,9 +133,9 @@ class TerminalProcess {
   }
   void send(int signalNumber) { kill(child_, signalNumber); }
 
-  // Reads until `text` has been shown since the last such call; false after 20 s.
+  // Reads until `text` has been shown since the last such call; false after a minute.
   bool shows(std::string_view text) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     for (;;) {
       const size_t at = shown_.find(text, seen_);
       if (at != std::string::npos) {

@@ -1,0 +1,156 @@
+// The program with the real plug-in, which lies beside it, and a demo model.
+// Contexts are small, for they bound the tokens that a test has to wait for.
+#include <gmock/gmock.h>
+
+#include "cli_support.h"
+
+namespace zemtest {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// Threads that wait for each other are slow where other programs want the cores.
+const Environment kSurroundings = {{"ZEM_PLUGIN", ""}, {"OMP_NUM_THREADS", "1"}};
+
+class EndToEnd : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    folder_ = new TempFolder;
+    model_ = folder_->path("demo.zem");
+    const ProcessResult made = realZem({"make-demo", model_, "--size", "tiny"});
+    ASSERT_EQ(made.status, 0) << made.err;
+  }
+  static void TearDownTestSuite() { delete folder_; }
+
+  static ProcessResult realZem(const Arguments& arguments, const std::string& input = {}) {
+    return zem(arguments, input, kSurroundings);
+  }
+  static std::string completion(const Arguments& more) {
+    Arguments arguments = {"run", "-m", model_, "-p", "Hello there", "-c", "8"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    const ProcessResult result = realZem(arguments);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("tokens/s"));
+    return result.out;
+  }
+
+  static TempFolder* folder_;
+  static std::string model_;
+};
+
+TempFolder* EndToEnd::folder_ = nullptr;
+std::string EndToEnd::model_;
+
+TEST_F(EndToEnd, VersionFindsThePluginBesideTheProgram) {
+  const std::string version = realZem({"--version"}).out;
+  EXPECT_THAT(version, HasSubstr("\nruntime-qwen35-vulkan version 1 ("));
+}
+
+TEST_F(EndToEnd, ACompletionIsTheSameOnAnyNumberOfThreads) {
+  const std::string text = completion({});
+  EXPECT_GT(text.size(), 1U);
+  EXPECT_EQ(completion({"-t", "2"}), text);
+}
+
+TEST_F(EndToEnd, ASeedRepeatsASample) {
+  const Arguments sampling = {"--temp", "1.5", "-s", "11"};
+  const std::string text = completion(sampling);
+  EXPECT_EQ(completion(sampling), text);
+  EXPECT_NE(completion({"--temp", "1.5", "-s", "12"}), text);
+}
+
+TEST_F(EndToEnd, ClearGivesTheFirstReplyAgain) {
+  const ProcessResult result =
+      realZem({"chat", "-m", model_, "-c", "20"}, "Hello\n/clear\nHello\n");
+  EXPECT_EQ(result.status, 0) << result.err;
+  ASSERT_GT(result.out.size(), 2U);
+  EXPECT_EQ(result.out.substr(0, result.out.size() / 2), result.out.substr(result.out.size() / 2));
+}
+
+TEST_F(EndToEnd, APromptBeyondTheContextIsAFailure) {
+  const ProcessResult result =
+      realZem({"run", "-m", model_, "-c", "2", "-p", "one two three four five"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr("zem: the completion failed"));
+}
+
+TEST_F(EndToEnd, AConversationBeyondTheContextSaysWhatToDo) {
+  const ProcessResult result = realZem({"chat", "-m", model_, "-c", "2"}, "one two three four\n");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("/clear starts a new one"));
+}
+
+TEST_F(EndToEnd, ABenchmarkMeasures) {
+  const ProcessResult result = realZem({"bench", "-m", model_, "-n", "2", "-r", "2", "-o", "json"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  const auto json = nlohmann::json::parse(result.out);
+  EXPECT_EQ(json["backend"], "qwen35-vulkan");
+  EXPECT_GT(json["tokens_per_second"], 0.0);
+  EXPECT_THAT(json["model"].get<std::string>(), StartsWith("demo"));
+}
+
+TEST_F(EndToEnd, ProbeSuitsOrLacksADevice) {
+  const ProcessResult result = realZem({"probe", model_, "--json"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  const auto json = nlohmann::json::parse(result.out);
+  if (json["confidence"] == 95) {
+    EXPECT_EQ(json["architecture"], "qwen35");
+  } else {
+    EXPECT_EQ(json["confidence"], 0);
+    EXPECT_THAT(json["reason"].get<std::string>(), HasSubstr("no usable Vulkan device"));
+  }
+}
+
+TEST_F(EndToEnd, InfoAndTokenizeHaveNothingToWarnOf) {
+  const ProcessResult info = realZem({"info", "--tensors", model_});
+  EXPECT_EQ(info.status, 0);
+  EXPECT_EQ(info.err, "");
+  const ProcessResult tokens = realZem({"tokenize", "-m", model_, "-p", "Hello there, world\n"});
+  EXPECT_EQ(tokens.status, 0);
+  EXPECT_EQ(tokens.err, "");
+}
+
+TEST_F(EndToEnd, ModelsThatTheRuntimeRefusesAreExplained) {
+  const auto refusal = [&](const Bytes& bytes) {
+    const ProcessResult result =
+        realZem({"run", "-m", folder_->write("bad.zem", bytes), "-p", "x"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    return result.err;
+  };
+  EXPECT_THAT(refusal(Bytes(100)), HasSubstr("zem open failed (ZEM2: bad magic)"));
+  EXPECT_THAT(refusal(ContainerBuilder().addMetaStr("general.architecture", "llama").build()),
+              HasSubstr("not a qwen35-architecture model (its architecture is \"llama\")"));
+  EXPECT_THAT(realZem({"run", "-m", folder_->path("missing.zem"), "-p", "x"}).err,
+              HasSubstr("zem open failed (No such file or directory)"));
+}
+
+TEST_F(EndToEnd, AModelWithWeightsOutsideTheFileFailsWithoutText) {
+  const std::string whole = folder_->read("demo.zem");
+  Bytes bytes(whole.begin(), whole.end());
+  set(bytes, tensorIndex(bytes, "output_norm.weight"), tensor::offset, uint64_t{1} << 40);
+  const std::string path = folder_->write("outside.zem", bytes);
+  const ProcessResult result = realZem({"run", "-m", path, "-p", "x"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr("output_norm.weight"));
+  EXPECT_THAT(realZem({"info", path}).err, HasSubstr("1 of "));
+}
+
+TEST_F(EndToEnd, ARealConversationOnATerminal) {
+  TerminalProcess chat(command({"chat", "-m", model_, "-c", "20"}), cliEnvironment(kSurroundings));
+  EXPECT_TRUE(chat.shows("> "));
+  chat.type("Hello\n");
+  EXPECT_TRUE(chat.shows("> "));
+  chat.type("/stats\n");
+  EXPECT_TRUE(chat.shows("tokens/s"));
+  EXPECT_TRUE(chat.shows("> "));
+  chat.type("/quit\n");
+  EXPECT_EQ(chat.wait(), 0);
+  EXPECT_TRUE(chat.isAsFound());
+}
+
+}  // namespace
+}  // namespace zemtest
