@@ -101,6 +101,7 @@ TEST(RuntimeTableTest, EveryCallFromEveryThreadGivesTheSameTables) {
   const auto* streaming = pluginModule().runtimesV2S(nullptr);
   std::array<bool, 4> same{};
   std::vector<std::thread> threads;
+  threads.reserve(same.size());
   for (bool& result : same) {
     threads.emplace_back([&] {
       uint32_t count = 0;

@@ -228,12 +228,12 @@ TEST(GenerateTest, IsTheSameForEveryNumberOfThreads) {
   TinyModelOptions options = cheapOptions();
   options.linearLayers = {3};
   const ModelFile file{endlessModel(options)};
-  const Session session(file, "host;ctx=14");
+  const Session session(file, "host;ctx=16");
   const int before = omp_get_max_threads();
   std::vector<std::string> texts;
   for (const int threads : {1, 2, 5}) {
     omp_set_num_threads(threads);
-    texts.push_back(session.generate("the cat sat on the mat").text);
+    texts.push_back(session.generate("the cat").text);
   }
   omp_set_num_threads(before);
   EXPECT_EQ(texts[1], texts[0]);
