@@ -20,7 +20,9 @@
  *
  * Threads: no entry takes a lock. One handle is used by one thread at a time,
  * and one process runs one generating entry at a time. The tables themselves are
- * immutable and may be read from anywhere. No entry lets a C++ exception out.
+ * immutable and may be read from anywhere. No entry lets a C++ exception out. A
+ * host may close the library once its handles are destroyed; its code stays
+ * mapped, because threads that it started may still be asleep there.
  */
 #ifndef ZEM_PLUGIN_H
 #define ZEM_PLUGIN_H

@@ -34,6 +34,14 @@ class ElfFile {
     return names;
   }
 
+  uint64_t dynamicFlags1() const {
+    uint64_t flags = 0;
+    forEach<Elf64_Dyn>(SHT_DYNAMIC, [&](const Elf64_Dyn& entry, const Elf64_Shdr&) {
+      if (entry.d_tag == DT_FLAGS_1) flags = entry.d_un.d_val;
+    });
+    return flags;
+  }
+
   std::vector<std::string> neededLibraries() const {
     std::vector<std::string> names;
     forEach<Elf64_Dyn>(SHT_DYNAMIC, [&](const Elf64_Dyn& entry, const Elf64_Shdr& strings) {
@@ -83,6 +91,12 @@ TEST(ExportsTest, TheModuleDoesNotNeedTheVulkanLoader) {
   const std::vector<std::string> needed = ElfFile(zemtest::kModulePath).neededLibraries();
   EXPECT_FALSE(needed.empty());
   EXPECT_THAT(needed, testing::Each(Not(HasSubstr("vulkan"))));
+}
+
+// The OpenMP runtime's threads sleep in code that unloading would take away; a
+// host that closes the module and goes on would crash.
+TEST(ExportsTest, TheModuleStaysMappedWhenAHostClosesIt) {
+  EXPECT_NE(ElfFile(zemtest::kModulePath).dynamicFlags1() & DF_1_NODELETE, 0U);
 }
 
 TEST(ExportsTest, TheModuleLoadsWithEverySymbolBound) {

