@@ -90,7 +90,7 @@ static int run(void* library, const char* model) {
     return fail("create of a missing file");
   }
   printf("missing file: %s\n", error);
-  if (runtime->create(model, "host;ctx=96", &session, error, sizeof error) != 0) {
+  if (runtime->create(model, "host;ctx=80", &session, error, sizeof error) != 0) {
     return fail(error);
   }
   rc = converse(runtime, streaming, session);

@@ -311,7 +311,7 @@ TEST(FinitenessTest, ANonFiniteFirstLogitFails) {
 TEST(FinitenessTest, Every4096thLogitIsLookedAt) {
   TinyModelOptions options = cheapOptions();
   options.vocab = 8200;
-  for (const size_t row : {4095, 4096, 4097, 8191, 8192, 8193}) {
+  for (const size_t row : std::vector<size_t>{4095, 4096, 4097, 8191, 8192, 8193}) {
     TinyModel model = endlessModel(options);
     setEmbeddingRow(model, row, std::vector<float>(8, kNan));
     const ModelFile file{model};
@@ -335,7 +335,7 @@ TEST(FinitenessTest, ForwardStepWithoutLogitsSucceeds) {
 }
 
 TEST(FinitenessTest, EveryElementOfTheHiddenStateIsLookedAt) {
-  for (const size_t element : {0, 1, 7}) {
+  for (const size_t element : std::vector<size_t>{0, 1, 7}) {
     for (const float bad : {kNan, kInf}) {
       TinyModel model(cheapOptions());
       model.setFloat("output_norm.weight", element, bad);

@@ -171,7 +171,7 @@ inline void setEmbeddingRow(TinyModel& model, size_t row, const std::vector<floa
 // among a hundred others some logit is above zero.
 inline TinyModel endlessModel(TinyModelOptions options = cheapOptions()) {
   TinyModel model(options);
-  for (const size_t stop : {0, 2}) {
+  for (const size_t stop : {size_t{0}, size_t{2}}) {
     setEmbeddingRow(model, stop, std::vector<float>(options.width, 0.0F));
   }
   return model;
