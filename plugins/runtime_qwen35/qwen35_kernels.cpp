@@ -30,13 +30,13 @@ void l2NormBlocks(const float* x, float* out, size_t nBlocks, size_t blockLen, f
 }
 
 void matvecBf16Add(const uint16_t* W, const float* x, float* y, size_t rows, size_t cols) {
-  forEachRowRange(rows, [=](size_t /*thread*/, size_t begin, size_t end) {
+  forEachRowRange(rows, cols, [=](size_t /*thread*/, size_t begin, size_t end) {
     for (size_t r = begin; r < end; ++r) y[r] += reference::dotBf16(W + r * cols, x, cols);
   });
 }
 
 void matvecF32Add(const float* W, const float* x, float* y, size_t rows, size_t cols) {
-  forEachRowRange(rows, [=](size_t /*thread*/, size_t begin, size_t end) {
+  forEachRowRange(rows, cols, [=](size_t /*thread*/, size_t begin, size_t end) {
     for (size_t r = begin; r < end; ++r) y[r] += reference::dotF32(W + r * cols, x, cols);
   });
 }

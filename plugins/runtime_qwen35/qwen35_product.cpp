@@ -28,7 +28,7 @@ bool isComputable(DType type) {
 template <typename Use>
 void forEachWidenedRow(const TensorView* W, size_t rows, size_t cols, const Use& use) {
   std::vector<float> scratch(static_cast<size_t>(omp_get_max_threads()) * cols);
-  forEachRowRange(rows, [&](size_t thread, size_t begin, size_t end) {
+  forEachRowRange(rows, cols, [&](size_t thread, size_t begin, size_t end) {
     float* row = scratch.data() + thread * cols;
     for (size_t r = begin; r < end; ++r) {
       rowToF32(W, r, cols, row);

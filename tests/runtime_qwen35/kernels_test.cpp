@@ -127,7 +127,8 @@ class Matvec : public testing::TestWithParam<int> {};
 
 TEST_P(Matvec, EachRowIsItsPlainSumAddedToY) {
   const ThreadCount threads(GetParam());
-  for (const size_t rows : {1, 2, 3, 5, 16, 67}) {
+  // The last of these are enough weights for a team.
+  for (const size_t rows : {1, 2, 3, 5, 16, 67, 1201, 1500}) {
     const size_t cols = 37;
     const Floats W = randomFloats(rows * cols, 2);
     const Floats x = randomFloats(cols, 3);
@@ -149,6 +150,20 @@ TEST_P(Matvec, EachRowIsItsPlainSumAddedToY) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Threads, Matvec, testing::Values(1, 2, 5));
+
+TEST(Matvec, MoreThreadsThanRowsChangeNothing) {
+  const size_t rows = 3;
+  const size_t cols = 20000;
+  const Floats W = randomFloats(rows * cols, 27);
+  const Floats x = randomFloats(cols, 28);
+  std::vector<Floats> results;
+  for (const int count : {1, 16}) {
+    const ThreadCount threads(count);
+    results.emplace_back(rows);
+    matvecF32Add(W.data(), x.data(), results.back().data(), rows, cols);
+  }
+  EXPECT_EQ(results[0], results[1]);
+}
 
 TEST(Matvec, NoRowsOrColumnsAreFine) {
   float y = 3;

@@ -173,13 +173,14 @@ TEST_P(EveryType, RowsWidenCloseToWhatWasStored) {
 }
 
 TEST_P(EveryType, ProductAddsPlainRowSums) {
-  const OwnMatrix W(GetParam(), 256, 7, 2);
+  const size_t rows = 131;  // enough weights for a team, and odd
+  const OwnMatrix W(GetParam(), 256, rows, 2);
   Floats x(256);
   for (size_t c = 0; c < x.size(); ++c) x[c] = 0.01F * static_cast<float>(c) - 1;
   for (const int threads : {1, 2, 5, 9}) {
     const ThreadCount guard(threads);
     Model m;
-    Floats y(7, 0.5F);
+    Floats y(rows, 0.5F);
     gemvRow(m, &W.view, x.data(), y.data());
     for (size_t r = 0; r < y.size(); ++r) {
       EXPECT_EQ(y[r], 0.5F + dotF32(W.row(r).data(), x.data(), 256)) << threads;

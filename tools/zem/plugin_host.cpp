@@ -113,8 +113,9 @@ std::string Session::generate(const std::string& prompt, const ZEMSessionOptions
   if (host_.runtime().generate_ex(handle_, prompt.c_str(), &settings, text.get(), kTextBytes) !=
       0) {
     throw Failure(
-        "the completion failed: the prompt does not fit the context, or the model's numbers are "
-        "not finite (`zem info --tensors` marks tensors outside the file)");
+        "the completion failed: unless the line above names the reason, the prompt does not fit "
+        "the "
+        "context, or the model's numbers are not finite");
   }
   const size_t length = std::strlen(text.get());
   if (length + 1 >= kTextBytes) {
@@ -128,8 +129,8 @@ void Session::chatTurn(const std::string& text, ZEMChatTokenFn piece, void* user
                        volatile int* cancel) {
   if (host_.streaming().chat_turn_stream(handle_, text.c_str(), piece, user, cancel) != 0) {
     throw Failure(
-        "the reply failed: the conversation does not fit the context (/clear starts a new one), "
-        "or the model's numbers are not finite");
+        "the reply failed: unless the line above names the reason, the conversation does not fit "
+        "the context (/clear starts a new one), or the model's numbers are not finite");
   }
 }
 

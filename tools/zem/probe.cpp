@@ -24,7 +24,7 @@ std::string explainRefusal(const std::string& path) {
   if (path.size() < 4 || path.compare(path.size() - 4, 4, ".zem") != 0) {
     return "the file's name does not end in \".zem\"";
   }
-  const std::string problem = modelProblem(path);
+  std::string problem = modelProblem(path);
   if (!problem.empty()) return problem;
   return "the model is sound, but there is no usable Vulkan device (see `zem devices`); `zem run` "
          "computes on the CPU";

@@ -47,6 +47,7 @@ void printIds(const std::vector<int32_t>& ids) {
 
 void printPieces(const kiv::Tokenizer& tokenizer, const std::vector<int32_t>& ids) {
   std::vector<std::vector<std::string>> rows;
+  rows.reserve(ids.size());
   for (const int32_t id : ids) {
     rows.push_back({std::to_string(id), escapeControls(pieceOf(tokenizer, id))});
   }
