@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include "cli_support.h"
 
@@ -158,6 +159,8 @@ TEST(Info, WhatIsNoContainerIsAFailure) {
   EXPECT_EQ(missing.err,
             "zem: cannot read " + folder.path("missing") + ": No such file or directory\n");
   EXPECT_THAT(zem({"info", folder.path(".")}).err, HasSubstr("it is a directory"));
+  ASSERT_EQ(mkfifo(folder.path("pipe").c_str(), 0600), 0);
+  EXPECT_THAT(zem({"info", folder.path("pipe")}).err, HasSubstr("it is not a regular file"));
 }
 
 TEST(Info, EveryPrefixOfAFileIsAFailureOrAnAnswer) {

@@ -22,8 +22,8 @@ class LineEditor {
   LineEditor(const LineEditor&) = delete;
   LineEditor& operator=(const LineEditor&) = delete;
 
-  // Reads one line, without its line feed. After an event other than Line the
-  // terminal is as it was found and `line` is empty.
+  // Reads one line, without its line feed; `line` is empty after any other
+  // event. The terminal is left as it was found.
   Event read(std::string& line);
 
  private:

@@ -22,7 +22,10 @@ namespace {
 // Why `path` cannot be read as a file; empty when it can.
 std::string fileProblem(const std::string& path) {
   std::error_code error;
-  if (std::filesystem::is_directory(path, error)) return "it is a directory";
+  const auto status = std::filesystem::status(path, error);
+  if (is_directory(status)) return "it is a directory";
+  // Opening a pipe would wait for its other end.
+  if (exists(status) && !is_regular_file(status)) return "it is not a regular file";
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::strerror(errno);
   close(fd);
