@@ -2,6 +2,7 @@
 
 #include <omp.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -23,16 +24,19 @@ bool isComputable(DType type) {
   return type == DType::F32 || type == DType::BF16 || type == DType::Q8_0 || isKQuant(type);
 }
 
-// Calls use(row index, row as floats) for every row, on the team. Each thread
-// widens into a scratch row of its own.
+// Calls use(row index, dot product of the row with x) for every row, on the
+// team. Each thread widens a few rows at a time into scratch of its own.
 template <typename Use>
-void forEachWidenedRow(const TensorView* W, size_t rows, size_t cols, const Use& use) {
-  std::vector<float> scratch(static_cast<size_t>(omp_get_max_threads()) * cols);
+void forEachRowDot(const TensorView* W, const float* x, size_t rows, size_t cols, const Use& use) {
+  std::vector<float> scratch(static_cast<size_t>(omp_get_max_threads()) * kRowsAtOnce * cols);
   forEachRowRange(rows, cols, [&](size_t thread, size_t begin, size_t end) {
-    float* row = scratch.data() + thread * cols;
-    for (size_t r = begin; r < end; ++r) {
-      rowToF32(W, r, cols, row);
-      use(r, row);
+    float* widened = scratch.data() + thread * kRowsAtOnce * cols;
+    float dots[kRowsAtOnce];
+    for (size_t r = begin; r < end; r += kRowsAtOnce) {
+      const size_t count = std::min(kRowsAtOnce, end - r);
+      for (size_t i = 0; i < count; ++i) rowToF32(W, r + i, cols, widened + i * cols);
+      dotRowsF32(widened, x, dots, count, cols);
+      for (size_t i = 0; i < count; ++i) use(r + i, dots[i]);
     }
   });
 }
@@ -96,16 +100,13 @@ void gemvRow(Model& m, const TensorView* W, const float* x, float* y) {
   } else if (W->dtype == DType::F32 && isAligned(W->data, alignof(float))) {
     matvecF32Add(static_cast<const float*>(W->data), x, y, rows, cols);
   } else if (isComputable(W->dtype)) {
-    forEachWidenedRow(W, rows, cols,
-                      [=](size_t r, const float* row) { y[r] += dotF32(row, x, cols); });
+    forEachRowDot(W, x, rows, cols, [=](size_t r, float dot) { y[r] += dot; });
   }
 }
 
 void headProduct(Model& m, const float* cur, float* logits) {
   if (offerToGpu(m, m.emb, cur, logits)) return;
-  const size_t cols = m.nEmb;
-  forEachWidenedRow(m.emb, m.nVocab, cols,
-                    [=](size_t r, const float* row) { logits[r] = dotF32(row, cur, cols); });
+  forEachRowDot(m.emb, cur, m.nVocab, m.nEmb, [=](size_t r, float dot) { logits[r] = dot; });
 }
 
 const float* floatsOf(const TensorView* view, size_t n, std::vector<float>& copy) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kiv/exact_math.h"
+#include "qwen35_gdn.h"
 #include "qwen35_reference.h"
 #include "runtime_qwen35/open_model.h"
 
@@ -230,6 +231,33 @@ TEST(GdnStep, OrderOfEverySumIsByRowUpward) {
   gdnStep(S.data(), q.data(), k.data(), v.data(), 0.3F, d, -0.2F, 0.5F);
   EXPECT_EQ(S, wantS);
   EXPECT_EQ(v, wantV);
+}
+
+TEST(GdnStep, EveryVariantGivesTheBitsOfTheReference) {
+  size_t compared = 0;
+  for (const GdnVariant& variant : gdnVariants()) {
+    if (!variant.supported()) continue;
+    ++compared;
+    for (const size_t d : {1, 2, 7, 8, 15, 16, 17, 31, 33, 64, 100, 128}) {
+      Floats S = randomFloats(d * d, 29);
+      Floats wantS = S;
+      const Floats q = randomFloats(d, 30);
+      const Floats k = randomFloats(d, 31);
+      Floats v = randomFloats(d, 32);
+      Floats wantV = v;
+      Floats delta(d);
+      for (int step = 0; step < 3; ++step) {
+        reference::gdnStep(wantS.data(), q.data(), k.data(), wantV.data(), 0.6F, d, -0.1F, 0.4F,
+                           delta.data());
+        variant.step(S.data(), q.data(), k.data(), v.data(), 0.6F, d, -0.1F, 0.4F, delta.data());
+      }
+      EXPECT_EQ(S, wantS) << variant.name << ", " << d;
+      EXPECT_EQ(v, wantV) << variant.name << ", " << d;
+    }
+  }
+  EXPECT_GE(compared, 1U);
+  EXPECT_TRUE(bestGdnVariant().supported());
+  EXPECT_STREQ(gdnVariants().back().name, "plain");
 }
 
 TEST(GdnStep, WithoutGateAndWriteItOnlyReads) {
