@@ -100,6 +100,7 @@ TEST_F(Bench, NamesFromTheFileStayInTheirCell) {
 }
 
 TEST_F(Bench, ProgressNeedsATerminal) {
+  ZEM_NEEDS_TERMINAL();
   TerminalProcess process(
       command({"bench", "-m", folder_.write("m.zem", smallContainer().build())}), cliEnvironment());
   EXPECT_TRUE(process.shows("tg64: 5 of 5"));

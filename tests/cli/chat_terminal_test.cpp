@@ -15,7 +15,9 @@ constexpr std::string_view kUp = "\x1b[A";
 
 class ChatOnTerminal : public ::testing::Test {
  protected:
-  ChatOnTerminal() : chat_(command({"chat", "-m", "fake.zem"}), environment()) {
+  ChatOnTerminal() : chat_(command({"chat", "-m", "fake.zem"}), environment()) {}
+  void SetUp() override {
+    ZEM_NEEDS_TERMINAL();
     EXPECT_TRUE(chat_.shows("> "));
   }
   Environment environment() const {
@@ -141,6 +143,7 @@ TEST_F(ChatOnTerminal, AFailedTurnIsNotTheEnd) {
 }
 
 TEST_F(ChatOnTerminal, HistoryOutlivesTheProgram) {
+  ZEM_NEEDS_TERMINAL();
   say("first line");
   EXPECT_TRUE(chat_.shows("you said: first line"));
   EXPECT_TRUE(chat_.shows("> "));
@@ -155,6 +158,7 @@ TEST_F(ChatOnTerminal, HistoryOutlivesTheProgram) {
 }
 
 TEST(ChatHistory, AFolderThatCannotBeMadeIsAWarning) {
+  ZEM_NEEDS_TERMINAL();
   TerminalProcess chat(command({"chat", "-m", "fake.zem"}),
                        cliEnvironment({{"XDG_STATE_HOME", "/dev/null/state"}}));
   EXPECT_TRUE(chat.shows("> "));
@@ -164,6 +168,7 @@ TEST(ChatHistory, AFolderThatCannotBeMadeIsAWarning) {
 }
 
 TEST(ChatHistory, WithoutAFolderThereIsNone) {
+  ZEM_NEEDS_TERMINAL();
   TerminalProcess chat(command({"chat", "-m", "fake.zem"}), cliEnvironment({{"HOME", ""}}));
   EXPECT_TRUE(chat.shows("> "));
   chat.type(kCtrlD);
@@ -172,6 +177,7 @@ TEST(ChatHistory, WithoutAFolderThereIsNone) {
 }
 
 TEST(ChatOnDumbTerminal, StillWorks) {
+  ZEM_NEEDS_TERMINAL();
   TerminalProcess chat(command({"chat", "-m", "fake.zem"}), cliEnvironment({{"TERM", "dumb"}}));
   EXPECT_TRUE(chat.shows("> "));
   chat.type("turn\n");

@@ -140,6 +140,7 @@ TEST_F(EndToEnd, AModelWithWeightsOutsideTheFileFailsWithoutText) {
 }
 
 TEST_F(EndToEnd, ARealConversationOnATerminal) {
+  ZEM_NEEDS_TERMINAL();
   TerminalProcess chat(command({"chat", "-m", model_, "-c", "20"}), cliEnvironment(kSurroundings));
   EXPECT_TRUE(chat.shows("> "));
   chat.type("Hello\n");

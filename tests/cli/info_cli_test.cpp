@@ -115,6 +115,7 @@ TEST(Info, TextFromTheFileIsEscaped) {
 }
 
 TEST(Info, JsonOnATerminalIsAscii) {
+  ZEM_NEEDS_TERMINAL();
   const TempFolder folder;
   const std::string path =
       folder.write("m.zem", ContainerBuilder().addMetaStr("k", "\xC2\x9B\x7F").build());

@@ -172,6 +172,7 @@ TEST(MakeDemoTest, TokenizeGivesItsTextBack) {
 class MakeDemoInterruptTest : public testing::TestWithParam<int> {};
 
 TEST_P(MakeDemoInterruptTest, LeavesNoFileAndSaysSo) {
+  ZEM_NEEDS_TERMINAL();
   const TempFolder folder;
   const std::string path = folder.path("m.zem");
   TerminalProcess process(command({"make-demo", "--size", "4b", path}), cliEnvironment());
