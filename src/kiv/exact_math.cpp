@@ -35,17 +35,22 @@ int64_t roundedInteger(double shifted) {
                               std::bit_cast<uint64_t>(kRoundingShift));
 }
 
-// Taylor series of e^r, |r| <= ln(2) / 2: the first term left out is below
-// 7e-12, far under half a float's last place.
-double expSeries9(double r) {
-  double p = 1.0 / 362880;
+// The Taylor series of e^r by Horner's rule, from the coefficient of r^9, which
+// `p` holds, down to that of r^2.
+double expSeriesTail(double p, double r) {
   p = p * r + 1.0 / 40320;
   p = p * r + 1.0 / 5040;
   p = p * r + 1.0 / 720;
   p = p * r + 1.0 / 120;
   p = p * r + 1.0 / 24;
   p = p * r + 1.0 / 6;
-  p = p * r + 0.5;
+  return p * r + 0.5;
+}
+
+// e^r for |r| <= ln(2) / 2: the first term left out is below 7e-12, far under
+// half a float's last place.
+double expSeries9(double r) {
+  double p = expSeriesTail(1.0 / 362880, r);
   p = p * r + 1.0;
   return p * r + 1.0;
 }
@@ -58,14 +63,7 @@ double expm1Series14(double r) {
   p = p * r + 1.0 / 39916800.0;
   p = p * r + 1.0 / 3628800.0;
   p = p * r + 1.0 / 362880;
-  p = p * r + 1.0 / 40320;
-  p = p * r + 1.0 / 5040;
-  p = p * r + 1.0 / 720;
-  p = p * r + 1.0 / 120;
-  p = p * r + 1.0 / 24;
-  p = p * r + 1.0 / 6;
-  p = p * r + 0.5;
-  return r + (r * r) * p;
+  return r + (r * r) * expSeriesTail(p, r);
 }
 
 // log of a positive normal double, good to 1e-11 relative: with
