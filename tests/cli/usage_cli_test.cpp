@@ -74,6 +74,12 @@ INSTANTIATE_TEST_SUITE_P(
         BadUsage{"ThreadsZero", {"run", "-m", "m", "-p", "x", "-t", "0"}, "--threads"},
         BadUsage{"SeedNegative", {"run", "-m", "m", "-p", "x", "-s", "-4"}, "--seed"},
         BadUsage{"PlanWithSemicolon", {"run", "-m", "m", "-p", "x", "--plan", "a;kv=q8_0"}, "';'"},
+        BadUsage{"PlanWithoutGpu",
+                 {"run", "-m", "m", "-p", "x", "--no-gpu", "--plan", "gpu:all"},
+                 "--no-gpu"},
+        BadUsage{"EmptyPlanWithoutGpu", {"bench", "-m", "m", "--plan", "", "--no-gpu"}, "--plan"},
+        BadUsage{
+            "ChatPlanWithoutGpu", {"chat", "-m", "m", "--plan", "cpu:all", "--no-gpu"}, "excludes"},
         BadUsage{"PromptTwice", {"run", "-m", "m", "-p", "x", "-f", "y"}, "--prompt"},
         BadUsage{"BenchOfNothing", {"bench", "-m", "m", "-n", "0"}, "--tokens"},
         BadUsage{"BenchTooLong", {"bench", "-m", "m", "-n", "4096"}, "--tokens"},
