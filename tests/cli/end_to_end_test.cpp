@@ -137,7 +137,7 @@ TEST_F(EndToEnd, ASoftwareDeviceIsLeftAloneUnlessAPlanSaysOtherwise) {
   const ProcessResult result =
       realZem({"bench", "-m", model_, "-n", "1", "-r", "1", "-o", "json"}, "", kSoftwareDevice);
   ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.err, HasSubstr("is software, slower than the CPU alone"));
+  EXPECT_THAT(result.err, HasSubstr("is software: using --plan cpu:all"));
   const auto json = nlohmann::json::parse(result.out);
   EXPECT_EQ(json["backend"], "CPU");
   EXPECT_EQ(json["plan"], "cpu:all");

@@ -21,9 +21,8 @@ Arguments printHint(const Arguments& more) {
 }
 
 std::string softwareLine() {
-  return "zem: the Vulkan device " + softwareDevice() +
-         " is software, slower than the CPU alone: using --plan cpu:all (--plan gpu:all uses it "
-         "anyway)\n";
+  return "zem: the device " + softwareDevice() +
+         " is software: using --plan cpu:all (--plan gpu:all uses it anyway)\n";
 }
 
 TEST(GpuChoice, ASoftwareDeviceGetsThePlanThatLeavesItAlone) {

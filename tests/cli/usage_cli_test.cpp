@@ -135,6 +135,29 @@ TEST(Output, AFullDiskIsAFailure) {
   EXPECT_THAT(result.err, HasSubstr("zem: cannot write to standard output: No space left"));
 }
 
+TEST(Output, AClosedStreamIsAFailure) {
+  const ProcessResult result =
+      runProcess({"/bin/sh", "-c", "exec '" + kZem + "' run -m m -p x >&-"}, "", cliEnvironment());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("zem: cannot write to standard output: Bad file descriptor"));
+}
+
+// The model file would be the first to get its number.
+TEST(Output, NoMessageEndsInAFileInThePlaceOfAClosedStandardError) {
+  const TempFolder folder;
+  const ProcessResult made =
+      runProcess({"/bin/sh", "-c",
+                  "exec '" + kZem + "' make-demo '" + folder.path("open.zem") + "' >/dev/null"},
+                 "", cliEnvironment());
+  const ProcessResult closed = runProcess(
+      {"/bin/sh", "-c",
+       "exec '" + kZem + "' make-demo '" + folder.path("closed.zem") + "' >/dev/null 2>&-"},
+      "", cliEnvironment());
+  EXPECT_EQ(made.status, 0) << made.err;
+  EXPECT_EQ(closed.status, 0);
+  EXPECT_TRUE(folder.read("open.zem") == folder.read("closed.zem"));
+}
+
 // Whether a closed pipe kills or is an error is inherited: both must be quiet.
 TEST(Output, AClosedPipeIsQuiet) {
   for (const std::string trap : {"", "trap '' PIPE; "}) {

@@ -1,9 +1,9 @@
 #include "gpu_choice.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <vector>
 
@@ -31,11 +31,14 @@ struct Layers {
 };
 
 Layers plannedLayers(const std::string& printed) {
-  static const std::regex kLine(R"(\[qwen35-gpu\] layer plan: (\d+) gpu / (\d+) cpu layers)");
   std::istringstream lines(printed);
-  std::smatch match;
   for (std::string line; std::getline(lines, line);) {
-    if (std::regex_match(line, match, kLine)) return {match[1] != "0", match[2] != "0"};
+    size_t gpu = 0;
+    size_t cpu = 0;
+    int length = 0;
+    std::sscanf(line.c_str(), "[qwen35-gpu] layer plan: %zu gpu / %zu cpu layers%n", &gpu, &cpu,
+                &length);
+    if (length > 0) return {gpu > 0, cpu > 0};
   }
   return {};
 }
@@ -53,9 +56,8 @@ void settleGpu(SessionOptions& options) {
   const std::optional<ListedDevice> device = findAutomaticDevice();
   if (!device || !device->software) return;
   options.plan = "cpu:all";
-  complain("the Vulkan device " + device->info.deviceName +
-           " is software, slower than the CPU alone: using --plan cpu:all "
-           "(--plan gpu:all uses it anyway)");
+  complain("the device " + device->info.deviceName +
+           " is software: using --plan cpu:all (--plan gpu:all uses it anyway)");
 }
 
 std::string automaticDevice() {
