@@ -114,6 +114,7 @@ TEST_F(Backend, StandsInEveryFormat) {
 }
 
 TEST_F(Backend, IsTheCpuWhenThePlanLeavesNothingToTheGpu) {
+  ZEM_NEEDS_SOFTWARE_DEVICE();
   EXPECT_EQ(json("layers.zem", {"--plan", "cpu:all"})["backend"], "CPU");
 }
 
@@ -125,6 +126,7 @@ TEST_F(Backend, IsTheCpuWhereTheOnlyDeviceIsSoftware) {
 }
 
 TEST_F(Backend, IsTheCpuWhenTheRuntimeGotNoGpuAlthoughThereIsADevice) {
+  ZEM_NEEDS_SOFTWARE_DEVICE();
   const ProcessResult result = bench("cpuonly.zem", {"--plan", "gpu:all"});
   EXPECT_THAT(result.out, HasSubstr("| CPU |"));
   EXPECT_EQ(result.err, "[qwen35-vulkan] GPU path unavailable - running CPU-only\n");
