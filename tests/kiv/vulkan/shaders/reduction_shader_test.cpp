@@ -121,10 +121,11 @@ TEST_F(ReductionShader, SoftmaxOfHugeValuesDoesNotOverflow) {
 }
 
 TEST_F(ReductionShader, SoftmaxGivesEqualValuesEqualShares) {
-  const std::vector<float> x(512, -77.25F);
-  std::vector<BufferBytes> buffers = {guarded(x), room(x.size())};
-  run(ShaderId::Softmax, buffers, {512}, {});
-  expectResults(buffers[1], std::vector<Expected>(512, {1.0 / 512}));
+  for (const float value : {-77.25F, 0.0F, 3e38F, -3e38F, std::numeric_limits<float>::lowest()}) {
+    std::vector<BufferBytes> buffers = {guarded(std::vector<float>(512, value)), room(512)};
+    run(ShaderId::Softmax, buffers, {512}, {});
+    expectResults(buffers[1], std::vector<Expected>(512, {1.0 / 512}));
+  }
 }
 
 TEST_F(ReductionShader, SoftmaxOfOneValueIsOne) {
