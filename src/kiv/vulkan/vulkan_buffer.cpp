@@ -55,6 +55,7 @@ VulkanBuffer& VulkanBuffer::operator=(VulkanBuffer&& other) noexcept {
 
 Status VulkanBuffer::create(VulkanContext& ctx, size_t size, bool hostVisible) {
   if (valid()) return {};
+  if (size == 0) return {StatusCode::InvalidFormat, "create: bad size"};
   ctx_ = &ctx;
   size_ = size;
   hostVisible_ = hostVisible;
@@ -170,6 +171,7 @@ Status VulkanBuffer::download(void* data, size_t bytes) {
 }
 
 Status VulkanBuffer::copyFrom(VulkanContext& ctx, const VulkanBuffer& src, size_t bytes) {
+  if (bytes == 0) return {};
   VkCommandBuffer cmd = VK_NULL_HANDLE;
   if (Status status = ctx.beginCommand(&cmd); !status.ok()) return status;
   const VkBufferCopy region = {.srcOffset = 0, .dstOffset = 0, .size = bytes};
