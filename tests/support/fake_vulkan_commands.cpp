@@ -21,8 +21,8 @@ FakeCommandBuffer* recording(const FakeCall& call, VkCommandBuffer cmd) {
 
 void requireSeen(const FakeExecution& run, const FakeRange& range) {
   for (const FakeRange& unseen : run.unseenByDevice) {
-    const bool overlap = unseen.memory == range.memory && unseen.begin < range.end &&
-                         range.begin < unseen.end;
+    const bool overlap =
+        unseen.memory == range.memory && unseen.begin < range.end && range.begin < unseen.end;
     run.call.require(!overlap, "no barrier after the transfer that wrote these bytes");
   }
 }
@@ -66,8 +66,8 @@ void runCopy(FakeExecution& run, const FakeCopy& copy) {
   const FakeRange target = rangeOf(run.call, copy.destination, to, size);
   requireSeen(run, source);
   requireSeen(run, target);
-  const bool overlap = source.memory == target.memory && source.begin < target.end &&
-                       target.begin < source.end;
+  const bool overlap =
+      source.memory == target.memory && source.begin < target.end && target.begin < source.end;
   run.call.require(!overlap, "a copy onto itself");
   if (source.bytes.size() == target.bytes.size()) {
     std::copy(source.bytes.begin(), source.bytes.end(), target.bytes.begin());
@@ -215,8 +215,8 @@ VKAPI_ATTR void VKAPI_CALL dispatch(VkCommandBuffer cmd, uint32_t x, uint32_t y,
   for (size_t i = 0; i < groups.size(); ++i) {
     call.require(groups[i] <= most[i], "more workgroups than the device takes");
   }
-  FakeDispatch one = {buffer->pipeline, buffer->set, nullptr, {}, pushed(call, *buffer, *pipeline),
-                      groups};
+  FakeDispatch one = {
+      buffer->pipeline, buffer->set, nullptr, {}, pushed(call, *buffer, *pipeline), groups};
   buffer->commands.emplace_back([one = std::move(one), updates = buffer->setUpdates](
                                     FakeExecution& run) { runDispatch(run, one, updates); });
 }

@@ -63,12 +63,12 @@ VKAPI_ATTR VkResult VKAPI_CALL createBuffer(VkDevice device, const VkBufferCreat
   call.require(info->size != 0, "a buffer of no bytes");
   call.require(info->usage != 0, "a buffer of no use");
   const VkDeviceSize step = physical.bufferGranularity;
-  const uint32_t allTypes = (uint32_t{1} << physical.memoryTypes.size()) - 1;
-  const FakeBuffer buffer = {
-      .info = *info,
-      .requirements = {.size = (info->size + step - 1) / step * step,
-                       .alignment = physical.bufferAlignment,
-                       .memoryTypeBits = physical.bufferMemoryTypes & allTypes}};
+  const uint64_t allTypes = (uint64_t{1} << physical.memoryTypes.size()) - 1;
+  const FakeBuffer buffer = {.info = *info,
+                             .requirements = {.size = (info->size + step - 1) / step * step,
+                                              .alignment = physical.bufferAlignment,
+                                              .memoryTypeBits = static_cast<uint32_t>(
+                                                  physical.bufferMemoryTypes & allTypes)}};
   return call.create(VK_OBJECT_TYPE_BUFFER, idOf(device), out, buffer);
 }
 

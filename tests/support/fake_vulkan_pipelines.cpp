@@ -17,8 +17,8 @@ VKAPI_ATTR VkResult VKAPI_CALL createShaderModule(VkDevice device,
   const FakeCall call("vkCreateShaderModule");
   call.find(device, VK_OBJECT_TYPE_DEVICE);
   call.require(info->codeSize != 0 && info->codeSize % 4 == 0, "code of a size that none has");
-  auto code = std::make_shared<const std::vector<uint32_t>>(info->pCode,
-                                                            info->pCode + info->codeSize / 4);
+  auto code =
+      std::make_shared<const std::vector<uint32_t>>(info->pCode, info->pCode + info->codeSize / 4);
   call.require(!code->empty() && code->front() == kMagic, "not SPIR-V");
   call.requests().shaderCode = *code;
   return call.create(VK_OBJECT_TYPE_SHADER_MODULE, idOf(device), out, FakeShaderModule{code});
@@ -186,8 +186,8 @@ void checkDescriptor(const FakeCall& call, VkDevice device, VkDescriptorBufferIn
 }
 
 VKAPI_ATTR void VKAPI_CALL updateDescriptorSets(VkDevice device, uint32_t count,
-                                                const VkWriteDescriptorSet* writes,
-                                                uint32_t copies, const VkCopyDescriptorSet*) {
+                                                const VkWriteDescriptorSet* writes, uint32_t copies,
+                                                const VkCopyDescriptorSet*) {
   const FakeCall call("vkUpdateDescriptorSets");
   call.find(device, VK_OBJECT_TYPE_DEVICE);
   call.require(copies == 0, "sets are never copied here");
