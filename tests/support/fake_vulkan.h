@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "kiv/vulkan/vulkan_api.h"
+#include "support/scoped_env.h"
 
 namespace kiv::test {
 
@@ -140,6 +141,7 @@ using FakeShader =
 
 // From construction to destruction the functions of this object take the place
 // of the machine's. One at a time, and no context may live across either end.
+// Vulkan is switched on meanwhile: switching it off is about the machine's own.
 //
 // Wrong use is a test failure at once: an unknown or already destroyed handle, a
 // parent destroyed before its children, a command buffer, a fence or a mapping in
@@ -190,6 +192,7 @@ class FakeVulkan {
     std::any detail;     // a record of fake_vulkan_objects.h, for the types that have one
   };
 
+  const zemtest::ScopedEnv switchedOn_{vulkan::kNoVulkanVariable, nullptr};
   PFN_vkGetInstanceProcAddr previous_;
   mutable std::recursive_mutex mutex_;
   std::map<std::string, int> calls_;

@@ -33,7 +33,7 @@ shared float sRed[kLocal];
 
 #include "gemv_push.glsl"
 #include "words.glsl"
-#include "workgroup_sum.glsl"
+#include "two_row_sums.glsl"
 
 float signedByteAt(uint at) { return float(bitfieldExtract(int(byteAt(at)), 0, 8)); }
 
@@ -83,10 +83,7 @@ void main() {
     }
   }
 
-  const float y0 = workgroupSum(sums.x);
-  const float y1 = workgroupSum(sums.y);
-  if (gl_LocalInvocationID.x == 0u && first < n) {
-    y[first] = y0;
-    if (first + 1u < n) y[first + 1u] = y1;
-  }
+  const float sum = twoRowSums(sums);
+  const uint row = gl_LocalInvocationID.x == 32u ? first : first + 1u;
+  if (gl_LocalInvocationID.x % 32u == 0u && row < n) y[row] = sum;
 }
