@@ -1,6 +1,7 @@
 #include "kiv/vulkan/vulkan_buffer.h"
 
-#include <cstring>
+#include <algorithm>
+#include <cstdint>
 #include <utility>
 
 namespace kiv::vulkan {
@@ -140,7 +141,7 @@ Status VulkanBuffer::upload(const void* data, size_t bytes) {
   if (hostVisible_) {
     void* mapped = nullptr;
     if (Status status = map(&mapped); !status.ok()) return status;
-    std::memcpy(mapped, data, bytes);
+    std::copy_n(static_cast<const uint8_t*>(data), bytes, static_cast<uint8_t*>(mapped));
     unmap();
     return {};
   }
@@ -158,7 +159,7 @@ Status VulkanBuffer::download(void* data, size_t bytes) {
   if (hostVisible_) {
     void* mapped = nullptr;
     if (Status status = map(&mapped); !status.ok()) return status;
-    std::memcpy(data, mapped, bytes);
+    std::copy_n(static_cast<const uint8_t*>(mapped), bytes, static_cast<uint8_t*>(data));
     unmap();
     return {};
   }
