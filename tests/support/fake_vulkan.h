@@ -30,7 +30,7 @@ constexpr VkMemoryPropertyFlags kDeviceLocal = VK_MEMORY_PROPERTY_DEVICE_LOCAL_B
 constexpr VkMemoryPropertyFlags kHostVisible = VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT;
 constexpr VkMemoryPropertyFlags kHostCoherent = VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
 
-// What a card of today offers; where Vulkan sets a lower bound, not above it.
+// Little above the least that every device must offer.
 VkPhysicalDeviceLimits usualLimits();
 
 struct FakeDevice {
