@@ -46,9 +46,9 @@ vec4 codes(uint low, uint high) {
 float partProduct(uint block, uint part, vec4 xs[4], uint slot, uint row) {
   const uint half_ = part >> 3;
   const uint l = 4u * (part & 7u);
-  const uint low0 = wordAt(block + 64u * half_ + l);
-  const uint low1 = wordAt(block + 64u * half_ + 32u + l);
-  const uint high = wordAt(block + kHighBits + 32u * half_ + l);
+  const uint low0 = evenWordAt(block + 64u * half_ + l);
+  const uint low1 = evenWordAt(block + 64u * half_ + 32u + l);
+  const uint high = evenWordAt(block + kHighBits + 32u * half_ + l);
   const vec4 dots = vec4(dot(codes(low0, high), xs[0]), dot(codes(low1, high >> 2), xs[1]),
                          dot(codes(low0 >> 4, high >> 4), xs[2]),
                          dot(codes(low1 >> 4, high >> 6), xs[3]));
