@@ -17,6 +17,7 @@
 
 #include "runtime_qwen35_vulkan/session_support.h"
 #include "support/failing_vulkan.h"
+#include "support/needs_gpu.h"
 #include "support/scoped_env.h"
 #include "support/subprocess.h"
 #include "support/temp_file.h"
@@ -62,7 +63,7 @@ bool machineHasADevice() {
 class GpuSession : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!machineHasADevice()) GTEST_SKIP() << "no Vulkan device on this machine";
+    if (!machineHasADevice()) ZEM_SKIP_WITHOUT_GPU("no Vulkan device on this machine");
   }
 
   // A session whose conversations end after `positions`.

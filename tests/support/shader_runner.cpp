@@ -4,6 +4,7 @@
 
 #include "kiv/vulkan/vulkan_buffer.h"
 #include "kiv/vulkan/vulkan_kernel.h"
+#include "support/needs_gpu.h"
 
 namespace kiv::test {
 namespace {
@@ -59,7 +60,7 @@ void ShaderTest::TearDownTestSuite() {
 }
 
 void ShaderTest::SetUp() {
-  if (!status_.ok()) GTEST_SKIP() << "no Vulkan device on this machine: " << status_.message();
+  if (!status_.ok()) ZEM_SKIP_WITHOUT_GPU("no Vulkan device: " + status_.message());
 }
 
 void ShaderTest::run(const vulkan::EmbeddedShader& shader, std::vector<BufferBytes>& buffers,
