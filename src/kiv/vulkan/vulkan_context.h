@@ -37,8 +37,8 @@ class VulkanContext {
   Status beginCommand(VkCommandBuffer* outCmd);
   // Ends, submits, waits without limit, frees. InvalidFormat
   // "submitAndWait: uninitialized" for a null buffer or an empty context,
-  // IOError "<the call> failed"; after a failure the buffer is reclaimed with
-  // the pool.
+  // IOError "<the call> failed"; after a failure nothing is running, and the
+  // buffer is reclaimed with the pool.
   Status submitAndWait(VkCommandBuffer cmd);
 
   VkInstance instance() const { return instance_; }
@@ -56,6 +56,7 @@ class VulkanContext {
   Status createDevice();
   Status createCommandPool();
   Status createFence();
+  void replaceFence();
 
   VkInstance instance_ = VK_NULL_HANDLE;
   VkPhysicalDevice physicalDevice_ = VK_NULL_HANDLE;
