@@ -25,8 +25,9 @@ class VulkanContext {
   // first discrete device, else the first enumerated one. Success at once on a
   // ready context; a failure leaves it empty. IOError "<the call> failed" or
   // "no Vulkan physical devices", Unsupported "no compute queue family found".
-  // Without a Vulkan loader the failing call is vkCreateInstance. Contexts may
-  // be set up on several threads at once.
+  // Without a Vulkan loader, or with Vulkan switched off (vulkan_api.h), the
+  // failing call is vkCreateInstance. Contexts may be set up on several threads
+  // at once.
   Status init(uint64_t deviceIndex);
   // Releases everything but info() and hasNativeStorage(); may be repeated.
   void destroy();

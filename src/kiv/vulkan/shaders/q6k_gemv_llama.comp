@@ -23,6 +23,6 @@ shared float sRed[kLocal];
 
 #include "gemv_push.glsl"
 #include "words.glsl"
-#include "workgroup_sum.glsl"
+#include "two_row_sums.glsl"
 
 #include "q6k_gemv_two_rows.glsl"

@@ -33,6 +33,6 @@ float halfAt(uint at) { return unpackHalf2x16(uint(halves[at >> 1])).x; }
 float signedByteAt(uint at) { return float(int(bytes[at])); }
 
 #include "gemv_push.glsl"
-#include "workgroup_sum.glsl"
+#include "two_row_sums.glsl"
 
 #include "q6k_gemv_two_rows.glsl"

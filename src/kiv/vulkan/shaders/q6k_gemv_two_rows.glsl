@@ -6,7 +6,7 @@
 // them, at places that differ from its own bytes.
 //
 // The including shader sets kLocal = 64 and kAtOnce = 4, declares the buffers `x` (vec4)
-// and `y`, sScale and sRed, and includes gemv_push.glsl and workgroup_sum.glsl and what
+// and `y`, sScale and sRed, and includes gemv_push.glsl, two_row_sums.glsl and what
 // q6k_block.glsl needs.
 
 #include "q6k_block.glsl"
@@ -46,10 +46,7 @@ void main() {
     }
   }
 
-  const float y0 = workgroupSum(sums.x);
-  const float y1 = workgroupSum(sums.y);
-  if (gl_LocalInvocationID.x == 0u && first < n) {
-    y[first] = y0;
-    if (first + 1u < n) y[first + 1u] = y1;
-  }
+  const float sum = twoRowSums(sums);
+  const uint row = gl_LocalInvocationID.x == 32u ? first : first + 1u;
+  if (gl_LocalInvocationID.x % 32u == 0u && row < n) y[row] = sum;
 }
