@@ -2,8 +2,8 @@
 //
 // y[t * n + r] = sum over c of x[t * k + c] * W(r, c), for t < tokens and r < n.
 //
-// x: tokens rows of k floats. w: n rows of Q4_0 blocks, as words, a row every colBytes
-// bytes (a multiple of 2; the last word must be whole). y: tokens rows of n floats. n, k,
+// x: tokens rows of k floats. w: n rows of Q4_0 blocks, as words, the last of them whole,
+// a row every colBytes bytes (a multiple of 2). y: tokens rows of n floats. n, k,
 // blocksPerCol, colBytes, tokens: see gemm.glsl; where k is no multiple of 32, the rest of
 // the last block counts as nothing.
 //

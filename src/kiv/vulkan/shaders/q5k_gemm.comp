@@ -3,9 +3,9 @@
 // y[t * n + r] = sum over c of x[t * k + c] * W(r, c), for t < tokens and r < n.
 //
 // x: tokens rows of k floats. w: n rows of Q5_K blocks, as words, a row every colBytes
-// bytes (a multiple of 4). y: tokens rows of n floats. n, k,
-// blocksPerCol, colBytes, tokens: see gemm.glsl; where k is no multiple of 256, the rest of
-// the last block counts as nothing.
+// bytes (a multiple of 4). y: tokens rows of n floats. n, k, blocksPerCol, colBytes,
+// tokens: see gemm.glsl; where k is no multiple of 256, the rest of the last block counts
+// as nothing.
 //
 // 128 rows by 128 tokens a workgroup: dispatch (n + 127) / 128 by (tokens + 127) / 128
 // workgroups. How a workgroup divides its tile, and why, says gemm.glsl. Needs 64 KiB of
