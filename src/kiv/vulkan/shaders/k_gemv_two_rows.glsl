@@ -25,6 +25,7 @@ layout(std430, set = 0, binding = 2) writeonly buffer Y { float y[]; };
 
 shared float sRed[64];
 
+#include "four_bytes.glsl"
 #include "gemv_push.glsl"
 #include "k_scales.glsl"
 #include "two_row_sums.glsl"
@@ -37,10 +38,6 @@ const uint kNibbles = 12u;   // and where the nibbles do
 const uint kBlockWords = kQ4KWords;
 const uint kNibbles = 4u;
 #endif
-
-vec4 bytesOf(uint four) {
-  return vec4(four & 255u, four >> 8 & 255u, four >> 16 & 255u, four >> 24);
-}
 
 float sumOf(vec4 v) { return (v.x + v.y) + (v.z + v.w); }
 

@@ -22,5 +22,7 @@ uint pairAt(uint at) { return (w[at >> 2] >> ((at & 2u) * 8u)) & 0xffffu; }
 
 uint byteAt(uint at) { return (w[at >> 2] >> ((at & 3u) * 8u)) & 0xffu; }
 
+float signedByteAt(uint at) { return float(bitfieldExtract(int(byteAt(at)), 0, 8)); }
+
 // The half-precision number at `at`, which is even.
 float halfAt(uint at) { return unpackHalf2x16(pairAt(at)).x; }
