@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kiv/vulkan/vulkan_api.h"
+#include "support/scoped_env.h"
 
 namespace kiv::test {
 
@@ -67,6 +68,7 @@ struct FakeRequests {
 
 // From construction to destruction the functions of this object take the place
 // of the machine's. One at a time, and no context may live across either end.
+// Vulkan is switched on meanwhile: switching it off is about the machine's own.
 //
 // Wrong use is a test failure at once: an unknown or already destroyed handle, a
 // parent destroyed before its children, a command buffer or a fence in the wrong
@@ -103,6 +105,7 @@ class FakeVulkan {
     uint64_t state = 0;  // what it means is up to the functions of this type
   };
 
+  const zemtest::ScopedEnv switchedOn_{vulkan::kNoVulkanVariable, nullptr};
   PFN_vkGetInstanceProcAddr previous_;
   mutable std::recursive_mutex mutex_;
   std::map<std::string, int> calls_;

@@ -299,6 +299,12 @@ VKAPI_ATTR VkResult VKAPI_CALL queueSubmit(VkQueue queue, uint32_t count, const 
   return call.result();
 }
 
+VKAPI_ATTR VkResult VKAPI_CALL deviceWaitIdle(VkDevice device) {
+  const FakeCall call("vkDeviceWaitIdle");
+  call.find(device, VK_OBJECT_TYPE_DEVICE);
+  return call.result();
+}
+
 VKAPI_ATTR VkResult VKAPI_CALL waitForFences(VkDevice device, uint32_t count, const VkFence* fences,
                                              VkBool32, uint64_t timeout) {
   const FakeCall call("vkWaitForFences");
@@ -355,6 +361,7 @@ const FakeFunctions& contextFunctions() {
       {"vkCreateFence", erase<PFN_vkCreateFence>(createFence)},
       {"vkDestroyFence", erase<PFN_vkDestroyFence>(destroyFence)},
       {"vkQueueSubmit", erase<PFN_vkQueueSubmit>(queueSubmit)},
+      {"vkDeviceWaitIdle", erase<PFN_vkDeviceWaitIdle>(deviceWaitIdle)},
       {"vkWaitForFences", erase<PFN_vkWaitForFences>(waitForFences)},
       {"vkResetFences", erase<PFN_vkResetFences>(resetFences)},
   };

@@ -4,7 +4,7 @@
 // elements 32 further on (sub-block 2c + 1). An element is worth code * s - m, with
 // s and m from the head of its sub-block.
 //
-// kLanes invocations divide a block (4, 8, 16 or 32 of them). Invocation `lane`
+// kLanes invocations divide a block (4, 8, 16 or 32). Invocation `lane`
 // takes every (kLanes / 4)th word of one chunk, so that neighbours load neighbouring
 // words and each needs the heads of two sub-blocks only: the fewer lanes, the more
 // codes share the work of unpacking those.
@@ -14,13 +14,8 @@
 //     sum serves all rows, instead of sum((code * s - m) * x);
 //   vec4 xQuad(uint quad): elements 4 * quad to 4 * quad + 3 of x, zeros from k on;
 //   w: the words of the weights, also read by k_scales.glsl.
-// With CODES_AT(word) defined, the words of codes come from there instead.
 
 #include "k_scales.glsl"
-
-#ifndef CODES_AT
-#define CODES_AT(word) w[word]
-#endif
 
 const uint kStep = kLanes / 4u;   // lanes a chunk
 const uint kWords = 8u / kStep;   // words a lane takes
@@ -65,7 +60,7 @@ float laneProduct(uint block, uint lane, Inputs inputs) {
   float low = 0.0;
   float high = 0.0;
   for (uint i = 0u; i < kWords; ++i) {
-    const uint codes = CODES_AT(block + 4u + 8u * chunk + wordOfLane(lane, i));
+    const uint codes = w[block + 4u + 8u * chunk + wordOfLane(lane, i)];
     const vec4 lowCodes = lowNibbles(codes);
     const vec4 highCodes = lowNibbles(codes >> 4);
     if (kFactored) {

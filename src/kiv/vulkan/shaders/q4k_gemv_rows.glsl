@@ -1,9 +1,10 @@
 // y = W x for Q4_K rows, kRows neighbouring rows a workgroup: all its invocations
 // work on the same rows, kLocal / kLanes blocks at a time, and x is read from the
-// buffer once for all of them. What q4k_codes.glsl needs is set before, as are kRows,
-// kLocal = gl_WorkGroupSize.x and float workgroupSum(float value).
+// buffer once for all of them. What q4k_codes.glsl and workgroup_sum.glsl need is set
+// before, as is kRows.
 
 #include "grid.glsl"
+#include "workgroup_sum.glsl"
 #include "q4k_codes.glsl"
 
 const uint kBlockWords = kQ4KWords;

@@ -23,7 +23,6 @@ const bool kFactored = false;
 shared float sRed[kLocal];
 
 #include "gemv_push.glsl"
-#include "workgroup_sum.glsl"
 #define X_AS_VECTORS
 #include "x_quads.glsl"
 #include "q4k_gemv_rows.glsl"

@@ -24,7 +24,6 @@ const bool kFactored = true;
 shared float sRed[kLocal];
 
 #include "gemv_push.glsl"
-#include "workgroup_sum.glsl"
 
 #include "x_quads.glsl"
 #include "q4k_gemv_rows.glsl"

@@ -1,6 +1,6 @@
 // The shader that expands one Q4_K block, against the CPU's decoder, bit for bit.
-#include "kiv/dequant.h"
-#include "kiv/vulkan/shaders/q4k_testing.h"
+#include "kiv/quant_testing.h"
+#include "support/k_matrix.h"
 #include "support/shader_runner.h"
 
 namespace kiv::test {
@@ -9,14 +9,19 @@ namespace {
 using quant::kBlock256;
 using vulkan::ShaderId;
 
+constexpr size_t kBlockBytes = sizeof(quant::Q4KBlock);
 constexpr float kSentinel = -12345.0F;
+
+std::vector<uint8_t> blockOf(Weights weights, uint32_t seed) {
+  return makeKMatrix(DType::Q4_K, 1, kBlock256, weights, seed).bytes;
+}
 
 class Q4KDeqDiagShader : public ShaderTest {
  protected:
   // What the shader makes of the first block, which has `behind` bytes of others'
   // behind it, and what then lies behind its elements.
   std::vector<float> expand(std::vector<uint8_t> block, size_t behind) {
-    block.resize(kQ4KBytes + behind, 0xFF);
+    block.resize(kBlockBytes + behind, 0xFF);
     std::vector<BufferBytes> buffers = {block,
                                         bytesOf(std::vector<float>(kBlock256 + 1, kSentinel))};
     run(ShaderId::Q4KDeqDiag, buffers, {}, {});
@@ -31,20 +36,21 @@ class Q4KDeqDiagShader : public ShaderTest {
 };
 
 TEST_F(Q4KDeqDiagShader, ExpandsBlocksOfTheQuantiser) {
-  for (const uint32_t seed : {1U, 2U, 3U}) expectDecoded(quantisedQ4K(seed, 1));
+  for (const uint32_t seed : {1U, 2U, 3U}) expectDecoded(blockOf(Weights::Encoded, seed));
 }
 
 TEST_F(Q4KDeqDiagShader, ExpandsRandomBytes) {
-  for (const uint32_t seed : {1U, 2U, 3U, 4U, 5U}) expectDecoded(randomQ4K(seed, 1));
+  for (const uint32_t seed : {1U, 2U, 3U, 4U, 5U})
+    expectDecoded(blockOf(Weights::RandomBytes, seed));
 }
 
 TEST_F(Q4KDeqDiagShader, ReadsTheFirstBlockOnly) {
-  expectDecoded(randomQ4K(6, 1), /*behind=*/4);
-  expectDecoded(randomQ4K(6, 1), /*behind=*/3 * kQ4KBytes);
+  expectDecoded(blockOf(Weights::RandomBytes, 6), /*behind=*/4);
+  expectDecoded(blockOf(Weights::RandomBytes, 6), /*behind=*/3 * kBlockBytes);
 }
 
 TEST_F(Q4KDeqDiagShader, ExpandsTheExtremesOfTheScales) {
-  std::vector<uint8_t> block = quant::testing::randomBytes(7, kQ4KBytes);
+  std::vector<uint8_t> block = quant::testing::randomBytes(7, kBlockBytes);
   // Zeros, subnormal and normal ends of half precision.
   constexpr uint16_t kScales[] = {0x0000, 0x8000, 0x0001, 0x83FF, 0x0400, 0x7BFF, 0xFBFF};
   for (const uint16_t d : kScales) {
@@ -57,9 +63,9 @@ TEST_F(Q4KDeqDiagShader, ExpandsTheExtremesOfTheScales) {
 }
 
 TEST_F(Q4KDeqDiagShader, ExpandsAllOnesAndAllZeros) {
-  std::vector<uint8_t> block(kQ4KBytes, 0);
+  std::vector<uint8_t> block(kBlockBytes, 0);
   expectDecoded(block);
-  block.assign(kQ4KBytes, 0xFF);
+  block.assign(kBlockBytes, 0xFF);
   quant::testing::putHalf(&block[0], 0x3C00);
   quant::testing::putHalf(&block[2], 0x3800);
   expectDecoded(block);  // 15 * 63 - 63 / 2 everywhere

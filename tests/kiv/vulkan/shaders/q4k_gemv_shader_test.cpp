@@ -7,9 +7,7 @@
 #include <ostream>
 #include <utility>
 
-#include "kiv/dequant.h"
-#include "kiv/quant_testing.h"
-#include "kiv/vulkan/shaders/q4k_testing.h"
+#include "support/k_matrix.h"
 #include "support/shader_runner.h"
 
 namespace kiv::test {
@@ -19,6 +17,7 @@ using vulkan::EmbeddedShader;
 using vulkan::embeddedShader;
 using vulkan::ShaderId;
 
+constexpr uint32_t kBlockBytes = sizeof(quant::Q4KBlock);
 constexpr float kSentinel = -12345.0F;
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 constexpr uint8_t kNanByte = 0xFF;  // as a half or a float: NaN
@@ -40,6 +39,7 @@ struct Variant {
   uint32_t rowsPerGroup;
   uint32_t sharedBytes;
   Needs needs = Needs::Nothing;
+  bool wholeBlocks = false;  // k is a multiple of 256
 };
 
 void PrintTo(const Variant& variant, std::ostream* out) { *out << variant.name; }
@@ -56,34 +56,27 @@ const Variant kVariants[] = {
     {"V6Small", {kSmallV6, std::size(kSmallV6)}, 2, 8384},
     {"V7", embeddedShader(ShaderId::Q4KGemvV7), 4, 512},
     {"V8", embeddedShader(ShaderId::Q4KGemvV8), 8, 17408},
-    {"LlamaSg", embeddedShader(ShaderId::Q4KGemvLlamaSg), 2, 256, Needs::SubgroupArithmetic},
-    {"Native", embeddedShader(ShaderId::Q4KGemvNative), 2, 256, Needs::NativeStorage},
+    {"LlamaSg", embeddedShader(ShaderId::Q4KGemvLlamaSg), 2, 256, Needs::SubgroupArithmetic, true},
+    {"Native", embeddedShader(ShaderId::Q4KGemvNative), 2, 256, Needs::NativeStorage, true},
 };
 
-// Rows of blocks, an x, and their product.
+// A matrix, an x, and their product.
 struct Product {
-  uint32_t k = 0;
-  std::vector<uint8_t> blocks;  // row after row
+  KMatrix w;
   std::vector<float> x;
   std::vector<double> y;
   std::vector<double> magnitudes;  // sum of |w x| of each row
 };
 
-uint32_t blocksOf(uint32_t k) { return (k + 255) / 256; }
-
-Product productOf(std::vector<uint8_t> blocks, uint32_t rows, uint32_t k) {
-  Product product;
-  product.k = k;
-  product.blocks = std::move(blocks);
-  product.x = quant::testing::randomFloats(k + 7, k, -2.0F, 2.0F);
-  const size_t rowBytes = size_t{blocksOf(k)} * kQ4KBytes;
-  std::vector<float> w(k);
-  for (uint32_t r = 0; r < rows; ++r) {
-    quant::dequantQ4K(product.blocks.data() + r * rowBytes, w.data(), k);
+Product productOf(KMatrix w) {
+  Product product{std::move(w), {}, {}, {}};
+  product.x = randomVector(product.w.cols, 7);
+  for (size_t r = 0; r < product.w.rows; ++r) {
+    const std::vector<float> row = product.w.row(r);
     double sum = 0;
     double magnitude = 0;
-    for (uint32_t c = 0; c < k; ++c) {
-      const double term = double{w[c]} * double{product.x[c]};
+    for (size_t c = 0; c < row.size(); ++c) {
+      const double term = double{row[c]} * double{product.x[c]};
       sum += term;
       magnitude += std::fabs(term);
     }
@@ -93,16 +86,16 @@ Product productOf(std::vector<uint8_t> blocks, uint32_t rows, uint32_t k) {
   return product;
 }
 
+Product randomProduct(size_t rows, size_t k) {
+  return productOf(makeKMatrix(DType::Q4_K, rows, k, Weights::RandomBytes));
+}
+
 // The same product for every variant and every number of rows up to 130.
-const Product& sharedProduct(bool quantised, uint32_t k) {
-  constexpr uint32_t kRows = 130;
-  static std::map<std::pair<bool, uint32_t>, Product> products;
-  auto& product = products[{quantised, k}];
-  if (product.y.empty()) {
-    const size_t count = size_t{kRows} * blocksOf(k);
-    product = productOf(quantised ? quantisedQ4K(k, count) : randomQ4K(k, count), kRows, k);
-  }
-  return product;
+const Product& sharedProduct(Weights weights, size_t k) {
+  static std::map<std::pair<Weights, size_t>, Product> products;
+  const auto [at, isNew] = products.try_emplace({weights, k});
+  if (isNew) at->second = productOf(makeKMatrix(DType::Q4_K, 130, k, weights));
+  return at->second;
 }
 
 // How a product is laid out in the buffers and dispatched.
@@ -115,8 +108,8 @@ struct Layout {
 class Q4KGemvShader : public ShaderTest, public ::testing::WithParamInterface<Variant> {
  protected:
   void SetUp() override;
-  // y of the first rows of `product`, and what lies behind it in the buffer. What
-  // lies behind x and w, and between rows, is NaN.
+  // y of the first rows of `product`, and what lies behind it in the buffer. Behind x
+  // and w and between rows lie NaN.
   std::vector<float> gemv(const Product& product, const Layout& layout);
   void expectProduct(const Product& product, const Layout& layout);
 };
@@ -144,12 +137,12 @@ void Q4KGemvShader::SetUp() {
   }
 }
 
-std::vector<uint8_t> storedRows(const Product& product, const Layout& layout) {
-  const size_t rowBytes = size_t{blocksOf(product.k)} * kQ4KBytes;
-  std::vector<uint8_t> stored((rowBytes + layout.gap) * layout.rows + kQ4KBytes, kNanByte);
+// The matrix with NaN between its rows and behind the last one.
+BufferBytes storedRows(const KMatrix& w, const Layout& layout) {
+  const size_t stride = w.rowBytes() + layout.gap;
+  BufferBytes stored(stride * layout.rows + kBlockBytes, kNanByte);
   for (size_t r = 0; r < layout.rows; ++r) {
-    std::copy_n(product.blocks.data() + r * rowBytes, rowBytes,
-                stored.data() + r * (rowBytes + layout.gap));
+    std::copy_n(w.bytes.data() + r * w.rowBytes(), w.rowBytes(), stored.data() + r * stride);
   }
   return stored;
 }
@@ -158,7 +151,7 @@ std::vector<float> Q4KGemvShader::gemv(const Product& product, const Layout& lay
   constexpr size_t kBehind = 9;
   std::vector<float> x = product.x;
   x.resize((x.size() + kBehind + 3) / 4 * 4, kNan);
-  const BufferBytes w = storedRows(product, layout);
+  const BufferBytes w = storedRows(product.w, layout);
   std::vector<BufferBytes> buffers = {bytesOf(x), w};
   if (GetParam().needs == Needs::NativeStorage) buffers.push_back(w);
   buffers.push_back(bytesOf(std::vector<float>(layout.rows + kBehind, kSentinel)));
@@ -166,8 +159,9 @@ std::vector<float> Q4KGemvShader::gemv(const Product& product, const Layout& lay
   const uint32_t perGroup = GetParam().rowsPerGroup;
   const uint32_t groups = std::max((layout.rows + perGroup - 1) / perGroup, 1U);
   const uint32_t gridX = layout.gridX == 0 ? groups : layout.gridX;
-  const uint32_t colBytes = blocksOf(product.k) * kQ4KBytes + layout.gap;
-  run(GetParam().shader, buffers, {layout.rows, product.k, product.k / 256, colBytes},
+  const auto k = static_cast<uint32_t>(product.w.cols);
+  const auto colBytes = static_cast<uint32_t>(product.w.rowBytes() + layout.gap);
+  run(GetParam().shader, buffers, {layout.rows, k, k / 256, colBytes},
       {gridX, (groups + gridX - 1) / gridX});
   return valuesOf<float>(buffers.back());
 }
@@ -180,7 +174,7 @@ void Q4KGemvShader::expectProduct(const Product& product, const Layout& layout) 
   ASSERT_GE(y.size(), layout.rows);
   for (uint32_t r = 0; r < layout.rows; ++r) {
     ASSERT_NEAR(y[r], product.y[r], 1e-5 * product.magnitudes[r])
-        << "row " << r << " of " << layout.rows << ", k " << product.k;
+        << "row " << r << " of " << layout.rows << ", k " << product.w.cols;
   }
   for (size_t i = layout.rows; i < y.size(); ++i) ASSERT_EQ(y[i], kSentinel) << "behind y: " << i;
 }
@@ -188,7 +182,7 @@ void Q4KGemvShader::expectProduct(const Product& product, const Layout& layout) 
 TEST_P(Q4KGemvShader, MultipliesRowsOfTheQuantiser) {
   for (const uint32_t k : {256U, 512U, 2560U, 9216U}) {
     for (const uint32_t rows : {1U, 2U, 3U, 7U, 130U}) {
-      expectProduct(sharedProduct(/*quantised=*/true, k), {rows});
+      expectProduct(sharedProduct(Weights::Encoded, k), {rows});
     }
   }
 }
@@ -196,42 +190,32 @@ TEST_P(Q4KGemvShader, MultipliesRowsOfTheQuantiser) {
 TEST_P(Q4KGemvShader, MultipliesRowsOfRandomBytes) {
   for (const uint32_t k : {256U, 512U, 2560U, 9216U}) {
     for (const uint32_t rows : {1U, 2U, 3U, 7U, 130U}) {
-      expectProduct(sharedProduct(/*quantised=*/false, k), {rows});
+      expectProduct(sharedProduct(Weights::RandomBytes, k), {rows});
     }
-  }
-}
-
-// blocksPerCol counts whole blocks only; behind k lie NaN in x and codes in w.
-TEST_P(Q4KGemvShader, LeavesOutWhatLiesBehindKInTheLastBlock) {
-  for (const uint32_t k : {1U, 254U, 257U, 300U, 511U, 4095U, 4097U, 10500U}) {
-    constexpr uint32_t kRows = 5;
-    const size_t blocks = size_t{kRows} * blocksOf(k);
-    expectProduct(productOf(randomQ4K(k, blocks), kRows, k), {kRows});
   }
 }
 
 TEST_P(Q4KGemvShader, FindsRowsThatLieApart) {
   for (const uint32_t gap : {4U, 148U}) {
-    expectProduct(sharedProduct(/*quantised=*/false, 2560), {.rows = 7, .gap = gap});
+    expectProduct(sharedProduct(Weights::RandomBytes, 2560), {.rows = 7, .gap = gap});
   }
 }
 
 TEST_P(Q4KGemvShader, CountsTheWorkgroupsOfAGridAlongXFirst) {
   for (const uint32_t gridX : {1U, 2U, 5U}) {
-    expectProduct(sharedProduct(/*quantised=*/false, 512), {.rows = 130, .gridX = gridX});
+    expectProduct(sharedProduct(Weights::RandomBytes, 512), {.rows = 130, .gridX = gridX});
   }
 }
 
 TEST_P(Q4KGemvShader, WorkgroupsThatAreTooManyWriteNothing) {
-  expectProduct(sharedProduct(/*quantised=*/false, 512), {.rows = 3, .gridX = 200});
-  expectProduct(sharedProduct(/*quantised=*/false, 512), {.rows = 0, .gridX = 3});
+  expectProduct(sharedProduct(Weights::RandomBytes, 512), {.rows = 3, .gridX = 200});
+  expectProduct(sharedProduct(Weights::RandomBytes, 512), {.rows = 0, .gridX = 3});
 }
 
 TEST_P(Q4KGemvShader, ARowOfNanStaysARowOfNan) {
   constexpr uint32_t kRows = 9;
-  constexpr uint32_t kK = 512;
-  Product product = productOf(randomQ4K(1, kRows * 2), kRows, kK);
-  std::fill_n(product.blocks.begin() + 4 * 2 * kQ4KBytes, kQ4KBytes, kNanByte);
+  Product product = randomProduct(kRows, 512);
+  std::fill_n(product.w.bytes.data() + 4 * product.w.rowBytes(), kBlockBytes, kNanByte);
   const std::vector<float> y = gemv(product, {kRows});
   for (uint32_t r = 0; r < kRows; ++r) {
     if (r == 4) {
@@ -243,32 +227,64 @@ TEST_P(Q4KGemvShader, ARowOfNanStaysARowOfNan) {
 }
 
 TEST_P(Q4KGemvShader, ARowOfNoColumnsIsZero) {
-  const Product empty{.k = 0, .blocks = {}, .x = {}, .y = {0, 0, 0}, .magnitudes = {0, 0, 0}};
+  const Product empty{{DType::Q4_K, 3, 0, {}}, {}, {0, 0, 0}, {0, 0, 0}};
   expectProduct(empty, {.rows = 3});
+}
+
+// As d and dmin of weights of a few hundredths are: below the least normal half.
+TEST_P(Q4KGemvShader, ScalesMayBeSubnormal) {
+  KMatrix w = makeKMatrix(DType::Q4_K, 3, 512, Weights::RandomBytes);
+  for (size_t block = 0; block < w.bytes.size(); block += kBlockBytes) {
+    for (const size_t offset : superScaleOffsets(w.type)) w.bytes[block + offset + 1] &= 0x83;
+  }
+  expectProduct(productOf(std::move(w)), {.rows = 3});
+}
+
+// The larger of d and dmin of the block that holds column c of row r.
+double superScale(const KMatrix& w, size_t r, size_t c) {
+  quant::Q4KBlock block;
+  std::memcpy(&block, w.bytes.data() + r * w.rowBytes() + c / 256 * kBlockBytes, kBlockBytes);
+  return std::max(std::fabs(quant::f16ToF32(block.d)), std::fabs(quant::f16ToF32(block.dmin)));
 }
 
 // One column of W at a time: no code may reach another element's x.
 TEST_P(Q4KGemvShader, EveryElementMeetsItsOwnX) {
   constexpr uint32_t kRows = 3;
-  constexpr uint32_t kK = 512;
-  Product product = productOf(randomQ4K(2, kRows * 2), kRows, kK);
-  std::vector<float> w(kRows * kK);
-  quant::dequantQ4K(product.blocks.data(), w.data(), w.size());
-  for (uint32_t c = 0; c < kK; c += 17) {
+  Product product = randomProduct(kRows, 512);
+  for (size_t c = 0; c < product.w.cols; c += 17) {
     std::fill(product.x.begin(), product.x.end(), 0.0F);
     product.x[c] = 1.0F;
     for (uint32_t r = 0; r < kRows; ++r) {
-      product.y[r] = w[r * kK + c];
-      // Fewer than ten roundings of terms up to 16 * 63 * 8, of which the minimum may
-      // leave next to nothing: not more than 160 of 63 * 8.
-      product.magnitudes[r] = std::max(std::fabs(product.y[r]), 63.0 * 8.0);
+      product.y[r] = double{product.w.row(r)[c]};
+      // A code and a minimum, of which the subtraction may leave next to nothing, and
+      // not ten roundings: 160 of a sixteenth of their size.
+      product.magnitudes[r] = 63 * superScale(product.w, r, c);
     }
     expectProduct(product, {kRows});
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Q4KGemvShader, ::testing::ValuesIn(kVariants),
-                         [](const auto& tested) { return tested.param.name; });
+// The modules that take any k, not only whole blocks.
+class Q4KGemvAnyK : public Q4KGemvShader {};
+
+// blocksPerCol counts whole blocks only; behind k lie NaN in x and codes in w.
+TEST_P(Q4KGemvAnyK, LeavesOutWhatLiesBehindKInTheLastBlock) {
+  for (const size_t k : {1, 254, 257, 300, 511, 4095, 4097, 10500}) {
+    expectProduct(randomProduct(5, k), {5});
+  }
+}
+
+std::string nameOf(const ::testing::TestParamInfo<Variant>& tested) { return tested.param.name; }
+
+std::vector<Variant> variantsOfAnyK() {
+  std::vector<Variant> variants;
+  std::copy_if(std::begin(kVariants), std::end(kVariants), std::back_inserter(variants),
+               [](const Variant& variant) { return !variant.wholeBlocks; });
+  return variants;
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Q4KGemvShader, ::testing::ValuesIn(kVariants), nameOf);
+INSTANTIATE_TEST_SUITE_P(All, Q4KGemvAnyK, ::testing::ValuesIn(variantsOfAnyK()), nameOf);
 
 }  // namespace
 }  // namespace kiv::test
