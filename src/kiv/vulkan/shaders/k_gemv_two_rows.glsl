@@ -12,7 +12,10 @@
 // x and its sums serve both rows; d and dmin multiply once for 16 elements:
 //   sum of w x = d (scales . (codes . x)) - dmin (minima . (sums of x)).
 //
-// What the including shader defines before: nothing, or FIFTH_BIT.
+// What the including shader defines before: nothing, or any of
+//   FIFTH_BIT;
+//   HALF_WORDS: nibbles are loaded as 16-bit numbers, through a second view of w;
+//   SUBGROUP_SUMS: sums are reduced by subgroups.
 
 layout(local_size_x = 64) in;
 
@@ -20,15 +23,25 @@ const uint kPerBlock = 16u;  // invocations a block
 const uint kAtOnce = 4u;     // blocks
 
 layout(std430, set = 0, binding = 0) readonly buffer X { vec4 x[]; };
+#ifdef HALF_WORDS
+layout(std430, set = 0, binding = 1) readonly buffer Halves { uint16_t halves[]; };
+layout(std430, set = 0, binding = 2) readonly buffer W { uint w[]; };
+layout(std430, set = 0, binding = 3) writeonly buffer Y { float y[]; };
+#else
 layout(std430, set = 0, binding = 1) readonly buffer W { uint w[]; };
 layout(std430, set = 0, binding = 2) writeonly buffer Y { float y[]; };
+#endif
 
 shared float sRed[64];
 
 #include "four_bytes.glsl"
 #include "gemv_push.glsl"
 #include "k_scales.glsl"
+#ifdef SUBGROUP_SUMS
+#include "two_row_subgroup_sums.glsl"
+#else
 #include "two_row_sums.glsl"
+#endif
 
 #ifdef FIFTH_BIT
 const uint kBlockWords = kQ5KWords;
@@ -39,12 +52,20 @@ const uint kBlockWords = kQ4KWords;
 const uint kNibbles = 4u;
 #endif
 
+#ifdef HALF_WORDS
+uint nibblesAt(uint word) {
+  return uint(halves[2u * word]) | uint(halves[2u * word + 1u]) << 16;
+}
+#else
+uint nibblesAt(uint word) { return w[word]; }
+#endif
+
 float sumOf(vec4 v) { return (v.x + v.y) + (v.z + v.w); }
 
 // What `part` of a block adds to its row.
 float partProduct(uint block, uint part, vec4 xs[4], vec4 xSums) {
-  const uint first = w[block + kNibbles + part];
-  const uint second = w[block + kNibbles + part + 16u];
+  const uint first = nibblesAt(block + kNibbles + part);
+  const uint second = nibblesAt(block + kNibbles + part + 16u);
   uvec4 codes = uvec4(first, first >> 4, second, second >> 4) & 0x0f0f0f0fu;
 #ifdef FIFTH_BIT
   // Bit 2c of each byte belongs to chunk c = pair of the first word and c = pair
