@@ -143,6 +143,17 @@ TEST_F(EndToEnd, ASoftwareDeviceIsLeftAloneUnlessAPlanSaysOtherwise) {
   EXPECT_EQ(json["plan"], "cpu:all");
 }
 
+TEST_F(EndToEnd, ABenchmarkNamesTheDeviceThatAPlanPutsToWork) {
+  ZEM_NEEDS_SOFTWARE_DEVICE();
+  const ProcessResult result = realZem(
+      {"bench", "-m", model_, "-n", "1", "-r", "1", "-o", "json", "--plan", "gpu:1,cpu:all"}, "",
+      kSoftwareDevice);
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "[qwen35-gpu] layer plan: 1 gpu / 31 cpu layers\n");
+  EXPECT_EQ(nlohmann::json::parse(result.out)["backend"],
+            "Vulkan: " + softwareDevice() + ", plan gpu:1,cpu:all");
+}
+
 TEST_F(EndToEnd, InfoAndTokenizeHaveNothingToWarnOf) {
   const ProcessResult info = realZem({"info", "--tensors", model_});
   EXPECT_EQ(info.status, 0);
