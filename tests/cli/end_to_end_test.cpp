@@ -112,14 +112,14 @@ constexpr const char* kVulkanLoader = "file=libvulkan.so";
 const Environment kListLibraries = {{"ZEM_NO_VULKAN", ""}, {"LD_DEBUG", "files"}};
 
 TEST_F(EndToEnd, WithoutGpuVulkanStaysOutOfTheProcess) {
-  const std::vector<std::pair<Arguments, std::string>> commands = {
-      {{"run", "-m", model_, "-p", "Hi", "-c", "4", "--no-gpu"}, ""},
-      {{"chat", "-m", model_, "-c", "20", "--no-gpu"}, "Hi\n"},
-      {{"bench", "-m", model_, "-n", "1", "-r", "1", "--no-gpu"}, ""}};
-  for (const auto& [arguments, input] : commands) {
-    const ProcessResult result = realZem(arguments, input, kListLibraries);
+  const std::vector<Arguments> commands = {{"run", "-m", model_, "-p", "Hi", "-c", "2"},
+                                           {"chat", "-m", model_},  // ends at once: no input
+                                           {"bench", "-m", model_, "-n", "1", "-r", "1"}};
+  for (Arguments arguments : commands) {
+    arguments.emplace_back("--no-gpu");
+    const ProcessResult result = realZem(arguments, "", kListLibraries);
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_THAT(result.err, HasSubstr("runtime_qwen35_vulkan.so"));
+    EXPECT_THAT(result.err, HasSubstr("GPU path unavailable"));
     EXPECT_THAT(result.err, Not(HasSubstr(kVulkanLoader)));
   }
 }
@@ -127,7 +127,7 @@ TEST_F(EndToEnd, WithoutGpuVulkanStaysOutOfTheProcess) {
 // Without this the test above could not fail.
 TEST_F(EndToEnd, WithoutAnOptionVulkanIsLookedFor) {
   const ProcessResult result =
-      realZem({"run", "-m", model_, "-p", "Hi", "-c", "4"}, "", kListLibraries);
+      realZem({"run", "-m", model_, "-p", "Hi", "-c", "2"}, "", kListLibraries);
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.err, HasSubstr(kVulkanLoader));
 }
