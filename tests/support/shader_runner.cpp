@@ -2,7 +2,6 @@
 
 #include <limits>
 
-#include "kiv/vulkan/vulkan_api.h"
 #include "kiv/vulkan/vulkan_buffer.h"
 #include "kiv/vulkan/vulkan_kernel.h"
 #include "support/needs_gpu.h"
@@ -45,25 +44,12 @@ Status runOn(VulkanContext& context, const vulkan::EmbeddedShader& shader,
   return status;
 }
 
-// Some drivers keep memory of their own until the process ends. Once the driver is
-// unloaded, a leak checker finds nothing that points to it and takes it for ours. So
-// one instance is kept, and with it the driver.
-void keepDriverLoaded() {
-  static VkInstance kept = VK_NULL_HANDLE;
-  VkInstanceCreateInfo info{};
-  info.sType = VK_STRUCTURE_TYPE_INSTANCE_CREATE_INFO;
-  if (kept == VK_NULL_HANDLE && vulkan::loadVulkan()) {
-    vkCreateInstance(&info, /*pAllocator=*/nullptr, &kept);
-  }
-}
-
 }  // namespace
 
 vulkan::VulkanContext* ShaderTest::context_ = nullptr;
 Status ShaderTest::status_;
 
 void ShaderTest::SetUpTestSuite() {
-  keepDriverLoaded();
   context_ = new vulkan::VulkanContext;
   status_ = context_->init(std::numeric_limits<uint64_t>::max());
 }

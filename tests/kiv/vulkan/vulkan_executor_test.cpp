@@ -82,6 +82,21 @@ TEST_F(VulkanExecutorTest, KernelIsMadeOnFirstUseAndKept) {
   EXPECT_EQ(vulkan_.calls("vkCreateComputePipelines"), 1);
 }
 
+TEST_F(VulkanExecutorTest, EveryRegisteredOpcodeGetsTheKernelOfItsShader) {
+  size_t made = 0;
+  for (size_t i = 0; i < kOpcodeCount; ++i) {
+    const auto op = static_cast<Opcode>(i);
+    const GpuKernelDesc* desc = GpuKernelRegistry::instance().find(op);
+    if (desc == nullptr) continue;
+    EXPECT_THAT(executor_.getKernel(context_, op, nullptr), IsOk()) << i;
+    EXPECT_EQ(vulkan_.requests.shaderCode, wordsOf(desc->shader)) << i;
+    EXPECT_EQ(vulkan_.requests.setLayout.size(), desc->bindings) << i;
+    EXPECT_EQ(vulkan_.requests.pipelineLayout.push[0].size, desc->pushSize) << i;
+    EXPECT_EQ(pipelines(), ++made);
+  }
+  EXPECT_EQ(made, 12U);
+}
+
 TEST_F(VulkanExecutorTest, KernelIsMadeAlsoWhenNobodyAsksForItsAddress) {
   EXPECT_THAT(executor_.getKernel(context_, Opcode::Add, nullptr), IsOk());
   EXPECT_EQ(pipelines(), 1U);
