@@ -242,7 +242,7 @@ bool GPUModelLoader::bindToPool(VkBuffer buffer, uint64_t offset) {
 }
 
 Status GPUModelLoader::downloadTensor(const GPUTensorView& view, void* dst) {
-  if (!valid_ || dst == nullptr || buffer_ == VK_NULL_HANDLE) {
+  if (!valid_ || dst == nullptr || views_.empty()) {
     return failure(StatusCode::InvalidFormat, "not initialized");
   }
   if (view.size > kStagingBytes) {

@@ -47,7 +47,10 @@ class GPUModelLoader {
   Status loadWeightsToGPUFiltered(ZEMLoader& loader, TensorFilter filter);
 
   // Copies a resident tensor's bytes to `dst` (view.size bytes), to check an
-  // upload. Unsupported "GPUModelLoader: tensor too large to verify" above 64 MiB.
+  // upload. InvalidFormat "GPUModelLoader: not initialized" for a null `dst` and
+  // while no tensor is resident, Unsupported "GPUModelLoader: tensor too large to
+  // verify" above 64 MiB, IOError "GPUModelLoader: staging map failed", and the
+  // context's own failures.
   Status downloadTensor(const GPUTensorView& view, void* dst);
 
   // Residency by layer is not offered: Unsupported "GPUModelLoader: partial mode

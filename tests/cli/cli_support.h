@@ -12,6 +12,7 @@
 
 #include "gtest/gtest.h"
 #include "support/container_builder.h"
+#include "support/needs_gpu.h"
 #include "support/subprocess.h"
 
 namespace zemtest {
@@ -66,7 +67,7 @@ inline std::string softwareDevice() {
 
 // First line of a test that needs one.
 #define ZEM_NEEDS_SOFTWARE_DEVICE() \
-  if (softwareDevice().empty()) GTEST_SKIP() << "no software device: " << kSoftwareDriver
+  if (softwareDevice().empty()) ZEM_SKIP_WITHOUT_GPU("no software device: " + kSoftwareDriver)
 
 // A folder that goes with everything in it.
 class TempFolder {

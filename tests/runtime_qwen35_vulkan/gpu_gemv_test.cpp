@@ -13,6 +13,7 @@
 #include "support/container_builder.h"
 #include "support/failing_vulkan.h"
 #include "support/k_matrix.h"
+#include "support/needs_gpu.h"
 #include "support/temp_file.h"
 
 namespace qwen35gpu {
@@ -78,7 +79,7 @@ class GpuGemvTest : public ::testing::Test {
     file_ = std::make_unique<zemtest::TempFile>(container);
     ASSERT_TRUE(loader_.open(file_->path()).ok());
     const kiv::Status status = gpu_.init(kAnyDevice);
-    if (!status.ok()) GTEST_SKIP() << "no Vulkan device on this machine: " << status.message();
+    if (!status.ok()) ZEM_SKIP_WITHOUT_GPU("no Vulkan device: " + status.message());
     ASSERT_TRUE(gpu_.loadWeightsToGPU(loader_).ok());
     ASSERT_TRUE(gemv_.init(gpu_));
   }

@@ -1,6 +1,7 @@
 #include "kiv/vulkan/vulkan_buffer.h"
 
-#include <cstring>
+#include <algorithm>
+#include <cstdint>
 #include <utility>
 
 namespace kiv::vulkan {
@@ -55,6 +56,7 @@ VulkanBuffer& VulkanBuffer::operator=(VulkanBuffer&& other) noexcept {
 
 Status VulkanBuffer::create(VulkanContext& ctx, size_t size, bool hostVisible) {
   if (valid()) return {};
+  if (size == 0) return {StatusCode::InvalidFormat, "create: bad size"};
   ctx_ = &ctx;
   size_ = size;
   hostVisible_ = hostVisible;
@@ -139,7 +141,7 @@ Status VulkanBuffer::upload(const void* data, size_t bytes) {
   if (hostVisible_) {
     void* mapped = nullptr;
     if (Status status = map(&mapped); !status.ok()) return status;
-    std::memcpy(mapped, data, bytes);
+    std::copy_n(static_cast<const uint8_t*>(data), bytes, static_cast<uint8_t*>(mapped));
     unmap();
     return {};
   }
@@ -157,7 +159,7 @@ Status VulkanBuffer::download(void* data, size_t bytes) {
   if (hostVisible_) {
     void* mapped = nullptr;
     if (Status status = map(&mapped); !status.ok()) return status;
-    std::memcpy(data, mapped, bytes);
+    std::copy_n(static_cast<const uint8_t*>(mapped), bytes, static_cast<uint8_t*>(data));
     unmap();
     return {};
   }
@@ -170,6 +172,7 @@ Status VulkanBuffer::download(void* data, size_t bytes) {
 }
 
 Status VulkanBuffer::copyFrom(VulkanContext& ctx, const VulkanBuffer& src, size_t bytes) {
+  if (bytes == 0) return {};
   VkCommandBuffer cmd = VK_NULL_HANDLE;
   if (Status status = ctx.beginCommand(&cmd); !status.ok()) return status;
   const VkBufferCopy region = {.srcOffset = 0, .dstOffset = 0, .size = bytes};

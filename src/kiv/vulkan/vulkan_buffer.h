@@ -22,9 +22,10 @@ class VulkanBuffer {
   VulkanBuffer(const VulkanBuffer&) = delete;
   VulkanBuffer& operator=(const VulkanBuffer&) = delete;
 
-  // A buffer of `size` bytes for shaders and copies. Success at once, with
-  // nothing changed, when there is a buffer already. IOError "<the call> failed",
-  // Unsupported "no suitable memory type"; nothing is left behind then.
+  // A buffer of `size` bytes, not 0, for shaders and copies. Success at once,
+  // with nothing changed, when there is a buffer already. InvalidFormat "create:
+  // bad size", IOError "<the call> failed", Unsupported "no suitable memory
+  // type"; nothing is left behind then.
   Status create(VulkanContext& ctx, size_t size, bool hostVisible);
   // Wraps the first `size` bytes of a handle that stays its owner's, to be bound
   // to a kernel. What this buffer owned before is released.

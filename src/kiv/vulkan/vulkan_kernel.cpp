@@ -13,7 +13,7 @@ Status ioError(const char* message) { return {StatusCode::IOError, message}; }
 
 Status VulkanKernel::create(VulkanContext& ctx, const uint32_t* code, size_t wordCount,
                             uint32_t bindingCount, uint32_t pushSize) {
-  if (pipeline_ != VK_NULL_HANDLE) return {};
+  if (ready_) return {};
   destroy();  // what an attempt that failed had made
   ctx_ = &ctx;
   bindingCount_ = bindingCount;
@@ -24,7 +24,9 @@ Status VulkanKernel::create(VulkanContext& ctx, const uint32_t* code, size_t wor
   if (status.ok()) status = createPool();
   if (!status.ok()) return status;
   set_ = allocSet();
-  return set_ != VK_NULL_HANDLE ? Status() : ioError("vkAllocateDescriptorSets failed");
+  if (set_ == VK_NULL_HANDLE) return ioError("vkAllocateDescriptorSets failed");
+  ready_ = true;
+  return {};
 }
 
 Status VulkanKernel::createSetLayout() {
@@ -114,6 +116,7 @@ void VulkanKernel::destroy() {
   pipeline_ = VK_NULL_HANDLE;
   pipelineLayout_ = VK_NULL_HANDLE;
   setLayout_ = VK_NULL_HANDLE;
+  ready_ = false;
 }
 
 VkDescriptorSet VulkanKernel::allocSet() {

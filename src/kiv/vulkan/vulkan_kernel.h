@@ -26,7 +26,7 @@ class VulkanKernel {
   // From SPIR-V with the entry point "main", `bindingCount` bindings and
   // `pushSize` bytes of push constants (0 for none). Success at once on a ready
   // kernel. IOError "<the call> failed", or createShaderModule()'s status; what
-  // had been made by then is released by destroy().
+  // had been made by then is released by destroy() or the next create().
   Status create(VulkanContext& ctx, const uint32_t* code, size_t wordCount, uint32_t bindingCount,
                 uint32_t pushSize);
   // Releases everything; may be repeated.
@@ -69,6 +69,7 @@ class VulkanKernel {
   VkDescriptorSet set_ = VK_NULL_HANDLE;
   uint32_t bindingCount_ = 0;
   uint32_t pushSize_ = 0;
+  bool ready_ = false;
 };
 
 }  // namespace kiv::vulkan

@@ -11,6 +11,7 @@
 
 #include "kiv/vulkan/vulkan_context.h"
 #include "support/fake_vulkan.h"
+#include "support/needs_gpu.h"
 #include "support/scoped_env.h"
 
 namespace kiv::vulkan {
@@ -60,7 +61,7 @@ TEST_F(FreshProcessDeathTest, SwitchedOffMapsNoLoader) {
 TEST_F(FreshProcessDeathTest, SwitchedOnMapsTheLoader) {
   {
     const ScopedEnv on(kNoVulkanVariable, nullptr);
-    if (!loadVulkan()) GTEST_SKIP() << "no Vulkan loader on this machine";
+    if (!loadVulkan()) ZEM_SKIP_WITHOUT_GPU("no Vulkan loader on this machine");
   }
   const auto work = [] {
     const ScopedEnv on(kNoVulkanVariable, nullptr);
@@ -83,7 +84,7 @@ TEST(NoVulkan, AnyTextButTheEmptyOneSwitchesOff) {
 
 TEST(NoVulkan, IsReadAtEveryCallAndRefusesAnOpenLoaderToo) {
   const ScopedEnv on(kNoVulkanVariable, nullptr);
-  if (!loadVulkan()) GTEST_SKIP() << "no Vulkan loader on this machine";
+  if (!loadVulkan()) ZEM_SKIP_WITHOUT_GPU("no Vulkan loader on this machine");
   {
     const ScopedEnv off(kNoVulkanVariable, "1");
     expectNoVulkan();

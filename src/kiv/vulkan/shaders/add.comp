@@ -1,14 +1,10 @@
-// y[i] = a[i] + b[i] for i < count. One invocation an element, 256 a workgroup.
+// Add: y[i] = a[i] + b[i].
+//
+// Bindings: a, b, y. Push constants: count. What an invocation owns and how many
+// workgroups to dispatch: elementwise_binary.glsl.
 #version 450
-layout(local_size_x = 256) in;
+#extension GL_GOOGLE_include_directive : require
 
-layout(std430, set = 0, binding = 0) readonly buffer A { float a[]; };
-layout(std430, set = 0, binding = 1) readonly buffer B { float b[]; };
-layout(std430, set = 0, binding = 2) writeonly buffer Y { float y[]; };
+float combine(float a, float b) { return a + b; }
 
-layout(push_constant) uniform PC { uint count; };
-
-void main() {
-  const uint i = gl_GlobalInvocationID.x;
-  if (i < count) y[i] = a[i] + b[i];
-}
+#include "elementwise_binary.glsl"

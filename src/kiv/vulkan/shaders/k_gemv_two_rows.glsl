@@ -34,6 +34,7 @@ layout(std430, set = 0, binding = 2) writeonly buffer Y { float y[]; };
 
 shared float sRed[64];
 
+#include "four_bytes.glsl"
 #include "gemv_push.glsl"
 #include "k_scales.glsl"
 #ifdef SUBGROUP_SUMS
@@ -58,10 +59,6 @@ uint nibblesAt(uint word) {
 #else
 uint nibblesAt(uint word) { return w[word]; }
 #endif
-
-vec4 bytesOf(uint four) {
-  return vec4(four & 255u, four >> 8 & 255u, four >> 16 & 255u, four >> 24);
-}
 
 float sumOf(vec4 v) { return (v.x + v.y) + (v.z + v.w); }
 

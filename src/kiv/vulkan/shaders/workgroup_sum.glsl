@@ -2,15 +2,10 @@
 // shader declares `shared float sRed[kLocal]`, with kLocal = gl_WorkGroupSize.x a
 // power of two. Every invocation must call it; all get the sum, and sRed is free
 // for the next call.
-float workgroupSum(float value) {
-  const uint i = gl_LocalInvocationID.x;
-  sRed[i] = value;
-  barrier();
-  for (uint half_ = kLocal / 2u; half_ > 0u; half_ >>= 1) {
-    if (i < half_) sRed[i] += sRed[i + half_];
-    barrier();
-  }
-  const float sum = sRed[0];
-  barrier();
-  return sum;
-}
+#define TEAM_REDUCE teamSum
+#define TEAM_COMBINE(a, b) ((a) + (b))
+#include "team_reduce.glsl"
+#undef TEAM_COMBINE
+#undef TEAM_REDUCE
+
+float workgroupSum(float value) { return teamSum(value, kLocal); }
