@@ -15,6 +15,7 @@
 //   vec4 xQuad(uint quad): elements 4 * quad to 4 * quad + 3 of x, zeros from k on;
 //   w: the words of the weights, also read by k_scales.glsl.
 
+#include "four_bytes.glsl"
 #include "k_scales.glsl"
 
 const uint kStep = kLanes / 4u;   // lanes a chunk
@@ -48,10 +49,6 @@ Inputs inputsOf(uint quad, uint lane) {
   return inputs;
 }
 
-vec4 lowNibbles(uint word) {
-  return vec4(word & 15u, (word >> 8) & 15u, (word >> 16) & 15u, (word >> 24) & 15u);
-}
-
 // The lane's part of the block that begins at word `block`, times x.
 float laneProduct(uint block, uint lane, Inputs inputs) {
   const uint chunk = lane / kStep;
@@ -61,8 +58,8 @@ float laneProduct(uint block, uint lane, Inputs inputs) {
   float high = 0.0;
   for (uint i = 0u; i < kWords; ++i) {
     const uint codes = w[block + 4u + 8u * chunk + wordOfLane(lane, i)];
-    const vec4 lowCodes = lowNibbles(codes);
-    const vec4 highCodes = lowNibbles(codes >> 4);
+    const vec4 lowCodes = bytesOf(codes & 0x0f0f0f0fu);
+    const vec4 highCodes = bytesOf(codes >> 4 & 0x0f0f0f0fu);
     if (kFactored) {
       low += dot(lowCodes, inputs.low[i]);
       high += dot(highCodes, inputs.high[i]);

@@ -23,7 +23,7 @@ const uint kLocal = gl_WorkGroupSize.x;
 const uint kLanes = 4u;  // invocations a row, and a block
 const bool kFactored = true;
 shared float sX[4096];
-#define SUMS sX
+#define sRed sX  // rows are reduced when x is no longer needed
 
 #include "gemv_push.glsl"
 #include "x_staged.glsl"

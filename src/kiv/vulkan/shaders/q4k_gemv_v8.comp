@@ -22,7 +22,6 @@ const uint kLanes = 32u;  // invocations a row, and a block
 const bool kFactored = false;
 shared float sX[4096];
 shared float sRed[kLocal];
-#define SUMS sRed
 
 #include "gemv_push.glsl"
 #include "x_staged.glsl"

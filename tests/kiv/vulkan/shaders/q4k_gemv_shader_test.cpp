@@ -2,9 +2,11 @@
 // plain loop over the weights that the CPU decodes.
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <map>
 #include <ostream>
+#include <string>
 #include <utility>
 
 #include "support/k_matrix.h"
@@ -134,6 +136,10 @@ void Q4KGemvShader::SetUp() {
   }
   if (GetParam().needs == Needs::SubgroupArithmetic && !hasSubgroupArithmetic(context())) {
     GTEST_SKIP() << context().info().deviceName << " cannot add over subgroups";
+  }
+  const char* bits = std::getenv("LP_NATIVE_VECTOR_WIDTH");
+  if (bits != nullptr && context().info().deviceName.starts_with("llvmpipe")) {
+    ASSERT_EQ(context().info().subgroupSize, std::stoul(bits) / 32);
   }
 }
 
