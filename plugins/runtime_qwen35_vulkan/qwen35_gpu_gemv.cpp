@@ -61,6 +61,7 @@ uint64_t rowsOf(const GPUTensorView& w, uint64_t cols) {
 
 bool GpuGemv::init(kiv::GPUModelLoader& gpu) {
   gpu_ = &gpu;
+  if (!gpu.valid()) return false;
   VulkanContext& ctx = gpu.context();
   VkPhysicalDeviceProperties properties{};
   vkGetPhysicalDeviceProperties(ctx.physicalDevice(), &properties);

@@ -24,7 +24,7 @@ class GpuGemv {
   GpuGemv& operator=(const GpuGemv&) = delete;
 
   // Makes the kernels for Q4_K, Q6_K and Q5_K weights on `gpu`'s device; false
-  // when one cannot be made. `gpu` must be initialised.
+  // when one cannot be made, or `gpu` is not initialised.
   bool init(kiv::GPUModelLoader& gpu);
   // Releases kernels and buffers; may be repeated.
   void destroy();

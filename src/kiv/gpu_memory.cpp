@@ -84,6 +84,7 @@ Status VRAMAllocator::init(vulkan::VulkanContext& ctx, uint64_t poolSize) {
   }
   memory_ = pool;
   memoryType_ = *type;
+  memoryBytes_ = info.allocationSize;
   poolSize_ = poolSize;
   free_ = {{.offset = 0, .size = poolSize}};
   info_.valid = true;
@@ -96,6 +97,7 @@ void VRAMAllocator::destroy() {
     vkFreeMemory(ctx_->device(), memory_, nullptr);
   }
   memory_ = VK_NULL_HANDLE;
+  memoryBytes_ = 0;
   poolSize_ = 0;
   used_ = 0;
   free_.clear();

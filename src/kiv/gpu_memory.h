@@ -56,8 +56,10 @@ class VRAMAllocator {
   const GpuInfo& info() const { return info_; }
   VkDeviceMemory memory() const { return memory_; }
   VkDeviceSize poolSize() const { return poolSize_; }
-  // The memory type that the pool was taken from.
+  // What the pool lies in: a memory type of the device, and the bytes of
+  // memory(), a little more than the pool.
   uint32_t memoryType() const { return memoryType_; }
+  uint64_t memoryBytes() const { return memoryBytes_; }
 
  private:
   struct FreeBlock {
@@ -73,6 +75,7 @@ class VRAMAllocator {
   GpuInfo info_;
   bool valid_ = false;
   uint32_t memoryType_ = 0;
+  uint64_t memoryBytes_ = 0;
 };
 
 }  // namespace kiv

@@ -231,12 +231,13 @@ Status GPUModelLoader::createBuffer(uint64_t bytes, VkBufferUsageFlags usage, co
 }
 
 // The pool's memory type was chosen before any buffer was known: a device may
-// not accept it, or want its buffers further apart.
+// not accept it, or want its buffers further apart or with more room behind.
 bool GPUModelLoader::bindToPool(VkBuffer buffer, uint64_t offset) {
   VkMemoryRequirements requirements{};
   vkGetBufferMemoryRequirements(ctx_.device(), buffer, &requirements);
   const bool possible = (requirements.memoryTypeBits >> alloc_.memoryType() & 1U) != 0 &&
-                        offset % requirements.alignment == 0;
+                        offset % requirements.alignment == 0 &&
+                        requirements.size <= alloc_.memoryBytes() - offset;
   return possible &&
          vkBindBufferMemory(ctx_.device(), buffer, alloc_.memory(), offset) == VK_SUCCESS;
 }

@@ -204,6 +204,13 @@ TEST_F(GpuGemvTest, DeclinesEverythingBeforeInitAndAfterDestroy) {
   expectRight("q6", matrices_.q6);
 }
 
+TEST_F(GpuGemvTest, AnEmptyLoaderIsRefused) {
+  kiv::GPUModelLoader empty;
+  GpuGemv gemv;
+  EXPECT_FALSE(gemv.init(empty));
+  EXPECT_FALSE(gemv.good());
+}
+
 TEST_F(GpuGemvTest, RunDeclinesTensorsThatAreNotResident) {
   const std::vector<float> x = input(768);
   float y = kUntouched;

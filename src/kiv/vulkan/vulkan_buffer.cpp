@@ -57,6 +57,9 @@ VulkanBuffer& VulkanBuffer::operator=(VulkanBuffer&& other) noexcept {
 Status VulkanBuffer::create(VulkanContext& ctx, size_t size, bool hostVisible) {
   if (valid()) return {};
   if (size == 0) return {StatusCode::InvalidFormat, "create: bad size"};
+  if (ctx.device() == VK_NULL_HANDLE) {
+    return {StatusCode::InvalidFormat, "create: uninitialized"};
+  }
   ctx_ = &ctx;
   size_ = size;
   hostVisible_ = hostVisible;

@@ -24,7 +24,7 @@ class VulkanBuffer {
 
   // A buffer of `size` bytes, not 0, for shaders and copies. Success at once,
   // with nothing changed, when there is a buffer already. InvalidFormat "create:
-  // bad size", IOError "<the call> failed", Unsupported "no suitable memory
+  // bad size" and, for an empty context, "create: uninitialized", IOError "<the call> failed", Unsupported "no suitable memory
   // type"; nothing is left behind then.
   Status create(VulkanContext& ctx, size_t size, bool hostVisible);
   // Wraps the first `size` bytes of a handle that stays its owner's, to be bound

@@ -14,6 +14,9 @@ Status ioError(const char* message) { return {StatusCode::IOError, message}; }
 Status VulkanKernel::create(VulkanContext& ctx, const uint32_t* code, size_t wordCount,
                             uint32_t bindingCount, uint32_t pushSize) {
   if (ready_) return {};
+  if (ctx.device() == VK_NULL_HANDLE) {
+    return {StatusCode::InvalidFormat, "create: uninitialized"};
+  }
   destroy();  // what an attempt that failed had made
   ctx_ = &ctx;
   bindingCount_ = bindingCount;

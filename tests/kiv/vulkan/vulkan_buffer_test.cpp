@@ -644,5 +644,13 @@ TEST_F(VulkanBufferTest, BuffersLiveInAGrowingList) {
   }
 }
 
+TEST(VulkanBufferOnAnEmptyContext, IsRefused) {
+  VulkanContext empty;
+  VulkanBuffer buffer;
+  EXPECT_THAT(buffer.create(empty, 4, /*hostVisible=*/true),
+              IsInvalidFormat("create: uninitialized"));
+  EXPECT_FALSE(buffer.valid());
+}
+
 }  // namespace
 }  // namespace kiv::vulkan

@@ -490,5 +490,13 @@ TEST_F(KernelDispatch, ManyRoundsOfSetsAndResets) {
   EXPECT_EQ(vulkan_.dispatches().size(), 300U);
 }
 
+TEST(VulkanKernelOnAnEmptyContext, IsRefused) {
+  constexpr uint32_t kCode[] = {0x07230203};
+  VulkanContext empty;
+  VulkanKernel kernel;
+  EXPECT_THAT(kernel.create(empty, kCode, 1, 0, 0), IsInvalidFormat("create: uninitialized"));
+  EXPECT_EQ(kernel.pipeline(), VK_NULL_HANDLE);
+}
+
 }  // namespace
 }  // namespace kiv::vulkan
