@@ -491,10 +491,10 @@ TEST_F(KernelDispatch, ManyRoundsOfSetsAndResets) {
 }
 
 TEST(VulkanKernelOnAnEmptyContext, IsRefused) {
-  constexpr uint32_t kCode[] = {0x07230203};
+  constexpr uint32_t kMagic[] = {0x07230203};
   VulkanContext empty;
   VulkanKernel kernel;
-  EXPECT_THAT(kernel.create(empty, kCode, 1, 0, 0), IsInvalidFormat("create: uninitialized"));
+  EXPECT_THAT(kernel.create(empty, kMagic, 1, 0, 0), IsInvalidFormat("create: uninitialized"));
   EXPECT_EQ(kernel.pipeline(), VK_NULL_HANDLE);
 }
 
