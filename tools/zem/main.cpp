@@ -64,6 +64,7 @@ void addCommands(CLI::App& app, int& status) {
   addTokenize(app, status);
   addDevices(app, status);
   addMakeDemo(app, status);
+  addConvert(app, status);
 }
 
 int runProgram(int argc, char** argv) {
