@@ -29,8 +29,10 @@ class TempFolder {
 
   std::string path(const std::string& name) const { return (path_ / name).string(); }
 
-  // Writes a file and returns its path.
+  // Writes a file and returns its path. A new one takes the place of an old one:
+  // some file systems go to the disk when an old one is overwritten.
   std::string write(const std::string& name, std::string_view bytes) const {
+    std::filesystem::remove(path(name));
     std::ofstream(path(name), std::ios::binary) << bytes;
     return path(name);
   }
