@@ -15,6 +15,7 @@
 #include "convert/safetensors.h"
 #include "convert/tensor_plan.h"
 #include "terminal.h"
+#include "text.h"
 
 namespace zemtool {
 namespace {
@@ -109,13 +110,14 @@ class FolderReader {
     }
     std::set<std::string> shards;
     for (const auto& [tensor, file] : map->items()) {
-      if (!file.is_string()) throw Failure(where + ": \"" + tensor + "\" names no file");
+      if (!file.is_string())
+        throw Failure(where + ": \"" + escapeControls(tensor) + "\" names no file");
       const auto& name = file.get_ref<const std::string&>();
       // A plain name: nothing outside the folder is read.
       if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
           name.find('\0') != std::string::npos) {
-        throw Failure(where + ": \"" + tensor + "\" lies in \"" + name +
-                      "\", needs the name of a file in this folder");
+        throw Failure(where + ": \"" + escapeControls(tensor) + "\" lies in \"" +
+                      escapeControls(name) + "\", needs the name of a file in this folder");
       }
       indexed_.emplace(tensor, name);
       shards.insert(name);
@@ -187,7 +189,7 @@ class FolderReader {
     for (const auto& [tensor, file] : indexed_) {
       const auto found = where_.find(tensor);
       if (found != where_.end() && found->second == file) continue;
-      throw Failure(path(kIndexName) + ": \"" + tensor + "\" is not in " + file);
+      throw Failure(path(kIndexName) + ": \"" + escapeControls(tensor) + "\" is not in " + file);
     }
   }
 

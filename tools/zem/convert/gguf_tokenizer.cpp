@@ -112,7 +112,7 @@ class TokenizerReader {
     }
     result_.merges.reserve(texts.size());
     for (const std::string_view text : texts) {
-      const size_t space = text.find(' ', 1);
+      const size_t space = text.empty() ? std::string_view::npos : text.find(' ', 1);
       if (space == std::string_view::npos) {
         fail("tokenizer.ggml.merges: \"" + std::string(text.substr(0, 80)) + "\" has no two sides");
       }

@@ -8,6 +8,7 @@
 #include "convert/json_file.h"
 #include "kiv/byte_cursor.h"
 #include "terminal.h"
+#include "text.h"
 
 namespace zemtool {
 namespace {
@@ -61,7 +62,7 @@ class TableReader {
     throw Failure(file_.path() + ": " + problem);
   }
   [[noreturn]] void fail(const std::string& name, const std::string& problem) const {
-    fail("tensor '" + name.substr(0, 120) + "' " + problem);
+    fail("tensor '" + escapeControls(name.substr(0, 120)) + "' " + problem);
   }
 
   std::string_view headerText() {
@@ -146,7 +147,8 @@ class TableReader {
               [](const auto* a, const auto* b) { return a->data < b->data; });
     for (size_t i = 1; i < sorted.size(); ++i) {
       if (sorted[i]->data < sorted[i - 1]->data + sorted[i - 1]->bytes) {
-        fail(sorted[i]->name, "overlaps '" + sorted[i - 1]->name.substr(0, 120) + "'");
+        fail(sorted[i]->name,
+             "overlaps '" + escapeControls(sorted[i - 1]->name.substr(0, 120)) + "'");
       }
     }
   }
