@@ -19,5 +19,6 @@ void addTokenize(CLI::App& app, int& status);
 void addDevices(CLI::App& app, int& status);
 void addMakeDemo(CLI::App& app, int& status);
 void addConvert(CLI::App& app, int& status);
+void addCompare(CLI::App& app, int& status);
 
 }  // namespace zemtool

@@ -65,6 +65,7 @@ void addCommands(CLI::App& app, int& status) {
   addDevices(app, status);
   addMakeDemo(app, status);
   addConvert(app, status);
+  addCompare(app, status);
 }
 
 int runProgram(int argc, char** argv) {
