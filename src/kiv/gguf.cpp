@@ -72,8 +72,9 @@ uint64_t integerAt(std::string_view payload, GgufValueType type, uint64_t i) {
   for (uint64_t b = 0; b < width; ++b) {
     value |= static_cast<uint64_t>(bytesOf(payload)[i * width + b]) << (8 * b);
   }
-  const bool negative = isSigned(type) && width < 8 && (value >> (8 * width - 1) & 1U) != 0;
-  return negative ? value | ~uint64_t{0} << (8 * width) : value;
+  if (!isSigned(type) || width == 0) return value;
+  const uint64_t sign = uint64_t{1} << (8 * width - 1);
+  return (value ^ sign) - sign;
 }
 
 bool readText(ByteCursor& cursor, std::string_view& out) {

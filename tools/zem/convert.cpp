@@ -25,8 +25,8 @@ struct ConvertOptions {
 };
 
 std::vector<std::string> mixNames() {
-  std::vector<std::string> names;
-  for (const WeightMix mix : kWeightMixes) names.emplace_back(weightMixName(mix));
+  std::vector<std::string> names(kWeightMixes.size());
+  std::transform(kWeightMixes.begin(), kWeightMixes.end(), names.begin(), weightMixName);
   return names;
 }
 
@@ -113,15 +113,15 @@ void printTypes(const WeightReport& report, bool verified) {
 void printFallbacks(const std::vector<Fallback>& fallbacks) {
   std::map<std::string, std::vector<const Fallback*>> byReason;
   for (const Fallback& fallback : fallbacks) {
-    byReason[std::string(kiv::dtypeName(fallback.type)) + " instead of " +
-             kiv::dtypeName(fallback.wanted) + ": " + fallback.reason]
-        .push_back(&fallback);
+    std::string reason = kiv::dtypeName(fallback.type);
+    reason.append(" instead of ").append(kiv::dtypeName(fallback.wanted)).append(": ");
+    byReason[reason.append(fallback.reason)].push_back(&fallback);
   }
   for (const auto& [reason, list] : byReason) {
+    const bool one = list.size() == 1;
     const std::string more =
-        list.size() == 1 ? "" : " and " + std::to_string(list.size() - 1) + " more";
-    writeOut("  " + list[0]->name + more + " " + (list.size() == 1 ? "is " : "are ") + reason +
-             "\n");
+        one ? " is " : " and " + std::to_string(list.size() - 1) + " more are ";
+    writeOut("  " + list[0]->name + more + reason + "\n");
   }
 }
 

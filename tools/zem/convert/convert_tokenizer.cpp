@@ -64,7 +64,7 @@ void addMerges(SourceTokenizer& source, kiv::TokenizerData& data, TokenizerCount
   std::string right;
   for (const SourceMerge& merge : source.merges) {
     if (storedSide(merge.left, left) && storedSide(merge.right, right)) {
-      data.merges.push_back(left + " " + right);
+      data.merges.push_back(left.append(" ").append(right));
     } else {
       ++counts.droppedMerges;
     }
