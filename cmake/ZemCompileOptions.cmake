@@ -20,4 +20,6 @@ if(ZEM_SANITIZE)
   target_compile_options(zem_compile_options INTERFACE
     -fsanitize=${ZEM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(zem_compile_options INTERFACE -fsanitize=${ZEM_SANITIZE})
+  target_sources(zem_compile_options INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${CMAKE_CURRENT_LIST_DIR}/keep_libraries.cpp>)
 endif()

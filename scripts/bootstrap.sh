@@ -6,9 +6,10 @@ set -euo pipefail
 packages=(
   # build
   ca-certificates cmake g++ git ninja-build pkg-config
-  libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
+  glslc libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
   # tests
-  libgmock-dev libgtest-dev mesa-vulkan-drivers vulkan-validationlayers
+  libgmock-dev libgtest-dev mesa-vulkan-drivers spirv-headers spirv-tools
+  vulkan-validationlayers
   # checks
   clang-format-14 clang-tidy-14
 )

@@ -9,8 +9,10 @@
 #include <string>
 #include <string_view>
 
+#include "kiv/gpu_model_loader.h"
 #include "kiv/tokenizer.h"
 #include "kiv/zem_loader.h"
+#include "qwen35_gpu_gemv.h"
 #include "qwen35_model.h"
 #include "zem/plugin.h"
 
@@ -23,13 +25,17 @@ inline constexpr size_t kTokenBudget = 96;
 
 // Invariant: pos <= ctxCap <= kMaxPositions, but for a ctxCap that configure
 // put below pos; pos counts the tokens whose state the decoder holds. Members
-// are destroyed from the last to the first: the tokenizer before the loader.
+// are destroyed from the last to the first: the GPU objects, then the tokenizer,
+// then the loader.
 struct Qwen35Session {
   std::unique_ptr<kiv::ZEMLoader> loader;
   qwen35::Model model;
   bool modelReady = false;  // every generating entry returns 2 while false
   std::unique_ptr<kiv::Tokenizer> tok;
   std::string modelPath;
+  std::unique_ptr<kiv::GPUModelLoader> gpu;  // null: products run on the CPU
+  std::unique_ptr<qwen35gpu::GpuGemv> gv;
+  bool gpuUp = false;
   size_t ctxCap = 0;
   std::string sysText;  // for the first turn of a conversation
   int kvType = 0;       // requested: 0 f32, 1 q8_0, 2 q4_0

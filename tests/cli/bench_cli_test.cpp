@@ -32,7 +32,7 @@ TEST_F(Bench, PrintsAMarkdownTable) {
   EXPECT_EQ(result.out,
             "| model | size | params | backend | threads | test | t/s | GB/s |\n"
             "|---|---:|---:|---|---:|---|---:|---:|\n"
-            "| small | 0.000 GiB | 44 | fake-id | 3 | tg64 | 500.00 ± 0.00 | 0.00 |\n");
+            "| small | 0.000 GiB | 44 | CPU | 3 | tg64 | 500.00 ± 0.00 | 0.00 |\n");
   EXPECT_EQ(result.err, "");
 }
 
@@ -49,7 +49,7 @@ TEST_F(Bench, PrintsJson) {
 TEST_F(Bench, PrintsCsv) {
   const ProcessResult result = run("m.zem", {"-o", "csv"});
   EXPECT_THAT(result.out, StartsWith("model,weight_bytes,params,backend,"));
-  EXPECT_THAT(result.out, HasSubstr("\n\"small\",144,44,\"fake-id\",3,tg64,500.000000,0.000000,"));
+  EXPECT_THAT(result.out, HasSubstr("\n\"small\",144,44,\"CPU\",3,tg64,500.000000,0.000000,"));
 }
 
 TEST_F(Bench, ATiedEmbeddingIsReadAsTheHead) {

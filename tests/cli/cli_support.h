@@ -10,6 +10,7 @@
 
 #include "gtest/gtest.h"
 #include "support/container_builder.h"
+#include "support/needs_gpu.h"
 #include "support/subprocess.h"
 #include "support/temp_folder.h"
 
@@ -20,11 +21,12 @@ inline const std::string kFakePlugin = ZEM_TEST_PLUGINS "/fake_plugin.so";
 
 using Arguments = std::vector<std::string>;
 
-// The surroundings of a test do not reach the program.
+// The surroundings of a test do not reach the program. It computes on the CPU,
+// whatever devices there are.
 inline Environment cliEnvironment(const Environment& extra = {}) {
   Environment all = {{"ZEM_PLUGIN", kFakePlugin}, {"OMP_NUM_THREADS", ""},  {"NO_COLOR", ""},
                      {"XDG_STATE_HOME", ""},      {"HOME", "/nonexistent"}, {"TERM", "xterm"},
-                     {"LC_ALL", "C.UTF-8"}};
+                     {"LC_ALL", "C.UTF-8"},       {"ZEM_NO_VULKAN", "1"}};
   for (const auto& [name, value] : extra) all[name] = value;
   return all;
 }
@@ -39,6 +41,32 @@ inline ProcessResult zem(const Arguments& arguments, const std::string& input = 
                          const Environment& extra = {}) {
   return runProcess(command(arguments), input, cliEnvironment(extra));
 }
+
+// The Vulkan devices of this machine.
+inline const Environment kWithVulkan = {{"ZEM_NO_VULKAN", ""}};
+
+// No device, although Vulkan is switched on: the loader takes its list of
+// drivers from these variables alone.
+inline const Environment kNoDrivers = {{"ZEM_NO_VULKAN", ""},
+                                       {"VK_DRIVER_FILES", "/nonexistent.json"},
+                                       {"VK_ICD_FILENAMES", "/nonexistent.json"}};
+
+// Debian's software device and no other.
+inline const std::string kSoftwareDriver = "/usr/share/vulkan/icd.d/lvp_icd.x86_64.json";
+inline const Environment kSoftwareDevice = {{"ZEM_NO_VULKAN", ""},
+                                            {"VK_DRIVER_FILES", kSoftwareDriver},
+                                            {"VK_ICD_FILENAMES", kSoftwareDriver}};
+
+// Its name, empty where it is not installed.
+inline std::string softwareDevice() {
+  const auto list = nlohmann::json::parse(zem({"devices", "--json"}, "", kSoftwareDevice).out);
+  const auto& devices = list["devices"];
+  return devices.size() == 1 ? devices[0]["name"].get<std::string>() : "";
+}
+
+// First line of a test that needs one.
+#define ZEM_NEEDS_SOFTWARE_DEVICE() \
+  if (softwareDevice().empty()) ZEM_SKIP_WITHOUT_GPU("no software device: " + kSoftwareDriver)
 
 // A container with metadata, a vocabulary and three tensors, one of them a
 // second name for another's bytes.

@@ -9,10 +9,6 @@ using ::testing::AnyOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-// No driver is found: the Vulkan loader takes its list from these alone.
-const Environment kNoDrivers = {{"VK_DRIVER_FILES", "/nonexistent.json"},
-                                {"VK_ICD_FILENAMES", "/nonexistent.json"}};
-
 TEST(Devices, NoneIsAnAnswer) {
   const ProcessResult result = zem({"devices"}, "", kNoDrivers);
   EXPECT_EQ(result.status, 0);
@@ -27,11 +23,28 @@ TEST(Devices, NoneInJsonHasAReason) {
   EXPECT_NE(json["reason"], "");
 }
 
+TEST(Devices, SwitchedOffIsSaid) {
+  const Environment off = {{"ZEM_NO_VULKAN", "1"}};
+  const ProcessResult result = zem({"devices"}, "", off);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out,
+            "no usable Vulkan device: Vulkan is switched off by ZEM_NO_VULKAN; models run on the "
+            "CPU\n");
+  EXPECT_EQ(result.err, "");
+  const auto json = nlohmann::json::parse(zem({"devices", "--json"}, "", off).out);
+  EXPECT_TRUE(json["devices"].empty());
+  EXPECT_EQ(json["reason"], "Vulkan is switched off by ZEM_NO_VULKAN");
+}
+
+TEST(Devices, NoDriverIsNotCalledSwitchedOff) {
+  EXPECT_EQ(zem({"devices"}, "", kNoDrivers).out.find("ZEM_NO_VULKAN"), std::string::npos);
+}
+
 TEST(Devices, ThoseOfThisMachineAreNumberedAndOneIsAutomatic) {
-  const ProcessResult result = zem({"devices", "--json"});
+  const ProcessResult result = zem({"devices", "--json"}, "", kWithVulkan);
   EXPECT_EQ(result.status, 0);
   const auto devices = nlohmann::json::parse(result.out)["devices"];
-  if (devices.empty()) GTEST_SKIP() << "no Vulkan device here: " << result.out;
+  if (devices.empty()) ZEM_SKIP_WITHOUT_GPU("no Vulkan device here: " + result.out);
   int automatic = 0;
   for (size_t i = 0; i < devices.size(); ++i) {
     EXPECT_EQ(devices[i]["index"], i);
@@ -41,7 +54,7 @@ TEST(Devices, ThoseOfThisMachineAreNumberedAndOneIsAutomatic) {
     automatic += devices[i]["automatic"] ? 1 : 0;
   }
   EXPECT_EQ(automatic, 1);
-  EXPECT_THAT(zem({"devices"}).out, HasSubstr("chosen automatically"));
+  EXPECT_THAT(zem({"devices"}, "", kWithVulkan).out, HasSubstr("chosen automatically"));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@ namespace zemtest {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 // Threads that wait for each other are slow where other programs want the cores.
@@ -25,8 +26,11 @@ class EndToEnd : public ::testing::Test {
   }
   static void TearDownTestSuite() { delete folder_; }
 
-  static ProcessResult realZem(const Arguments& arguments, const std::string& input = {}) {
-    return zem(arguments, input, kSurroundings);
+  static ProcessResult realZem(const Arguments& arguments, const std::string& input = {},
+                               const Environment& more = {}) {
+    Environment all = kSurroundings;
+    for (const auto& [name, value] : more) all[name] = value;
+    return zem(arguments, input, all);
   }
   static std::string completion(const Arguments& more) {
     Arguments arguments = {"run", "-m", model_, "-p", "Hello there", "-c", "8"};
@@ -88,13 +92,13 @@ TEST_F(EndToEnd, ABenchmarkMeasures) {
   const ProcessResult result = realZem({"bench", "-m", model_, "-n", "2", "-r", "2", "-o", "json"});
   ASSERT_EQ(result.status, 0) << result.err;
   const auto json = nlohmann::json::parse(result.out);
-  EXPECT_EQ(json["backend"], "qwen35-vulkan");
+  EXPECT_EQ(json["backend"], "CPU");
   EXPECT_GT(json["tokens_per_second"], 0.0);
   EXPECT_THAT(json["model"].get<std::string>(), StartsWith("demo"));
 }
 
 TEST_F(EndToEnd, ProbeSuitsOrLacksADevice) {
-  const ProcessResult result = realZem({"probe", model_, "--json"});
+  const ProcessResult result = realZem({"probe", model_, "--json"}, "", kWithVulkan);
   EXPECT_EQ(result.status, 0) << result.err;
   const auto json = nlohmann::json::parse(result.out);
   if (json["confidence"] == 95) {
@@ -103,6 +107,53 @@ TEST_F(EndToEnd, ProbeSuitsOrLacksADevice) {
     EXPECT_EQ(json["confidence"], 0);
     EXPECT_THAT(json["reason"].get<std::string>(), HasSubstr("no usable Vulkan device"));
   }
+}
+
+// The dynamic linker lists every library that is looked for, found or not.
+constexpr const char* kVulkanLoader = "file=libvulkan.so";
+const Environment kListLibraries = {{"ZEM_NO_VULKAN", ""}, {"LD_DEBUG", "files"}};
+
+TEST_F(EndToEnd, WithoutGpuVulkanStaysOutOfTheProcess) {
+  const std::vector<Arguments> commands = {{"run", "-m", model_, "-p", "Hi", "-c", "2"},
+                                           {"chat", "-m", model_},  // ends at once: no input
+                                           {"bench", "-m", model_, "-n", "1", "-r", "1"}};
+  for (Arguments arguments : commands) {
+    arguments.emplace_back("--no-gpu");
+    const ProcessResult result = realZem(arguments, "", kListLibraries);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("GPU path unavailable"));
+    EXPECT_THAT(result.err, Not(HasSubstr(kVulkanLoader)));
+  }
+}
+
+// Without this the test above could not fail.
+TEST_F(EndToEnd, WithoutAnOptionVulkanIsLookedFor) {
+  const ProcessResult result =
+      realZem({"run", "-m", model_, "-p", "Hi", "-c", "2"}, "", kListLibraries);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.err, HasSubstr(kVulkanLoader));
+}
+
+TEST_F(EndToEnd, ASoftwareDeviceIsLeftAloneUnlessAPlanSaysOtherwise) {
+  ZEM_NEEDS_SOFTWARE_DEVICE();
+  const ProcessResult result =
+      realZem({"bench", "-m", model_, "-n", "1", "-r", "1", "-o", "json"}, "", kSoftwareDevice);
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("is software: using --plan cpu:all"));
+  const auto json = nlohmann::json::parse(result.out);
+  EXPECT_EQ(json["backend"], "CPU");
+  EXPECT_EQ(json["plan"], "cpu:all");
+}
+
+TEST_F(EndToEnd, ABenchmarkNamesTheDeviceThatAPlanPutsToWork) {
+  ZEM_NEEDS_SOFTWARE_DEVICE();
+  const ProcessResult result = realZem(
+      {"bench", "-m", model_, "-n", "1", "-r", "1", "-o", "json", "--plan", "gpu:1,cpu:all"}, "",
+      kSoftwareDevice);
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "[qwen35-gpu] layer plan: 1 gpu / 31 cpu layers\n");
+  EXPECT_EQ(nlohmann::json::parse(result.out)["backend"],
+            "Vulkan: " + softwareDevice() + ", plan gpu:1,cpu:all");
 }
 
 TEST_F(EndToEnd, InfoAndTokenizeHaveNothingToWarnOf) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -55,8 +56,27 @@ int probe(const char* path, ZEMRuntimeProbe* out) {
   return 0;
 }
 
+// The model "loud" prints a megabyte while it is opened, "cpuonly" gets no GPU,
+// and "layers" has four of them to plan.
+void printWhileOpening(const std::string& model, const std::string& hint) {
+  if (contains(model, "loud")) {
+    for (int i = 0; i < 20000; ++i)
+      std::fprintf(stderr, "line %05d %s\n", i, "of all that there is to be said here");
+  }
+  if (contains(model, "cpuonly")) {
+    std::fputs("[qwen35-vulkan] GPU path unavailable - running CPU-only\n", stderr);
+  }
+  if (contains(model, "layers") && contains(hint, "plan=")) {
+    int onGpu = 1;
+    if (contains(hint, "plan=cpu:all")) onGpu = 0;
+    if (contains(hint, "plan=gpu:all")) onGpu = 4;
+    std::fprintf(stderr, "[qwen35-gpu] layer plan: %d gpu / %d cpu layers\n", onGpu, 4 - onGpu);
+  }
+}
+
 int create(const char* path, const char* hint, ZEMRuntimeHandle** out, char* err, size_t errSize) {
   *out = nullptr;
+  printWhileOpening(path, hint);
   if (contains(path, "refuse")) {
     std::strncpy(err, "scripted refusal", errSize - 1);
     return 1;
@@ -85,6 +105,7 @@ std::string completion(const ZEMRuntimeHandle& session, const std::string& promp
     const char* threads = std::getenv("OMP_NUM_THREADS");
     return threads == nullptr ? "unset" : threads;
   }
+  if (prompt == "vulkan") return std::getenv("ZEM_NO_VULKAN") == nullptr ? "on" : "off";
   if (prompt == "bytes") return "a\x1b[31m\xC3\x28\xE2\x82";
   if (prompt == "huge") return std::string(size_t{4} << 20, 'x');
   if (prompt == "lines") return "one\ntwo\n";

@@ -74,6 +74,12 @@ INSTANTIATE_TEST_SUITE_P(
         BadUsage{"ThreadsZero", {"run", "-m", "m", "-p", "x", "-t", "0"}, "--threads"},
         BadUsage{"SeedNegative", {"run", "-m", "m", "-p", "x", "-s", "-4"}, "--seed"},
         BadUsage{"PlanWithSemicolon", {"run", "-m", "m", "-p", "x", "--plan", "a;kv=q8_0"}, "';'"},
+        BadUsage{"PlanWithoutGpu",
+                 {"run", "-m", "m", "-p", "x", "--no-gpu", "--plan", "gpu:all"},
+                 "--no-gpu"},
+        BadUsage{"EmptyPlanWithoutGpu", {"bench", "-m", "m", "--plan", "", "--no-gpu"}, "--plan"},
+        BadUsage{
+            "ChatPlanWithoutGpu", {"chat", "-m", "m", "--plan", "cpu:all", "--no-gpu"}, "excludes"},
         BadUsage{"PromptTwice", {"run", "-m", "m", "-p", "x", "-f", "y"}, "--prompt"},
         BadUsage{"BenchOfNothing", {"bench", "-m", "m", "-n", "0"}, "--tokens"},
         BadUsage{"BenchTooLong", {"bench", "-m", "m", "-n", "4096"}, "--tokens"},
@@ -127,6 +133,29 @@ TEST(Output, AFullDiskIsAFailure) {
       {"/bin/sh", "-c", "exec '" + kZem + "' run -m m -p x > /dev/full"}, "", cliEnvironment());
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("zem: cannot write to standard output: No space left"));
+}
+
+TEST(Output, AClosedStreamIsAFailure) {
+  const ProcessResult result =
+      runProcess({"/bin/sh", "-c", "exec '" + kZem + "' run -m m -p x >&-"}, "", cliEnvironment());
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("zem: cannot write to standard output: Bad file descriptor"));
+}
+
+// The model file would be the first to get its number.
+TEST(Output, NoMessageEndsInAFileInThePlaceOfAClosedStandardError) {
+  const TempFolder folder;
+  const ProcessResult made =
+      runProcess({"/bin/sh", "-c",
+                  "exec '" + kZem + "' make-demo '" + folder.path("open.zem") + "' >/dev/null"},
+                 "", cliEnvironment());
+  const ProcessResult closed = runProcess(
+      {"/bin/sh", "-c",
+       "exec '" + kZem + "' make-demo '" + folder.path("closed.zem") + "' >/dev/null 2>&-"},
+      "", cliEnvironment());
+  EXPECT_EQ(made.status, 0) << made.err;
+  EXPECT_EQ(closed.status, 0);
+  EXPECT_TRUE(folder.read("open.zem") == folder.read("closed.zem"));
 }
 
 // Whether a closed pipe kills or is an error is inherited: both must be quiet.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "qwen35_generate.h"
+#include "runtime_qwen35_vulkan/cpu_only.h"
 #include "runtime_qwen35_vulkan/session_support.h"
 #include "support/scoped_env.h"
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "runtime_qwen35_vulkan/cpu_only.h"
 #include "runtime_qwen35_vulkan/session_support.h"
 
 namespace {

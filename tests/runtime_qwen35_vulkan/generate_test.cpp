@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime_qwen35_vulkan/cpu_only.h"
 #include "runtime_qwen35_vulkan/session_support.h"
 
 namespace {

@@ -9,6 +9,7 @@
 
 #include "kiv/vulkan/vulkan_context.h"
 #include "runtime_qwen35_vulkan/session_support.h"
+#include "support/scoped_env.h"
 
 namespace {
 
@@ -75,6 +76,12 @@ TEST(ProbeTest, AMixtureOfExpertsIsRecognisedAlthoughCreateRefusesIt) {
   options.architecture = "qwen35moe";
   const ScratchDir dir;
   expectRecognised(probe(dir.add("model.zem", TinyModel(options))), "qwen35moe");
+}
+
+TEST(ProbeTest, SwitchedOffVulkanIsNoDevice) {
+  const zemtest::ScopedEnv off("ZEM_NO_VULKAN", "1");
+  const ScratchDir dir;
+  expectUnknown(probe(dir.add("model.zem", TinyModel(cheapOptions()))));
 }
 
 TEST(ProbeTest, TheNameMayBeNothingButTheExtension) {

@@ -15,15 +15,43 @@ FakeVulkan* current = nullptr;
 constexpr uint64_t kDeadHandle = 0xdead;
 
 PFN_vkVoidFunction VKAPI_CALL findFunction(VkInstance, const char* name) {
-  const auto found = contextFunctions().find(name);
-  return found == contextFunctions().end() ? nullptr : found->second;
+  for (const FakeFunctions* functions :
+       {&contextFunctions(), &memoryFunctions(), &pipelineFunctions(), &commandFunctions()}) {
+    const auto found = functions->find(name);
+    if (found != functions->end()) return found->second;
+  }
+  return nullptr;
 }
 
 void expectKnown(const std::string& function) {
   EXPECT_NE(findFunction(VK_NULL_HANDLE, function.c_str()), nullptr) << function;
 }
 
+template <typename Command>
+std::vector<Command> commandsOf(const std::vector<FakeSubmission>& submissions) {
+  std::vector<Command> found;
+  for (const FakeSubmission& submission : submissions) {
+    for (const FakeCommand& command : submission) {
+      if (const auto* one = std::get_if<Command>(&command)) found.push_back(*one);
+    }
+  }
+  return found;
+}
+
 }  // namespace
+
+VkPhysicalDeviceLimits usualLimits() {
+  VkPhysicalDeviceLimits limits{};
+  limits.maxStorageBufferRange = uint32_t{1} << 27;
+  limits.maxPushConstantsSize = 128;
+  limits.maxMemoryAllocationCount = 4096;
+  limits.minStorageBufferOffsetAlignment = 256;
+  limits.maxComputeSharedMemorySize = 32768;
+  limits.maxComputeWorkGroupInvocations = 1024;
+  for (uint32_t& count : limits.maxComputeWorkGroupCount) count = 65535;
+  for (uint32_t& size : limits.maxComputeWorkGroupSize) size = 1024;
+  return limits;
+}
 
 FakeVulkan::FakeVulkan(std::deque<FakeDevice> machine)
     : devices(std::move(machine)), previous_(vkGetInstanceProcAddr) {
@@ -49,6 +77,7 @@ FakeVulkan::~FakeVulkan() {
 void FakeVulkan::fail(const std::string& function, VkResult result, int nth) {
   const std::lock_guard<std::recursive_mutex> lock(mutex_);
   expectKnown(function);
+  EXPECT_TRUE(canFail(function)) << function << " returns nothing";
   failures_[{function, calls_[function] + nth}] = result;
 }
 
@@ -63,6 +92,25 @@ int FakeVulkan::calls(const std::string& function) const {
   expectKnown(function);
   const auto found = calls_.find(function);
   return found == calls_.end() ? 0 : found->second;
+}
+
+std::vector<std::string> FakeVulkan::log() const {
+  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return log_;
+}
+
+bool FakeVulkan::canFail(std::string_view function) {
+  for (const std::string_view silent :
+       {"vkDestroy", "vkFree", "vkGet", "vkCmd", "vkUnmap", "vkUpdate"}) {
+    if (function.starts_with(silent)) return false;
+  }
+  return true;
+}
+
+std::vector<FakeCopy> FakeVulkan::copies() const { return commandsOf<FakeCopy>(submissions); }
+
+std::vector<FakeDispatch> FakeVulkan::dispatches() const {
+  return commandsOf<FakeDispatch>(submissions);
 }
 
 size_t FakeVulkan::live() const {
@@ -80,9 +128,13 @@ size_t FakeVulkan::live(VkObjectType type) const {
 FakeCall::FakeCall(const char* function)
     : machine_(*current), lock_(machine_.mutex_), function_(function) {
   const int number = ++machine_.calls_[function];
+  machine_.log_.emplace_back(function);
   if (auto action = machine_.actions_.extract(function)) action.mapped()();
   if (auto failure = machine_.failures_.extract({function, number})) result_ = failure.mapped();
 }
+
+FakeCall::FakeCall(const char* what, Look)
+    : machine_(*current), lock_(machine_.mutex_), function_(what) {}
 
 void FakeCall::require(bool condition, const char* what) const {
   if (!condition) ADD_FAILURE() << function_ << ": " << what;
@@ -95,10 +147,10 @@ FakeVulkan::Object* FakeCall::findObject(uint64_t handle, VkObjectType type) con
   return nullptr;
 }
 
-uint64_t FakeCall::createObject(VkObjectType type, uint64_t parent) const {
+uint64_t FakeCall::createObject(VkObjectType type, uint64_t parent, std::any detail) const {
   if (fails()) return kDeadHandle;
   const uint64_t handle = machine_.nextHandle_++;
-  machine_.objects_[handle] = {.type = type, .parent = parent};
+  machine_.objects_[handle] = {.type = type, .parent = parent, .detail = std::move(detail)};
   return handle;
 }
 

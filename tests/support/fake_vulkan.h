@@ -1,23 +1,37 @@
 // A scripted machine in place of the Vulkan loader: its devices are what a test
-// says they are, any call can be made to fail, every call is counted and every
-// object is watched.
+// says they are, any call can be made to fail, every call is counted, every
+// object is watched, and copies between buffers really move bytes.
 #pragma once
 
+#include <any>
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "kiv/vulkan/vulkan_api.h"
+#include "support/scoped_env.h"
 
 namespace kiv::test {
 
 constexpr uint64_t kGiB = uint64_t{1} << 30;
+
+constexpr VkMemoryPropertyFlags kDeviceLocal = VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT;
+constexpr VkMemoryPropertyFlags kHostVisible = VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT;
+constexpr VkMemoryPropertyFlags kHostCoherent = VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
+
+// Little above the least that every device must offer.
+VkPhysicalDeviceLimits usualLimits();
 
 struct FakeDevice {
   std::string name = "fake device";
@@ -27,8 +41,14 @@ struct FakeDevice {
   uint32_t apiVersion = VK_API_VERSION_1_2;
   uint32_t driverVersion = 0;
   uint32_t subgroupSize = 32;
-  VkPhysicalDeviceLimits limits{};
-  std::vector<VkMemoryHeap> heaps = {{kGiB, VK_MEMORY_HEAP_DEVICE_LOCAL_BIT}};
+  VkPhysicalDeviceLimits limits = usualLimits();
+  // An allocation that its heap has no room for fails.
+  std::vector<VkMemoryHeap> heaps = {{kGiB, VK_MEMORY_HEAP_DEVICE_LOCAL_BIT}, {kGiB, 0}};
+  std::vector<VkMemoryType> memoryTypes = {{kDeviceLocal, 0}, {kHostVisible | kHostCoherent, 1}};
+  // What every buffer requires of its memory; sizes are rounded up.
+  VkDeviceSize bufferAlignment = 64;
+  VkDeviceSize bufferGranularity = 64;
+  uint32_t bufferMemoryTypes = ~0U;  // a bit a type
   std::vector<VkQueueFlags> queueFamilies = {VK_QUEUE_GRAPHICS_BIT | VK_QUEUE_COMPUTE_BIT};
   // Only the feature members count; sType and pNext are ignored.
   VkPhysicalDevice16BitStorageFeatures storage16{};
@@ -63,15 +83,72 @@ struct FakeRequests {
     uint32_t submissions = 0, commandBuffers = 0, waits = 0, signals = 0;
     uint64_t timeout = 0;  // of the wait after it
   } submit;
+
+  std::vector<VkBufferCreateInfo> buffers;        // all there were
+  std::vector<VkMemoryAllocateInfo> allocations;  // all there were
+  struct Map {
+    VkDeviceSize offset = 0, size = 0;
+  } map;
+
+  std::vector<VkDescriptorSetLayoutBinding> setLayout;
+  struct PipelineLayout {
+    uint32_t setLayouts = 0;
+    std::vector<VkPushConstantRange> push;
+  } pipelineLayout;
+  std::vector<uint32_t> shaderCode;
+  struct Pipeline {
+    VkShaderStageFlagBits stage{};
+    std::string entry;
+    bool specialised = false;
+  } pipeline;
+  struct DescriptorPool {
+    VkDescriptorPoolCreateFlags flags = 0;
+    uint32_t maxSets = 0;
+    std::vector<VkDescriptorPoolSize> sizes;
+  } descriptorPool;
+  struct Write {
+    VkDescriptorSet set = VK_NULL_HANDLE;
+    uint32_t binding = 0;
+    VkDescriptorBufferInfo buffer{};
+  };
+  std::vector<Write> writes;  // of the last update
 };
+
+// What the device has carried out.
+struct FakeCopy {
+  VkBuffer source, destination;
+  VkBufferCopy region;
+};
+struct FakeBarrier {
+  VkPipelineStageFlags after, before;  // source and destination stages
+  VkAccessFlags written, readable;     // source and destination accesses
+};
+struct FakeDispatch {
+  VkPipeline pipeline;
+  VkDescriptorSet set;
+  std::shared_ptr<const std::vector<uint32_t>> code;
+  std::vector<VkDescriptorBufferInfo> bindings;
+  std::vector<uint8_t> push;
+  std::array<uint32_t, 3> groups;
+};
+using FakeCommand = std::variant<FakeCopy, FakeBarrier, FakeDispatch>;
+using FakeSubmission = std::vector<FakeCommand>;
+
+// Stands for the shader: gets the bytes that each binding sees, to read and to
+// write.
+using FakeShader =
+    std::function<void(const FakeDispatch&, const std::vector<std::span<uint8_t>>& bindings)>;
 
 // From construction to destruction the functions of this object take the place
 // of the machine's. One at a time, and no context may live across either end.
+// Vulkan is switched on meanwhile: switching it off is about the machine's own.
 //
 // Wrong use is a test failure at once: an unknown or already destroyed handle, a
-// parent destroyed before its children, a command buffer or a fence in the wrong
-// state. An object alive at destruction is a failure as well. Calls may come
-// from several threads.
+// parent destroyed before its children, a command buffer, a fence or a mapping in
+// the wrong state, memory that a buffer may not have, bytes outside a buffer, a
+// binding or push constants that a dispatch lacks, a read of what a transfer
+// wrote without a barrier in between. An object alive at destruction is a failure
+// as well. Calls may come from several threads.
 class FakeVulkan {
  public:
   explicit FakeVulkan(std::deque<FakeDevice> devices);
@@ -87,12 +164,23 @@ class FakeVulkan {
   void during(const std::string& function, std::function<void()> action);
 
   int calls(const std::string& function) const;
+  std::vector<std::string> log() const;  // every call from the beginning on, in order
+  // Whether a function returns a result at all.
+  static bool canFail(std::string_view function);
   size_t live() const;                   // objects of every kind
   size_t live(VkObjectType type) const;  // objects of one kind
+
+  // What a buffer, which must have memory, holds now.
+  std::vector<uint8_t> bytes(VkBuffer buffer) const;
 
   // The machine, in enumeration order. A test may add devices at any time.
   std::deque<FakeDevice> devices;
   FakeRequests requests;
+
+  FakeShader shader;  // called for every dispatch, when there is one
+  std::vector<FakeSubmission> submissions;
+  std::vector<FakeCopy> copies() const;  // of all submissions
+  std::vector<FakeDispatch> dispatches() const;
 
  private:
   friend class FakeCall;
@@ -101,11 +189,14 @@ class FakeVulkan {
     VkObjectType type;
     uint64_t parent;     // handle, 0 for none
     uint64_t state = 0;  // what it means is up to the functions of this type
+    std::any detail;     // a record of fake_vulkan_objects.h, for the types that have one
   };
 
+  const zemtest::ScopedEnv switchedOn_{vulkan::kNoVulkanVariable, nullptr};
   PFN_vkGetInstanceProcAddr previous_;
   mutable std::recursive_mutex mutex_;
   std::map<std::string, int> calls_;
+  std::vector<std::string> log_;
   std::map<std::pair<std::string, int>, VkResult> failures_;  // by function and call number
   std::map<std::string, std::function<void()>> actions_;
   std::map<uint64_t, Object> objects_;

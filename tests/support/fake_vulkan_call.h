@@ -2,11 +2,13 @@
 // through which it reaches the machine and its objects.
 #pragma once
 
+#include <any>
 #include <cstdint>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <string_view>
+#include <utility>
 
 #include "support/fake_vulkan.h"
 
@@ -34,10 +36,14 @@ Handle handleOfId(uint64_t id) {
 class FakeCall {
  public:
   explicit FakeCall(const char* function);
+  // A look at the machine for a test's sake: not a call, so nothing counts it.
+  struct Look {};
+  FakeCall(const char* what, Look);
   FakeCall(const FakeCall&) = delete;
   FakeCall& operator=(const FakeCall&) = delete;
 
   FakeVulkan& machine() const { return machine_; }
+  FakeRequests& requests() const { return machine_.requests; }
   bool fails() const { return result_ != VK_SUCCESS; }
   VkResult result() const { return result_; }
 
@@ -50,10 +56,24 @@ class FakeCall {
     return findObject(idOf(handle), type);
   }
 
+  // The record of a live object; null, and a test failure, when there is none.
+  template <typename Detail, typename Handle>
+  Detail* detail(Handle handle, VkObjectType type) const {
+    auto* object = findObject(idOf(handle), type);
+    return object == nullptr ? nullptr : std::any_cast<Detail>(&object->detail);
+  }
+  // Calls `visit` with the record of every live object of a type.
+  template <typename Detail, typename Visit>
+  void forEach(VkObjectType type, Visit visit) const {
+    for (auto& [handle, object] : machine_.objects_) {
+      if (object.type == type) visit(*std::any_cast<Detail>(&object.detail));
+    }
+  }
+
   // A new object, or a handle of nothing when this call fails.
   template <typename Handle>
-  VkResult create(VkObjectType type, uint64_t parent, Handle* out) const {
-    *out = handleOfId<Handle>(createObject(type, parent));
+  VkResult create(VkObjectType type, uint64_t parent, Handle* out, std::any detail = {}) const {
+    *out = handleOfId<Handle>(createObject(type, parent, std::move(detail)));
     return result_;
   }
 
@@ -69,7 +89,7 @@ class FakeCall {
 
  private:
   FakeVulkan::Object* findObject(uint64_t handle, VkObjectType type) const;
-  uint64_t createObject(VkObjectType type, uint64_t parent) const;
+  uint64_t createObject(VkObjectType type, uint64_t parent, std::any detail) const;
   void destroyObject(uint64_t handle, VkObjectType type) const;
   void destroyChildrenOf(uint64_t parent, VkObjectType type) const;
 
@@ -81,7 +101,19 @@ class FakeCall {
 
 using FakeFunctions = std::map<std::string_view, PFN_vkVoidFunction>;
 
+// Checks that a function is what its callers will take it for.
+template <typename Pfn>
+PFN_vkVoidFunction erase(Pfn function) {
+  return reinterpret_cast<PFN_vkVoidFunction>(function);
+}
+
 // What a context calls: instance, devices, command pools and buffers, fences.
 const FakeFunctions& contextFunctions();
+// Buffers and device memory.
+const FakeFunctions& memoryFunctions();
+// Shader modules, pipelines, descriptor sets.
+const FakeFunctions& pipelineFunctions();
+// What is recorded into a command buffer.
+const FakeFunctions& commandFunctions();
 
 }  // namespace kiv::test

@@ -3,11 +3,11 @@
 #include <string_view>
 
 #include "support/fake_vulkan_call.h"
+#include "support/fake_vulkan_objects.h"
 
 namespace kiv::test {
 namespace {
 
-enum CommandState : uint64_t { kInitial, kRecording, kExecutable };
 enum FenceState : uint64_t { kUnsignalled, kSignalled };
 
 // A queue's handle is its device's with one more bit.
@@ -143,6 +143,8 @@ VKAPI_ATTR void VKAPI_CALL getMemoryProperties(VkPhysicalDevice handle,
   *out = {};
   out->memoryHeapCount = static_cast<uint32_t>(device.heaps.size());
   std::copy(device.heaps.begin(), device.heaps.end(), out->memoryHeaps);
+  out->memoryTypeCount = static_cast<uint32_t>(device.memoryTypes.size());
+  std::copy(device.memoryTypes.begin(), device.memoryTypes.end(), out->memoryTypes);
 }
 
 VKAPI_ATTR void VKAPI_CALL getQueueFamilies(VkPhysicalDevice handle, uint32_t* count,
@@ -180,7 +182,8 @@ VKAPI_ATTR VkResult VKAPI_CALL createDevice(VkPhysicalDevice physical,
       info->pNext, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_16BIT_STORAGE_FEATURES);
   request.storage8 = copyFromChain<VkPhysicalDevice8BitStorageFeatures>(
       info->pNext, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_8BIT_STORAGE_FEATURES);
-  const VkResult result = call.create(VK_OBJECT_TYPE_DEVICE, instanceOf(physical), out);
+  const VkResult result = call.create(VK_OBJECT_TYPE_DEVICE, instanceOf(physical), out,
+                                      FakeLogicalDevice{.index = indexOf(physical)});
   if (!call.fails()) call.find(*out, VK_OBJECT_TYPE_DEVICE)->state = queue.queueFamilyIndex;
   return result;
 }
@@ -227,7 +230,8 @@ VKAPI_ATTR VkResult VKAPI_CALL allocateCommandBuffers(VkDevice device,
   call.find(info->commandPool, VK_OBJECT_TYPE_COMMAND_POOL);
   call.machine().requests.commandBuffer = *info;
   for (uint32_t i = 0; i < info->commandBufferCount; ++i) {
-    call.create(VK_OBJECT_TYPE_COMMAND_BUFFER, idOf(info->commandPool), &out[i]);
+    call.create(VK_OBJECT_TYPE_COMMAND_BUFFER, idOf(info->commandPool), &out[i],
+                FakeCommandBuffer{});
   }
   return call.result();
 }
@@ -293,9 +297,16 @@ VKAPI_ATTR VkResult VKAPI_CALL queueSubmit(VkQueue queue, uint32_t count, const 
     for (uint32_t j = 0; j < infos[i].commandBufferCount; ++j) {
       auto* buffer = call.find(infos[i].pCommandBuffers[j], VK_OBJECT_TYPE_COMMAND_BUFFER);
       call.require(buffer != nullptr && buffer->state == kExecutable, "command buffer not ended");
+      if (buffer != nullptr && !call.fails()) execute(call, infos[i].pCommandBuffers[j]);
     }
   }
   if (object != nullptr && !call.fails()) object->state = kSignalled;
+  return call.result();
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL deviceWaitIdle(VkDevice device) {
+  const FakeCall call("vkDeviceWaitIdle");
+  call.find(device, VK_OBJECT_TYPE_DEVICE);
   return call.result();
 }
 
@@ -320,12 +331,6 @@ VKAPI_ATTR VkResult VKAPI_CALL resetFences(VkDevice device, uint32_t count, cons
     if (fence != nullptr && !call.fails()) fence->state = kUnsignalled;
   }
   return call.result();
-}
-
-// Checks that a function is what its callers will take it for.
-template <typename Pfn>
-PFN_vkVoidFunction erase(Pfn function) {
-  return reinterpret_cast<PFN_vkVoidFunction>(function);
 }
 
 }  // namespace
@@ -355,6 +360,7 @@ const FakeFunctions& contextFunctions() {
       {"vkCreateFence", erase<PFN_vkCreateFence>(createFence)},
       {"vkDestroyFence", erase<PFN_vkDestroyFence>(destroyFence)},
       {"vkQueueSubmit", erase<PFN_vkQueueSubmit>(queueSubmit)},
+      {"vkDeviceWaitIdle", erase<PFN_vkDeviceWaitIdle>(deviceWaitIdle)},
       {"vkWaitForFences", erase<PFN_vkWaitForFences>(waitForFences)},
       {"vkResetFences", erase<PFN_vkResetFences>(resetFences)},
   };

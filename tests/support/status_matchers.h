@@ -21,4 +21,13 @@ MATCHER_P(IsInvalidFormat, message,
   return arg.code() == kiv::StatusCode::InvalidFormat && arg.message() == message;
 }
 
+// A failure with this code and exactly this message.
+MATCHER_P2(IsFailure, code, message,
+           "has code " + std::to_string(static_cast<int>(code)) + " and the message " +
+               ::testing::PrintToString(std::string(message))) {
+  *result_listener << "which has code " << static_cast<int>(arg.code()) << " and the message \""
+                   << arg.message() << '"';
+  return arg.code() == code && arg.message() == message;
+}
+
 }  // namespace zemtest

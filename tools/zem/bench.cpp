@@ -8,10 +8,12 @@
 #include <vector>
 
 #include "commands.h"
+#include "gpu_choice.h"
 #include "kiv/zem2_reader.h"
 #include "model_file.h"
 #include "options.h"
 #include "plugin_host.h"
+#include "stderr_tap.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -34,6 +36,7 @@ struct Report {
   std::string model;
   WeightTotals weights;
   std::string backend;
+  std::string plan;
   int threads = 0;
   int tokens = 0;
   std::vector<double> rates;  // tokens a second, one a repetition
@@ -171,6 +174,7 @@ void printJson(const Report& report) {
              {"weight_bytes_per_token", report.weights.bytesPerToken},
              {"params", report.weights.elements},
              {"backend", report.backend},
+             {"plan", report.plan},
              {"threads", report.threads},
              {"test", report.test()},
              {"tokens_per_second", report.mean()},
@@ -179,10 +183,13 @@ void printJson(const Report& report) {
              {"gigabytes_per_second", report.gigabytesPerSecond()}});
 }
 
-void bench(const BenchOptions& options) {
+void bench(BenchOptions options) {
   applyThreads(options.session);
+  settleGpu(options.session);
   const PluginHost host(findPlugin(options.session.plugin));
+  StderrTap tap;
   Session session(host, options.session);
+  const std::string printed = tap.finish();
   Report report;
   {
     kiv::ZEM2Reader reader;
@@ -190,7 +197,8 @@ void bench(const BenchOptions& options) {
     report.model = modelName(reader, options.session.model);
     report.weights = weightTotals(reader);
   }
-  report.backend = host.runtime().id;
+  report.plan = options.session.plan;
+  report.backend = backendName(automaticDevice(), report.plan, printed);
   report.threads = effectiveThreads();
   report.tokens = chooseTokens(session, options.tokens);
   measure(session, options.repetitions, report);
@@ -220,9 +228,9 @@ void addBench(CLI::App& app, int& status) {
       ->type_name("FORMAT");
   command->footer(
       "t/s is the mean over the repetitions, with its standard deviation. GB/s counts the bytes\n"
-      "of all weights that one token needs. The backend is the runtime's id; a line on standard\n"
-      "error says when it computes on the CPU alone. Before the first repetition up to 96 tokens\n"
-      "are generated, to warm up and to see whether the model ends its text early.\n"
+      "of all weights that one token needs. The backend is the device that computes: CPU, or a\n"
+      "Vulkan device by its name, with the plan when both compute. Before the first repetition up\n"
+      "to 96 tokens are generated, to warm up and to see whether the model ends its text early.\n"
       "\nExample:\n  zem bench -m model.zem -t 8 -n 128");
   command->callback([options, &status] { status = guarded([&] { bench(*options); }); });
 }

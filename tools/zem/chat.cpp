@@ -6,6 +6,7 @@
 #include <string>
 
 #include "commands.h"
+#include "gpu_choice.h"
 #include "line_editor.h"
 #include "options.h"
 #include "plugin_host.h"
@@ -197,8 +198,9 @@ void chatThroughPipes(Conversation& conversation) {
   }
 }
 
-void chat(const ChatOptions& options) {
+void chat(ChatOptions options) {
   applyThreads(options.session);
+  settleGpu(options.session);
   const PluginHost host(findPlugin(options.session.plugin));
   Conversation conversation(host, options);
   if (stdinIsTerminal() && stderrIsTerminal()) {

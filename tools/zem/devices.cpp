@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "kiv/vulkan/vulkan_api.h"
 #include "kiv/vulkan/vulkan_context.h"
 #include "terminal.h"
 #include "text.h"
@@ -54,7 +55,9 @@ void listDevices(bool json) {
   std::string problem;
   if (!status.ok()) {
     devices.clear();
-    problem = status.message();
+    problem = kiv::vulkan::vulkanSwitchedOff()
+                  ? std::string("Vulkan is switched off by ") + kiv::vulkan::kNoVulkanVariable
+                  : status.message();
   } else if (devices.empty()) {
     problem = "no Vulkan physical devices";
   }

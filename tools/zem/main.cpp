@@ -94,6 +94,7 @@ int runProgram(int argc, char** argv) {
 }  // namespace zemtool
 
 int main(int argc, char** argv) {
+  zemtool::holdStandardStreams();
   std::setlocale(LC_CTYPE, "");
   try {
     return zemtool::runProgram(argc, argv);

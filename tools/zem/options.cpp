@@ -85,10 +85,15 @@ void addPluginOption(CLI::App& command, std::string& plugin) {
 void addSessionOptions(CLI::App& command, SessionOptions& options) {
   addModelOption(command, options.model);
   addPluginOption(command, options.plugin);
-  command
-      .add_option("--plan", options.plan, "Which layers the GPU computes, in the runtime's words")
-      ->check(withoutSemicolon())
-      ->type_name("TEXT");
+  CLI::Option* plan = command
+                          .add_option("--plan", options.plan,
+                                      "Which layers the GPU computes: gpu:all (default), cpu:all, "
+                                      "gpu:8,cpu:all, ...")
+                          ->check(withoutSemicolon())
+                          ->type_name("TEXT");
+  plan->each([&options](const std::string&) { options.hasPlan = true; });
+  command.add_flag("--no-gpu", options.noGpu, "Compute on the CPU, without ever loading Vulkan")
+      ->excludes(plan);
   command.add_option("-t,--threads", options.threads, "CPU threads (default: one a processor)")
       ->check(CLI::Range(1, 1024).description(""))
       ->type_name("N");

@@ -16,6 +16,8 @@ struct SessionOptions {
   std::string model;
   std::string plugin;
   std::string plan;
+  bool hasPlan = false;  // even an empty one
+  bool noGpu = false;
   int ctx = 0;      // 0: the runtime's own
   int threads = 0;  // 0: one a processor
 };
@@ -35,7 +37,7 @@ struct PromptOptions {
 
 void addModelOption(CLI::App& command, std::string& model);
 void addPluginOption(CLI::App& command, std::string& plugin);
-// Model, plug-in, plan and threads.
+// Model, plug-in, plan or no GPU, and threads.
 void addSessionOptions(CLI::App& command, SessionOptions& options);
 void addContextOption(CLI::App& command, SessionOptions& options);
 void addSamplingOptions(CLI::App& command, SamplingOptions& options);

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "gpu_choice.h"
 #include "options.h"
 #include "plugin_host.h"
 #include "terminal.h"
@@ -36,9 +37,10 @@ void printJson(const std::string& text, const ZEMRuntimeStats& stats) {
              {"tokens_per_second", tokensPerSecond(stats)}});
 }
 
-void run(const RunOptions& options) {
+void run(RunOptions options) {
   const std::string prompt = readPrompt(options.prompt);
   applyThreads(options.session);
+  settleGpu(options.session);
   const PluginHost host(findPlugin(options.session.plugin));
   Session session(host, options.session);
   const std::string text = session.generate(prompt, sessionRecord(options.sampling));

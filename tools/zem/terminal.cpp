@@ -1,5 +1,6 @@
 #include "terminal.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -54,6 +55,14 @@ int guarded(const std::function<void()>& command) {
     complain("out of memory");
   }
   return 1;
+}
+
+void holdStandardStreams() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (fcntl(stream, F_GETFD) >= 0) continue;
+    // The lowest free number is this one.
+    if (open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0) return;
+  }
 }
 
 bool stdinIsTerminal() { return isatty(STDIN_FILENO) == 1; }

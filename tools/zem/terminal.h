@@ -29,6 +29,10 @@ class ClosedPipe : public std::exception {};
 // Runs a command and returns its exit status; a Failure has then been printed.
 int guarded(const std::function<void()>& command);
 
+// Call first. A stream that the caller closed stays an error to use, but its
+// number is taken: a model file that got number 2 would be written messages into.
+void holdStandardStreams();
+
 bool stdinIsTerminal();
 bool stdoutIsTerminal();
 bool stderrIsTerminal();

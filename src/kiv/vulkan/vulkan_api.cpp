@@ -1,5 +1,6 @@
 #include "kiv/vulkan/vulkan_api.h"
 
+#include <cstdlib>
 #include <mutex>
 
 namespace kiv::vulkan {
@@ -12,7 +13,13 @@ PFN_vkGetInstanceProcAddr loadedFrom = nullptr;
 
 }  // namespace
 
+bool vulkanSwitchedOff() {
+  const char* value = std::getenv(kNoVulkanVariable);
+  return value != nullptr && *value != '\0';
+}
+
 bool loadVulkan() {
+  if (vulkanSwitchedOff()) return false;
   const std::lock_guard<std::mutex> lock(loadMutex);
   if (vkGetInstanceProcAddr == nullptr && volkInitialize() != VK_SUCCESS) return false;
   return vkCreateInstance != nullptr;

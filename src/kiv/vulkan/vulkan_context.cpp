@@ -185,7 +185,8 @@ Status VulkanContext::beginCommand(VkCommandBuffer* outCmd) {
 }
 
 Status VulkanContext::submitAndWait(VkCommandBuffer cmd) {
-  if (cmd == VK_NULL_HANDLE || device_ == VK_NULL_HANDLE || queue_ == VK_NULL_HANDLE) {
+  if (cmd == VK_NULL_HANDLE || device_ == VK_NULL_HANDLE || queue_ == VK_NULL_HANDLE ||
+      fence_ == VK_NULL_HANDLE) {
     return {StatusCode::InvalidFormat, "submitAndWait: uninitialized"};
   }
   if (vkEndCommandBuffer(cmd) != VK_SUCCESS) return ioError("vkEndCommandBuffer failed");
@@ -199,11 +200,24 @@ Status VulkanContext::submitAndWait(VkCommandBuffer cmd) {
     return ioError("vkQueueSubmit failed");
   }
   if (vkWaitForFences(device_, 1, &fence_, VK_TRUE, kNoLimit) != VK_SUCCESS) {
+    replaceFence();
     return ioError("vkWaitForFences failed");
   }
-  if (vkResetFences(device_, 1, &fence_) != VK_SUCCESS) return ioError("vkResetFences failed");
+  if (vkResetFences(device_, 1, &fence_) != VK_SUCCESS) {
+    replaceFence();
+    return ioError("vkResetFences failed");
+  }
   vkFreeCommandBuffers(device_, commandPool_, 1, &cmd);
   return {};
+}
+
+// A fence that may be signalled already would let the next wait return at once,
+// before its work is done.
+void VulkanContext::replaceFence() {
+  vkDeviceWaitIdle(device_);
+  vkDestroyFence(device_, fence_, nullptr);
+  fence_ = VK_NULL_HANDLE;
+  static_cast<void>(createFence());  // without one, nothing more is submitted
 }
 
 Status listDevices(std::vector<ListedDevice>& out) {

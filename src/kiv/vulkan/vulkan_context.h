@@ -25,8 +25,9 @@ class VulkanContext {
   // first discrete device, else the first enumerated one. Success at once on a
   // ready context; a failure leaves it empty. IOError "<the call> failed" or
   // "no Vulkan physical devices", Unsupported "no compute queue family found".
-  // Without a Vulkan loader the failing call is vkCreateInstance. Contexts may
-  // be set up on several threads at once.
+  // Without a Vulkan loader, or with Vulkan switched off (vulkan_api.h), the
+  // failing call is vkCreateInstance. Contexts may be set up on several threads
+  // at once.
   Status init(uint64_t deviceIndex);
   // Releases everything but info() and hasNativeStorage(); may be repeated.
   void destroy();
@@ -37,8 +38,8 @@ class VulkanContext {
   Status beginCommand(VkCommandBuffer* outCmd);
   // Ends, submits, waits without limit, frees. InvalidFormat
   // "submitAndWait: uninitialized" for a null buffer or an empty context,
-  // IOError "<the call> failed"; after a failure the buffer is reclaimed with
-  // the pool.
+  // IOError "<the call> failed"; after a failure nothing is running, and the
+  // buffer is reclaimed with the pool.
   Status submitAndWait(VkCommandBuffer cmd);
 
   VkInstance instance() const { return instance_; }
@@ -56,6 +57,7 @@ class VulkanContext {
   Status createDevice();
   Status createCommandPool();
   Status createFence();
+  void replaceFence();
 
   VkInstance instance_ = VK_NULL_HANDLE;
   VkPhysicalDevice physicalDevice_ = VK_NULL_HANDLE;

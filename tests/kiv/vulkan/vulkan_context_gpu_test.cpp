@@ -9,6 +9,7 @@
 
 #include "kiv/vulkan/vulkan_context.h"
 #include "support/fake_vulkan.h"
+#include "support/needs_gpu.h"
 
 namespace kiv::vulkan {
 namespace {
@@ -24,7 +25,7 @@ class RealDevice : public ::testing::Test {
  protected:
   void SetUp() override {
     const Status status = listDevices(devices_);
-    if (!status.ok()) GTEST_SKIP() << "no Vulkan device on this machine: " << status.message();
+    if (!status.ok()) ZEM_SKIP_WITHOUT_GPU("no Vulkan device: " + status.message());
   }
 
   std::vector<ListedDevice> devices_;
@@ -121,7 +122,7 @@ TEST_F(RealDevice, WorksAgainAfterAScriptedMachine) {
 
 // A loader without a driver refuses to create an instance.
 TEST(MachineWithoutADriver, InitFailsAndSaysWhichCall) {
-  if (!loadVulkan()) GTEST_SKIP() << "no Vulkan loader on this machine";
+  if (!loadVulkan()) ZEM_SKIP_WITHOUT_GPU("no Vulkan loader on this machine");
   ::setenv("VK_DRIVER_FILES", "/nonexistent/driver.json", 1);
   ::setenv("VK_ICD_FILENAMES", "/nonexistent/driver.json", 1);
   VulkanContext context;

@@ -483,5 +483,30 @@ TEST_F(VulkanCommand, TimeoutOfTheWaitIsAFailure) {
   expectStatus(context_.submitAndWait(cmd), StatusCode::IOError, "vkWaitForFences failed");
 }
 
+// The fence may be signalled by then: a second wait on it would not wait.
+TEST_F(VulkanCommand, WaitsOnAnotherFenceAfterAFailure) {
+  for (const char* function : {"vkWaitForFences", "vkResetFences"}) {
+    VkCommandBuffer cmd = begin();
+    vulkan_.fail(function, VK_ERROR_OUT_OF_HOST_MEMORY);
+    EXPECT_FALSE(context_.submitAndWait(cmd).ok());
+    EXPECT_EQ(vulkan_.live(VK_OBJECT_TYPE_FENCE), 1U);
+    submitEmptyCommand(context_);
+  }
+  EXPECT_EQ(vulkan_.calls("vkDeviceWaitIdle"), 2);
+}
+
+TEST_F(VulkanCommand, WithoutAnotherFenceNothingMoreIsSubmitted) {
+  VkCommandBuffer cmd = begin();
+  vulkan_.fail("vkResetFences", VK_ERROR_OUT_OF_HOST_MEMORY);
+  vulkan_.fail("vkCreateFence", VK_ERROR_OUT_OF_HOST_MEMORY);
+  expectStatus(context_.submitAndWait(cmd), StatusCode::IOError, "vkResetFences failed");
+  expectStatus(context_.submitAndWait(begin()), StatusCode::InvalidFormat,
+               "submitAndWait: uninitialized");
+  EXPECT_EQ(vulkan_.calls("vkQueueSubmit"), 1);
+  context_.destroy();
+  expectOk(context_.init(0));
+  submitEmptyCommand(context_);
+}
+
 }  // namespace
 }  // namespace kiv::vulkan

@@ -1,0 +1,280 @@
+#include "kiv/gpu_model_loader.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "kiv/vulkan/vulkan_buffer.h"
+
+namespace kiv {
+namespace {
+
+constexpr uint64_t kHeadroom = uint64_t{64} << 20;
+constexpr uint64_t kTensorAlignment = 256;
+
+Status failure(StatusCode code, const char* what) {
+  return {code, std::string("GPUModelLoader: ") + what};
+}
+Status ioError(const char* what) { return failure(StatusCode::IOError, what); }
+
+bool isSelected(const TensorView& tensor, GPUModelLoader::TensorFilter filter) {
+  return filter == nullptr || tensor.name.empty() || filter(tensor.name.c_str());
+}
+
+// The tensors to be loaded, in the container's order, and the sum of their
+// sizes. A file can claim that a tensor lies outside of it, or is as large as
+// the file many times over.
+Status selectTensors(const ZEMLoader& loader, GPUModelLoader::TensorFilter filter,
+                     std::vector<const TensorView*>& out, uint64_t& bytes) {
+  bytes = 0;
+  for (size_t i = 0; i < loader.tensorCount(); ++i) {
+    const TensorView& tensor = loader.tensorView(i);
+    if (!isSelected(tensor, filter)) continue;
+    if (!loader.holdsBytes(tensor, tensor.size) ||
+        tensor.size > std::numeric_limits<uint64_t>::max() / 2 - bytes) {
+      return failure(StatusCode::InvalidFormat, "tensor outside the file");
+    }
+    out.push_back(&tensor);
+    bytes += tensor.size;
+  }
+  return {};
+}
+
+bool nameLess(const GPUTensorView& view, const std::string& name) { return view.name < name; }
+
+}  // namespace
+
+Status GPUModelLoader::init(uint64_t deviceIndex) {
+  release();
+  Status status = ctx_.init(deviceIndex);
+  valid_ = status.ok();
+  return status;
+}
+
+void GPUModelLoader::release() {
+  releaseBuffers();
+  alloc_.destroy();
+  views_.clear();
+  valid_ = false;
+  ctx_.destroy();
+}
+
+void GPUModelLoader::releaseBuffers() {
+  VkDevice device = ctx_.device();
+  if (device != VK_NULL_HANDLE) {
+    if (staging_ != VK_NULL_HANDLE) vkDestroyBuffer(device, staging_, nullptr);
+    if (stagingMem_ != VK_NULL_HANDLE) vkFreeMemory(device, stagingMem_, nullptr);
+    if (buffer_ != VK_NULL_HANDLE) vkDestroyBuffer(device, buffer_, nullptr);
+    for (VkBuffer buffer : tensorBuffers_) vkDestroyBuffer(device, buffer, nullptr);
+  }
+  staging_ = VK_NULL_HANDLE;
+  stagingMem_ = VK_NULL_HANDLE;
+  buffer_ = VK_NULL_HANDLE;
+  tensorBuffers_.clear();
+}
+
+Status GPUModelLoader::loadWeightsToGPUFiltered(ZEMLoader& loader, TensorFilter filter) {
+  if (!valid_) return failure(StatusCode::InvalidFormat, "not initialized");
+  views_.clear();
+  releaseBuffers();
+  std::vector<const TensorView*> tensors;
+  uint64_t bytes = 0;
+  Status status = selectTensors(loader, filter, tensors, bytes);
+  if (status.ok()) status = setupPool(poolBytes(bytes));
+  if (status.ok()) status = placeTensors(tensors);
+  if (status.ok()) status = uploadTensors(tensors);
+  if (status.ok()) status = createTensorBuffers();
+  if (!status.ok()) {
+    views_.clear();
+    return status;
+  }
+  std::sort(views_.begin(), views_.end(),
+            [](const GPUTensorView& a, const GPUTensorView& b) { return a.name < b.name; });
+  return {};
+}
+
+// Once a pool has told how much memory the device has, some of it is left to
+// others.
+uint64_t GPUModelLoader::poolBytes(uint64_t tensorBytes) const {
+  const uint64_t wanted = tensorBytes + kHeadroom;
+  const GpuInfo& device = alloc_.info();
+  if (!device.valid || device.totalVRAM == 0) return wanted;
+  return std::min(wanted, device.totalVRAM * 9 / 10);
+}
+
+Status GPUModelLoader::setupPool(uint64_t poolSize) {
+  if (Status status = alloc_.init(ctx_, poolSize); !status.ok()) return status;
+  constexpr VkBufferUsageFlags kPoolUsage = VK_BUFFER_USAGE_STORAGE_BUFFER_BIT |
+                                            VK_BUFFER_USAGE_TRANSFER_DST_BIT |
+                                            VK_BUFFER_USAGE_TRANSFER_SRC_BIT;
+  Status status = createBuffer(poolSize, kPoolUsage, "buffer create failed", buffer_);
+  if (status.ok()) status = createStaging();
+  if (status.ok() && !bindToPool(buffer_, 0)) status = ioError("buffer bind failed");
+  return status;
+}
+
+Status GPUModelLoader::createStaging() {
+  constexpr VkBufferUsageFlags kBothWays =
+      VK_BUFFER_USAGE_TRANSFER_SRC_BIT | VK_BUFFER_USAGE_TRANSFER_DST_BIT;
+  if (Status status = createBuffer(kStagingBytes, kBothWays, "staging create failed", staging_);
+      !status.ok()) {
+    return status;
+  }
+  VkMemoryRequirements requirements{};
+  vkGetBufferMemoryRequirements(ctx_.device(), staging_, &requirements);
+  VkMemoryAllocateInfo info{};
+  info.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
+  info.allocationSize = std::max(kStagingBytes, requirements.size);
+  constexpr VkMemoryPropertyFlags kHostMemory =
+      VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
+  if (!vulkan::findMemoryType(ctx_, requirements.memoryTypeBits, kHostMemory,
+                              info.memoryTypeIndex)) {
+    return failure(StatusCode::Unsupported, "no host-visible memory");
+  }
+  VkDeviceMemory memory = VK_NULL_HANDLE;
+  if (vkAllocateMemory(ctx_.device(), &info, nullptr, &memory) != VK_SUCCESS) {
+    return ioError("staging alloc failed");
+  }
+  stagingMem_ = memory;
+  if (vkBindBufferMemory(ctx_.device(), staging_, stagingMem_, 0) != VK_SUCCESS) {
+    return ioError("staging bind failed");
+  }
+  return {};
+}
+
+Status GPUModelLoader::placeTensors(const std::vector<const TensorView*>& tensors) {
+  views_.reserve(tensors.size());
+  for (const TensorView* tensor : tensors) {
+    uint64_t offset = 0;
+    if (Status status = alloc_.allocate(tensor->size, kTensorAlignment, offset); !status.ok()) {
+      return status;
+    }
+    views_.push_back({.buffer = VK_NULL_HANDLE,
+                      .offset = offset,
+                      .size = tensor->size,
+                      .dtype = tensor->dtype,
+                      .ndim = tensor->ndim,
+                      .shape = tensor->shape,
+                      .quant = tensor->quant,
+                      .name = tensor->name});
+  }
+  return {};
+}
+
+Status GPUModelLoader::uploadTensors(const std::vector<const TensorView*>& tensors) {
+  void* staging = nullptr;
+  if (vkMapMemory(ctx_.device(), stagingMem_, 0, kStagingBytes, 0, &staging) != VK_SUCCESS) {
+    return ioError("staging map failed");
+  }
+  Status status;
+  for (size_t i = 0; i < tensors.size() && status.ok(); ++i) {
+    status = uploadTensor(*tensors[i], views_[i].offset, staging);
+  }
+  vkUnmapMemory(ctx_.device(), stagingMem_);
+  return status;
+}
+
+Status GPUModelLoader::uploadTensor(const TensorView& tensor, uint64_t offset, void* staging) {
+  const auto* data = static_cast<const uint8_t*>(tensor.data);
+  for (uint64_t done = 0; done < tensor.size;) {
+    const uint64_t bytes = std::min(tensor.size - done, kStagingBytes);
+    std::memcpy(staging, data + done, bytes);
+    if (Status status = uploadRange(offset + done, bytes); !status.ok()) return status;
+    done += bytes;
+  }
+  return {};
+}
+
+Status GPUModelLoader::uploadRange(uint64_t offset, uint64_t bytes) {
+  VkCommandBuffer cmd = VK_NULL_HANDLE;
+  if (Status status = ctx_.beginCommand(&cmd); !status.ok()) return status;
+  const VkBufferCopy region = {.srcOffset = 0, .dstOffset = offset, .size = bytes};
+  vkCmdCopyBuffer(cmd, staging_, buffer_, 1, &region);
+  vulkan::recordFullBarrier(cmd);
+  return ctx_.submitAndWait(cmd);
+}
+
+Status GPUModelLoader::createTensorBuffers() {
+  tensorBuffers_.reserve(views_.size());
+  for (GPUTensorView& view : views_) {
+    if (Status status = createTensorBuffer(view); !status.ok()) return status;
+  }
+  return {};
+}
+
+Status GPUModelLoader::createTensorBuffer(GPUTensorView& view) {
+  constexpr VkBufferUsageFlags kUsage =
+      VK_BUFFER_USAGE_STORAGE_BUFFER_BIT | VK_BUFFER_USAGE_TRANSFER_DST_BIT;
+  if (Status status = createBuffer(deviceBufferBytes(view.size), kUsage,
+                                   "tensor buffer create failed", view.buffer);
+      !status.ok()) {
+    return status;
+  }
+  tensorBuffers_.push_back(view.buffer);
+  if (!bindToPool(view.buffer, view.offset)) return ioError("tensor buffer bind failed");
+  return {};
+}
+
+Status GPUModelLoader::createBuffer(uint64_t bytes, VkBufferUsageFlags usage, const char* failure,
+                                    VkBuffer& out) {
+  VkBufferCreateInfo info{};
+  info.sType = VK_STRUCTURE_TYPE_BUFFER_CREATE_INFO;
+  info.size = bytes;
+  info.usage = usage;
+  info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
+  VkBuffer buffer = VK_NULL_HANDLE;
+  if (vkCreateBuffer(ctx_.device(), &info, nullptr, &buffer) != VK_SUCCESS) {
+    return ioError(failure);
+  }
+  out = buffer;
+  return {};
+}
+
+// The pool's memory type was chosen before any buffer was known: a device may
+// not accept it, or want its buffers further apart or with more room behind.
+bool GPUModelLoader::bindToPool(VkBuffer buffer, uint64_t offset) {
+  VkMemoryRequirements requirements{};
+  vkGetBufferMemoryRequirements(ctx_.device(), buffer, &requirements);
+  const bool possible = (requirements.memoryTypeBits >> alloc_.memoryType() & 1U) != 0 &&
+                        offset % requirements.alignment == 0 &&
+                        requirements.size <= alloc_.memoryBytes() - offset;
+  return possible &&
+         vkBindBufferMemory(ctx_.device(), buffer, alloc_.memory(), offset) == VK_SUCCESS;
+}
+
+Status GPUModelLoader::downloadTensor(const GPUTensorView& view, void* dst) {
+  if (!valid_ || dst == nullptr || views_.empty()) {
+    return failure(StatusCode::InvalidFormat, "not initialized");
+  }
+  if (view.size > kStagingBytes) {
+    return failure(StatusCode::Unsupported, "tensor too large to verify");
+  }
+  if (view.size == 0) return {};
+  VkCommandBuffer cmd = VK_NULL_HANDLE;
+  if (Status status = ctx_.beginCommand(&cmd); !status.ok()) return status;
+  const VkBufferCopy region = {.srcOffset = view.offset, .dstOffset = 0, .size = view.size};
+  vkCmdCopyBuffer(cmd, buffer_, staging_, 1, &region);
+  vulkan::recordFullBarrier(cmd);
+  if (Status status = ctx_.submitAndWait(cmd); !status.ok()) return status;
+  void* staging = nullptr;
+  if (vkMapMemory(ctx_.device(), stagingMem_, 0, kStagingBytes, 0, &staging) != VK_SUCCESS) {
+    return ioError("staging map failed");
+  }
+  std::memcpy(dst, staging, view.size);
+  vkUnmapMemory(ctx_.device(), stagingMem_);
+  return {};
+}
+
+Status GPUModelLoader::reserveLayer(ZEMLoader& /*loader*/, uint64_t /*layer*/) {
+  return failure(StatusCode::Unsupported, "partial mode not enabled");
+}
+
+void GPUModelLoader::releaseLayer(uint64_t /*layer*/) {}
+
+const GPUTensorView* GPUModelLoader::findTensor(const std::string& name) const {
+  if (!valid_) return nullptr;
+  const auto found = std::lower_bound(views_.begin(), views_.end(), name, nameLess);
+  return found != views_.end() && found->name == name ? &*found : nullptr;
+}
+
+}  // namespace kiv

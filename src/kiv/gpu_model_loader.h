@@ -1,0 +1,98 @@
+// The weights of one model in device memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kiv/gpu_memory.h"
+#include "kiv/gpu_tensor.h"
+#include "kiv/status.h"
+#include "kiv/vulkan/vulkan_context.h"
+#include "kiv/zem_loader.h"
+
+namespace kiv {
+
+// Owns a Vulkan context, one pool of device memory, a staging buffer of 64 MiB
+// and a buffer for each tensor. Empty until init(), without weights until a
+// load. One thread at a time.
+class GPUModelLoader {
+ public:
+  // Bytes of the staging buffer, and so of one transfer.
+  static constexpr uint64_t kStagingBytes = uint64_t{64} << 20;
+
+  // True for the name of a tensor that should be resident.
+  using TensorFilter = bool (*)(const char* name);
+
+  GPUModelLoader() = default;
+  ~GPUModelLoader() { release(); }
+  GPUModelLoader(const GPUModelLoader&) = delete;
+  GPUModelLoader& operator=(const GPUModelLoader&) = delete;
+
+  // Releases everything and sets up a context on the device that `deviceIndex`
+  // selects, as VulkanContext::init() does.
+  Status init(uint64_t deviceIndex);
+  // Releases everything, the context included; may be repeated.
+  void release();
+
+  // Copies all tensors, or those that `filter` (may be null) wants, to the
+  // device. Load once after init(): what an earlier load made is released first.
+  // `loader` is only read, and not kept. After a failure no tensor is resident;
+  // release() frees what was built. InvalidFormat "GPUModelLoader: not
+  // initialized" and "GPUModelLoader: tensor outside the file", IOError or
+  // Unsupported "GPUModelLoader: <what failed>", and the allocator's and the
+  // context's own failures.
+  Status loadWeightsToGPU(ZEMLoader& loader) { return loadWeightsToGPUFiltered(loader, nullptr); }
+  Status loadWeightsToGPUFiltered(ZEMLoader& loader, TensorFilter filter);
+
+  // Copies a resident tensor's bytes to `dst` (view.size bytes), to check an
+  // upload. InvalidFormat "GPUModelLoader: not initialized" for a null `dst` and
+  // while no tensor is resident, Unsupported "GPUModelLoader: tensor too large to
+  // verify" above 64 MiB, IOError "GPUModelLoader: staging map failed", and the
+  // context's own failures.
+  Status downloadTensor(const GPUTensorView& view, void* dst);
+
+  // Residency by layer is not offered: Unsupported "GPUModelLoader: partial mode
+  // not enabled", and nothing.
+  Status reserveLayer(ZEMLoader& loader, uint64_t layer);
+  void releaseLayer(uint64_t layer);
+
+  // Null: no such tensor is resident. Valid until the next load or release().
+  const GPUTensorView* findTensor(const std::string& name) const;
+  // Resident tensors in the order of their names.
+  size_t tensorCount() const { return views_.size(); }
+  const GPUTensorView& tensorAt(size_t index) const { return views_[index]; }
+
+  bool valid() const { return valid_; }
+  vulkan::VulkanContext& context() { return ctx_; }
+  VkBuffer buffer() const { return buffer_; }  // the whole pool
+  uint64_t vramUsed() const { return alloc_.stats().usedVRAM; }
+  VRAMAllocator::Stats vramStats() const { return alloc_.stats(); }
+  const GpuInfo& gpuInfo() const { return alloc_.info(); }
+
+ private:
+  uint64_t poolBytes(uint64_t tensorBytes) const;
+  Status setupPool(uint64_t poolSize);
+  Status createStaging();
+  Status placeTensors(const std::vector<const TensorView*>& tensors);
+  Status uploadTensors(const std::vector<const TensorView*>& tensors);
+  Status uploadTensor(const TensorView& tensor, uint64_t offset, void* staging);
+  Status uploadRange(uint64_t offset, uint64_t bytes);
+  Status createTensorBuffers();
+  Status createTensorBuffer(GPUTensorView& view);
+  Status createBuffer(uint64_t bytes, VkBufferUsageFlags usage, const char* failure, VkBuffer& out);
+  bool bindToPool(VkBuffer buffer, uint64_t offset);
+  void releaseBuffers();
+
+  vulkan::VulkanContext ctx_;
+  VRAMAllocator alloc_;
+  VkBuffer buffer_ = VK_NULL_HANDLE;
+  std::vector<VkBuffer> tensorBuffers_;
+  VkBuffer staging_ = VK_NULL_HANDLE;
+  VkDeviceMemory stagingMem_ = VK_NULL_HANDLE;
+  std::vector<GPUTensorView> views_;
+  bool valid_ = false;
+};
+
+}  // namespace kiv

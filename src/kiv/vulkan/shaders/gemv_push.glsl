@@ -1,0 +1,7 @@
+// What every product of a quantised matrix and a vector is told.
+layout(push_constant) uniform PC {
+  uint n;             // rows of the matrix, length of y
+  uint k;             // columns of the matrix, length of x
+  uint blocksPerCol;  // whole blocks in a row
+  uint colBytes;      // bytes from one stored row to the next
+};

@@ -1,0 +1,21 @@
+// Residual: y[i] += x[i] for i < count.
+//
+// Bindings: y (changed in place), x. Push constants: count. One invocation an
+// element, 256 a workgroup: ceil(count / 256) workgroups, in x and y.
+#version 450
+#extension GL_GOOGLE_include_directive : require
+
+const uint kLocal = 256u;
+layout(local_size_x = kLocal) in;
+
+#include "grid.glsl"
+
+layout(std430, set = 0, binding = 0) buffer Y { float y[]; };
+layout(std430, set = 0, binding = 1) readonly buffer X { float x[]; };
+
+layout(push_constant) uniform PC { uint count; };
+
+void main() {
+  const uint i = invocationIndex();
+  if (i < count) y[i] += x[i];
+}

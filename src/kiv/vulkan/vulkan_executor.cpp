@@ -1,0 +1,39 @@
+#include "kiv/vulkan/vulkan_executor.h"
+
+namespace kiv::vulkan {
+
+void VulkanExecutor::registerKernel(Opcode op, const GpuKernelDesc& desc) {
+  entries_[static_cast<size_t>(op)].desc = desc;
+}
+
+Status VulkanExecutor::getKernel(VulkanContext& ctx, Opcode op, VulkanKernel** out) {
+  Entry& entry = entries_[static_cast<size_t>(op)];
+  if (!entry.created) {
+    const GpuKernelDesc* desc = GpuKernelRegistry::instance().find(op);
+    if (desc == nullptr) {
+      return {StatusCode::Unsupported, "no GPU kernel registered for opcode"};
+    }
+    entry.desc = *desc;
+    const EmbeddedShader& shader = embeddedShader(entry.desc.shader);
+    if (Status status = entry.kernel.create(ctx, shader.code, shader.wordCount, entry.desc.bindings,
+                                            entry.desc.pushSize);
+        !status.ok()) {
+      return status;
+    }
+    entry.created = true;
+  }
+  if (out != nullptr) *out = &entry.kernel;
+  return {};
+}
+
+Status VulkanExecutor::execute(VulkanContext& ctx, VkCommandBuffer cmd, Opcode op,
+                               VulkanBuffer* const* buffers, uint32_t count, uint32_t x, uint32_t y,
+                               uint32_t z, const void* push, size_t pushBytes) {
+  VulkanKernel* kernel = nullptr;
+  if (Status status = getKernel(ctx, op, &kernel); !status.ok()) return status;
+  if (Status status = kernel->bindBuffers(ctx, buffers, count); !status.ok()) return status;
+  kernel->dispatch(cmd, x, y, z, push, pushBytes);
+  return {};
+}
+
+}  // namespace kiv::vulkan

@@ -1,0 +1,197 @@
+// The functions of the scripted machine for buffers and device memory.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+
+#include "support/fake_vulkan_objects.h"
+
+namespace kiv::test {
+
+LazyBytes::LazyBytes(size_t size) : size_(size) {
+  void* mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (mapped == MAP_FAILED) {
+    ADD_FAILURE() << "no address space for " << size << " bytes";
+    mapped = nullptr;
+    size_ = 0;
+  }
+  data_ = static_cast<uint8_t*>(mapped);
+}
+
+LazyBytes::~LazyBytes() {
+  if (data_ != nullptr) ::munmap(data_, size_);
+}
+
+const FakeDevice& deviceOf(const FakeCall& call, VkDevice device) {
+  static const FakeDevice none;
+  const auto* record = call.detail<FakeLogicalDevice>(device, VK_OBJECT_TYPE_DEVICE);
+  const auto& devices = call.machine().devices;
+  return record != nullptr && record->index < devices.size() ? devices[record->index] : none;
+}
+
+FakeRange rangeOf(const FakeCall& call, VkBuffer handle, VkDeviceSize offset, VkDeviceSize size) {
+  const auto* buffer = call.detail<FakeBuffer>(handle, VK_OBJECT_TYPE_BUFFER);
+  if (buffer == nullptr) return {};
+  const VkDeviceSize bytes = buffer->info.size;
+  const bool inside = offset <= bytes && size <= bytes - offset;
+  call.require(inside, "bytes outside the buffer");
+  const auto* memory = call.detail<FakeMemory>(buffer->memory, VK_OBJECT_TYPE_DEVICE_MEMORY);
+  if (!inside || memory == nullptr) return {};
+  const VkDeviceSize begin = buffer->offset + offset;
+  return {buffer->memory, begin, begin + size, memory->bytes->span().subspan(begin, size)};
+}
+
+std::vector<uint8_t> FakeVulkan::bytes(VkBuffer buffer) const {
+  const FakeCall call("bytes", FakeCall::Look{});
+  const auto* record = call.detail<FakeBuffer>(buffer, VK_OBJECT_TYPE_BUFFER);
+  if (record == nullptr) return {};
+  const std::span<uint8_t> held = rangeOf(call, buffer, 0, record->info.size).bytes;
+  return {held.begin(), held.end()};
+}
+
+namespace {
+
+// ---- buffers
+
+VKAPI_ATTR VkResult VKAPI_CALL createBuffer(VkDevice device, const VkBufferCreateInfo* info,
+                                            const VkAllocationCallbacks*, VkBuffer* out) {
+  const FakeCall call("vkCreateBuffer");
+  const FakeDevice& physical = deviceOf(call, device);
+  call.requests().buffers.push_back(*info);
+  call.require(info->sType == VK_STRUCTURE_TYPE_BUFFER_CREATE_INFO, "wrong structure type");
+  call.require(info->size != 0, "a buffer of no bytes");
+  call.require(info->usage != 0, "a buffer of no use");
+  const VkDeviceSize step = physical.bufferGranularity;
+  const uint64_t allTypes = (uint64_t{1} << physical.memoryTypes.size()) - 1;
+  const FakeBuffer buffer = {.info = *info,
+                             .requirements = {.size = (info->size + step - 1) / step * step,
+                                              .alignment = physical.bufferAlignment,
+                                              .memoryTypeBits = static_cast<uint32_t>(
+                                                  physical.bufferMemoryTypes & allTypes)}};
+  return call.create(VK_OBJECT_TYPE_BUFFER, idOf(device), out, buffer);
+}
+
+VKAPI_ATTR void VKAPI_CALL destroyBuffer(VkDevice device, VkBuffer buffer,
+                                         const VkAllocationCallbacks*) {
+  const FakeCall call("vkDestroyBuffer");
+  call.find(device, VK_OBJECT_TYPE_DEVICE);
+  call.destroy(buffer, VK_OBJECT_TYPE_BUFFER);
+}
+
+VKAPI_ATTR void VKAPI_CALL getRequirements(VkDevice device, VkBuffer buffer,
+                                           VkMemoryRequirements* out) {
+  const FakeCall call("vkGetBufferMemoryRequirements");
+  call.find(device, VK_OBJECT_TYPE_DEVICE);
+  const auto* record = call.detail<FakeBuffer>(buffer, VK_OBJECT_TYPE_BUFFER);
+  *out = record == nullptr ? VkMemoryRequirements{} : record->requirements;
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL bindBufferMemory(VkDevice device, VkBuffer buffer,
+                                                VkDeviceMemory memory, VkDeviceSize offset) {
+  const FakeCall call("vkBindBufferMemory");
+  call.find(device, VK_OBJECT_TYPE_DEVICE);
+  auto* target = call.detail<FakeBuffer>(buffer, VK_OBJECT_TYPE_BUFFER);
+  const auto* source = call.detail<FakeMemory>(memory, VK_OBJECT_TYPE_DEVICE_MEMORY);
+  if (target == nullptr || source == nullptr || call.fails()) return call.result();
+  const VkMemoryRequirements& needs = target->requirements;
+  const VkDeviceSize size = source->bytes->span().size();
+  call.require(target->memory == VK_NULL_HANDLE, "the buffer is bound already");
+  call.require((needs.memoryTypeBits >> source->type & 1) != 0, "memory of a type not allowed");
+  call.require(offset % needs.alignment == 0, "offset not aligned");
+  call.require(offset <= size && needs.size <= size - offset, "the memory is too small");
+  target->memory = memory;
+  target->offset = offset;
+  return VK_SUCCESS;
+}
+
+// ---- memory
+
+VkDeviceSize usedOf(const FakeCall& call, uint32_t heap) {
+  VkDeviceSize used = 0;
+  call.forEach<FakeMemory>(VK_OBJECT_TYPE_DEVICE_MEMORY, [&](const FakeMemory& memory) {
+    if (memory.heap == heap) used += memory.bytes->span().size();
+  });
+  return used;
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL allocateMemory(VkDevice device, const VkMemoryAllocateInfo* info,
+                                              const VkAllocationCallbacks*, VkDeviceMemory* out) {
+  const FakeCall call("vkAllocateMemory");
+  const FakeDevice& physical = deviceOf(call, device);
+  call.requests().allocations.push_back(*info);
+  call.require(info->sType == VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO, "wrong structure type");
+  call.require(info->allocationSize != 0, "an allocation of no bytes");
+  const bool known = info->memoryTypeIndex < physical.memoryTypes.size();
+  call.require(known, "unknown memory type");
+  if (!known || call.fails()) return call.create(VK_OBJECT_TYPE_DEVICE_MEMORY, 0, out);
+
+  const VkMemoryType& type = physical.memoryTypes[info->memoryTypeIndex];
+  const VkDeviceSize heapSize = physical.heaps.at(type.heapIndex).size;
+  const VkDeviceSize used = usedOf(call, type.heapIndex);
+  if (used > heapSize || info->allocationSize > heapSize - used) {
+    return VK_ERROR_OUT_OF_DEVICE_MEMORY;
+  }
+  return call.create(VK_OBJECT_TYPE_DEVICE_MEMORY, idOf(device), out,
+                     FakeMemory{.bytes = std::make_shared<LazyBytes>(info->allocationSize),
+                                .type = info->memoryTypeIndex,
+                                .heap = type.heapIndex,
+                                .flags = type.propertyFlags});
+}
+
+// Also of mapped memory, and before the buffers that lie in it: nobody may touch
+// those any more.
+VKAPI_ATTR void VKAPI_CALL freeMemory(VkDevice device, VkDeviceMemory memory,
+                                      const VkAllocationCallbacks*) {
+  const FakeCall call("vkFreeMemory");
+  call.find(device, VK_OBJECT_TYPE_DEVICE);
+  call.destroy(memory, VK_OBJECT_TYPE_DEVICE_MEMORY);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL mapMemory(VkDevice device, VkDeviceMemory handle,
+                                         VkDeviceSize offset, VkDeviceSize size, VkMemoryMapFlags,
+                                         void** out) {
+  const FakeCall call("vkMapMemory");
+  call.find(device, VK_OBJECT_TYPE_DEVICE);
+  call.requests().map = {offset, size};
+  auto* memory = call.detail<FakeMemory>(handle, VK_OBJECT_TYPE_DEVICE_MEMORY);
+  if (memory == nullptr || call.fails()) return call.result();
+  const std::span<uint8_t> bytes = memory->bytes->span();
+  const VkDeviceSize wanted = size == VK_WHOLE_SIZE ? bytes.size() - offset : size;
+  const bool inside = wanted != 0 && offset <= bytes.size() && wanted <= bytes.size() - offset;
+  call.require(inside, "a range outside the memory");
+  call.require((memory->flags & kHostVisible) != 0, "memory that the host cannot see");
+  call.require((memory->flags & kHostCoherent) != 0, "not coherent, and nothing ever flushes it");
+  call.require(!memory->mapped, "mapped already");
+  call.require(memory->hidden == 0, "no barrier has shown the host what the device wrote");
+  memory->mapped = true;
+  *out = bytes.data() + offset;
+  return VK_SUCCESS;
+}
+
+VKAPI_ATTR void VKAPI_CALL unmapMemory(VkDevice device, VkDeviceMemory handle) {
+  const FakeCall call("vkUnmapMemory");
+  call.find(device, VK_OBJECT_TYPE_DEVICE);
+  auto* memory = call.detail<FakeMemory>(handle, VK_OBJECT_TYPE_DEVICE_MEMORY);
+  if (memory == nullptr) return;
+  call.require(memory->mapped, "not mapped");
+  memory->mapped = false;
+}
+
+}  // namespace
+
+const FakeFunctions& memoryFunctions() {
+  static const FakeFunctions functions = {
+      {"vkCreateBuffer", erase<PFN_vkCreateBuffer>(createBuffer)},
+      {"vkDestroyBuffer", erase<PFN_vkDestroyBuffer>(destroyBuffer)},
+      {"vkGetBufferMemoryRequirements", erase<PFN_vkGetBufferMemoryRequirements>(getRequirements)},
+      {"vkBindBufferMemory", erase<PFN_vkBindBufferMemory>(bindBufferMemory)},
+      {"vkAllocateMemory", erase<PFN_vkAllocateMemory>(allocateMemory)},
+      {"vkFreeMemory", erase<PFN_vkFreeMemory>(freeMemory)},
+      {"vkMapMemory", erase<PFN_vkMapMemory>(mapMemory)},
+      {"vkUnmapMemory", erase<PFN_vkUnmapMemory>(unmapMemory)},
+  };
+  return functions;
+}
+
+}  // namespace kiv::test
