@@ -10,7 +10,7 @@
 namespace zemtool {
 namespace {
 
-constexpr uint64_t kMaxMerges = uint64_t{1} << 24;
+constexpr uint64_t kMaxMerges = uint64_t{1} << 22;
 
 // The file's token types.
 enum TokenType : uint64_t {
