@@ -121,7 +121,8 @@ void printFallbacks(const std::vector<Fallback>& fallbacks) {
     const bool one = list.size() == 1;
     const std::string more =
         one ? " is " : " and " + std::to_string(list.size() - 1) + " more are ";
-    writeOut("  " + list[0]->name + more + reason + "\n");
+    std::string line = "  " + list[0]->name;
+    writeOut(line.append(more).append(reason).append("\n"));
   }
 }
 
