@@ -38,6 +38,14 @@ class ByteCursor {
     return true;
   }
 
+  // The next `length` bytes where they lie.
+  bool view(const uint8_t*& out, uint64_t length) {
+    if (remaining_ < length) return false;
+    out = data_;
+    skip(length);
+    return true;
+  }
+
  private:
   template <typename T>
   bool readBits(T& out) {

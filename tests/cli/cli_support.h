@@ -3,8 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -14,6 +12,7 @@
 #include "support/container_builder.h"
 #include "support/needs_gpu.h"
 #include "support/subprocess.h"
+#include "support/temp_folder.h"
 
 namespace zemtest {
 
@@ -68,40 +67,6 @@ inline std::string softwareDevice() {
 // First line of a test that needs one.
 #define ZEM_NEEDS_SOFTWARE_DEVICE() \
   if (softwareDevice().empty()) ZEM_SKIP_WITHOUT_GPU("no software device: " + kSoftwareDriver)
-
-// A folder that goes with everything in it.
-class TempFolder {
- public:
-  TempFolder() {
-    std::string pattern = ::testing::TempDir() + "zem-cli-XXXXXX";
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-
-  std::string path(const std::string& name) const { return (path_ / name).string(); }
-
-  // Writes a file and returns its path.
-  std::string write(const std::string& name, std::string_view bytes) const {
-    std::ofstream(path(name), std::ios::binary) << bytes;
-    return path(name);
-  }
-  std::string write(const std::string& name, const Bytes& bytes) const {
-    return write(name, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-  }
-
-  std::string read(const std::string& name) const {
-    std::ifstream file(path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  }
-
- private:
-  std::filesystem::path path_;
-};
 
 // A container with metadata, a vocabulary and three tensors, one of them a
 // second name for another's bytes.

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 
 #include "cli_support.h"
+#include "support/golden_checkpoint.h"
+#include "support/published_model.h"
 
 namespace zemtest {
 namespace {
@@ -176,6 +178,27 @@ TEST_F(EndToEnd, ModelsThatTheRuntimeRefusesAreExplained) {
               HasSubstr("not a qwen35-architecture model (its architecture is \"llama\")"));
   EXPECT_THAT(realZem({"run", "-m", folder_->path("missing.zem"), "-p", "x"}).err,
               HasSubstr("zem open failed (No such file or directory)"));
+}
+
+// From a published folder to a completion, as a person would.
+TEST_F(EndToEnd, AConvertedCheckpointSpeaks) {
+  CheckpointBuilder checkpoint;
+  for (auto& [name, tensor] : checkpoint.tensors()) {
+    for (const float value : goldenTensor("spoken", name, tensor.shape)) putF32(tensor.data, value);
+  }
+  const std::string folder = folder_->path("checkpoint");
+  std::filesystem::create_directory(folder);
+  checkpoint.write(folder, 2);
+  const std::string model = folder_->path("converted.zem");
+  const ProcessResult converted = realZem({"convert", folder, "-o", model, "--type", "q8_0"});
+  ASSERT_EQ(converted.status, 0) << converted.err;
+  EXPECT_EQ(converted.err, "");
+  const ProcessResult run = realZem({"run", "-m", model, "-p", "the heat", "-c", "8"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_THAT(run.err, HasSubstr("tokens/s"));
+  const ProcessResult tokens = realZem({"tokenize", "-m", model, "--ids", "-p", " the\n<think>"});
+  EXPECT_EQ(tokens.out, "258 10 273\n");
+  EXPECT_EQ(tokens.err, "");
 }
 
 TEST_F(EndToEnd, AModelWithWeightsOutsideTheFileFailsWithoutText) {

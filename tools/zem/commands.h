@@ -18,5 +18,7 @@ void addBench(CLI::App& app, int& status);
 void addTokenize(CLI::App& app, int& status);
 void addDevices(CLI::App& app, int& status);
 void addMakeDemo(CLI::App& app, int& status);
+void addConvert(CLI::App& app, int& status);
+void addCompare(CLI::App& app, int& status);
 
 }  // namespace zemtool

@@ -1,13 +1,10 @@
 #include "demo_model.h"
 
-#include <bit>
 #include <cmath>
-#include <cstring>
 #include <string_view>
 
 #include "demo_vocabulary.h"
-#include "kiv/quant.h"
-#include "kiv/quant_k.h"
+#include "kiv/row_codec.h"
 
 namespace zemtool {
 namespace {
@@ -195,32 +192,6 @@ void fill(uint64_t key, uint64_t firstElement, const DemoTensor& tensor, float g
   }
 }
 
-uint16_t toBf16(float x) {  // to nearest, ties to even; x is finite
-  const auto bits = std::bit_cast<uint32_t>(x);
-  return static_cast<uint16_t>((bits + 0x7FFF + ((bits >> 16) & 1)) >> 16);
-}
-
-void encodeRow(DType type, const float* row, uint64_t cols, uint8_t* out) {
-  switch (type) {
-    case DType::Q8_0:
-      return kiv::quant::quantQ80(row, out, cols);
-    case DType::Q4_K:
-      return kiv::quant::quantQ4K(row, out, cols);
-    case DType::Q5_K:
-      return kiv::quant::quantQ5K(row, out, cols);
-    case DType::Q6_K:
-      return kiv::quant::quantQ6K(row, out, cols);
-    case DType::BF16:
-      for (uint64_t i = 0; i < cols; ++i) {
-        const uint16_t half = toBf16(row[i]);
-        std::memcpy(out + 2 * i, &half, sizeof(half));
-      }
-      return;
-    default:
-      std::memcpy(out, row, cols * sizeof(float));
-  }
-}
-
 void declareMetadata(const DemoModel& model, const std::string& generator,
                      kiv::ZEM2Writer& writer) {
   const std::string size = demoSizeName(model.size);
@@ -305,7 +276,7 @@ void encodeDemoRows(const DemoModel& model, const DemoTensor& tensor, uint64_t f
   for (uint64_t i = 0; i < count; ++i) {
     const uint64_t row = first + i;
     fill(key, row * cols, tensor, tensor.perToken ? model.loudness[row] : 1.0F, scratch.data());
-    encodeRow(tensor.type, scratch.data(), cols, out.data() + i * rowBytes);
+    kiv::encodeRow(tensor.type, scratch.data(), cols, out.data() + i * rowBytes);
   }
 }
 

@@ -17,6 +17,7 @@ constexpr const char* kFooter =
     "Examples:\n"
     "  zem make-demo demo.zem                 a small model to try things with\n"
     "  zem chat -m demo.zem                   a conversation\n"
+    "  zem convert FOLDER -o model.zem        a downloaded model, made ready\n"
     "  zem run -m demo.zem -p \"Once upon\"     one completion\n"
     "`zem COMMAND --help` has the options of a command.\n"
     "\n"
@@ -64,6 +65,8 @@ void addCommands(CLI::App& app, int& status) {
   addTokenize(app, status);
   addDevices(app, status);
   addMakeDemo(app, status);
+  addConvert(app, status);
+  addCompare(app, status);
 }
 
 int runProgram(int argc, char** argv) {

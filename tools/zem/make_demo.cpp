@@ -2,10 +2,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
-#include <chrono>
-#include <cmath>
-#include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -14,14 +10,13 @@
 
 #include "commands.h"
 #include "demo_model.h"
+#include "long_work.h"
 #include "ordered_work.h"
 #include "terminal.h"
 #include "text.h"
 
 namespace zemtool {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr uint64_t kJobWeights = uint64_t{1} << 18;  // about; a job has whole rows
 
@@ -31,67 +26,6 @@ struct MakeDemoOptions {
   std::string type;  // empty: the size's own
   uint64_t seed = 1;
   bool force = false;
-};
-
-volatile std::sig_atomic_t stopSignal = 0;
-
-// While one lives, the signals that would end the process set stopSignal, so
-// that the partial file can be removed first. A file that outgrows the
-// process's limit becomes an error of the write. Signals that the caller had
-// switched off stay so.
-class StopGuard {
- public:
-  StopGuard() {
-    for (size_t i = 0; i < kSignals.size(); ++i) {
-      struct sigaction action {};
-      action.sa_handler =
-          kSignals[i] == SIGXFSZ ? SIG_IGN : [](int signal) { stopSignal = signal; };
-      sigemptyset(&action.sa_mask);
-      sigaction(kSignals[i], nullptr, &previous_[i]);
-      if (previous_[i].sa_handler != SIG_IGN) sigaction(kSignals[i], &action, nullptr);
-    }
-  }
-  ~StopGuard() {
-    for (size_t i = 0; i < kSignals.size(); ++i) sigaction(kSignals[i], &previous_[i], nullptr);
-  }
-  StopGuard(const StopGuard&) = delete;
-  StopGuard& operator=(const StopGuard&) = delete;
-
- private:
-  static constexpr std::array<int, 4> kSignals = {SIGINT, SIGTERM, SIGHUP, SIGXFSZ};
-  std::array<struct sigaction, kSignals.size()> previous_{};
-};
-
-// One line on stderr while the file grows; nothing when stderr is no terminal.
-class ProgressBar {
- public:
-  explicit ProgressBar(uint64_t total) : total_(total), shown_(stderrIsTerminal()) {}
-  ~ProgressBar() {
-    if (shown_) std::fputs("\r\033[K", stderr);
-  }
-  ProgressBar(const ProgressBar&) = delete;
-  ProgressBar& operator=(const ProgressBar&) = delete;
-
-  void update(uint64_t done) {
-    const Clock::time_point now = Clock::now();
-    if (!shown_ || now < next_) return;
-    next_ = now + std::chrono::milliseconds(100);
-    const double part = static_cast<double>(done) / static_cast<double>(total_);
-    const double seconds = std::chrono::duration<double>(now - start_).count();
-    const auto left = std::lround(seconds / part * (1 - part));
-    const std::string bar(static_cast<size_t>(part * kWidth), '#');
-    std::fprintf(stderr, "\r%3d%% [%-*s] %s of %s, %ld:%02ld left\033[K",
-                 static_cast<int>(part * 100), kWidth, bar.c_str(), formatBytes(done).c_str(),
-                 formatBytes(total_).c_str(), left / 60, left % 60);
-    std::fflush(stderr);
-  }
-
- private:
-  static constexpr int kWidth = 24;
-  uint64_t total_;
-  bool shown_;
-  Clock::time_point start_ = Clock::now();
-  Clock::time_point next_ = start_ + std::chrono::milliseconds(300);
 };
 
 void require(const kiv::Status& status) {
@@ -119,7 +53,7 @@ std::vector<Job> cutIntoJobs(const DemoModel& model, const std::vector<std::stri
 
 void writeWeights(const DemoModel& model, const std::string& path, kiv::ZEM2Writer& writer) {
   const std::vector<Job> jobs = cutIntoJobs(model, writer.order());
-  ProgressBar progress(writer.totalBytes());
+  ProgressBar progress(writer.totalBytes(), ProgressBar::Lines::None);
   uint64_t done = 0;
   runOrdered(
       jobs.size(), std::thread::hardware_concurrency(),
@@ -127,7 +61,7 @@ void writeWeights(const DemoModel& model, const std::string& path, kiv::ZEM2Writ
         encodeDemoRows(model, *jobs[i].tensor, jobs[i].firstRow, jobs[i].rows, bytes);
       },
       [&](size_t, const std::vector<uint8_t>& bytes) {
-        if (stopSignal != 0) throw Failure("interrupted; " + path + " was not written");
+        if (StopGuard::stopped()) throw Failure("interrupted; " + path + " was not written");
         require(writer.write(bytes.data(), bytes.size()));
         progress.update(done += bytes.size());
       });

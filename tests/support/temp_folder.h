@@ -1,0 +1,62 @@
+// A folder that goes with everything in it.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "support/container_builder.h"
+
+namespace zemtest {
+
+class TempFolder {
+ public:
+  TempFolder() {
+    std::string pattern = ::testing::TempDir() + "zem-test-XXXXXX";
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+
+  std::string path(const std::string& name) const { return (path_ / name).string(); }
+
+  // Writes a file and returns its path. A new one takes the place of an old one:
+  // some file systems go to the disk when an old one is overwritten.
+  std::string write(const std::string& name, std::string_view bytes) const {
+    std::filesystem::remove(path(name));
+    std::ofstream(path(name), std::ios::binary) << bytes;
+    return path(name);
+  }
+  std::string write(const std::string& name, const Bytes& bytes) const {
+    return write(name, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+  }
+
+  std::string read(const std::string& name) const {
+    std::ifstream file(path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+  // Names in the folder, or in one inside it, sorted.
+  std::vector<std::string> names(const std::string& inside = ".") const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(path_ / inside)) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace zemtest

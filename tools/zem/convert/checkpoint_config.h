@@ -1,0 +1,33 @@
+// The facts of a published checkpoint's JSON files, tokenizer apart.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "convert/json_file.h"
+#include "convert/source.h"
+
+namespace zemtool {
+
+struct CheckpointConfig {
+  uint32_t contextLength = 0;  // 0: not stated
+  int32_t eosId = -1;          // negative: not stated
+  // As stated, to be held against the tensors.
+  std::optional<uint64_t> width;
+  std::optional<uint64_t> feedForward;
+  std::optional<uint64_t> vocabulary;
+};
+
+// Reads config.json, with the values at the root or under "text_config". A key
+// that is there must have the one value that the decoder computes with; a key that
+// is not is left to the tensors. Throws Failure, which names the key, what was
+// found and what is needed.
+CheckpointConfig readCheckpointConfig(const std::string& folder);
+
+// generation_config.json, if there is one.
+Sampling readSampling(const std::string& folder);
+
+// A token id, or the first of a list of them; negative where there is none.
+int32_t tokenIdOf(const json* value);
+
+}  // namespace zemtool

@@ -1,0 +1,246 @@
+#include "convert/checkpoint_source.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include "convert/checkpoint_config.h"
+#include "convert/json_file.h"
+#include "convert/json_tokenizer.h"
+#include "convert/safetensors.h"
+#include "convert/tensor_plan.h"
+#include "terminal.h"
+#include "text.h"
+
+namespace zemtool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t kMaxIndexBytes = uint64_t{16} << 20;
+constexpr char kIndexName[] = "model.safetensors.index.json";
+constexpr char kSingleName[] = "model.safetensors";
+
+// Longest first: each begins with the next.
+constexpr std::array<std::string_view, 2> kPrefixes = {"model.language_model.", "model."};
+
+bool startsWithAny(std::string_view text, std::initializer_list<std::string_view> prefixes) {
+  return std::any_of(prefixes.begin(), prefixes.end(),
+                     [&](std::string_view prefix) { return text.starts_with(prefix); });
+}
+
+// Checkpoint names without prefix to the container's.
+std::map<std::string, std::string, std::less<>> containerNames() {
+  std::map<std::string, std::string, std::less<>> names;
+  for (const ExpectedTensor& tensor : expectedTensors({1, 1, 1})) {
+    names.emplace(checkpointName(tensor.name), tensor.name);
+  }
+  return names;
+}
+
+kiv::GgufType typeNamed(const std::string& name) {
+  if (name == "F32") return kiv::GgufType::F32;
+  if (name == "BF16") return kiv::GgufType::BF16;
+  if (name == "F16") return kiv::GgufType::F16;
+  return static_cast<kiv::GgufType>(~uint32_t{0});
+}
+
+SourceTensor sourceTensor(const SafetensorsEntry& entry, const kiv::MappedFile& file) {
+  SourceTensor tensor;
+  tensor.name = entry.name;
+  tensor.type = typeNamed(entry.type);
+  tensor.typeName = entry.type;
+  tensor.shape.assign(entry.shape.rbegin(), entry.shape.rend());
+  tensor.data = entry.data;
+  tensor.bytes = entry.bytes;
+  tensor.file = &file;
+  return tensor;
+}
+
+class FolderReader {
+ public:
+  explicit FolderReader(const std::string& folder) : folder_(folder) {}
+
+  ModelSource read() {
+    const CheckpointConfig config = readCheckpointConfig(folder_);
+    source_.format = "checkpoint";
+    source_.checkpointLayout = true;
+    source_.name = folderName();
+    source_.contextLength = config.contextLength;
+    source_.sampling = readSampling(folder_);
+    for (const std::string& name : shardNames()) readShard(name);
+    checkIndex();
+    checkHead();
+    checkWidths(config);
+    const ModelWidths widths = widthsOf(source_);
+    source_.tokenizer = readJsonTokenizer(folder_, widths.vocabulary);
+    chooseStop(config);
+    return std::move(source_);
+  }
+
+ private:
+  std::string path(const std::string& name) const { return folder_ + "/" + name; }
+
+  std::string folderName() const {
+    std::error_code error;
+    const fs::path whole = fs::canonical(folder_, error);
+    const std::string name = whole.filename().string();
+    return error || name.empty() ? "checkpoint" : name;
+  }
+
+  std::vector<std::string> shardNames() {
+    std::string text;
+    if (readFileIfAny(path(kIndexName), kMaxIndexBytes, text)) return indexedShards(text);
+    std::error_code error;
+    if (fs::exists(path(kSingleName), error)) return {kSingleName};
+    throw Failure(folder_ + ": has neither " + kIndexName + " nor " + kSingleName);
+  }
+
+  std::vector<std::string> indexedShards(const std::string& text) {
+    const std::string where = path(kIndexName);
+    const json root = parseJson(text, where);
+    const json* map = member(root, "weight_map");
+    if (map == nullptr || !map->is_object() || map->empty()) {
+      throw Failure(where + ": has no weight_map");
+    }
+    std::set<std::string> shards;
+    for (const auto& [tensor, file] : map->items()) {
+      if (!file.is_string())
+        throw Failure(where + ": \"" + escapeControls(tensor) + "\" names no file");
+      const auto& name = file.get_ref<const std::string&>();
+      // A plain name: nothing outside the folder is read.
+      if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
+          name.find('\0') != std::string::npos) {
+        throw Failure(where + ": \"" + escapeControls(tensor) + "\" lies in \"" +
+                      escapeControls(name) + "\", needs the name of a file in this folder");
+      }
+      indexed_.emplace(tensor, name);
+      shards.insert(name);
+    }
+    return {shards.begin(), shards.end()};
+  }
+
+  void readShard(const std::string& name) {
+    auto file = std::make_shared<kiv::MappedFile>();
+    std::error_code error;
+    if (!fs::exists(path(name), error)) {
+      throw Failure(path(name) + " is missing; " + kIndexName + " names it");
+    }
+    if (const kiv::Status s = file->open(path(name)); !s.ok()) throw Failure(s.message());
+    for (const SafetensorsEntry& entry : readSafetensors(*file)) {
+      if (!where_.emplace(entry.name, name).second) {
+        throw Failure("tensor '" + entry.name + "' occurs in " + where_[entry.name] + " and in " +
+                      name);
+      }
+      place(sourceTensor(entry, *file));
+    }
+    source_.files.push_back(name);
+    source_.owners.push_back(std::move(file));
+  }
+
+  void place(SourceTensor tensor) {
+    const std::string& name = tensor.name;
+    if (startsWithAny(name, {"model.visual.", "visual."})) {
+      ++source_.leftOut.vision;
+      return;
+    }
+    if (startsWithAny(name, {"mtp.", "model.mtp."})) {
+      ++source_.leftOut.prediction;
+      return;
+    }
+    if (name.ends_with("lm_head.weight")) {
+      head_ = std::move(tensor);
+      return;
+    }
+    const auto known = names_.find(withoutPrefix(name));
+    if (known == names_.end()) {
+      refuseExperts(name);
+      source_.leftOut.others.push_back(name);
+      return;
+    }
+    const auto [found, added] = source_.tensors.try_emplace(known->second, std::move(tensor));
+    if (!added) {
+      throw Failure("tensors '" + found->second.name + "' and '" + name + "' are the same one");
+    }
+  }
+
+  static std::string_view withoutPrefix(std::string_view name) {
+    for (const std::string_view prefix : kPrefixes) {
+      if (name.starts_with(prefix)) return name.substr(prefix.size());
+    }
+    return {};
+  }
+
+  static void refuseExperts(const std::string& name) {
+    if (name.find(".mlp.experts.") == std::string::npos &&
+        name.find(".mlp.shared_expert") == std::string::npos) {
+      return;
+    }
+    throw Failure("tensor '" + name +
+                  "' belongs to a mixture of experts; needs one feed-forward block a layer");
+  }
+
+  void checkIndex() const {
+    for (const auto& [tensor, file] : indexed_) {
+      const auto found = where_.find(tensor);
+      if (found != where_.end() && found->second == file) continue;
+      throw Failure(path(kIndexName) + ": \"" + escapeControls(tensor) + "\" is not in " + file);
+    }
+  }
+
+  // Some checkpoints store a tied head all the same.
+  void checkHead() {
+    if (head_.name.empty()) return;
+    const auto embedding = source_.tensors.find("token_embd.weight");
+    if (embedding == source_.tensors.end()) return;
+    const SourceTensor& table = embedding->second;
+    if (head_.type != table.type || head_.bytes != table.bytes ||
+        std::memcmp(head_.data, table.data, head_.bytes) != 0) {
+      throw Failure("tensor '" + head_.name + "' differs from '" + table.name +
+                    "'; needs an output head that is tied to the embedding");
+    }
+    head_.file->release(head_.data, head_.bytes);
+    ++source_.leftOut.repeated;
+  }
+
+  void checkWidths(const CheckpointConfig& config) const {
+    const ModelWidths widths = widthsOf(source_);
+    const auto check = [&](const char* key, std::optional<uint64_t> stated, uint64_t found) {
+      if (!stated || *stated == found) return;
+      throw Failure(path("config.json") + ": " + key + " is " + std::to_string(*stated) +
+                    ", the tensors have " + std::to_string(found));
+    };
+    check("hidden_size", config.width, widths.width);
+    check("intermediate_size", config.feedForward, widths.feedForward);
+    check("vocab_size", config.vocabulary, widths.vocabulary);
+  }
+
+  // The tokenizer's own statement is the weakest.
+  void chooseStop(const CheckpointConfig& config) {
+    std::vector<uint32_t>& stop = source_.sampling.stopIds;
+    const auto known = [&](int64_t id) {
+      return id >= 0 && static_cast<uint64_t>(id) < source_.tokenizer.tokens.size();
+    };
+    std::erase_if(stop, [&](uint32_t id) { return !known(id); });
+    if (known(config.eosId)) source_.tokenizer.eosId = config.eosId;
+    if (!stop.empty()) source_.tokenizer.eosId = static_cast<int32_t>(stop.front());
+  }
+
+  std::string folder_;
+  const std::map<std::string, std::string, std::less<>> names_ = containerNames();
+  std::map<std::string, std::string> indexed_;  // tensor to file, as the index has it
+  std::map<std::string, std::string> where_;    // tensor to file, as found
+  SourceTensor head_;
+  ModelSource source_;
+};
+
+}  // namespace
+
+ModelSource openCheckpoint(const std::string& folder) { return FolderReader(folder).read(); }
+
+}  // namespace zemtool

@@ -1,0 +1,189 @@
+#include "convert/conversion.h"
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+
+#include "convert/checkpoint_source.h"
+#include "convert/gguf_source.h"
+#include "kiv/mapped_file.h"
+#include "kiv/zem2_writer.h"
+#include "terminal.h"
+#include "text.h"
+
+namespace zemtool {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Header, tables and metadata beside tokenizer and weights.
+constexpr uint64_t kFrameBytes = uint64_t{1} << 20;
+
+void require(const kiv::Status& status) {
+  if (!status.ok()) throw Failure(status.message());
+}
+
+ModelSource openSource(const std::string& input) {
+  std::error_code error;
+  if (fs::is_directory(input, error)) {
+    std::string folder = input;
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    return openCheckpoint(folder);
+  }
+  kiv::MappedFile file;
+  require(file.open(input));
+  const auto begins = [&](const char* magic) {
+    return file.size() >= 4 && std::memcmp(file.data(), magic, 4) == 0;
+  };
+  if (begins("ZEM2")) throw Failure(input + " is a container already");
+  if (!begins("GGUF")) {
+    throw Failure(input + " is neither the folder of a checkpoint nor a GGUF file");
+  }
+  file.close();
+  return openGguf(input);
+}
+
+// The folder or file of the source, for the comparison with the output.
+std::vector<fs::path> sourcePaths(const std::string& input, const ModelSource& source) {
+  std::error_code error;
+  if (!fs::is_directory(input, error)) return {input};
+  std::vector<fs::path> paths;
+  for (const std::string& file : source.files) paths.push_back(fs::path(input) / file);
+  for (const char* file : {"config.json", "tokenizer.json", "tokenizer_config.json"}) {
+    paths.push_back(fs::path(input) / file);
+  }
+  return paths;
+}
+
+void checkOutput(const ConversionOptions& options, const ModelSource& source) {
+  std::error_code error;
+  for (const fs::path& path : sourcePaths(options.input, source)) {
+    if (fs::equivalent(path, options.output, error)) {
+      throw Failure(options.output + " is part of the model that is to be converted");
+    }
+  }
+}
+
+void checkSpace(const std::string& output, uint64_t needed) {
+  std::error_code error;
+  const fs::path folder = fs::absolute(output, error).parent_path();
+  const fs::space_info space = fs::space(folder, error);
+  if (error || space.available >= needed) return;
+  throw Failure(folder.string() + " has " + formatBytes(space.available) + " left, " + output +
+                " needs " + formatBytes(needed));
+}
+
+void addModelFacts(const ModelSource& source, const ConversionPlan& plan, kiv::ZEM2Writer& writer) {
+  const auto u32 = [&](const char* key, uint64_t value) {
+    writer.addMetaU32(std::string("qwen35.") + key, static_cast<uint32_t>(value));
+  };
+  u32("block_count", kLayers);
+  if (source.contextLength != 0) u32("context_length", source.contextLength);
+  u32("embedding_length", plan.widths.width);
+  u32("feed_forward_length", plan.widths.feedForward);
+  u32("vocabulary_size", plan.widths.vocabulary);
+  u32("full_attention_interval", kFullEvery);
+  u32("attention.head_count", kHeads);
+  u32("attention.head_count_kv", kKvHeads);
+  u32("attention.head_size", kHeadSize);
+  u32("attention.rotary_size", kRotarySize);
+  u32("linear.key_head_count", kKeyHeads);
+  u32("linear.value_head_count", kValueHeads);
+  u32("linear.head_size", kStateSize);
+  u32("linear.convolution_taps", kTaps);
+  writer.addMetaF32("qwen35.attention.rotary_base", static_cast<float>(kRotaryBase));
+  writer.addMetaF32("qwen35.norm_epsilon", static_cast<float>(kNormEpsilon));
+}
+
+void addSampling(const Sampling& sampling, kiv::ZEM2Writer& writer) {
+  if (sampling.temperature) writer.addMetaF32("sampling.temperature", *sampling.temperature);
+  if (sampling.topK) writer.addMetaU32("sampling.top_k", *sampling.topK);
+  if (sampling.topP) writer.addMetaF32("sampling.top_p", *sampling.topP);
+  if (!sampling.stopIds.empty()) writer.addMetaU32Array("sampling.stop_ids", sampling.stopIds);
+}
+
+// What the matrices were stored as: the mix, or "copied" where all bytes are the
+// source's.
+std::string quantisationName(const ConversionPlan& plan, WeightMix mix) {
+  size_t copied = 0;
+  for (const PlannedTensor& tensor : plan.tensors) copied += tensor.copied ? 1 : 0;
+  if (copied == plan.tensors.size()) return "copied";
+  return std::string(weightMixName(mix)) + (copied == 0 ? "" : ", partly copied");
+}
+
+void declare(const ConversionOptions& options, ModelSource& source, const ConversionPlan& plan,
+             const kiv::TokenizerData& tokenizer, kiv::ZEM2Writer& writer) {
+  kiv::ZEM2ModelHeader header;
+  header.hiddenSize = plan.widths.width;
+  header.layerCount = kLayers;
+  header.vocabSize = static_cast<uint32_t>(plan.widths.vocabulary);
+  writer.setModel(header);
+  writer.addMetaStr("general.architecture", "qwen35");
+  writer.addMetaStr("general.name", source.name);
+  writer.addMetaStr("general.generator", options.generator);
+  std::string files;
+  for (const std::string& file : source.files) files += (files.empty() ? "" : ", ") + file;
+  writer.addMetaStr("general.source.format", source.format);
+  writer.addMetaStr("general.source.files", files);
+  writer.addMetaStr("general.quantisation", quantisationName(plan, options.mix));
+  addModelFacts(source, plan, writer);
+  addSampling(source.sampling, writer);
+  writer.addMetaStr("tokenizer.source.section", "Asset");
+  writer.addMetaStr("tokenizer.source.name", source.tokenizer.assetName);
+  writer.addMetaU64("tokenizer.source.bytes", source.tokenizer.asset.size());
+  writer.setTokenizer(tokenizer);
+  writer.addSection(kiv::zem2::SectionType::Asset, std::move(source.tokenizer.asset));
+  for (const PlannedTensor& tensor : plan.tensors) {
+    writer.addTensor(tensor.name, tensor.type, tensor.shape);
+  }
+}
+
+uint64_t tokenizerBytes(const kiv::TokenizerData& data) {
+  uint64_t bytes = data.chatTemplate.size() + 4 * data.tokenTypes.size();
+  for (const std::string& token : data.tokens) bytes += token.size() + 4;
+  for (const std::string& merge : data.merges) bytes += merge.size() + 4;
+  return bytes;
+}
+
+}  // namespace
+
+ConversionReport convertModel(const ConversionOptions& options) {
+  const auto start = std::chrono::steady_clock::now();
+  std::error_code error;
+  if (!options.force && fs::exists(fs::symlink_status(options.output, error))) {
+    throw Failure(options.output + " exists; use --force to replace it");
+  }
+  ModelSource source = openSource(options.input);
+  checkOutput(options, source);
+  const ConversionPlan plan = planConversion(source, options.mix, options.recode);
+  ConversionReport report;
+  kiv::ZEM2Writer writer;
+  {
+    const kiv::TokenizerData tokenizer =
+        convertTokenizer(source.tokenizer, plan.widths.vocabulary, report.tokenizer);
+    checkSpace(options.output, plan.bytes() + tokenizerBytes(tokenizer) +
+                                   source.tokenizer.asset.size() + kFrameBytes);
+    declare(options, source, plan, tokenizer, writer);
+  }
+  require(writer.begin(options.output));
+  const uint64_t total = writer.totalBytes();
+  WriteOptions write;
+  write.threads = options.threads;
+  write.measure = options.verify;
+  if (options.progress) {
+    options.progress(0, total);
+    write.progress = [&](uint64_t done) { options.progress(done, total); };
+  }
+  report.weights = writeWeights(plan, writer, write);
+  require(writer.finish());
+  report.format = source.format;
+  report.files = source.files;
+  report.widths = plan.widths;
+  report.leftOut = source.leftOut;
+  report.fallbacks = plan.fallbacks;
+  report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return report;
+}
+
+}  // namespace zemtool
