@@ -183,6 +183,21 @@ TEST(MergeTest, AgreesWithThePlainRuleOnRandomVocabularies) {
   }
 }
 
+TEST(MergeTest, AgreesWithThePlainRuleWherePiecesComeAgainAndAreLong) {
+  for (uint32_t seed = 5000; seed < 5200; ++seed) {
+    RandomCase random(seed);
+    const TokenizerData data = random.vocabulary();
+    Tokenizer tokenizer;
+    ASSERT_TRUE(tokenizer.load(data).ok());
+    PlainEncoder plain(data);
+    std::string text = random.text(80) + ' ' + random.text(200);
+    text += text;
+    std::vector<int32_t> ids;
+    ASSERT_TRUE(tokenizer.encode(text, ids, true).ok());
+    ASSERT_EQ(ids, plain.encode(text)) << "seed " << seed << ", text \"" << text << '"';
+  }
+}
+
 // A quadratic encoder would need hours for each of these.
 constexpr size_t kMillion = 1000000;
 

@@ -68,9 +68,9 @@ class Trainer {
     while (data_.tokens.size() < tokens) {
       const size_t left = random() % data_.tokens.size();
       const size_t right = random() % data_.tokens.size();
-      const size_t length = data_.tokens[left].size() + data_.tokens[right].size();
-      const bool isNew = ids_.count(data_.tokens[left] + data_.tokens[right]) == 0;
-      if (length > kLongestRandomToken || !isNew) continue;
+      const std::string joined = data_.tokens[left] + data_.tokens[right];
+      const bool twoWords = data_.tokens[right].starts_with(marker_);
+      if (twoWords || joined.size() > kLongestRandomToken || ids_.count(joined) != 0) continue;
       addRule(static_cast<int32_t>(left), static_cast<int32_t>(right));
     }
   }
