@@ -1,6 +1,6 @@
 // How fast text becomes tokens, with a vocabulary of a large model's size:
 //
-//   tokenizer_bench [--benchmark_filter=...]
+//   tokenizer_bench [--benchmark_filter=...] [--benchmark_repetitions=9]
 //
 // The vocabulary is learnt from one half of the project's own files and of the
 // licences that Debian ships, and encodes the other half. Everything is first

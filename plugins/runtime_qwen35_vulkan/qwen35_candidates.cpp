@@ -25,7 +25,7 @@ constexpr float kWidestSpan = 46.0F;
 class Bucketing {
  public:
   Bucketing(const Extent& extent, const SamplingLoops& loops)
-      : loops_(loops), top_(extent.largest) {
+      : loops_(loops), top_(extent.largest), allEqual_(!(extent.largest > extent.smallest)) {
     const float span = std::min(extent.largest - extent.smallest, kWidestSpan);
     resolution_ = std::min((kBuckets - 1) / span, std::numeric_limits<float>::max());
   }
@@ -45,6 +45,10 @@ class Bucketing {
   // The weights in each bucket together.
   std::array<double, kBuckets> weigh(const CandidateList& list, float max) const {
     Apart<double> sums{};
+    if (allEqual_) {
+      sums[0][0] = static_cast<double>(list.n) * weightOf(top_, max);
+      return together(sums);
+    }
     std::array<uint32_t, kBlock> buckets;
     std::array<double, kBlock> weights;
     for (size_t at = 0; at < list.n; at += kBlock) {
@@ -97,6 +101,7 @@ class Bucketing {
 
   const SamplingLoops& loops_;
   float top_;
+  bool allEqual_;
   float resolution_;
 };
 

@@ -7,9 +7,13 @@
 
 #include "kiv/exact_math_inl.h"
 
-// A version of the loops is the same text compiled for another target.
 #define ZEM_BODY [[gnu::always_inline]] inline
-#define ZEM_TARGET(features) __attribute__((target(features)))
+// Without being told, GCC uses half of the registers' width.
+#ifdef __clang__
+#define ZEM_AVX512 "avx512f,avx512vl,avx512dq"
+#else
+#define ZEM_AVX512 "avx512f,avx512vl,avx512dq,prefer-vector-width=512"
+#endif
 
 namespace qwen35rt {
 namespace {
@@ -30,6 +34,8 @@ ZEM_BODY void include(Bounds& bounds, float value) {
   bounds.hasNan |= value != value;
 }
 
+// Each version of the loops is these bodies compiled for another target.
+
 // Compilers keep the order of a minimum's operands, because of NaN, and so make
 // vectors only of lanes that are written out.
 ZEM_BODY Bounds boundsOf(const float* x, size_t n, float scale) {
@@ -45,7 +51,7 @@ ZEM_BODY Bounds boundsOf(const float* x, size_t n, float scale) {
     values *= scale;
     largest = values > largest ? values : largest;
     smallest = values < smallest ? values : smallest;
-    nans |= values != values;
+    nans |= values != values;  // NOLINT(misc-redundant-expression): true of NaN
   }
   Bounds bounds;
   for (size_t lane = 0; lane < kLanes; ++lane) {
@@ -92,22 +98,38 @@ ZEM_BODY void weightsBody(const float* x, size_t n, float scale, float max, doub
   }
 }
 
-#define ZEM_SAMPLING_LOOPS(suffix, attribute)                                          \
-  attribute Extent extent##suffix(const float* x, size_t n, float scale) {             \
-    return extentBody(x, n, scale);                                                    \
-  }                                                                                    \
-  attribute void buckets##suffix(const float* x, size_t n, float scale, float top,     \
-                                 float resolution, uint32_t last, uint32_t* buckets) { \
-    bucketsBody(x, n, scale, top, resolution, last, buckets);                          \
-  }                                                                                    \
-  attribute void weights##suffix(const float* x, size_t n, float scale, float max,     \
-                                 double* weights) {                                    \
-    weightsBody(x, n, scale, max, weights);                                            \
-  }
+Extent extentBaseline(const float* x, size_t n, float scale) { return extentBody(x, n, scale); }
+void bucketsBaseline(const float* x, size_t n, float scale, float top, float resolution,
+                     uint32_t last, uint32_t* buckets) {
+  bucketsBody(x, n, scale, top, resolution, last, buckets);
+}
+void weightsBaseline(const float* x, size_t n, float scale, float max, double* weights) {
+  weightsBody(x, n, scale, max, weights);
+}
 
-ZEM_SAMPLING_LOOPS(Baseline, )
-ZEM_SAMPLING_LOOPS(Avx2, ZEM_TARGET("avx2"))
-ZEM_SAMPLING_LOOPS(Avx512, ZEM_TARGET("avx512f,avx512vl,avx512dq,prefer-vector-width=512"))
+[[gnu::target("avx2")]] Extent extentAvx2(const float* x, size_t n, float scale) {
+  return extentBody(x, n, scale);
+}
+[[gnu::target("avx2")]] void bucketsAvx2(const float* x, size_t n, float scale, float top,
+                                         float resolution, uint32_t last, uint32_t* buckets) {
+  bucketsBody(x, n, scale, top, resolution, last, buckets);
+}
+[[gnu::target("avx2")]] void weightsAvx2(const float* x, size_t n, float scale, float max,
+                                         double* weights) {
+  weightsBody(x, n, scale, max, weights);
+}
+
+[[gnu::target(ZEM_AVX512)]] Extent extentAvx512(const float* x, size_t n, float scale) {
+  return extentBody(x, n, scale);
+}
+[[gnu::target(ZEM_AVX512)]] void bucketsAvx512(const float* x, size_t n, float scale, float top,
+                                               float resolution, uint32_t last, uint32_t* buckets) {
+  bucketsBody(x, n, scale, top, resolution, last, buckets);
+}
+[[gnu::target(ZEM_AVX512)]] void weightsAvx512(const float* x, size_t n, float scale, float max,
+                                               double* weights) {
+  weightsBody(x, n, scale, max, weights);
+}
 
 std::vector<SamplingLoops> detectLoops() {
   std::vector<SamplingLoops> loops;
