@@ -4,19 +4,19 @@
 #include <cmath>
 #include <limits>
 
+#include "kiv/exact_math_inl.h"
+
 namespace kiv::math {
 namespace {
 
-// Adding and subtracting 1.5 * 2^52 rounds a double to the nearest integer,
-// ties to even, and leaves that integer in the low bits of the sum.
-constexpr double kRoundingShift = 0x1.8p52;
+using inl::expm1Series14;
+using inl::expSeriesTail;
+using inl::kLn2High;
+using inl::kLn2Low;
+using inl::kLog2E;
+using inl::kRoundingShift;
 
-constexpr double kLog2E = 0x1.71547652b82fep+0;
 constexpr double kLn2 = 0x1.62e42fefa39efp-1;
-// ln 2 in two pieces; the high one has 32 bits, so that its product with an
-// exponent is exact.
-constexpr double kLn2High = 0x1.62e42fee00000p-1;
-constexpr double kLn2Low = 0x1.a39ef35793c76p-33;
 
 constexpr double kTwoOverPi = 0x1.45f306dc9c883p-1;
 // pi / 2 in three pieces, the first two of 33 bits each.
@@ -35,35 +35,12 @@ int64_t roundedInteger(double shifted) {
                               std::bit_cast<uint64_t>(kRoundingShift));
 }
 
-// The Taylor series of e^r by Horner's rule, from the coefficient of r^9, which
-// `p` holds, down to that of r^2.
-double expSeriesTail(double p, double r) {
-  p = p * r + 1.0 / 40320;
-  p = p * r + 1.0 / 5040;
-  p = p * r + 1.0 / 720;
-  p = p * r + 1.0 / 120;
-  p = p * r + 1.0 / 24;
-  p = p * r + 1.0 / 6;
-  return p * r + 0.5;
-}
-
 // e^r for |r| <= ln(2) / 2: the first term left out is below 7e-12, far under
 // half a float's last place.
 double expSeries9(double r) {
   double p = expSeriesTail(1.0 / 362880, r);
   p = p * r + 1.0;
   return p * r + 1.0;
-}
-
-// e^r - 1 for |r| <= ln(2) / 2 to the full width of a double.
-double expm1Series14(double r) {
-  double p = 1.0 / 87178291200.0;
-  p = p * r + 1.0 / 6227020800.0;
-  p = p * r + 1.0 / 479001600.0;
-  p = p * r + 1.0 / 39916800.0;
-  p = p * r + 1.0 / 3628800.0;
-  p = p * r + 1.0 / 362880;
-  return r + (r * r) * expSeriesTail(p, r);
 }
 
 // log of a positive normal double, good to 1e-11 relative: with

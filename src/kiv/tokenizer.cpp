@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "kiv/piece_memo.h"
 #include "kiv/tokenizer_pieces.h"
 
 namespace kiv {
@@ -70,6 +71,9 @@ void replaceByteTokens(std::string& text) {
 }  // namespace
 
 struct Tokenizer::Scratch {
+  explicit Scratch(size_t textBytes) : memo(textBytes) {}
+
+  PieceMemo memo;
   BytePairMerger::Scratch merging;
   std::string piece;
 };
@@ -89,6 +93,7 @@ void Tokenizer::buildIndexes() {
   gpt2Style_ = !merges.empty() && merges[0].find(kByteLevelSpaceMarker) != std::string::npos &&
                merges[0].find(kSpaceMarker) == std::string::npos;
   tokenToId_.build(data_.tokens);
+  lineFeedId_ = tokenToId_.find(data_.tokens, "\n");
   merges_.build(data_.tokens, tokenToId_, merges);
   specials_.build(data_.tokens, data_.tokenTypes);
 }
@@ -117,7 +122,7 @@ Status Tokenizer::encode(const std::string& text, std::vector<int32_t>& ids, boo
     escapeWhitespace(escaped);
     rest = escaped;
   }
-  Scratch scratch;
+  Scratch scratch(rest.size());
   while (!rest.empty()) {
     // A line feed is a segment of its own.
     const size_t length = rest[0] == '\n' ? 1 : std::min(rest.find('\n'), rest.size());
@@ -130,12 +135,9 @@ Status Tokenizer::encode(const std::string& text, std::vector<int32_t>& ids, boo
 
 Status Tokenizer::tokenizeSegment(std::string_view segment, Scratch& scratch,
                                   std::vector<int32_t>& ids) const {
-  if (segment == "\n") {
-    const int32_t id = tokenToId_.find(data_.tokens, segment);
-    if (id >= 0) {
-      ids.push_back(id);
-      return {};
-    }
+  if (lineFeedId_ >= 0 && segment == "\n") {
+    ids.push_back(lineFeedId_);
+    return {};
   }
   if (specials_.empty()) return tokenizePlain(segment, scratch, ids);
   for (size_t at = 0; at < segment.size();) {
@@ -155,24 +157,45 @@ Status Tokenizer::tokenizePlain(std::string_view chunk, Scratch& scratch,
   while (!chunk.empty()) {
     std::string_view piece = nextPiece(chunk);
     chunk.remove_prefix(piece.size());
-    if (piece.find(' ') != std::string_view::npos) {
-      scratch.piece = piece;
-      escapeWhitespace(scratch.piece);
-      piece = scratch.piece;
+    if (piece.size() > BytePairMerger::kMaxPieceBytes) {
+      return {StatusCode::Unsupported, "tokenizer: piece too long"};
     }
-    Status status = tokenizeBpe(piece, scratch, ids);
-    if (!status.ok()) return status;
+    while (!piece.empty()) {
+      // Without byte-level markers the words of a line make one piece.
+      const size_t length = gpt2Style_ ? piece.size() : merges_.partLength(piece);
+      tokenizePart(piece.substr(0, length), scratch, ids);
+      piece.remove_prefix(length);
+    }
   }
   return {};
 }
 
-Status Tokenizer::tokenizeBpe(std::string_view piece, Scratch& scratch,
-                              std::vector<int32_t>& ids) const {
-  if (piece.size() > BytePairMerger::kMaxPieceBytes) {
-    return {StatusCode::Unsupported, "tokenizer: piece too long"};
+void Tokenizer::tokenizePart(std::string_view part, Scratch& scratch,
+                             std::vector<int32_t>& ids) const {
+  if (part.size() > PieceMemo::kLongestPiece) {
+    tokenizeBpe(part, scratch, ids);
+    return;
   }
-  merges_.encode(piece, data_.unkId, scratch.merging, ids);
-  return {};
+  PieceMemo::Entry& entry = scratch.memo.entryOf(part);
+  const size_t first = ids.size();
+  if (entry.holds(part)) {
+    ids.resize(first + entry.idCount);
+    std::copy_n(ids.data() + entry.firstId, entry.idCount, ids.data() + first);
+    return;
+  }
+  tokenizeBpe(part, scratch, ids);
+  entry = {part.data(), first, static_cast<uint32_t>(part.size()),
+           static_cast<uint32_t>(ids.size() - first)};
+}
+
+void Tokenizer::tokenizeBpe(std::string_view part, Scratch& scratch,
+                            std::vector<int32_t>& ids) const {
+  if (part.find(' ') != std::string_view::npos) {
+    scratch.piece = part;
+    escapeWhitespace(scratch.piece);
+    part = scratch.piece;
+  }
+  merges_.encode(part, data_.unkId, scratch.merging, ids);
 }
 
 Status Tokenizer::decode(const std::vector<int32_t>& ids, std::string& out) const {

@@ -78,9 +78,11 @@ class Tokenizer {
   Status tokenizeSegment(std::string_view segment, Scratch& scratch,
                          std::vector<int32_t>& ids) const;
   Status tokenizePlain(std::string_view chunk, Scratch& scratch, std::vector<int32_t>& ids) const;
-  Status tokenizeBpe(std::string_view piece, Scratch& scratch, std::vector<int32_t>& ids) const;
+  void tokenizePart(std::string_view part, Scratch& scratch, std::vector<int32_t>& ids) const;
+  void tokenizeBpe(std::string_view part, Scratch& scratch, std::vector<int32_t>& ids) const;
 
   bool gpt2Style_ = false;  // a space is U+0120 in the vocabulary, not U+2581
+  int32_t lineFeedId_ = -1;
   TokenizerData data_;
   // The indexes hold ids and no views, so a tokenizer may be copied and moved.
   TextIndex tokenToId_;

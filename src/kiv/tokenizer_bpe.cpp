@@ -13,6 +13,10 @@ namespace {
 constexpr int32_t kNoSymbol = -1;
 constexpr uint32_t kNoRank = UINT32_MAX;
 constexpr uint32_t kNoNeighbour = UINT32_MAX;
+constexpr std::string_view kSpaceMarker = "\xE2\x96\x81";  // U+2581
+
+// Up to here looking at every pair for each merge beats a heap.
+constexpr size_t kShortPiece = 24;
 
 // A character has one to four bytes; a cut-off one differs from one with zeros.
 uint64_t characterKey(std::string_view character) {
@@ -68,6 +72,7 @@ void BytePairMerger::build(const std::vector<std::string>& tokens, const TextInd
   SymbolTable symbols(tokens, tokenIds);
   merges_ = {};
   merges_.reserve(merges.size());
+  joinsMarker_.reset();
   std::string result;
   for (size_t rank = 0; rank < merges.size(); ++rank) {
     const auto sides = splitRule(merges[rank]);
@@ -76,24 +81,58 @@ void BytePairMerger::build(const std::vector<std::string>& tokens, const TextInd
     const int32_t left = symbols.number(sides->left);
     const int32_t right = symbols.number(sides->right);
     merges_.insert(pairKey(left, right), {static_cast<uint32_t>(rank), symbols.number(result)});
+    noteMarkerRule(sides->left, sides->right);
   }
 
   tokenCount_ = static_cast<int32_t>(tokens.size());
+  ascii_.fill(kNoSymbol);
   characters_ = {};
-  const auto addCharacter = [this](std::string_view text, int32_t symbol) {
-    if (!text.empty() && utf8Length(text) == text.size()) {
-      characters_.insert(characterKey(text), symbol);
-    }
-  };
   for (size_t i = 0; i < tokens.size(); ++i) addCharacter(tokens[i], static_cast<int32_t>(i));
   for (const auto& [text, symbol] : symbols.others()) addCharacter(text, symbol);
+}
+
+// Nothing unless `text` is one character. The first of equal texts counts.
+void BytePairMerger::addCharacter(std::string_view text, int32_t symbol) {
+  if (text.empty() || utf8Length(text) != text.size()) return;
+  const auto byte = static_cast<uint8_t>(text[0]);
+  if (byte >= ascii_.size()) {
+    characters_.insert(characterKey(text), symbol);
+  } else if (ascii_[byte] == kNoSymbol) {
+    ascii_[byte] = symbol;
+  }
+}
+
+void BytePairMerger::noteMarkerRule(std::string_view left, std::string_view right) {
+  if (right.starts_with(kSpaceMarker)) joinsMarker_.set(static_cast<uint8_t>(left.back()));
+}
+
+int32_t BytePairMerger::symbolOf(std::string_view character) const {
+  const auto byte = static_cast<uint8_t>(character[0]);
+  if (byte < ascii_.size()) return ascii_[byte];
+  const int32_t* symbol = characters_.find(characterKey(character));
+  return symbol != nullptr ? *symbol : kNoSymbol;
+}
+
+size_t BytePairMerger::partLength(std::string_view piece) const {
+  size_t at = utf8Length(piece);
+  while (at < piece.size()) {
+    const bool apart = piece.substr(at).starts_with(kSpaceMarker) &&
+                       !joinsMarker_[static_cast<uint8_t>(piece[at - 1])];
+    if (apart) break;
+    at += utf8Length(piece.substr(at));
+  }
+  return at;
 }
 
 void BytePairMerger::encode(std::string_view piece, int32_t unkId, Scratch& scratch,
                             std::vector<int32_t>& ids) const {
   if (piece.empty()) return;
   split(piece, scratch);
-  mergeAll(scratch);
+  if (scratch.symbols.size() <= kShortPiece) {
+    mergeShort(scratch);
+  } else {
+    mergeLong(scratch);
+  }
   for (uint32_t at = 0; at != kNoNeighbour; at = scratch.symbols[at].next) {
     const int32_t id = scratch.symbols[at].id;
     if (id >= 0 && id < tokenCount_) {
@@ -110,16 +149,30 @@ void BytePairMerger::split(std::string_view piece, Scratch& scratch) const {
   symbols.clear();
   while (!piece.empty()) {
     const size_t length = utf8Length(piece);
-    const int32_t* id = characters_.find(characterKey(piece.substr(0, length)));
     const auto at = static_cast<uint32_t>(symbols.size());
-    symbols.push_back({at == 0 ? kNoNeighbour : at - 1, at + 1, id != nullptr ? *id : kNoSymbol,
+    symbols.push_back({at == 0 ? kNoNeighbour : at - 1, at + 1, symbolOf(piece.substr(0, length)),
                        kNoRank, kNoSymbol});
     piece.remove_prefix(length);
   }
   symbols.back().next = kNoNeighbour;
 }
 
-void BytePairMerger::mergeAll(Scratch& scratch) const {
+void BytePairMerger::mergeShort(Scratch& scratch) const {
+  const auto& symbols = scratch.symbols;
+  for (uint32_t at = 0; at != kNoNeighbour; at = symbols[at].next) rankPair(scratch, at);
+  for (;;) {
+    uint32_t best = 0;
+    for (uint32_t at = 0; at != kNoNeighbour; at = symbols[at].next) {
+      if (symbols[at].rank < symbols[best].rank) best = at;
+    }
+    if (symbols[best].rank == kNoRank) return;
+    const uint32_t previous = mergeAt(scratch, best);
+    rankPair(scratch, best);
+    if (previous != kNoNeighbour) rankPair(scratch, previous);
+  }
+}
+
+void BytePairMerger::mergeLong(Scratch& scratch) const {
   auto& symbols = scratch.symbols;
   auto& queue = scratch.queue;
   const auto count = static_cast<uint32_t>(symbols.size());
@@ -139,17 +192,23 @@ void BytePairMerger::mergeAll(Scratch& scratch) const {
     const auto rank = static_cast<uint32_t>(queue.back() >> 32);
     const auto at = static_cast<uint32_t>(queue.back());
     queue.pop_back();
-    auto& left = symbols[at];
-    if (left.rank != rank) continue;  // a neighbouring merge came first
-
-    auto& right = symbols[left.next];
-    left.id = left.merged;
-    left.next = right.next;
-    right.rank = kNoRank;
-    if (left.next != kNoNeighbour) symbols[left.next].previous = at;
+    if (symbols[at].rank != rank) continue;  // a neighbouring merge came first
+    const uint32_t previous = mergeAt(scratch, at);
     requeue(at);
-    if (left.previous != kNoNeighbour) requeue(left.previous);
+    if (previous != kNoNeighbour) requeue(previous);
   }
+}
+
+// Applies the rule noted for a symbol and the one after it, which drops out.
+// Returns the symbol before it.
+uint32_t BytePairMerger::mergeAt(Scratch& scratch, uint32_t at) const {
+  auto& left = scratch.symbols[at];
+  auto& right = scratch.symbols[left.next];
+  left.id = left.merged;
+  left.next = right.next;
+  right.rank = kNoRank;
+  if (left.next != kNoNeighbour) scratch.symbols[left.next].previous = at;
+  return left.previous;
 }
 
 // Notes the rule for the symbol and the one after it; false when there is none.

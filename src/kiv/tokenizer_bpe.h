@@ -1,6 +1,8 @@
 // Byte-pair merging of one piece of text.
 #pragma once
 
+#include <array>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -46,6 +48,13 @@ class BytePairMerger {
   void build(const std::vector<std::string>& tokens, const TextIndex& tokenIds,
              const std::vector<std::string>& merges);
 
+  // The length of the first part of `piece` that no rule can join with what
+  // follows, so that the parts may be encoded one by one. A part ends where U+2581
+  // follows a character behind which no rule has that marker: in a vocabulary that
+  // marks the beginnings of words, the parts are words.
+  // REQUIRES: `piece` is not empty.
+  size_t partLength(std::string_view piece) const;
+
   // Appends the ids of `piece`: one symbol a character at first, then again and
   // again the best rule that fits is applied at its leftmost place. A symbol that
   // is no token becomes `unkId`, or nothing when that is negative. Time n log n.
@@ -59,13 +68,20 @@ class BytePairMerger {
     int32_t result;
   };
 
+  void addCharacter(std::string_view text, int32_t symbol);
+  void noteMarkerRule(std::string_view left, std::string_view right);
+  int32_t symbolOf(std::string_view character) const;
   void split(std::string_view piece, Scratch& scratch) const;
-  void mergeAll(Scratch& scratch) const;
+  void mergeShort(Scratch& scratch) const;
+  void mergeLong(Scratch& scratch) const;
+  uint32_t mergeAt(Scratch& scratch, uint32_t at) const;
   bool rankPair(Scratch& scratch, uint32_t left) const;
 
   int32_t tokenCount_ = 0;
-  FlatMap<int32_t> characters_;  // characterKey() to symbol
-  FlatMap<Merge> merges_;        // pairKey() to rule
+  std::array<int32_t, 128> ascii_{};  // byte to symbol
+  FlatMap<int32_t> characters_;       // characterKey() to symbol, beyond ASCII
+  FlatMap<Merge> merges_;             // pairKey() to rule
+  std::bitset<256> joinsMarker_;      // last bytes of left sides before U+2581
 };
 
 }  // namespace kiv

@@ -1,0 +1,153 @@
+#include "qwen35_sampling_loops.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "kiv/exact_math_inl.h"
+
+#define ZEM_BODY [[gnu::always_inline]] inline
+// Without being told, GCC uses half of the registers' width.
+#ifdef __clang__
+#define ZEM_AVX512 "avx512f,avx512vl,avx512dq"
+#else
+#define ZEM_AVX512 "avx512f,avx512vl,avx512dq,prefer-vector-width=512"
+#endif
+
+namespace qwen35rt {
+namespace {
+
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr size_t kLanes = 16;
+constexpr size_t kBlock = 1024;
+
+struct Bounds {
+  float largest = -kInfinity;
+  float smallest = kInfinity;
+  bool hasNan = false;
+};
+
+ZEM_BODY void include(Bounds& bounds, float value) {
+  bounds.largest = value > bounds.largest ? value : bounds.largest;
+  bounds.smallest = value < bounds.smallest ? value : bounds.smallest;
+  bounds.hasNan |= value != value;
+}
+
+// Each version of the loops is these bodies compiled for another target.
+
+// Compilers keep the order of a minimum's operands, because of NaN, and so make
+// vectors only of lanes that are written out.
+ZEM_BODY Bounds boundsOf(const float* x, size_t n, float scale) {
+  using Floats = float __attribute__((vector_size(kLanes * sizeof(float))));
+  using Ints = int32_t __attribute__((vector_size(kLanes * sizeof(int32_t))));
+  Floats largest = Floats{} - kInfinity;
+  Floats smallest = Floats{} + kInfinity;
+  Ints nans = {};
+  size_t i = 0;
+  for (; i + kLanes <= n; i += kLanes) {
+    Floats values;
+    std::memcpy(&values, x + i, sizeof(values));
+    values *= scale;
+    largest = values > largest ? values : largest;
+    smallest = values < smallest ? values : smallest;
+    nans |= values != values;  // NOLINT(misc-redundant-expression): true of NaN
+  }
+  Bounds bounds;
+  for (size_t lane = 0; lane < kLanes; ++lane) {
+    bounds.largest = std::max(bounds.largest, largest[lane]);
+    bounds.smallest = std::min(bounds.smallest, smallest[lane]);
+    bounds.hasNan |= nans[lane] != 0;
+  }
+  for (; i < n; ++i) include(bounds, x[i] * scale);
+  return bounds;
+}
+
+// Block by block, so that only the block with the largest is searched for it.
+ZEM_BODY Extent extentBody(const float* x, size_t n, float scale) {
+  Extent all = {-kInfinity, kInfinity, 0, false};
+  size_t block = n;
+  for (size_t at = 0; at < n; at += kBlock) {
+    const Bounds bounds = boundsOf(x + at, std::min(kBlock, n - at), scale);
+    if (bounds.largest > all.largest) {
+      all.largest = bounds.largest;
+      block = at;
+    }
+    all.smallest = std::min(all.smallest, bounds.smallest);
+    all.hasNan |= bounds.hasNan;
+  }
+  if (block == n) return all;
+  all.firstLargest = block;
+  while (!(x[all.firstLargest] * scale == all.largest)) ++all.firstLargest;
+  return all;
+}
+
+ZEM_BODY void bucketsBody(const float* x, size_t n, float scale, float top, float resolution,
+                          uint32_t last, uint32_t* buckets) {
+  const auto end = static_cast<float>(last);
+  for (size_t i = 0; i < n; ++i) {
+    const float distance = (top - x[i] * scale) * resolution;
+    buckets[i] = static_cast<uint32_t>(static_cast<int32_t>(distance < end ? distance : end));
+  }
+}
+
+ZEM_BODY void weightsBody(const float* x, size_t n, float scale, float max, double* weights) {
+  const auto top = static_cast<double>(max);
+  for (size_t i = 0; i < n; ++i) {
+    weights[i] = kiv::math::inl::expF64OfNegative(static_cast<double>(x[i] * scale) - top);
+  }
+}
+
+Extent extentBaseline(const float* x, size_t n, float scale) { return extentBody(x, n, scale); }
+void bucketsBaseline(const float* x, size_t n, float scale, float top, float resolution,
+                     uint32_t last, uint32_t* buckets) {
+  bucketsBody(x, n, scale, top, resolution, last, buckets);
+}
+void weightsBaseline(const float* x, size_t n, float scale, float max, double* weights) {
+  weightsBody(x, n, scale, max, weights);
+}
+
+[[gnu::target("avx2")]] Extent extentAvx2(const float* x, size_t n, float scale) {
+  return extentBody(x, n, scale);
+}
+[[gnu::target("avx2")]] void bucketsAvx2(const float* x, size_t n, float scale, float top,
+                                         float resolution, uint32_t last, uint32_t* buckets) {
+  bucketsBody(x, n, scale, top, resolution, last, buckets);
+}
+[[gnu::target("avx2")]] void weightsAvx2(const float* x, size_t n, float scale, float max,
+                                         double* weights) {
+  weightsBody(x, n, scale, max, weights);
+}
+
+[[gnu::target(ZEM_AVX512)]] Extent extentAvx512(const float* x, size_t n, float scale) {
+  return extentBody(x, n, scale);
+}
+[[gnu::target(ZEM_AVX512)]] void bucketsAvx512(const float* x, size_t n, float scale, float top,
+                                               float resolution, uint32_t last, uint32_t* buckets) {
+  bucketsBody(x, n, scale, top, resolution, last, buckets);
+}
+[[gnu::target(ZEM_AVX512)]] void weightsAvx512(const float* x, size_t n, float scale, float max,
+                                               double* weights) {
+  weightsBody(x, n, scale, max, weights);
+}
+
+std::vector<SamplingLoops> detectLoops() {
+  std::vector<SamplingLoops> loops;
+  const bool avx2 = __builtin_cpu_supports("avx2") != 0;
+  const bool avx512 = avx2 && __builtin_cpu_supports("avx512f") != 0 &&
+                      __builtin_cpu_supports("avx512vl") != 0 &&
+                      __builtin_cpu_supports("avx512dq") != 0;
+  if (avx512) loops.push_back({"avx512", extentAvx512, bucketsAvx512, weightsAvx512});
+  if (avx2) loops.push_back({"avx2", extentAvx2, bucketsAvx2, weightsAvx2});
+  loops.push_back({"baseline", extentBaseline, bucketsBaseline, weightsBaseline});
+  return loops;
+}
+
+}  // namespace
+
+std::span<const SamplingLoops> samplingLoops() {
+  static const std::vector<SamplingLoops> loops = detectLoops();
+  return loops;
+}
+
+}  // namespace qwen35rt
