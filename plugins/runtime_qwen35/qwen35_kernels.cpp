@@ -55,7 +55,8 @@ void gdnStep(float* S, const float* q, const float* k, const float* v, float bet
              float g, float scale) {
   if (d == 0) return;
   std::vector<float> delta(d);
-  bestGdnVariant().step(S, q, k, const_cast<float*>(v), beta, d, g, scale, delta.data());
+  const GdnStep step = gdnStepOf(currentCpuLevel());
+  step(S, q, k, const_cast<float*>(v), beta, d, g, scale, delta.data());
 }
 
 }  // namespace qwen35
