@@ -90,6 +90,17 @@ ZEM_INLINE typename V::I shift(typename V::I v) {
 template <class V, size_t G>
 struct Tile {
   const uint8_t* rows[G][V::kLanes];
+  const uint8_t* ahead;  // in the tile after this one, whose rows follow without a gap
+
+  // Asks for a kParts-th of as many bytes of that tile as one of `kRowBytes` a
+  // row has. Called evenly between the sums: a whole block's lines at once would
+  // fill the buffers that this block's own loads wait for.
+  template <size_t kRowBytes, size_t kParts>
+  ZEM_INLINE void fetchAhead() {
+    constexpr size_t kPiece = G * V::kLanes * kRowBytes / kParts;
+    for (size_t i = 0; i < kPiece; i += 64) __builtin_prefetch(ahead + i, 0, 3);
+    ahead += kPiece;
+  }
 
   ZEM_INLINE void advance(size_t bytes) {
     for (auto& group : rows) {
@@ -214,14 +225,16 @@ struct Q4K {
   static constexpr size_t kCodes = offsetof(kiv::quant::Q4KBlock, qs);
 
   template <class V, size_t G>
-  ZEM_INLINE static void add(const Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
+  ZEM_INLINE static void add(Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
     Affine<V, G> affines[8];
     loadAffines<V, G>(tile, affines);
     for (size_t c = 0; c < 4; ++c) {
       Words<V, G, 8> codes;
       codes.load(tile, kCodes + 32 * c);
       const auto wordOf = [&](auto g, size_t w) ZEM_INLINE_LAMBDA { return codes.at[g.value][w]; };
+      tile.template fetchAhead<kBytes, 8>();
       addColumns<V, G, 0x0F>(8, wordOf, affines[2 * c], x + 64 * c, sums);
+      tile.template fetchAhead<kBytes, 8>();
       addColumns<V, G, 0xF0>(8, wordOf, affines[2 * c + 1], x + 64 * c + 32, sums);
     }
   }
@@ -234,7 +247,7 @@ struct Q5K {
   static constexpr size_t kCodes = offsetof(kiv::quant::Q5KBlock, qs);
 
   template <class V, size_t G>
-  ZEM_INLINE static void add(const Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
+  ZEM_INLINE static void add(Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
     Affine<V, G> affines[8];
     loadAffines<V, G>(tile, affines);
     Words<V, G, 8> fifth;
@@ -252,7 +265,9 @@ struct Q5K {
         return V::select(nibbles, V::template shiftDown<4>(codes.at[g.value][w]),
                          shift<V, up - 1>(fifth.at[g.value][w]));
       };
+      tile.template fetchAhead<kBytes, 8>();
       addColumns<V, G, 0x1F>(8, low, affines[2 * c], x + 64 * c, sums);
+      tile.template fetchAhead<kBytes, 8>();
       addColumns<V, G, 0x1F>(8, high, affines[2 * c + 1], x + 64 * c + 32, sums);
     });
   }
@@ -291,7 +306,7 @@ struct Q6K {
   }
 
   template <class V, size_t G>
-  ZEM_INLINE static void add(const Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
+  ZEM_INLINE static void add(Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
     Affine<V, G> affines[16];
     if (!loadScales<V, G>(tile, affines)) {
       addWidened<V, G>(kiv::quant::dequantQ6K, tile, x, kColumns, sums);
@@ -302,18 +317,19 @@ struct Q6K {
       Words<V, G, 8> high;
       low.load(tile, 64 * half);
       high.load(tile, kHigh + 32 * half);
-      addHalf<V, G>(low, high, affines + 8 * half, x + 128 * half, sums);
+      addHalf<V, G>(tile, low, high, affines + 8 * half, x + 128 * half, sums);
     }
   }
 
   template <class V, size_t G>
-  ZEM_INLINE static void addHalf(const Words<V, G, 16>& low, const Words<V, G, 8>& high,
-                                 const Affine<V, G>* affines, const float* x,
-                                 typename V::F (&sums)[G]) {
+  ZEM_INLINE static void addHalf(Tile<V, G>& tile, const Words<V, G, 16>& low,
+                                 const Words<V, G, 8>& high, const Affine<V, G>* affines,
+                                 const float* x, typename V::F (&sums)[G]) {
     const auto nibbles = V::setBits(0x0F0F0F0F);
     unrolled<4>([&](auto quarter) ZEM_INLINE_LAMBDA {
       constexpr size_t q = decltype(quarter)::value;
       constexpr int up = 4 - 2 * static_cast<int>(q);  // bits 2q, 2q + 1 to bits 4, 5
+      tile.template fetchAhead<kBytes, 8>();
       for (size_t s = 0; s < 2; ++s) {
         const auto wordOf = [&](auto g, size_t w) ZEM_INLINE_LAMBDA {
           const auto code = low.at[g.value][8 * (q % 2) + 4 * s + w];
@@ -335,12 +351,12 @@ struct Q80 {
   static constexpr size_t kCodes = offsetof(kiv::quant::Q80Block, qs);
 
   template <class V, size_t G>
-  ZEM_INLINE static void add(const Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
+  ZEM_INLINE static void add(Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
     addBlocks<V, G>(tile, kBlocks, x, sums);
   }
 
   template <class V, size_t G>
-  ZEM_INLINE static void rest(const Tile<V, G>& tile, const float* x, size_t columns,
+  ZEM_INLINE static void rest(Tile<V, G>& tile, const float* x, size_t columns,
                               typename V::F (&sums)[G]) {
     addBlocks<V, G>(tile, columns / kBlockColumns, x, sums);
   }
@@ -360,7 +376,7 @@ struct Q80 {
   }
 
   template <class V, size_t G>
-  ZEM_INLINE static void addBlocks(const Tile<V, G>& tile, size_t blocks, const float* x,
+  ZEM_INLINE static void addBlocks(Tile<V, G>& tile, size_t blocks, const float* x,
                                    typename V::F (&sums)[G]) {
     Affine<V, G> affines[kBlocks];
     if (!loadScales<V, G>(tile, blocks, affines)) {
@@ -374,6 +390,7 @@ struct Q80 {
       const auto wordOf = [&](auto g, size_t w) ZEM_INLINE_LAMBDA {
         return V::flip(codes.at[g.value][w], flip);  // -128 to 127 becomes 0 to 255
       };
+      tile.template fetchAhead<kBlockBytes, 1>();
       addColumns<V, G, 0xFF>(8, wordOf, affines[b], x + b * kBlockColumns, sums);
     }
   }
@@ -385,10 +402,11 @@ struct Bf16 {
   static constexpr size_t kBytes = 64;
 
   template <class V, size_t G>
-  ZEM_INLINE static void add(const Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
+  ZEM_INLINE static void add(Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
     const auto upper = V::setBits(0xFFFF0000);
     Words<V, G, 16> pairs;
     pairs.load(tile, 0);
+    tile.template fetchAhead<kBytes, 1>();
     for (size_t w = 0; w < 16; ++w) {
       for (size_t g = 0; g < G; ++g) {
         const auto pair = pairs.at[g][w];
@@ -401,7 +419,7 @@ struct Bf16 {
   }
 
   template <class V, size_t G>
-  ZEM_INLINE static void rest(const Tile<V, G>& tile, const float* x, size_t columns,
+  ZEM_INLINE static void rest(Tile<V, G>& tile, const float* x, size_t columns,
                               typename V::F (&sums)[G]) {
     addNumbers<V, G, uint16_t, 16>(tile, x, columns, sums);
   }
@@ -430,9 +448,10 @@ struct F32 {
   static constexpr size_t kBytes = 64;
 
   template <class V, size_t G>
-  ZEM_INLINE static void add(const Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
+  ZEM_INLINE static void add(Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
     Words<V, G, 16> weights;
     weights.load(tile, 0);
+    tile.template fetchAhead<kBytes, 1>();
     for (size_t w = 0; w < 16; ++w) {
       for (size_t g = 0; g < G; ++g) {
         sums[g] = V::add(sums[g], V::mul(V::asFloat(weights.at[g][w]), V::set(x[w])));
@@ -441,18 +460,11 @@ struct F32 {
   }
 
   template <class V, size_t G>
-  ZEM_INLINE static void rest(const Tile<V, G>& tile, const float* x, size_t columns,
+  ZEM_INLINE static void rest(Tile<V, G>& tile, const float* x, size_t columns,
                               typename V::F (&sums)[G]) {
     Bf16::addNumbers<V, G, uint32_t, 0>(tile, x, columns, sums);
   }
 };
-
-// The next tile's rows follow this one's without a gap. Fetching them piece by
-// piece into the second-level cache makes of many short runs, a block of each
-// row, one stream through memory.
-ZEM_INLINE void prefetch(const uint8_t* from, size_t bytes) {
-  for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(from + i, 0, 2);
-}
 
 // Dot products of `count` rows, at most G * V::kLanes; lanes beyond repeat the
 // last row.
@@ -461,17 +473,15 @@ void dotTile(const uint8_t* W, size_t stride, size_t count, const float* x, size
              float* dots) {
   constexpr size_t kRows = G * V::kLanes;
   Tile<V, G> tile;
+  tile.ahead = W + kRows * stride;
   for (size_t r = 0; r < kRows; ++r) {
     tile.rows[r / V::kLanes][r % V::kLanes] = W + (r < count ? r : count - 1) * stride;
   }
   typename V::F sums[G];
   unrolled<G>([&](auto g) ZEM_INLINE_LAMBDA { sums[g.value] = V::zero(); });
 
-  const uint8_t* next = W + kRows * stride;
   size_t c = 0;
   for (; c + Format::kColumns <= cols; c += Format::kColumns) {
-    prefetch(next, kRows * Format::kBytes);
-    next += kRows * Format::kBytes;
     Format::template add<V, G>(tile, x + c, sums);
     tile.advance(Format::kBytes);
   }
