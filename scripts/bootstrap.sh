@@ -10,6 +10,8 @@ packages=(
   # tests
   libgmock-dev libgtest-dev mesa-vulkan-drivers spirv-headers spirv-tools
   vulkan-validationlayers
+  # benchmarks
+  libbenchmark-dev
   # checks
   clang-format-14 clang-tidy-14
 )
