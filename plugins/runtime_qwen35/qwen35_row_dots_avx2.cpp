@@ -52,8 +52,15 @@ struct Avx2 {
     return _mm256_srli_epi32(v, kBits);
   }
 
-  // Lane r of words[w] becomes the w-th of four 32-bit words at rows[r] + offset.
+  // Lane r of words[w] becomes the w-th of kWords (4, 8 or 16) 32-bit words at
+  // rows[r] + offset.
+  template <size_t kWords>
   static void loadWords(const uint8_t* const* rows, size_t offset, I* words) {
+    for (size_t w = 0; w < kWords; w += 4) loadFourWords(rows, offset + 4 * w, words + w);
+  }
+
+ private:
+  static void loadFourWords(const uint8_t* const* rows, size_t offset, I* words) {
     const I t0 = twoRows(rows, offset);
     const I t1 = twoRows(rows + 1, offset);
     const I t2 = twoRows(rows + 2, offset);
@@ -68,7 +75,6 @@ struct Avx2 {
     words[3] = _mm256_unpackhi_epi64(a1, b1);
   }
 
- private:
   static __m128i half(const uint8_t* p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
   }

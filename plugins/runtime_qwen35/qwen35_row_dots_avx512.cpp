@@ -46,13 +46,39 @@ struct Avx512 {
     return _mm512_srli_epi32(v, kBits);
   }
 
-  // Lane r of words[w] becomes the w-th of four 32-bit words at rows[r] + offset.
-  // 128-bit quarter q of a vector holds rows 4q to 4q + 3 of the result.
+  // Lane r of words[w] becomes the w-th of kWords (4, 8 or 16) 32-bit words at
+  // rows[r] + offset. 32 bytes of a row at a time take four steps a word where 16
+  // take five; 64 bytes take four as well and were slower.
+  template <size_t kWords>
   static void loadWords(const uint8_t* const* rows, size_t offset, I* words) {
-    const I t0 = fourRows(rows, offset);
-    const I t1 = fourRows(rows + 1, offset);
-    const I t2 = fourRows(rows + 2, offset);
-    const I t3 = fourRows(rows + 3, offset);
+    if constexpr (kWords == 4) {
+      loadFourWords(rows, offset, words);
+    } else {
+      for (size_t w = 0; w < kWords; w += 8) loadEightWords(rows, offset + 4 * w, words + w);
+    }
+  }
+
+ private:
+  static void loadFourWords(const uint8_t* const* rows, size_t offset, I* words) {
+    transposeQuarters(fourRows(rows, offset), fourRows(rows + 1, offset),
+                      fourRows(rows + 2, offset), fourRows(rows + 3, offset), words);
+  }
+
+  static void loadEightWords(const uint8_t* const* rows, size_t offset, I* words) {
+    I a[4];  // rows 0 to 3, 4 to 7: words 0 to 3 in the even quarters, 4 to 7 in the odd
+    I b[4];  // rows 8 to 11, 12 to 15
+    transposeQuarters(twoRows(rows, offset), twoRows(rows + 1, offset), twoRows(rows + 2, offset),
+                      twoRows(rows + 3, offset), a);
+    transposeQuarters(twoRows(rows + 8, offset), twoRows(rows + 9, offset),
+                      twoRows(rows + 10, offset), twoRows(rows + 11, offset), b);
+    for (size_t w = 0; w < 4; ++w) {
+      words[w] = _mm512_shuffle_i32x4(a[w], b[w], 0x88);
+      words[4 + w] = _mm512_shuffle_i32x4(a[w], b[w], 0xDD);
+    }
+  }
+
+  // In each quarter, t0 to t3 hold four words of four rows.
+  static void transposeQuarters(I t0, I t1, I t2, I t3, I* words) {
     const I a0 = _mm512_unpacklo_epi32(t0, t1);
     const I a1 = _mm512_unpackhi_epi32(t0, t1);
     const I b0 = _mm512_unpacklo_epi32(t2, t3);
@@ -63,9 +89,12 @@ struct Avx512 {
     words[3] = _mm512_unpackhi_epi64(a1, b1);
   }
 
- private:
   static __m128i quarter(const uint8_t* p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  }
+
+  static __m256i half(const uint8_t* p) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
   }
 
   // 16 bytes of rows 0, 4, 8 and 12.
@@ -74,6 +103,12 @@ struct Avx512 {
     v = _mm512_inserti32x4(v, quarter(rows[4] + offset), 1);
     v = _mm512_inserti32x4(v, quarter(rows[8] + offset), 2);
     return _mm512_inserti32x4(v, quarter(rows[12] + offset), 3);
+  }
+
+  // 32 bytes of rows 0 and 4.
+  static I twoRows(const uint8_t* const* rows, size_t offset) {
+    return _mm512_inserti64x4(_mm512_castsi256_si512(half(rows[0] + offset)),
+                              half(rows[4] + offset), 1);
   }
 };
 

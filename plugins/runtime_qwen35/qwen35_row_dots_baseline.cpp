@@ -55,8 +55,15 @@ struct Baseline {
     return _mm_srli_epi32(v, kBits);
   }
 
-  // Lane r of words[w] becomes the w-th of four 32-bit words at rows[r] + offset.
+  // Lane r of words[w] becomes the w-th of kWords (4, 8 or 16) 32-bit words at
+  // rows[r] + offset.
+  template <size_t kWords>
   static void loadWords(const uint8_t* const* rows, size_t offset, I* words) {
+    for (size_t w = 0; w < kWords; w += 4) loadFourWords(rows, offset + 4 * w, words + w);
+  }
+
+ private:
+  static void loadFourWords(const uint8_t* const* rows, size_t offset, I* words) {
     const I t0 = row(rows[0] + offset);
     const I t1 = row(rows[1] + offset);
     const I t2 = row(rows[2] + offset);
@@ -71,7 +78,6 @@ struct Baseline {
     words[3] = _mm_unpackhi_epi64(a1, b1);
   }
 
- private:
   static I row(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 };
 

@@ -147,14 +147,6 @@ ZEM_INLINE void addColumns(size_t words, const WordOf& wordOf, const Affine<V, G
   unrolled<G>([&](auto g) ZEM_INLINE_LAMBDA { sums[g.value] = sum[g.value]; });
 }
 
-// The half-precision number at `offset` of each row.
-template <class V>
-ZEM_INLINE typename V::F loadHalves(const uint8_t* const* rows, size_t offset) {
-  uint32_t bits[V::kLanes] = {};
-  for (size_t r = 0; r < V::kLanes; ++r) std::memcpy(&bits[r], rows[r] + offset, 2);
-  return V::fromHalf(V::loadBits(bits));
-}
-
 // The six-bit scales, or minima, of four sub-blocks from the bytes of a word.
 template <class V, size_t G>
 ZEM_INLINE void widenSixBits(typename V::I word, typename V::F d, size_t g,
@@ -176,7 +168,7 @@ ZEM_INLINE void loadAffines(const Tile<V, G>& tile, Affine<V, G>* affines) {
   const I two = V::setBits(0x30303030);
   for (size_t g = 0; g < G; ++g) {
     I head[4];
-    V::loadWords(tile.rows[g], 0, head);
+    V::template loadWords<4>(tile.rows[g], 0, head);
     const auto d = V::fromHalf(head[0]);
     const auto dmin = V::fromHalf(V::template shiftDown<16>(head[0]));
     const I scaleTop = V::both(V::template shiftDown<2>(head[1]), two);
@@ -197,9 +189,7 @@ struct Words {
   typename V::I at[G][N];
 
   ZEM_INLINE void load(const Tile<V, G>& tile, size_t offset) {
-    for (size_t g = 0; g < G; ++g) {
-      for (size_t n = 0; n < N; n += 4) V::loadWords(tile.rows[g], offset + 4 * n, &at[g][n]);
-    }
+    for (size_t g = 0; g < G; ++g) V::template loadWords<N>(tile.rows[g], offset, at[g]);
   }
 };
 
@@ -217,9 +207,12 @@ template <class V, size_t G>
 }
 
 // Each format adds kColumns columns, stored in kBytes bytes a row, to the sums.
-// `rest`, where there is one, adds what is left at the end of a row.
+// `rest`, where there is one, adds what is left at the end of a row. kMostRows
+// is how many rows are read side by side.
+inline constexpr size_t kBlockRows = 32;
 
 struct Q4K {
+  static constexpr size_t kMostRows = kBlockRows;
   static constexpr size_t kColumns = kiv::quant::kBlock256;
   static constexpr size_t kBytes = sizeof(kiv::quant::Q4KBlock);
   static constexpr size_t kCodes = offsetof(kiv::quant::Q4KBlock, qs);
@@ -241,6 +234,7 @@ struct Q4K {
 };
 
 struct Q5K {
+  static constexpr size_t kMostRows = kBlockRows;
   static constexpr size_t kColumns = kiv::quant::kBlock256;
   static constexpr size_t kBytes = sizeof(kiv::quant::Q5KBlock);
   static constexpr size_t kFifthBits = offsetof(kiv::quant::Q5KBlock, qh);
@@ -274,11 +268,12 @@ struct Q5K {
 };
 
 struct Q6K {
+  static constexpr size_t kMostRows = kBlockRows;
   static constexpr size_t kColumns = kiv::quant::kBlock256;
   static constexpr size_t kBytes = sizeof(kiv::quant::Q6KBlock);
   static constexpr size_t kHigh = offsetof(kiv::quant::Q6KBlock, qh);
   static constexpr size_t kScales = offsetof(kiv::quant::Q6KBlock, scales);
-  static constexpr size_t kD = offsetof(kiv::quant::Q6KBlock, d);
+  static_assert(offsetof(kiv::quant::Q6KBlock, d) == kBytes - 2);
 
   // Scales of the 16 sub-blocks, and 32 times each: what a code of zero stands
   // for. False when a row's d is infinite or NaN, where that sum is not exact.
@@ -287,11 +282,13 @@ struct Q6K {
     const auto flip = V::setBits(0x80808080);
     bool finite = true;
     for (size_t g = 0; g < G; ++g) {
-      const auto d = loadHalves<V>(tile.rows[g], kD);
+      typename V::I last[4];  // the scale is the upper half of the last word
+      V::template loadWords<4>(tile.rows[g], kBytes - 16, last);
+      const auto d = V::fromHalf(V::template shiftDown<16>(last[3]));
       finite = finite && V::allFinite(d);
       const auto bias = V::mul(d, V::set(128.0F));
       typename V::I words[4];
-      V::loadWords(tile.rows[g], kScales, words);
+      V::template loadWords<4>(tile.rows[g], kScales, words);
       for (size_t w = 0; w < 4; ++w) {
         const auto word = V::flip(words[w], flip);  // -128 to 127 becomes 0 to 255
         unrolled<4>([&](auto k) ZEM_INLINE_LAMBDA {
@@ -343,6 +340,7 @@ struct Q6K {
 };
 
 struct Q80 {
+  static constexpr size_t kMostRows = kBlockRows;
   static constexpr size_t kBlocks = 8;  // whose scales are fetched together
   static constexpr size_t kBlockColumns = kiv::quant::kBlock32;
   static constexpr size_t kBlockBytes = sizeof(kiv::quant::Q80Block);
@@ -366,7 +364,9 @@ struct Q80 {
     bool finite = true;
     for (size_t b = 0; b < blocks; ++b) {
       for (size_t g = 0; g < G; ++g) {
-        const auto d = loadHalves<V>(tile.rows[g], b * kBlockBytes);
+        typename V::I first[4];  // the scale is the lower half of the first word
+        V::template loadWords<4>(tile.rows[g], b * kBlockBytes, first);
+        const auto d = V::fromHalf(first[0]);
         finite = finite && V::allFinite(d);
         affines[b].scale[g] = d;
         affines[b].min[g] = V::mul(d, V::set(128.0F));
@@ -396,8 +396,13 @@ struct Q80 {
   }
 };
 
-// Plain numbers are taken a cache line of each row at a time.
+// Plain numbers are taken a cache line of each row at a time, from no more rows
+// than the processor's own prefetching follows and than share the sets of the
+// first-level cache when a row's length is a multiple of 1024 bytes: twice as
+// many rows ran at half the rate, and fetching ahead as for blocks lost too.
+inline constexpr size_t kPlainRows = 16;
 struct Bf16 {
+  static constexpr size_t kMostRows = kPlainRows;
   static constexpr size_t kColumns = 32;
   static constexpr size_t kBytes = 64;
 
@@ -406,7 +411,6 @@ struct Bf16 {
     const auto upper = V::setBits(0xFFFF0000);
     Words<V, G, 16> pairs;
     pairs.load(tile, 0);
-    tile.template fetchAhead<kBytes, 1>();
     for (size_t w = 0; w < 16; ++w) {
       for (size_t g = 0; g < G; ++g) {
         const auto pair = pairs.at[g][w];
@@ -444,6 +448,7 @@ struct Bf16 {
 };
 
 struct F32 {
+  static constexpr size_t kMostRows = kPlainRows;
   static constexpr size_t kColumns = 16;
   static constexpr size_t kBytes = 64;
 
@@ -451,7 +456,6 @@ struct F32 {
   ZEM_INLINE static void add(Tile<V, G>& tile, const float* x, typename V::F (&sums)[G]) {
     Words<V, G, 16> weights;
     weights.load(tile, 0);
-    tile.template fetchAhead<kBytes, 1>();
     for (size_t w = 0; w < 16; ++w) {
       for (size_t g = 0; g < G; ++g) {
         sums[g] = V::add(sums[g], V::mul(V::asFloat(weights.at[g][w]), V::set(x[w])));
@@ -497,14 +501,14 @@ void dotTile(const uint8_t* W, size_t stride, size_t count, const float* x, size
 
 template <class V, class Format, size_t kBlockColumns, size_t kBlockBytes>
 void dotRows(const void* W, const float* x, size_t rows, size_t cols, float* dots) {
+  constexpr size_t kGroups = Format::kMostRows < 2 * V::kLanes ? 1 : 2;
   const size_t stride = cols / kBlockColumns * kBlockBytes;
   const auto* base = static_cast<const uint8_t*>(W);
   while (rows > 0) {
-    const bool two = rows > V::kLanes;
-    const size_t most = two ? 2 * V::kLanes : V::kLanes;
+    const size_t most = rows > V::kLanes ? kGroups * V::kLanes : V::kLanes;
     const size_t count = rows < most ? rows : most;
-    if (two) {
-      dotTile<V, Format, 2>(base, stride, count, x, cols, dots);
+    if (count > V::kLanes) {
+      dotTile<V, Format, kGroups>(base, stride, count, x, cols, dots);
     } else {
       dotTile<V, Format, 1>(base, stride, count, x, cols, dots);
     }
