@@ -53,30 +53,18 @@ namespace {
   stepLoops(S, q, k, v, beta, d, kiv::math::expF32(g), scale, delta);
 }
 
-bool hasAvx512() {
-  return __builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512vl") != 0 &&
-         __builtin_cpu_supports("fma") != 0;
-}
-
-bool hasAvx2() { return __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("fma") != 0; }
-
-bool always() { return true; }
-
-constexpr GdnVariant kVariants[] = {
-    {"avx512", hasAvx512, stepAvx512},
-    {"avx2", hasAvx2, stepAvx2},
-    {"plain", always, reference::gdnStep},
-};
-
 }  // namespace
 
-std::span<const GdnVariant> gdnVariants() { return kVariants; }
-
-const GdnVariant& bestGdnVariant() {
-  static const GdnVariant& best =
-      *std::find_if(std::begin(kVariants), std::end(kVariants),
-                    [](const GdnVariant& variant) { return variant.supported(); });
-  return best;
+GdnStep gdnStepOf(CpuLevel level) {
+  switch (level) {
+    case CpuLevel::Avx512:
+      return stepAvx512;
+    case CpuLevel::Avx2:
+      return stepAvx2;
+    case CpuLevel::Baseline:
+      break;
+  }
+  return reference::gdnStep;
 }
 
 }  // namespace qwen35

@@ -2,22 +2,15 @@
 #pragma once
 
 #include <cstddef>
-#include <span>
+
+#include "qwen35_cpu.h"
 
 namespace qwen35 {
 
-// All variants give the bits of reference::gdnStep, whose arguments they take.
-struct GdnVariant {
-  const char* name;
-  bool (*supported)();  // by this processor
-  void (*step)(float* S, const float* q, const float* k, float* v, float beta, size_t d, float g,
-               float scale, float* delta);
-};
+// Every level's step gives the bits of reference::gdnStep, whose arguments it takes.
+using GdnStep = void (*)(float* S, const float* q, const float* k, float* v, float beta, size_t d,
+                         float g, float scale, float* delta);
 
-// In order of preference; the last one runs everywhere.
-std::span<const GdnVariant> gdnVariants();
-
-// The first variant that this processor supports.
-const GdnVariant& bestGdnVariant();
+GdnStep gdnStepOf(CpuLevel level);
 
 }  // namespace qwen35

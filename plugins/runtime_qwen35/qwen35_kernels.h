@@ -38,12 +38,6 @@ void matvecF32Add(const float* W, const float* x, float* y, size_t rows, size_t 
 // Float sum from index 0 upward; 0 for n = 0.
 float dotF32(const float* a, const float* b, size_t n);
 
-// out[r] = dotF32(W + r * cols, x, cols) for each of `rows` rows. Serial. Faster
-// than one row after the other: a sum is a chain of additions that wait for
-// each other, and several chains side by side fill the waits.
-void dotRowsF32(const float* W, const float* x, float* out, size_t rows, size_t cols);
-inline constexpr size_t kRowsAtOnce = 8;  // rows that share the waits
-
 // One step of the gated delta rule (Yang et al., "Gated Delta Networks", 2024)
 // for one head: S is d x d with row = key component, column = value component.
 //   S *= e^g;  delta = (v - S^T k) * beta;  S += k delta^T;  v = (S^T q) * scale

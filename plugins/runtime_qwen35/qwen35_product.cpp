@@ -2,13 +2,13 @@
 
 #include <omp.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
 #include "kiv/dequant.h"
 #include "kiv/quant_k.h"
 #include "qwen35_kernels.h"
+#include "qwen35_row_dots.h"
 #include "qwen35_team.h"
 
 namespace qwen35 {
@@ -20,25 +20,32 @@ bool isAligned(const void* p, size_t alignment) {
   return reinterpret_cast<uintptr_t>(p) % alignment == 0;
 }
 
-bool isComputable(DType type) {
-  return type == DType::F32 || type == DType::BF16 || type == DType::Q8_0 || isKQuant(type);
+// Rows that end within a block share it with the next row; nothing fast is
+// needed for them.
+template <typename Use>
+void forEachWidenedRow(const TensorView* W, const float* x, size_t rows, size_t cols,
+                       const Use& use) {
+  std::vector<float> scratch(static_cast<size_t>(omp_get_max_threads()) * cols);
+  forEachRowRange(rows, cols, [&](size_t thread, size_t begin, size_t end) {
+    float* widened = scratch.data() + thread * cols;
+    for (size_t r = begin; r < end; ++r) {
+      rowToF32(W, r, cols, widened);
+      use(r, dotF32(widened, x, cols));
+    }
+  });
 }
 
 // Calls use(row index, dot product of the row with x) for every row, on the
-// team. Each thread widens a few rows at a time into scratch of its own.
+// team; not at all for types that the decoder does not compute with.
 template <typename Use>
-void forEachRowDot(const TensorView* W, const float* x, size_t rows, size_t cols, const Use& use) {
-  std::vector<float> scratch(static_cast<size_t>(omp_get_max_threads()) * kRowsAtOnce * cols);
-  forEachRowRange(rows, cols, [&](size_t thread, size_t begin, size_t end) {
-    float* widened = scratch.data() + thread * kRowsAtOnce * cols;
-    float dots[kRowsAtOnce];
-    for (size_t r = begin; r < end; r += kRowsAtOnce) {
-      const size_t count = std::min(kRowsAtOnce, end - r);
-      for (size_t i = 0; i < count; ++i) rowToF32(W, r + i, cols, widened + i * cols);
-      dotRowsF32(widened, x, dots, count, cols);
-      for (size_t i = 0; i < count; ++i) use(r + i, dots[i]);
-    }
-  });
+void multiplyRows(const TensorView* W, const float* x, size_t rows, size_t cols, const Use& use) {
+  const RowDots dotRows = rowDotsOf(rowDotsTable(currentCpuLevel()), W->dtype);
+  if (dotRows == nullptr) return;
+  if (cols % kiv::dtypeBlockSize(W->dtype) == 0) {
+    forEachRowDot(dotRows, W->data, kiv::dtypeBytes(W->dtype, cols), x, rows, cols, use);
+  } else {
+    forEachWidenedRow(W, x, rows, cols, use);
+  }
 }
 
 bool offerToGpu(Model& m, const TensorView* W, const float* x, float* y) {
@@ -95,18 +102,12 @@ void gemvRow(Model& m, const TensorView* W, const float* x, float* y) {
   if (offerToGpu(m, W, x, y)) return;
   const size_t cols = matrixCols(*W);
   const size_t rows = matrixRows(*W);
-  if (W->dtype == DType::BF16 && isAligned(W->data, alignof(uint16_t))) {
-    matvecBf16Add(static_cast<const uint16_t*>(W->data), x, y, rows, cols);
-  } else if (W->dtype == DType::F32 && isAligned(W->data, alignof(float))) {
-    matvecF32Add(static_cast<const float*>(W->data), x, y, rows, cols);
-  } else if (isComputable(W->dtype)) {
-    forEachRowDot(W, x, rows, cols, [=](size_t r, float dot) { y[r] += dot; });
-  }
+  multiplyRows(W, x, rows, cols, [=](size_t r, float dot) { y[r] += dot; });
 }
 
 void headProduct(Model& m, const float* cur, float* logits) {
   if (offerToGpu(m, m.emb, cur, logits)) return;
-  forEachRowDot(m.emb, cur, m.nVocab, m.nEmb, [=](size_t r, float dot) { logits[r] = dot; });
+  multiplyRows(m.emb, cur, m.nVocab, m.nEmb, [=](size_t r, float dot) { logits[r] = dot; });
 }
 
 const float* floatsOf(const TensorView* view, size_t n, std::vector<float>& copy) {

@@ -4,6 +4,9 @@
 #include <omp.h>
 
 #include <cstddef>
+#include <cstdint>
+
+#include "qwen35_row_dots.h"
 
 namespace qwen35 {
 
@@ -27,6 +30,22 @@ void forEachRowRange(size_t rows, size_t cols, const Work& work) {
     const size_t end = begin + share + (thread < extra ? 1 : 0);
     if (begin < end) work(thread, begin, end);
   }
+}
+
+// Calls use(row, dot product of the row with x) for every row of a matrix at
+// `W`, whose rows lie `stride` bytes apart, on the team.
+template <typename Use>
+void forEachRowDot(RowDots dotRows, const void* W, size_t stride, const float* x, size_t rows,
+                   size_t cols, const Use& use) {
+  const auto* base = static_cast<const uint8_t*>(W);
+  forEachRowRange(rows, cols, [&](size_t /*thread*/, size_t begin, size_t end) {
+    float dots[kRowDotsRows];
+    for (size_t r = begin; r < end; r += kRowDotsRows) {
+      const size_t count = end - r < kRowDotsRows ? end - r : kRowDotsRows;
+      dotRows(base + r * stride, x, count, cols, dots);
+      for (size_t i = 0; i < count; ++i) use(r + i, dots[i]);
+    }
+  });
 }
 
 }  // namespace qwen35

@@ -1,0 +1,39 @@
+// Which instruction set the decoder's kernels use.
+#pragma once
+
+#include <span>
+
+namespace qwen35 {
+
+enum class CpuLevel {
+  Baseline,  // any x86-64 processor
+  Avx2,      // with FMA and F16C
+  Avx512,    // F and VL, and all of Avx2
+};
+
+// "baseline", "avx2", "avx512". Static storage.
+const char* cpuLevelName(CpuLevel level);
+
+// The levels that this processor has, best first; Baseline is always the last.
+std::span<const CpuLevel> cpuLevels();
+
+// The level that products use: the best one, or the one that the environment
+// variable QWEN35_CPU named (a level's name) when the first product ran. A name
+// that is unknown, or that this processor lacks, is reported on standard error
+// and has no other effect: results are the same bits at every level.
+CpuLevel currentCpuLevel();
+
+// For tests and benchmarks: products use `level`, which must be one of
+// cpuLevels(), until the object is gone. One at a time, outside any product.
+class ForcedCpuLevel {
+ public:
+  explicit ForcedCpuLevel(CpuLevel level);
+  ~ForcedCpuLevel();
+  ForcedCpuLevel(const ForcedCpuLevel&) = delete;
+  ForcedCpuLevel& operator=(const ForcedCpuLevel&) = delete;
+
+ private:
+  CpuLevel before_;
+};
+
+}  // namespace qwen35
