@@ -24,8 +24,8 @@ class VulkanBuffer {
 
   // A buffer of `size` bytes, not 0, for shaders and copies. Success at once,
   // with nothing changed, when there is a buffer already. InvalidFormat "create:
-  // bad size" and, for an empty context, "create: uninitialized", IOError "<the call> failed", Unsupported "no suitable memory
-  // type"; nothing is left behind then.
+  // bad size" and, for an empty context, "create: uninitialized", IOError "<the call> failed",
+  // Unsupported "no suitable memory type"; nothing is left behind then.
   Status create(VulkanContext& ctx, size_t size, bool hostVisible);
   // Wraps the first `size` bytes of a handle that stays its owner's, to be bound
   // to a kernel. What this buffer owned before is released.
