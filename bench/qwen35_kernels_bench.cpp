@@ -11,7 +11,9 @@
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
-#include <cstring>
+#include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <memory>
 #include <random>
 #include <string>
@@ -93,7 +95,8 @@ void plainDots(const Weights& W, float* dots) {
 bool isPlain(const Weights& W, const std::vector<float>& dots) {
   std::vector<float> want(kRows);
   plainDots(W, want.data());
-  return std::memcmp(dots.data(), want.data(), kRows * sizeof(float)) == 0;
+  const auto bits = [](float value) { return std::bit_cast<uint32_t>(value); };
+  return std::ranges::equal(dots, want, {}, bits, bits);
 }
 
 void countWork(benchmark::State& state, const Weights& W) {
@@ -104,7 +107,7 @@ void countWork(benchmark::State& state, const Weights& W) {
 void benchPlain(benchmark::State& state, DType type) {
   const Weights W(type, 1);
   std::vector<float> dots(kRows);
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     plainDots(W, dots.data());
     benchmark::DoNotOptimize(dots.data());
   }
@@ -117,7 +120,7 @@ void benchDots(benchmark::State& state, DType type, CpuLevel level) {
   std::vector<float> dots(kRows);
   dotRows(W.view().data, W.x(), kRows, kCols, dots.data());
   if (!isPlain(W, dots)) return state.SkipWithError("differs from the plain loop");
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     dotRows(W.view().data, W.x(), kRows, kCols, dots.data());
     benchmark::DoNotOptimize(dots.data());
   }
@@ -132,7 +135,7 @@ void benchProduct(benchmark::State& state, DType type, CpuLevel level, int threa
   std::vector<float> y(kRows);
   qwen35::gemvRow(m, &W.view(), W.x(), y.data());
   if (!isPlain(W, y)) return state.SkipWithError("differs from the plain loop");
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     qwen35::gemvRow(m, &W.next(), W.x(), y.data());
     benchmark::DoNotOptimize(y.data());
   }

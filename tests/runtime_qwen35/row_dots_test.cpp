@@ -342,6 +342,31 @@ TEST_P(EveryLevel, AnInfiniteScaleStaysInItsRow) {
   }
 }
 
+// With codes of one sign nothing cancels: the sum is an infinity and not NaN.
+TEST_P(EveryLevel, AnInfiniteScaleGivesAnInfiniteSum) {
+  const float inf = std::numeric_limits<float>::infinity();
+  for (const auto& [type, offset] : {std::pair{DType::Q6_K, size_t{208}},
+                                     {DType::Q8_0, 0},
+                                     {DType::Q4_K, 0},
+                                     {DType::Q5_K, 0}}) {
+    for (const uint16_t half : std::initializer_list<uint16_t>{0x7C00, 0xFC00}) {
+      RandomMatrix W(type, 20, 256, 20);
+      const size_t stride = kiv::dtypeBytes(type, 256);
+      const size_t block = kiv::dtypeBytes(type, kiv::dtypeBlockSize(type));
+      std::memset(W.bytes(), 0x55, W.view().size);  // every field positive, no scale zero
+      if (type == DType::Q6_K) {
+        for (size_t r = 0; r < 20; ++r) std::memset(W.bytes() + r * stride + 128, 0xFF, 64);
+      }
+      std::memcpy(W.bytes() + 7 * stride + stride - block + offset, &half, 2);
+      const Floats x(256, 0.25F);
+      Floats got(20);
+      rowDotsOf(rowDotsTable(GetParam()), type)(W.view().data, x.data(), 20, 256, got.data());
+      EXPECT_TRUE(sameBits(got, plainSums(W, x))) << kiv::dtypeName(type);
+      EXPECT_EQ(got[7], half == 0x7C00 ? inf : -inf) << kiv::dtypeName(type);
+    }
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(RowDots, EveryLevel,
                          testing::ValuesIn(cpuLevels().begin(), cpuLevels().end()),
                          [](const auto& level) { return cpuLevelName(level.param); });
