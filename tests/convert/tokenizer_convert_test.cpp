@@ -422,12 +422,12 @@ TEST_F(RealVocabularyTest, OfAChinesePageTheCharactersWithATokenComeBack) {
 }
 
 TEST_F(RealVocabularyTest, OfEmojiThoseWithATokenComeBack) {
+  // Counting the width of these characters is not for layout tools.
+  // clang-format off
   const std::string page =
       "Good morning! 😀😃😄 ☀️ Coffee ☕ first, then work 💻📈.\n"
-      "❤️ 👍🏽 👩‍👩‍👧‍👦 🇩🇪 🏳️‍🌈 ✅ ❌ ⚠️ → ★ ☆ ♥ "
-      "♪ "
-      "™ "
-      "©\n";
+      "❤️ 👍🏽 👩‍👩‍👧‍👦 🇩🇪 🏳️‍🌈 ✅ ❌ ⚠️ → ★ ☆ ♥ ♪ ™ ©\n";
+  // clang-format on
   const Survivors found = survivors(page);
   EXPECT_EQ(found.characters, 94U);
   EXPECT_EQ(found.back, 68U);
