@@ -6,7 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build=build/release
 mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h')
-mapfile -t linted < <(git ls-files 'src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp' 'bench/*.cpp')
+mapfile -t linted < <(git ls-files 'src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp')
 
 echo "check.sh: layout of ${#sources[@]} files"
 clang-format-14 --dry-run --Werror "${sources[@]}"
