@@ -3,6 +3,8 @@
 //
 //   dots/TYPE/LEVEL         one thread, one matrix of 2 to 21 MB, again and again
 //   dots/TYPE/plain         the loop over the widened row, the same matrix
+//   tokens/TYPE/LEVEL/N     one thread, the matrix with N vectors at once; items are
+//                           weights times vectors
 //   product/TYPE/LEVEL/N    the decoder's product on a team of N, matrices in turn
 //                           that no cache holds
 //
@@ -24,6 +26,7 @@
 #include "qwen35_product.h"
 #include "qwen35_reference.h"
 #include "qwen35_row_dots.h"
+#include "qwen35_token_dots.h"
 
 namespace {
 
@@ -127,6 +130,43 @@ void benchDots(benchmark::State& state, DType type, CpuLevel level) {
   countWork(state, W);
 }
 
+// Token t's vector is the matrix's own, times t + 1.
+std::vector<float> scaledTokens(const Weights& W, size_t tokens) {
+  std::vector<float> x(tokens * kCols);
+  for (size_t i = 0; i < x.size(); ++i) {
+    x[i] = W.x()[i % kCols] * static_cast<float>(i / kCols + 1);
+  }
+  return x;
+}
+
+bool areDots(const Weights& W, qwen35::RowDots dotRows, const std::vector<float>& x,
+             const std::vector<float>& got) {
+  std::vector<float> want(got.size());
+  for (size_t t = 0; t * kCols < x.size(); ++t) {
+    dotRows(W.view().data, x.data() + t * kCols, kRows, kCols, want.data() + t * kRows);
+  }
+  return got == want;
+}
+
+void benchTokens(benchmark::State& state, DType type, CpuLevel level, size_t tokens) {
+  const Weights W(type, 1);
+  const qwen35::TokenDotsTable& table = qwen35::tokenDotsTable(level);
+  const qwen35::TokenDots dotTokens = qwen35::tokenDotsOf(table, type);
+  const std::vector<float> x = scaledTokens(W, tokens);
+  std::vector<float> packed(x.size());
+  qwen35::packTokens(x.data(), kCols, tokens, kCols, table.groupTokens, 0, kCols, packed.data());
+  std::vector<float> dots(tokens * kRows);
+  dotTokens(W.view().data, packed.data(), tokens, kRows, kCols, dots.data(), kRows);
+  if (!areDots(W, qwen35::rowDotsOf(qwen35::rowDotsTable(level), type), x, dots)) {
+    return state.SkipWithError("differs from one vector at a time");
+  }
+  while (state.KeepRunning()) {
+    dotTokens(W.view().data, packed.data(), tokens, kRows, kCols, dots.data(), kRows);
+    benchmark::DoNotOptimize(dots.data());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kRows * kCols * tokens));
+}
+
 void benchProduct(benchmark::State& state, DType type, CpuLevel level, int threads) {
   const qwen35::ForcedCpuLevel forced(level);
   omp_set_num_threads(threads);
@@ -149,6 +189,15 @@ void registerAll() {
       const std::string at = "/" + name + "/" + qwen35::cpuLevelName(level);
       benchmark::RegisterBenchmark(("dots" + at).c_str(),
                                    [=](benchmark::State& state) { benchDots(state, type, level); });
+    }
+    for (const CpuLevel level : qwen35::cpuLevels()) {
+      for (const size_t tokens : {8, 48}) {
+        const std::string at =
+            "/" + name + "/" + qwen35::cpuLevelName(level) + "/" + std::to_string(tokens);
+        benchmark::RegisterBenchmark(("tokens" + at).c_str(), [=](benchmark::State& state) {
+          benchTokens(state, type, level, tokens);
+        });
+      }
     }
     benchmark::RegisterBenchmark(("dots/" + name + "/plain").c_str(),
                                  [=](benchmark::State& state) { benchPlain(state, type); });

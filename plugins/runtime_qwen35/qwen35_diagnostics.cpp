@@ -1,13 +1,22 @@
 #include "qwen35_diagnostics.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace qwen35 {
 
 bool diagnosticSet(const char* name) { return std::getenv(name) != nullptr; }
+
+bool tokensTracedSingly() {
+  constexpr const char* kSwitches[] = {"QWEN35_ABLATE", "QWEN35_DBG",    "QWEN35_DBG2",
+                                       "QWEN35_DBG3",   "QWEN35_DBG4",   "QWEN35_HID_DUMP",
+                                       "QWEN35_TIMING", "QWEN35_NODECAY"};
+  return std::any_of(std::begin(kSwitches), std::end(kSwitches), diagnosticSet);
+}
 
 double norm(const float* x, size_t n) {
   double sum = 0;

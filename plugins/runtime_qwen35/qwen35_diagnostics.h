@@ -13,6 +13,9 @@ namespace qwen35 {
 // Whether the environment variable `name` is set, to anything.
 bool diagnosticSet(const char* name);
 
+// Whether a variable is set whose trace or effect belongs to one token at a time.
+bool tokensTracedSingly();
+
 // Euclidean norm, accumulated in double.
 double norm(const float* x, size_t n);
 

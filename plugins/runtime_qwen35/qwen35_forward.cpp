@@ -1,8 +1,10 @@
-// One token through all layers.
+// Tokens through all layers.
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <vector>
 
+#include "qwen35_blocks.h"
 #include "qwen35_diagnostics.h"
 #include "qwen35_kernels.h"
 #include "qwen35_model.h"
@@ -10,8 +12,6 @@
 
 namespace qwen35 {
 namespace {
-
-using Floats = std::vector<float>;
 
 // Milliseconds that one token spent in each kind of step.
 struct StepTimes {
@@ -30,7 +30,8 @@ void timed(double& total, const Step& step) {
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 }
 
-// The buffers of one layer, kept for the hidden-state dump.
+// The buffers of one layer, kept for the hidden-state dump; a run's tokens one
+// after the other.
 struct LayerBuffers {
   explicit LayerBuffers(size_t n) : cur(n), attn(n), h(n), hn(n), ffn(n) {}
   Floats cur;
@@ -40,28 +41,21 @@ struct LayerBuffers {
   Floats ffn;
 };
 
-void attend(Model& m, size_t il, size_t pos, Ablation ablated, LayerBuffers& b, StepTimes& times) {
+void attend(Model& m, size_t il, const TokenRun& run, const RotaryAngles& angles, Ablation ablated,
+            LayerBuffers& b, StepTimes& times) {
   Layer& L = m.L[il];
-  b.attn.assign(m.nEmb, 0.0F);
+  std::fill(b.attn.begin(), b.attn.end(), 0.0F);
   if (L.recr && ablated != Ablation::Linear) {
-    timed(times.linear, [&] { linearAttnStep(m, L, b.cur.data(), b.attn.data(), il, pos); });
+    timed(times.linear, [&] { linearAttention(m, L, b.cur.data(), b.attn.data(), run, il); });
   } else if (!L.recr && ablated != Ablation::Full) {
-    timed(times.full, [&] { fullAttnStep(m, L, b.cur.data(), b.attn.data(), pos, il); });
+    timed(times.full, [&] { fullAttention(m, L, b.cur.data(), b.attn.data(), run, angles, il); });
   }
 }
 
-void feedForward(Model& m, Layer& L, LayerBuffers& b, StepTimes& times) {
-  for (size_t i = 0; i < m.nEmb; ++i) b.h[i] = b.cur[i] + b.attn[i];
-  timed(times.norm, [&] {
-    Floats copy;
-    rmsNorm(b.h.data(), floatsOf(L.post_norm, m.nEmb, copy), b.hn.data(), m.nEmb, kNormEps);
-  });
-  timed(times.ffn, [&] { ffnStep(m, L, b.hn.data(), b.ffn.data()); });
-}
-
-void finalNorm(const Model& m, const float* cur, float* out) {
-  Floats copy;
-  rmsNorm(cur, floatsOf(m.outNorm, m.nEmb, copy), out, m.nEmb, kNormEps);
+void transform(Model& m, const Layer& L, size_t tokens, LayerBuffers& b, StepTimes& times) {
+  for (size_t i = 0; i < b.h.size(); ++i) b.h[i] = b.cur[i] + b.attn[i];
+  timed(times.norm, [&] { normTokens(L.post_norm, b.h.data(), b.hn.data(), tokens, m.nEmb); });
+  timed(times.ffn, [&] { feedForward(m, L, b.hn.data(), b.ffn.data(), tokens); });
 }
 
 // What forwardToken reports of each layer: QWEN35_DBG and QWEN35_HID_DUMP.
@@ -109,16 +103,17 @@ class TokenTrace {
 };
 
 // All layers; the result is in b.cur, before the final norm. `trace` may be null.
-void runLayers(Model& m, const float* x, size_t pos, LayerBuffers& b, TokenTrace* trace,
+void runLayers(Model& m, const float* x, const TokenRun& run, LayerBuffers& b, TokenTrace* trace,
                StepTimes& times) {
-  b.cur.assign(x, x + m.nEmb);
+  b.cur.assign(x, x + run.count * m.nEmb);
   const Ablation ablated = ablation();
+  const RotaryAngles angles(m.nRot, run);
   for (size_t il = 0; il < m.nLayers; ++il) {
-    attend(m, il, pos, ablated, b, times);
+    attend(m, il, run, angles, ablated, b, times);
     if (trace != nullptr) trace->afterAttention(m.L[il], il, b);
-    feedForward(m, m.L[il], b, times);
+    transform(m, m.L[il], run.count, b, times);
     if (trace != nullptr) trace->afterFeedForward(b);
-    for (size_t i = 0; i < m.nEmb; ++i) b.cur[i] = b.h[i] + b.ffn[i];
+    for (size_t i = 0; i < b.cur.size(); ++i) b.cur[i] = b.h[i] + b.ffn[i];
     if (trace != nullptr) trace->afterLayer(il, b);
   }
 }
@@ -129,9 +124,9 @@ void forwardToken(Model& m, const float* x, size_t pos, float* logits) {
   LayerBuffers b(m.nEmb);
   StepTimes times;
   TokenTrace trace(pos);
-  runLayers(m, x, pos, b, &trace, times);
+  runLayers(m, x, {1, pos}, b, &trace, times);
   trace.afterLayers(x, b.cur);
-  finalNorm(m, b.cur.data(), b.cur.data());
+  normTokens(m.outNorm, b.cur.data(), b.cur.data(), 1, m.nEmb);
   headProduct(m, b.cur.data(), logits);
 }
 
@@ -140,13 +135,31 @@ void forwardTokenHidden(Model& m, const float* x, size_t pos, float* hidden) {
   StepTimes times;
   double total = 0;
   timed(total, [&] {
-    runLayers(m, x, pos, b, nullptr, times);
-    finalNorm(m, b.cur.data(), hidden);
+    runLayers(m, x, {1, pos}, b, nullptr, times);
+    normTokens(m.outNorm, b.cur.data(), hidden, 1, m.nEmb);
   });
   if (diagnosticSet("QWEN35_TIMING")) {
     std::fprintf(stderr,
                  "[timing] hidden fwd pos=%zu %.0f ms (lin %.0f full %.0f norm %.0f ffn %.0f)\n",
                  pos, total, times.linear, times.full, times.norm, times.ffn);
+  }
+}
+
+void forwardTokensHidden(Model& m, const float* x, size_t count, size_t pos, float* hidden) {
+  const bool together = !tokensTracedSingly();
+  const size_t most = together ? kBatchTokens : 1;
+  for (size_t first = 0; first < count; first += most) {
+    const TokenRun run{std::min(most, count - first), pos + first};
+    const float* in = x + first * m.nEmb;
+    float* out = hidden + first * m.nEmb;
+    if (run.count == 1) {
+      forwardTokenHidden(m, in, run.pos, out);
+      continue;
+    }
+    LayerBuffers b(run.count * m.nEmb);
+    StepTimes times;
+    runLayers(m, in, run, b, nullptr, times);
+    normTokens(m.outNorm, b.cur.data(), out, run.count, m.nEmb);
   }
 }
 

@@ -1,11 +1,13 @@
 #include "qwen35_kernels.h"
 
+#include <algorithm>
 #include <bit>
-#include <vector>
+#include <limits>
+#include <stdexcept>
 
-#include "qwen35_gdn.h"
 #include "qwen35_reference.h"
 #include "qwen35_row_dots.h"
+#include "qwen35_step_loops.h"
 #include "qwen35_team.h"
 
 namespace qwen35 {
@@ -53,10 +55,10 @@ float dotF32(const float* a, const float* b, size_t n) { return reference::dotF3
 
 void gdnStep(float* S, const float* q, const float* k, const float* v, float beta, size_t d,
              float g, float scale) {
-  if (d == 0) return;
-  std::vector<float> delta(d);
-  const GdnStep step = gdnStepOf(currentCpuLevel());
-  step(S, q, k, const_cast<float*>(v), beta, d, g, scale, delta.data());
+  if (d > std::numeric_limits<size_t>::max() / sizeof(float) / std::max<size_t>(d, 1)) {
+    throw std::length_error("qwen35: state of more bytes than there are addresses");
+  }
+  stepLoops(currentCpuLevel()).gdnStep(S, q, k, const_cast<float*>(v), beta, d, g, scale);
 }
 
 }  // namespace qwen35

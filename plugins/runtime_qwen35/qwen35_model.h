@@ -105,6 +105,13 @@ void embedRow(Model& m, size_t token, float* out);
 void forwardToken(Model& m, const float* x, size_t pos, float* logits);
 void forwardTokenHidden(Model& m, const float* x, size_t pos, float* hidden);
 
+// forwardTokenHidden for `count` consecutive tokens from position `pos` on, whose
+// embeddings and hidden states lie one after the other. The bits of `hidden`, and
+// of the model's state afterwards, are those of one call a token; weights are read
+// once for many tokens, which is several times as fast. While one of the
+// diagnostic variables is set the tokens go one by one.
+void forwardTokensHidden(Model& m, const float* x, size_t count, size_t pos, float* hidden);
+
 // The blocks' halves; each overwrites `out` (nEmb floats), the caller adds the residual.
 void linearAttnStep(Model& m, Layer& L, const float* x, float* out, size_t il, size_t pos);
 void fullAttnStep(Model& m, Layer& L, const float* x, float* out, size_t pos, size_t il);

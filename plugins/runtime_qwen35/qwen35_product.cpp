@@ -2,6 +2,7 @@
 
 #include <omp.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -46,6 +47,21 @@ void multiplyRows(const TensorView* W, const float* x, size_t rows, size_t cols,
   } else {
     forEachWidenedRow(W, x, rows, cols, use);
   }
+}
+
+void multiplyTokens(TokenDots dotTokens, const TensorView* W, const ProductInput& x, size_t rows,
+                    size_t cols, float* y) {
+  const auto* base = static_cast<const uint8_t*>(W->data);
+  const size_t stride = kiv::dtypeBytes(W->dtype, cols);
+  const size_t tileRows = x.kernels().tileRows;
+  const size_t tiles = (rows + tileRows - 1) / tileRows;
+  forEachShare(tiles, rows * cols * x.tokens() >= kTeamWeights,
+               [&](size_t /*thread*/, size_t begin, size_t end) {
+                 const size_t first = begin * tileRows;
+                 const size_t last = std::min(end * tileRows, rows);
+                 dotTokens(base + first * stride, x.packed(), x.tokens(), last - first, cols,
+                           y + first, rows);
+               });
 }
 
 bool offerToGpu(Model& m, const TensorView* W, const float* x, float* y) {
@@ -103,6 +119,33 @@ void gemvRow(Model& m, const TensorView* W, const float* x, float* y) {
   const size_t cols = matrixCols(*W);
   const size_t rows = matrixRows(*W);
   multiplyRows(W, x, rows, cols, [=](size_t r, float dot) { y[r] += dot; });
+}
+
+ProductInput::ProductInput(const float* x, size_t stride, size_t tokens, size_t cols)
+    : x_(x), stride_(stride), tokens_(tokens), kernels_(tokenDotsTable(currentCpuLevel())) {
+  if (tokens == 1) return;
+  packed_.resize(tokens * cols);
+  forEachShare(
+      cols, packed_.size() >= kTeamWeights, [&](size_t /*thread*/, size_t begin, size_t end) {
+        packTokens(x, stride, tokens, cols, kernels_.groupTokens, begin, end, packed_.data());
+      });
+}
+
+void products(Model& m, const TensorView* W, const ProductInput& x, float* y) {
+  const size_t cols = matrixCols(*W);
+  const size_t rows = matrixRows(*W);
+  const TokenDots dotTokens = tokenDotsOf(x.kernels(), W->dtype);
+  const bool wholeBlocks = cols % kiv::dtypeBlockSize(W->dtype) == 0;
+  const bool together = x.tokens() > 1 && dotTokens != nullptr && wholeBlocks;
+  if (together && !offerToGpu(m, W, x.token(0), y)) {
+    multiplyTokens(dotTokens, W, x, rows, cols, y);
+    return;
+  }
+  // With one token on the GPU the others follow, each on its own.
+  for (size_t t = together ? 1 : 0; t < x.tokens(); ++t) {
+    std::fill_n(y + t * rows, rows, 0.0F);
+    gemvRow(m, W, x.token(t), y + t * rows);
+  }
 }
 
 void headProduct(Model& m, const float* cur, float* logits) {

@@ -1,4 +1,4 @@
-// Products of a stored matrix, in any supported encoding, and a vector.
+// Products of a stored matrix, in any supported encoding, and vectors.
 #pragma once
 
 #include <cstddef>
@@ -6,6 +6,7 @@
 
 #include "kiv/tensor.h"
 #include "qwen35_model.h"
+#include "qwen35_token_dots.h"
 
 namespace qwen35 {
 
@@ -23,6 +24,30 @@ void rowToF32(const TensorView* W, size_t row, size_t n, float* out);
 // y += W x, offered to the GPU hook first. Callers pass a zero-filled `y`
 // (matrixRows floats), because the hook overwrites where the CPU adds.
 void gemvRow(Model& m, const TensorView* W, const float* x, float* y);
+
+// The vectors of one or more tokens, of `cols` floats each and `stride` floats
+// apart at x, as products read them. Keeps a reference to x and, for more than
+// one token, a copy in the order of the kernels.
+class ProductInput {
+ public:
+  ProductInput(const float* x, size_t stride, size_t tokens, size_t cols);
+
+  size_t tokens() const { return tokens_; }
+  const float* token(size_t t) const { return x_ + t * stride_; }
+  const TokenDotsTable& kernels() const { return kernels_; }
+  const float* packed() const { return packed_.data(); }
+
+ private:
+  const float* x_;
+  size_t stride_;
+  size_t tokens_;
+  const TokenDotsTable& kernels_;
+  std::vector<float> packed_;
+};
+
+// y = W x for every token: matrixRows floats a token, one token after the other.
+// Each product is offered to the GPU hook first.
+void products(Model& m, const TensorView* W, const ProductInput& x, float* y);
 
 // The nVocab logits of the normalised hidden state `cur` (overwrites).
 void headProduct(Model& m, const float* cur, float* logits);

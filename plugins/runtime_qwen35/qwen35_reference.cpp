@@ -91,10 +91,10 @@ void convStep(const float* w, size_t stride, float* window, const float* x, floa
     y += taps[1] * s[1];
     y += taps[2] * s[2];
     y += taps[3] * x[c];
-    out[c] = y / (expF32(-y) + 1.0F);
     s[0] = s[1];
     s[1] = s[2];
     s[2] = x[c];
+    out[c] = y / (expF32(-y) + 1.0F);
   }
 }
 

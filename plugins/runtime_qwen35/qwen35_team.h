@@ -1,4 +1,4 @@
-// How a product's rows are shared out among threads.
+// How work is shared out among threads.
 #pragma once
 
 #include <omp.h>
@@ -13,23 +13,51 @@ namespace qwen35 {
 // Below this many weights, waking the team takes longer than the product.
 inline constexpr size_t kTeamWeights = 32768;
 
+// The same for loops over the elements of an activation.
+inline constexpr size_t kTeamElements = 4096;
+
 // Calls work(thread, begin, end) on every member of the OpenMP team, which
-// between them cover rows [0, rows) in order: with T threads each gets rows / T
-// consecutive rows and the first rows % T one more. A product of fewer than
-// kTeamWeights weights (rows x cols) has a team of one. `thread` is below
-// omp_get_max_threads(). `work` must not throw: nothing can catch it.
+// between them cover units [0, units) in order: with T threads each gets
+// units / T consecutive ones and the first units % T one more. Without
+// `worthwhile` the team is one. `thread` is below omp_get_max_threads(). `work`
+// must not throw: nothing can catch it.
 template <typename Work>
-void forEachRowRange(size_t rows, size_t cols, const Work& work) {
-#pragma omp parallel if (rows * cols >= kTeamWeights)
+void forEachShare(size_t units, bool worthwhile, const Work& work) {
+#pragma omp parallel if (worthwhile)
   {
     const auto threads = static_cast<size_t>(omp_get_num_threads());
     const auto thread = static_cast<size_t>(omp_get_thread_num());
-    const size_t share = rows / threads;
-    const size_t extra = rows % threads;
+    const size_t share = units / threads;
+    const size_t extra = units % threads;
     const size_t begin = thread * share + (thread < extra ? thread : extra);
     const size_t end = begin + share + (thread < extra ? 1 : 0);
     if (begin < end) work(thread, begin, end);
   }
+}
+
+// work(unit) for each of [0, units), shared out in the same way.
+template <typename Work>
+void forEachUnit(size_t units, bool worthwhile, const Work& work) {
+  forEachShare(units, worthwhile, [&](size_t /*thread*/, size_t begin, size_t end) {
+    for (size_t unit = begin; unit < end; ++unit) work(unit);
+  });
+}
+
+// work(thread, unit) for each of [0, units), each on the next thread that is
+// free: for units that take unequal time.
+template <typename Work>
+void forEachUnitInTurn(size_t units, const Work& work) {
+#pragma omp parallel for schedule(dynamic) if (units > 1)
+  for (size_t unit = 0; unit < units; ++unit) {
+    work(static_cast<size_t>(omp_get_thread_num()), unit);
+  }
+}
+
+// The shares of a product's rows: a product of fewer than kTeamWeights weights
+// (rows x cols) has a team of one.
+template <typename Work>
+void forEachRowRange(size_t rows, size_t cols, const Work& work) {
+  forEachShare(rows, rows * cols >= kTeamWeights, work);
 }
 
 // Calls use(row, dot product of the row with x) for every row of a matrix at

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
+#include <span>
 
+#include "qwen35_blocks.h"
 #include "qwen35_boundary.h"
+#include "qwen35_checkpoint.h"
 #include "qwen35_sampling.h"
 
 namespace qwen35rt {
@@ -21,15 +24,20 @@ bool isFinite(float value) {
   return value >= -kLargest && value <= kLargest;
 }
 
-// Runs one decoder step at s.pos and accounts for it.
 template <typename Step>
-void timedStep(Qwen35Session& s, Step&& step) {
+double milliseconds(const Step& step) {
   using Nanoseconds = std::chrono::duration<double, std::nano>;
   const auto start = std::chrono::steady_clock::now();
   step();
   const Nanoseconds elapsed = std::chrono::steady_clock::now() - start;
+  return elapsed.count() / 1e6;
+}
+
+// Runs one decoder step at s.pos and accounts for it.
+template <typename Step>
+void timedStep(Qwen35Session& s, const Step& step) {
+  s.lastStepMs = milliseconds(step);
   ++s.pos;
-  s.lastStepMs = elapsed.count() / 1e6;
   s.genMs += s.lastStepMs;
 }
 
@@ -37,6 +45,89 @@ void timedStep(Qwen35Session& s, Step&& step) {
 bool hiddenStep(Qwen35Session& s, const std::vector<float>& x, std::vector<float>& hidden) {
   timedStep(s, [&] { qwen35::forwardTokenHidden(s.model, x.data(), s.pos, hidden.data()); });
   return std::all_of(hidden.begin(), hidden.end(), isFinite);
+}
+
+// Always false.
+bool warnNoEmbedding(const Qwen35Session& s, int32_t id) {
+  warn("token id " + std::to_string(id) + " has no embedding row - the model has " +
+       std::to_string(s.model.nVocab) + " rows");
+  return false;
+}
+
+bool hasEmbedding(const Qwen35Session& s, int32_t id) {
+  return id >= 0 && static_cast<size_t>(id) < s.model.nVocab;
+}
+
+// Feeds tokens whose logits nobody needs many at a time. Where a hidden state is
+// not finite, the tokens up to it are fed again one by one, so that the session is
+// left as if they had never gone together.
+class HiddenTokens {
+ public:
+  explicit HiddenTokens(Qwen35Session& s) : s_(s), before_(s.model) {}
+
+  // The ids, which all have an embedding, in one go: at most kBatchTokens of them,
+  // for which the context has room. False when a hidden state is not finite.
+  bool feed(std::span<const int32_t> ids) {
+    const size_t width = s_.model.nEmb;
+    x_.resize(ids.size() * width);
+    hidden_.resize(x_.size());
+    for (size_t i = 0; i < ids.size(); ++i) {
+      qwen35::embedRow(s_.model, static_cast<size_t>(ids[i]), x_.data() + i * width);
+    }
+    before_.take(s_.pos);
+    const double ms = milliseconds([&] { run(ids.size()); });
+    if (!std::all_of(hidden_.begin(), hidden_.end(), isFinite)) {
+      before_.restore();
+      return feedSingly(ids.size());
+    }
+    s_.pos += ids.size();
+    s_.genMs += ms;
+    s_.lastStepMs = ms / static_cast<double>(ids.size());
+    return true;
+  }
+
+ private:
+  void run(size_t count) {
+    try {
+      qwen35::forwardTokensHidden(s_.model, x_.data(), count, s_.pos, hidden_.data());
+    } catch (...) {
+      before_.restore();  // some layers had them and some had not
+      throw;
+    }
+  }
+
+  bool feedSingly(size_t count) {
+    const size_t width = s_.model.nEmb;
+    std::vector<float> x(width);
+    std::vector<float> hidden(width);
+    for (size_t i = 0; i < count; ++i) {
+      std::copy_n(x_.data() + i * width, width, x.data());
+      if (!hiddenStep(s_, x, hidden)) return false;
+    }
+    return true;
+  }
+
+  Qwen35Session& s_;
+  qwen35::Checkpoint before_;
+  std::vector<float> x_;
+  std::vector<float> hidden_;
+};
+
+// Feeds `ids`, whose logits nobody needs, up to the first one that fails.
+bool feedHidden(Qwen35Session& s, std::span<const int32_t> ids) {
+  HiddenTokens tokens(s);
+  while (!ids.empty()) {
+    const size_t room = s.pos < s.ctxCap ? s.ctxCap - s.pos : 0;
+    if (room == 0) return false;
+    const auto next = ids.first(std::min({ids.size(), room, qwen35::kBatchTokens}));
+    const auto bad =
+        std::find_if_not(next.begin(), next.end(), [&](int32_t id) { return hasEmbedding(s, id); });
+    const auto count = static_cast<size_t>(bad - next.begin());
+    if (count > 0 && !tokens.feed(next.first(count))) return false;
+    if (bad != next.end()) return warnNoEmbedding(s, *bad);
+    ids = ids.subspan(count);
+  }
+  return true;
 }
 
 }  // namespace
@@ -54,11 +145,7 @@ void startOver(Qwen35Session& s) {
 }
 
 bool embed(Qwen35Session& s, int32_t id, std::vector<float>& x) {
-  if (id < 0 || static_cast<size_t>(id) >= s.model.nVocab) {
-    warn("token id " + std::to_string(id) + " has no embedding row - the model has " +
-         std::to_string(s.model.nVocab) + " rows");
-    return false;
-  }
+  if (!hasEmbedding(s, id)) return warnNoEmbedding(s, id);
   qwen35::embedRow(s.model, static_cast<size_t>(id), x.data());
   return true;
 }
@@ -74,14 +161,8 @@ bool forwardStep(Qwen35Session& s, const std::vector<float>& x, std::vector<floa
 bool prefill(Qwen35Session& s, const std::vector<int32_t>& ids, std::vector<float>& x,
              std::vector<float>& logits) {
   if (ids.empty()) return true;
-  std::vector<float> hidden(s.model.nEmb);
-  for (size_t i = 0; i < ids.size(); ++i) {
-    if (s.pos >= s.ctxCap) return false;
-    if (!embed(s, ids[i], x)) return false;
-    const bool last = i + 1 == ids.size();
-    if (!(last ? forwardStep(s, x, logits) : hiddenStep(s, x, hidden))) return false;
-  }
-  return true;
+  if (!feedHidden(s, std::span(ids).first(ids.size() - 1))) return false;
+  return s.pos < s.ctxCap && embed(s, ids.back(), x) && forwardStep(s, x, logits);
 }
 
 bool generatePieces(Qwen35Session& s, std::vector<float>& x, std::vector<float>& logits,

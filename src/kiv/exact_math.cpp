@@ -10,13 +10,11 @@ namespace kiv::math {
 namespace {
 
 using inl::expm1Series14;
-using inl::expSeriesTail;
+using inl::kLn2;
 using inl::kLn2High;
 using inl::kLn2Low;
 using inl::kLog2E;
 using inl::kRoundingShift;
-
-constexpr double kLn2 = 0x1.62e42fefa39efp-1;
 
 constexpr double kTwoOverPi = 0x1.45f306dc9c883p-1;
 // pi / 2 in three pieces, the first two of 33 bits each.
@@ -33,14 +31,6 @@ double powerOfTwo(int64_t n) {
 int64_t roundedInteger(double shifted) {
   return static_cast<int64_t>(std::bit_cast<uint64_t>(shifted) -
                               std::bit_cast<uint64_t>(kRoundingShift));
-}
-
-// e^r for |r| <= ln(2) / 2: the first term left out is below 7e-12, far under
-// half a float's last place.
-double expSeries9(double r) {
-  double p = expSeriesTail(1.0 / 362880, r);
-  p = p * r + 1.0;
-  return p * r + 1.0;
 }
 
 // log of a positive normal double, good to 1e-11 relative: with
@@ -92,16 +82,7 @@ double cosSeries(double r) {
 
 }  // namespace
 
-float expF32(float x) {
-  // Beyond these the result is infinity or zero; the comparisons let NaN through.
-  const double clamped = x > 89.0F ? 89.0 : (x < -104.0F ? -104.0 : static_cast<double>(x));
-  const double shifted = clamped * kLog2E + kRoundingShift;
-  const double n = shifted - kRoundingShift;
-  const double r = clamped - n * kLn2;
-  // Shifting the integer into the exponent field drops the bits above it.
-  const auto exponent = (std::bit_cast<uint64_t>(shifted) + 1023) << 52;
-  return static_cast<float>(expSeries9(r) * std::bit_cast<double>(exponent));
-}
+float expF32(float x) { return inl::expF32(x); }
 
 float log1pF32(float x) {
   if (!(x > -1.0F)) {

@@ -12,6 +12,7 @@ namespace kiv::math::inl {
 // ties to even, and leaves that integer in the low bits of the sum.
 inline constexpr double kRoundingShift = 0x1.8p52;
 
+inline constexpr double kLn2 = 0x1.62e42fefa39efp-1;
 inline constexpr double kLog2E = 0x1.71547652b82fep+0;
 // ln 2 in two pieces; the high one has 32 bits, so that its product with an
 // exponent is exact.
@@ -39,6 +40,28 @@ inline constexpr double kLn2Low = 0x1.a39ef35793c76p-33;
   p = p * r + 1.0 / 3628800.0;
   p = p * r + 1.0 / 362880;
   return r + (r * r) * expSeriesTail(p, r);
+}
+
+// e^r for |r| <= ln(2) / 2: the first term left out is below 7e-12, far under
+// half a float's last place.
+[[gnu::always_inline]] inline double expSeries9(double r) {
+  double p = expSeriesTail(1.0 / 362880, r);
+  p = p * r + 1.0;
+  return p * r + 1.0;
+}
+
+// As kiv::math::expF32.
+[[gnu::always_inline]] inline float expF32(float x) {
+  // Beyond these the result is infinity or zero; the comparisons let NaN through.
+  double clamped = x;
+  clamped = clamped > 89.0 ? 89.0 : clamped;
+  clamped = clamped < -104.0 ? -104.0 : clamped;
+  const double shifted = clamped * kLog2E + kRoundingShift;
+  const double n = shifted - kRoundingShift;
+  const double r = clamped - n * kLn2;
+  // Shifting the integer into the exponent field drops the bits above it.
+  const auto exponent = (std::bit_cast<uint64_t>(shifted) + 1023) << 52;
+  return static_cast<float>(expSeries9(r) * std::bit_cast<double>(exponent));
 }
 
 // expF64(x) for x <= 0, negative infinity included.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include <cmath>
 #include <cstring>
 #include <limits>
 #include <random>
@@ -457,6 +458,140 @@ TEST(PrefillTest, CountsTimeButNoTokens) {
   EXPECT_EQ(s.genTokens, 0U);
   EXPECT_GT(s.lastStepMs, 0.0);
   EXPECT_GT(s.genMs, s.lastStepMs);
+}
+
+// A prompt of many tokens, with what one-by-one feeding makes of it.
+struct FedPrompt {
+  bool ok = false;
+  std::vector<float> logits;
+};
+
+FedPrompt feedAtOnce(qwen35rt::Qwen35Session& s, const std::vector<int32_t>& ids) {
+  std::vector<float> x(s.model.nEmb);
+  FedPrompt fed{false, std::vector<float>(s.model.nVocab)};
+  fed.ok = qwen35rt::prefill(s, ids, x, fed.logits);
+  return fed;
+}
+
+// The rule for one token, over and over: a full context, an id without a row and a
+// state that is not finite end it.
+FedPrompt feedOneByOne(qwen35rt::Qwen35Session& s, const std::vector<int32_t>& ids) {
+  std::vector<float> x(s.model.nEmb);
+  std::vector<float> hidden(s.model.nEmb);
+  FedPrompt fed{true, std::vector<float>(s.model.nVocab)};
+  for (size_t i = 0; fed.ok && i < ids.size(); ++i) {
+    fed.ok = s.pos < s.ctxCap && qwen35rt::embed(s, ids[i], x);
+    if (!fed.ok) break;
+    if (i + 1 == ids.size()) {
+      fed.ok = qwen35rt::forwardStep(s, x, fed.logits);
+      break;
+    }
+    qwen35::forwardTokenHidden(s.model, x.data(), s.pos++, hidden.data());
+    for (const float h : hidden) fed.ok = fed.ok && std::isfinite(h);
+  }
+  return fed;
+}
+
+// As bytes: a state that went bad holds NaNs.
+bool sameBytes(const float* a, const float* b, size_t n) {
+  return n == 0 || std::memcmp(a, b, n * sizeof(float)) == 0;
+}
+
+void expectSameSession(const qwen35rt::Qwen35Session& a, const qwen35rt::Qwen35Session& b) {
+  constexpr size_t kSlots = 120;  // more than any test here fills
+  EXPECT_EQ(a.pos, b.pos);
+  EXPECT_EQ(a.genTokens, b.genTokens);
+  for (size_t i = 0; i < a.model.L.size(); ++i) {
+    const qwen35::Layer& one = a.model.L[i];
+    const qwen35::Layer& other = b.model.L[i];
+    EXPECT_EQ(one.kvLen, other.kvLen) << i;
+    EXPECT_TRUE(sameBytes(one.state.data(), other.state.data(), one.state.size())) << i;
+    EXPECT_TRUE(sameBytes(one.convWin.data(), other.convWin.data(), one.convWin.size())) << i;
+    for (size_t g = 0; !one.recr && g < a.model.nHeadKv; ++g) {
+      const size_t first = g * a.model.kvCap * a.model.headDim;
+      const size_t n = kSlots * a.model.headDim;
+      EXPECT_TRUE(sameBytes(&one.kCache[first], &other.kCache[first], n)) << i;
+      EXPECT_TRUE(sameBytes(&one.vCache[first], &other.vCache[first], n)) << i;
+    }
+  }
+}
+
+std::vector<int32_t> promptOf(size_t count) {
+  std::vector<int32_t> ids(count);
+  for (size_t i = 0; i < count; ++i) ids[i] = static_cast<int32_t>((i * 7 + 3) % 40);
+  return ids;
+}
+
+// Feeds the same ids in both ways, after `before` other ones.
+void expectSameFeeding(const TinyModel& model, size_t before, const std::vector<int32_t>& ids,
+                       const char* options, bool ok) {
+  const ModelFile file{model};
+  const Session together(file, options, linked());
+  const Session singly(file, options, linked());
+  FedPrompt a;
+  FedPrompt b;
+  const std::string printedA = stderrOf([&] {
+    if (before > 0) feedAtOnce(together.members(), promptOf(before));
+    a = feedAtOnce(together.members(), ids);
+  });
+  const std::string printedB = stderrOf([&] {
+    if (before > 0) feedOneByOne(singly.members(), promptOf(before));
+    b = feedOneByOne(singly.members(), ids);
+  });
+  EXPECT_EQ(a.ok, ok);
+  EXPECT_EQ(b.ok, ok);
+  EXPECT_EQ(a.logits, b.logits);
+  EXPECT_EQ(printedA, printedB);
+  expectSameSession(together.members(), singly.members());
+}
+
+TEST(PrefillTest, ALongPromptIsFedAsOneByOne) {
+  for (const size_t count : {2, 49, 110}) {
+    for (const size_t before : {0, 5}) {
+      SCOPED_TRACE(testing::Message() << count << " after " << before);
+      expectSameFeeding(TinyModel(cheapOptions()), before, promptOf(count), nullptr, true);
+    }
+  }
+}
+
+// The states after the failing token, those of the tokens behind it among them, are
+// not to be seen.
+TEST(PrefillTest, ATokenThatFailsInTheMiddleLeavesTheStateOfItsStep) {
+  for (const size_t at : {0, 20, 47, 48}) {
+    for (const size_t before : {0, 3}) {
+      SCOPED_TRACE(testing::Message() << "token " << at << " after " << before);
+      TinyModel model(cheapOptions());
+      setEmbeddingRow(model, 45, std::vector<float>(8, kInf));
+      std::vector<int32_t> ids = promptOf(80);
+      ids[at] = 45;
+      expectSameFeeding(model, before, ids, nullptr, false);
+    }
+  }
+}
+
+TEST(PrefillTest, AnIdWithoutARowInTheMiddleStopsBehindTheOnesBefore) {
+  for (const size_t at : {0, 20, 79}) {
+    for (const int32_t id : {-1, 106}) {
+      SCOPED_TRACE(testing::Message() << "id " << id << " at " << at);
+      std::vector<int32_t> ids = promptOf(80);
+      ids[at] = id;
+      expectSameFeeding(TinyModel(cheapOptions()), 0, ids, nullptr, false);
+    }
+  }
+}
+
+TEST(PrefillTest, TheContextEndsInTheMiddle) {
+  for (const char* options : {"host;ctx=1", "host;ctx=20", "host;ctx=48", "host;ctx=49"}) {
+    SCOPED_TRACE(options);
+    expectSameFeeding(TinyModel(cheapOptions()), 0, promptOf(80), options, false);
+  }
+  expectSameFeeding(TinyModel(cheapOptions()), 0, promptOf(80), "host;ctx=80", true);
+}
+
+TEST(PrefillTest, ABadIdBehindTheEndOfTheContextIsNotLookedAt) {
+  std::vector<int32_t> ids = promptOf(30);
+  ids[20] = -1;
+  expectSameFeeding(TinyModel(cheapOptions()), 0, ids, "host;ctx=20", false);
 }
 
 TEST(PrefillTest, InPartsGivesTheSameLogitsAsAtOnce) {

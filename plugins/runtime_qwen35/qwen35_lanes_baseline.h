@@ -1,7 +1,11 @@
+// The vector type of one level. Included by that level's source alone, which is
+// compiled with its flags.
+#pragma once
+
 #include <emmintrin.h>
 
-#include "qwen35_row_dots.h"
-#include "qwen35_row_dots_inl.h"
+#include <cstddef>
+#include <cstdint>
 
 namespace qwen35 {
 namespace {
@@ -9,6 +13,8 @@ namespace {
 // SSE2, which every x86-64 processor has.
 struct Baseline {
   static constexpr size_t kLanes = 4;
+  static constexpr size_t kTokens = 6;  // whose sums fill 12 of 16 registers
+  static constexpr size_t kStateVectors = 2;
   using F = __m128;
   using I = __m128i;
 
@@ -24,6 +30,16 @@ struct Baseline {
   static F add(F a, F b) { return _mm_add_ps(a, b); }
   static F sub(F a, F b) { return _mm_sub_ps(a, b); }
   static F mul(F a, F b) { return _mm_mul_ps(a, b); }
+  // There is no fused instruction. In double the product is exact, and so the one
+  // rounding of the sum is to be the float's: rounding the double's sum to odd
+  // first keeps what that needs (Boldo and Melquiond, "Emulation of a FMA and
+  // correctly rounded sums: proved algorithms using rounding to odd", 2008).
+  static F fma(F a, F b, F c) {
+    const __m128 low = roundedFma(_mm_cvtps_pd(a), _mm_cvtps_pd(b), _mm_cvtps_pd(c));
+    const __m128 high =
+        roundedFma(_mm_cvtps_pd(upper(a)), _mm_cvtps_pd(upper(b)), _mm_cvtps_pd(upper(c)));
+    return _mm_movelh_ps(low, high);
+  }
   static F exactMulSub(F a, F b, F c) { return _mm_sub_ps(_mm_mul_ps(a, b), c); }
   static F fromInt(I v) { return _mm_cvtepi32_ps(v); }
   // The exponent moves up by 112, which is exact and right for subnormal halves
@@ -63,6 +79,28 @@ struct Baseline {
   }
 
  private:
+  static F upper(F v) { return _mm_movehl_ps(v, v); }
+
+  static __m128 roundedFma(__m128d a, __m128d b, __m128d c) {
+    const __m128d product = _mm_mul_pd(a, b);
+    const __m128d sum = _mm_add_pd(product, c);
+    // What the addition lost (Knuth); NaN where the sum is infinite or NaN.
+    const __m128d part = _mm_sub_pd(sum, product);
+    const __m128d lost =
+        _mm_add_pd(_mm_sub_pd(product, _mm_sub_pd(sum, part)), _mm_sub_pd(c, part));
+    const __m128d zero = _mm_setzero_pd();
+    const I inexact =
+        _mm_castpd_si128(_mm_or_pd(_mm_cmplt_pd(lost, zero), _mm_cmpgt_pd(lost, zero)));
+    // An inexact sum with an even last bit moves one step towards what it lost.
+    const I bits = _mm_castpd_si128(sum);
+    const I one = _mm_set_epi32(0, 1, 0, 1);
+    const I step = _mm_and_si128(inexact, _mm_andnot_si128(bits, one));
+    const I signs = _mm_xor_si128(bits, _mm_castpd_si128(lost));
+    const I inward = _mm_sub_epi64(_mm_setzero_si128(), _mm_srli_epi64(signs, 63));
+    const I signedStep = _mm_sub_epi64(_mm_xor_si128(step, inward), inward);
+    return _mm_cvtpd_ps(_mm_castsi128_pd(_mm_add_epi64(bits, signedStep)));
+  }
+
   static void loadFourWords(const uint8_t* const* rows, size_t offset, I* words) {
     const I t0 = row(rows[0] + offset);
     const I t1 = row(rows[1] + offset);
@@ -82,7 +120,4 @@ struct Baseline {
 };
 
 }  // namespace
-
-constinit const RowDotsTable kRowDotsBaseline = rowDotsTableOf<Baseline>();
-
 }  // namespace qwen35

@@ -1,15 +1,19 @@
-// Compiled with the level's own flags: includes nothing whose inline functions
-// another source could end up with, and defines nothing but its table.
+// The vector type of one level. Included by that level's source alone, which is
+// compiled with its flags.
+#pragma once
+
 #include <immintrin.h>
 
-#include "qwen35_row_dots.h"
-#include "qwen35_row_dots_inl.h"
+#include <cstddef>
+#include <cstdint>
 
 namespace qwen35 {
 namespace {
 
 struct Avx2 {
   static constexpr size_t kLanes = 8;
+  static constexpr size_t kTokens = 6;  // whose sums fill 12 of 16 registers
+  static constexpr size_t kStateVectors = 4;
   using F = __m256;
   using I = __m256i;
 
@@ -25,6 +29,7 @@ struct Avx2 {
   static F add(F a, F b) { return _mm256_add_ps(a, b); }
   static F sub(F a, F b) { return _mm256_sub_ps(a, b); }
   static F mul(F a, F b) { return _mm256_mul_ps(a, b); }
+  static F fma(F a, F b, F c) { return _mm256_fmadd_ps(a, b, c); }
   static F exactMulSub(F a, F b, F c) { return _mm256_fmsub_ps(a, b, c); }
   static F fromInt(I v) { return _mm256_cvtepi32_ps(v); }
   static F fromHalf(I v) {
@@ -87,7 +92,4 @@ struct Avx2 {
 };
 
 }  // namespace
-
-constinit const RowDotsTable kRowDotsAvx2 = rowDotsTableOf<Avx2>();
-
 }  // namespace qwen35

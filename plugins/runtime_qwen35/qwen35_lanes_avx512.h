@@ -1,15 +1,19 @@
-// Compiled with the level's own flags: includes nothing whose inline functions
-// another source could end up with, and defines nothing but its table.
+// The vector type of one level. Included by that level's source alone, which is
+// compiled with its flags.
+#pragma once
+
 #include <immintrin.h>
 
-#include "qwen35_row_dots.h"
-#include "qwen35_row_dots_inl.h"
+#include <cstddef>
+#include <cstdint>
 
 namespace qwen35 {
 namespace {
 
 struct Avx512 {
   static constexpr size_t kLanes = 16;
+  static constexpr size_t kTokens = 8;  // whose sums fill 16 of 32 registers
+  static constexpr size_t kStateVectors = 8;
   using F = __m512;
   using I = __m512i;
 
@@ -23,6 +27,7 @@ struct Avx512 {
   static F add(F a, F b) { return _mm512_add_ps(a, b); }
   static F sub(F a, F b) { return _mm512_sub_ps(a, b); }
   static F mul(F a, F b) { return _mm512_mul_ps(a, b); }
+  static F fma(F a, F b, F c) { return _mm512_fmadd_ps(a, b, c); }
   static F exactMulSub(F a, F b, F c) { return _mm512_fmsub_ps(a, b, c); }
   static F fromInt(I v) { return _mm512_cvtepi32_ps(v); }
   static F fromHalf(I v) { return _mm512_cvtph_ps(_mm512_cvtepi32_epi16(v)); }
@@ -113,7 +118,4 @@ struct Avx512 {
 };
 
 }  // namespace
-
-constinit const RowDotsTable kRowDotsAvx512 = rowDotsTableOf<Avx512>();
-
 }  // namespace qwen35

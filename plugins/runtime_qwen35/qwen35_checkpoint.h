@@ -1,0 +1,37 @@
+// A copy of what a run of tokens changes in a model, to go back to.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "qwen35_model.h"
+
+namespace qwen35 {
+
+// The state of a model before some tokens: the recurrent states and convolution
+// windows, and how full the caches are. 53 MB for the supported architecture;
+// the model must outlive it.
+class Checkpoint {
+ public:
+  explicit Checkpoint(Model& m);
+
+  // Remembers the state as it is after `pos` tokens since resetModel; after none
+  // there is nothing to copy. The memory of the last call is used again.
+  void take(size_t pos);
+  // Makes the model's state what it was at the last take(). Cache slots that were
+  // filled since are zero again.
+  void restore() const;
+
+ private:
+  struct LayerCopy {
+    std::vector<float> state;
+    std::vector<float> convWin;
+    size_t kvLen = 0;
+  };
+
+  Model& m_;
+  size_t pos_ = 0;
+  std::vector<LayerCopy> layers_;
+};
+
+}  // namespace qwen35
