@@ -46,7 +46,7 @@ bool bindLinear(const BlockBinder& block, const Model& m, Layer& layer) {
       block.require(layer.ssm_norm, "ssm_norm.weight") &&
       block.require(layer.ssm_out, "ssm_out.weight");
   if (!complete) return false;
-  layer.state = ZeroedFloats(m.sv * m.sv * m.vHeads);
+  layer.state = DenseZeroedFloats(m.sv * m.sv * m.vHeads);
   layer.convWin = ZeroedFloats((m.dInner + 2 * m.kHeads * m.sv) * (m.convK - 1));
   return true;
 }

@@ -47,9 +47,9 @@ struct Layer {
   const TensorView* ffn_up = nullptr;
   const TensorView* ffn_down = nullptr;
 
-  ZeroedFloats state;    // vHeads matrices of sv x sv
-  ZeroedFloats convWin;  // the last three inputs of each channel, oldest first
-  ZeroedFloats kCache;   // nHeadKv x kvCap x headDim
+  DenseZeroedFloats state;  // vHeads matrices of sv x sv
+  ZeroedFloats convWin;     // the last three inputs of each channel, oldest first
+  ZeroedFloats kCache;      // nHeadKv x kvCap x headDim
   ZeroedFloats vCache;
   size_t kvLen = 0;  // slots filled
 };

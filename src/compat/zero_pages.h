@@ -6,9 +6,14 @@
 
 namespace compat {
 
+enum class PageUse {
+  Sparse,  // much of the block is never touched
+  Dense,   // nearly all of it is: the largest pages that the system gives are best
+};
+
 // `bytes` of zeros, page-aligned; null when the system has none to give or
 // `bytes` is 0.
-void* allocateZeroPages(size_t bytes);
+void* allocateZeroPages(size_t bytes, PageUse use);
 
 // Gives back a block of allocateZeroPages with the size it was asked for; null is fine.
 void freeZeroPages(void* block, size_t bytes);

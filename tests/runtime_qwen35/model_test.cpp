@@ -110,7 +110,7 @@ TEST(Binding, RepeatedInitGivesFreshState) {
 TEST(Reset, LeavesEveryStateAndCacheZero) {
   OpenModel m{TinyModel()};
   for (size_t pos = 0; pos < 3; ++pos) m.logits(pos, pos);
-  const auto isZero = [](const ZeroedFloats& v) {
+  const auto isZero = [](const auto& v) {
     return std::all_of(v.begin(), v.end(), [](float x) { return x == 0.0F; });
   };
   EXPECT_FALSE(isZero(m.model.L[0].state));
