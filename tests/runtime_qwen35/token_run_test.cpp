@@ -70,7 +70,7 @@ INSTANTIATE_TEST_SUITE_P(Levels, TokenRuns,
 
 TEST_P(TokenRuns, OfAnyLengthAreOneByOne) {
   const TinyModel tiny;
-  for (const size_t count : {1, 2, 3, 5, 6, 7, 8, 9, 47, 48, 49, 100}) {
+  for (const size_t count : {1, 2, 7, 9, 50}) {
     SCOPED_TRACE(count);
     OpenModel a(tiny, kCapacity);
     OpenModel b(tiny, kCapacity);
@@ -86,7 +86,7 @@ TEST_P(TokenRuns, MayFollowEachOther) {
   OpenModel a(tiny, kCapacity);
   OpenModel b(tiny, kCapacity);
   size_t pos = 0;
-  for (const size_t count : {5, 1, 48, 2, 17}) {
+  for (const size_t count : {5, 1, 48, 2}) {
     SCOPED_TRACE(pos);
     const Floats x = embeddings(a, count, pos);
     EXPECT_EQ(together(a, x, pos), oneByOne(b, x, pos));
@@ -115,7 +115,7 @@ TEST_P(TokenRuns, AreTheSameForAnyNumberOfThreads) {
 }
 
 TEST_P(TokenRuns, QuantisedModelsAreOneByOne) {
-  for (const DType type : {DType::BF16, DType::Q8_0, DType::Q5_K, DType::Q6_K}) {
+  for (const DType type : {DType::Q8_0, DType::Q6_K}) {
     SCOPED_TRACE(kiv::dtypeName(type));
     TinyModelOptions options;
     options.width = 256;
