@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "kiv/exact_math.h"
+#include "qwen35_cpu.h"
 #include "qwen35_sampling.h"
 #include "qwen35_sampling_loops.h"
 #include "runtime_qwen35_vulkan/plain_sampling.h"
@@ -126,14 +127,16 @@ void addLoops() {
     }
   };
   finish(benchmark::RegisterBenchmark("weights/plain", plain));
-  for (const qwen35rt::SamplingLoops& loops : qwen35rt::samplingLoops()) {
+  for (const qwen35::CpuLevel level : qwen35::cpuLevels()) {
+    const qwen35rt::SamplingLoops& loops = qwen35rt::samplingLoops(level);
     const auto run = [&loops](benchmark::State& state) {
       for (auto _ : state) {
         loops.weights(logits.data(), kVocabulary, 1.0F, 18.0F, weights.data());
         benchmark::DoNotOptimize(weights.data());
       }
     };
-    finish(benchmark::RegisterBenchmark((std::string("weights/") + loops.name).c_str(), run));
+    finish(benchmark::RegisterBenchmark(
+        (std::string("weights/") + qwen35::cpuLevelName(level)).c_str(), run));
   }
 }
 

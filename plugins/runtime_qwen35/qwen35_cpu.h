@@ -1,4 +1,4 @@
-// Which instruction set the decoder's kernels use.
+// Which instruction set the decoder's kernels and the choice of tokens use.
 #pragma once
 
 #include <span>
@@ -17,14 +17,14 @@ const char* cpuLevelName(CpuLevel level);
 // The levels that this processor has, best first; Baseline is always the last.
 std::span<const CpuLevel> cpuLevels();
 
-// The level that products use: the best one, or the one that the environment
-// variable QWEN35_CPU named (a level's name) when the first product ran. A name
+// The level in use: the best one, or the one that the environment variable
+// QWEN35_CPU named (a level's name) when this was first called. A name
 // that is unknown, or that this processor lacks, is reported on standard error
 // and has no other effect: results are the same bits at every level.
 CpuLevel currentCpuLevel();
 
-// For tests and benchmarks: products use `level`, which must be one of
-// cpuLevels(), until the object is gone. One at a time, outside any product.
+// For tests and benchmarks: `level`, which must be one of cpuLevels(), is in use
+// until the object is gone. One at a time, outside any product or choice.
 class ForcedCpuLevel {
  public:
   explicit ForcedCpuLevel(CpuLevel level);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <vector>
 
 #include "kiv/exact_math_inl.h"
 
@@ -131,23 +130,24 @@ void weightsBaseline(const float* x, size_t n, float scale, float max, double* w
   weightsBody(x, n, scale, max, weights);
 }
 
-std::vector<SamplingLoops> detectLoops() {
-  std::vector<SamplingLoops> loops;
-  const bool avx2 = __builtin_cpu_supports("avx2") != 0;
-  const bool avx512 = avx2 && __builtin_cpu_supports("avx512f") != 0 &&
-                      __builtin_cpu_supports("avx512vl") != 0 &&
-                      __builtin_cpu_supports("avx512dq") != 0;
-  if (avx512) loops.push_back({"avx512", extentAvx512, bucketsAvx512, weightsAvx512});
-  if (avx2) loops.push_back({"avx2", extentAvx2, bucketsAvx2, weightsAvx2});
-  loops.push_back({"baseline", extentBaseline, bucketsBaseline, weightsBaseline});
-  return loops;
-}
+constexpr SamplingLoops kBaseline = {extentBaseline, bucketsBaseline, weightsBaseline};
+constexpr SamplingLoops kAvx2 = {extentAvx2, bucketsAvx2, weightsAvx2};
+constexpr SamplingLoops kAvx512 = {extentAvx512, bucketsAvx512, weightsAvx512};
 
 }  // namespace
 
-std::span<const SamplingLoops> samplingLoops() {
-  static const std::vector<SamplingLoops> loops = detectLoops();
-  return loops;
+const SamplingLoops& samplingLoops(qwen35::CpuLevel level) {
+  // The decoder's kernels do without it, and so does its level.
+  static const bool hasDq = __builtin_cpu_supports("avx512dq") != 0;
+  switch (level) {
+    case qwen35::CpuLevel::Avx512:
+      return hasDq ? kAvx512 : kAvx2;
+    case qwen35::CpuLevel::Avx2:
+      return kAvx2;
+    case qwen35::CpuLevel::Baseline:
+      break;
+  }
+  return kBaseline;
 }
 
 }  // namespace qwen35rt

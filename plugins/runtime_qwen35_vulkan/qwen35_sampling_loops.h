@@ -1,10 +1,11 @@
-// The loops over a whole vocabulary that choosing a token needs, for the vector
-// units of this processor. All versions give the same bits.
+// The loops over a whole vocabulary that choosing a token needs, for each
+// instruction set. All versions give the same bits.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
+
+#include "qwen35_cpu.h"
 
 namespace qwen35rt {
 
@@ -18,8 +19,6 @@ struct Extent {
 
 // In each of these, element i stands for the number x[i] * scale, rounded to float.
 struct SamplingLoops {
-  const char* name;  // of the instruction set
-
   Extent (*extent)(const float* x, size_t n, float scale);
 
   // buckets[i] = the distance of element i below `top`, times `resolution`, rounded
@@ -32,7 +31,11 @@ struct SamplingLoops {
   void (*weights)(const float* x, size_t n, float scale, float max, double* weights);
 };
 
-// The versions that this processor can run, best first.
-std::span<const SamplingLoops> samplingLoops();
+// The version for `level`, which this processor has. Avx512 without the DQ
+// instructions gets Avx2's.
+const SamplingLoops& samplingLoops(qwen35::CpuLevel level);
+
+// The version for currentCpuLevel().
+inline const SamplingLoops& samplingLoops() { return samplingLoops(qwen35::currentCpuLevel()); }
 
 }  // namespace qwen35rt

@@ -14,12 +14,18 @@
 #include <vector>
 
 #include "kiv/exact_math.h"
+#include "qwen35_cpu.h"
 #include "qwen35_sampling.h"
 #include "qwen35_sampling_loops.h"
 #include "runtime_qwen35_vulkan/plain_sampling.h"
 
 namespace qwen35rt {
 namespace {
+
+using qwen35::CpuLevel;
+using qwen35::cpuLevelName;
+using qwen35::cpuLevels;
+using qwen35::ForcedCpuLevel;
 
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
@@ -79,19 +85,22 @@ std::vector<float> logitsOf(int kind, size_t n, uint32_t seed) {
   return logits;
 }
 
-class LoopsTest : public ::testing::TestWithParam<size_t> {
+class LoopsTest : public ::testing::TestWithParam<CpuLevel> {
  protected:
-  const SamplingLoops& loops_ = samplingLoops()[GetParam()];
+  const SamplingLoops& loops_ = samplingLoops(GetParam());
 };
 
-INSTANTIATE_TEST_SUITE_P(Levels, LoopsTest, ::testing::Range(size_t{0}, samplingLoops().size()),
-                         [](const auto& level) {
-                           return std::string(samplingLoops()[level.param].name);
-                         });
+INSTANTIATE_TEST_SUITE_P(Levels, LoopsTest,
+                         ::testing::ValuesIn(cpuLevels().begin(), cpuLevels().end()),
+                         [](const auto& level) { return cpuLevelName(level.param); });
 
-TEST(SamplingLoopsTest, TheBaselineIsAlwaysThere) {
-  ASSERT_FALSE(samplingLoops().empty());
-  EXPECT_STREQ(samplingLoops().back().name, "baseline");
+TEST_P(LoopsTest, AForcedLevelIsTheOneThatIsUsed) {
+  const ForcedCpuLevel forced(GetParam());
+  EXPECT_EQ(&samplingLoops(), &loops_);
+}
+
+TEST(SamplingLoopsTest, TheLevelsOfEveryProcessorDiffer) {
+  EXPECT_NE(&samplingLoops(CpuLevel::Avx2), &samplingLoops(CpuLevel::Baseline));
 }
 
 Extent plainExtent(const std::vector<float>& x, float scale) {
@@ -287,7 +296,8 @@ TEST(FastSamplingTest, EqualsSortingEverything) {
   }
 }
 
-TEST(FastSamplingTest, EqualsSortingAVocabularyOfFullSize) {
+TEST_P(LoopsTest, AChoiceEqualsSortingAVocabularyOfFullSize) {
+  const ForcedCpuLevel forced(GetParam());
   constexpr size_t kVocabulary = 248320;
   for (const int kind : {Bell, Peaked, AllEqual, TwoTowers}) {
     const std::vector<float> logits = logitsOf(kind, kVocabulary, 9);
@@ -301,7 +311,8 @@ TEST(FastSamplingTest, EqualsSortingAVocabularyOfFullSize) {
   }
 }
 
-TEST(FastSamplingTest, ArgmaxEqualsAPlainLoop) {
+TEST_P(LoopsTest, ArgmaxEqualsAPlainLoop) {
+  const ForcedCpuLevel forced(GetParam());
   for (uint32_t seed = 0; seed < 400; ++seed) {
     std::mt19937 random(seed);
     std::vector<float> x = logitsOf(static_cast<int>(seed) % kKinds, random() % 2300, seed);
