@@ -9,7 +9,7 @@ packages=(
   glslc libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
   # tests and benchmarks
   libbenchmark-dev libgmock-dev libgtest-dev mesa-vulkan-drivers spirv-headers spirv-tools
-  vulkan-validationlayers
+  valgrind vulkan-validationlayers
   # checks
   clang-format-14 clang-tidy-14
 )

@@ -18,7 +18,6 @@ namespace qwen35rt {
 namespace {
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
-constexpr size_t kLanes = 16;
 constexpr size_t kBlock = 1024;
 
 struct Bounds {
@@ -33,41 +32,69 @@ ZEM_BODY void include(Bounds& bounds, float value) {
   bounds.hasNan |= value != value;
 }
 
+// What fits a register. Compilers take wider vectors apart, element by element.
+struct Bits128 {
+  using Floats = float __attribute__((vector_size(16)));
+  using Ints = int32_t __attribute__((vector_size(16)));
+};
+struct Bits256 {
+  using Floats = float __attribute__((vector_size(32)));
+  using Ints = int32_t __attribute__((vector_size(32)));
+};
+struct Bits512 {
+  using Floats = float __attribute__((vector_size(64)));
+  using Ints = int32_t __attribute__((vector_size(64)));
+};
+
 // Each version of the loops is these bodies compiled for another target.
 
 // Compilers keep the order of a minimum's operands, because of NaN, and so make
-// vectors only of lanes that are written out.
+// vectors only of lanes that are written out. Several vectors at a time, for each
+// waits for its own minimum before.
+template <typename Register>
 ZEM_BODY Bounds boundsOf(const float* x, size_t n, float scale) {
-  using Floats = float __attribute__((vector_size(kLanes * sizeof(float))));
-  using Ints = int32_t __attribute__((vector_size(kLanes * sizeof(int32_t))));
-  Floats largest = Floats{} - kInfinity;
-  Floats smallest = Floats{} + kInfinity;
-  Ints nans = {};
+  using Floats = typename Register::Floats;
+  using Ints = typename Register::Ints;
+  constexpr size_t kLanes = sizeof(Floats) / sizeof(float);
+  constexpr size_t kVectors = 4;
+  Floats largest[kVectors];
+  Floats smallest[kVectors];
+  Ints nans[kVectors];
+  for (size_t v = 0; v < kVectors; ++v) {
+    largest[v] = Floats{} - kInfinity;
+    smallest[v] = Floats{} + kInfinity;
+    nans[v] = Ints{};
+  }
   size_t i = 0;
-  for (; i + kLanes <= n; i += kLanes) {
-    Floats values;
-    std::memcpy(&values, x + i, sizeof(values));
-    values *= scale;
-    largest = values > largest ? values : largest;
-    smallest = values < smallest ? values : smallest;
-    nans |= values != values;  // NOLINT(misc-redundant-expression): true of NaN
+  for (; i + kVectors * kLanes <= n; i += kVectors * kLanes) {
+    for (size_t v = 0; v < kVectors; ++v) {
+      Floats values;
+      std::memcpy(&values, x + i + v * kLanes, sizeof(values));
+      values *= scale;
+      largest[v] = values > largest[v] ? values : largest[v];
+      smallest[v] = values < smallest[v] ? values : smallest[v];
+      nans[v] |= values != values;  // NOLINT(misc-redundant-expression): true of NaN
+    }
   }
   Bounds bounds;
-  for (size_t lane = 0; lane < kLanes; ++lane) {
-    bounds.largest = std::max(bounds.largest, largest[lane]);
-    bounds.smallest = std::min(bounds.smallest, smallest[lane]);
-    bounds.hasNan |= nans[lane] != 0;
+  for (size_t v = 0; v < kVectors; ++v) {
+    for (size_t lane = 0; lane < kLanes; ++lane) {
+      bounds.largest = std::max(bounds.largest, largest[v][lane]);
+      bounds.smallest = std::min(bounds.smallest, smallest[v][lane]);
+      bounds.hasNan |= nans[v][lane] != 0;
+    }
   }
   for (; i < n; ++i) include(bounds, x[i] * scale);
   return bounds;
 }
 
 // Block by block, so that only the block with the largest is searched for it.
+template <typename Register>
 ZEM_BODY Extent extentBody(const float* x, size_t n, float scale) {
   Extent all = {-kInfinity, kInfinity, 0, false};
   size_t block = n;
   for (size_t at = 0; at < n; at += kBlock) {
-    const Bounds bounds = boundsOf(x + at, std::min(kBlock, n - at), scale);
+    const Bounds bounds = boundsOf<Register>(x + at, std::min(kBlock, n - at), scale);
     if (bounds.largest > all.largest) {
       all.largest = bounds.largest;
       block = at;
@@ -97,7 +124,9 @@ ZEM_BODY void weightsBody(const float* x, size_t n, float scale, float max, doub
   }
 }
 
-Extent extentBaseline(const float* x, size_t n, float scale) { return extentBody(x, n, scale); }
+Extent extentBaseline(const float* x, size_t n, float scale) {
+  return extentBody<Bits128>(x, n, scale);
+}
 void bucketsBaseline(const float* x, size_t n, float scale, float top, float resolution,
                      uint32_t last, uint32_t* buckets) {
   bucketsBody(x, n, scale, top, resolution, last, buckets);
@@ -107,7 +136,7 @@ void weightsBaseline(const float* x, size_t n, float scale, float max, double* w
 }
 
 [[gnu::target("avx2")]] Extent extentAvx2(const float* x, size_t n, float scale) {
-  return extentBody(x, n, scale);
+  return extentBody<Bits256>(x, n, scale);
 }
 [[gnu::target("avx2")]] void bucketsAvx2(const float* x, size_t n, float scale, float top,
                                          float resolution, uint32_t last, uint32_t* buckets) {
@@ -119,7 +148,7 @@ void weightsBaseline(const float* x, size_t n, float scale, float max, double* w
 }
 
 [[gnu::target(ZEM_AVX512)]] Extent extentAvx512(const float* x, size_t n, float scale) {
-  return extentBody(x, n, scale);
+  return extentBody<Bits512>(x, n, scale);
 }
 [[gnu::target(ZEM_AVX512)]] void bucketsAvx512(const float* x, size_t n, float scale, float top,
                                                float resolution, uint32_t last, uint32_t* buckets) {
