@@ -2,7 +2,13 @@
 // Contexts are small, for they bound the tokens that a test has to wait for.
 #include <gmock/gmock.h>
 
+#include <iterator>
+#include <utility>
+
+#include "bench/exact_prompt.h"
 #include "cli_support.h"
+#include "kiv/tokenizer.h"
+#include "kiv/zem2_reader.h"
 #include "support/golden_checkpoint.h"
 #include "support/published_model.h"
 
@@ -95,6 +101,47 @@ TEST_F(EndToEnd, ABenchmarkMeasures) {
   EXPECT_EQ(json["backend"], "CPU");
   EXPECT_GT(json["tokens_per_second"], 0.0);
   EXPECT_THAT(json["model"].get<std::string>(), StartsWith("demo"));
+}
+
+TEST_F(EndToEnd, ABenchmarkMeasuresPromptsAndDepths) {
+  const ProcessResult result = realZem(
+      {"bench", "-m", model_, "-p", "16", "-n", "2", "-d", "0,16", "-r", "1", "-o", "json"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  const auto tests = nlohmann::json::parse(result.out)["tests"];
+  const char* const names[] = {"pp16", "tg2", "pp16 @ d16", "tg2 @ d16"};
+  ASSERT_EQ(tests.size(), std::size(names));
+  for (size_t i = 0; i < tests.size(); ++i) {
+    EXPECT_EQ(tests[i]["test"], names[i]);
+    EXPECT_GT(tests[i]["tokens_per_second"], 0.0) << names[i];
+  }
+}
+
+// libgomp prints a line for every thread of a team whenever the team changes.
+TEST_F(EndToEnd, ABenchmarksThreadsAreTheTeamThatComputes) {
+  const Environment report = {{"OMP_DISPLAY_AFFINITY", "true"},
+                              {"OMP_AFFINITY_FORMAT", "team of %N"}};
+  const ProcessResult result = realZem(
+      {"bench", "-m", model_, "-n", "1", "-r", "1", "-t", "2,3,2", "-o", "csv"}, "", report);
+  ASSERT_EQ(result.status, 0) << result.err;
+  const size_t two = result.err.find("team of 2");
+  const size_t three = result.err.find("team of 3");
+  EXPECT_LT(two, three);
+  EXPECT_NE(result.err.find("team of 2", three), std::string::npos) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("\"CPU\",3,tg1,"));
+}
+
+// The frame that benchmarks count with is the one that the runtime adds: a turn
+// of 20 tokens fits a context of 20 and none of 19.
+TEST_F(EndToEnd, ATurnMadeToMeasureHasItsTokens) {
+  kiv::ZEM2Reader reader;
+  kiv::TokenizerData data;
+  kiv::Tokenizer tokenizer;
+  ASSERT_TRUE(reader.open(model_.c_str()).ok());
+  ASSERT_TRUE(reader.readTokenizer(data));
+  ASSERT_TRUE(tokenizer.load(std::move(data)).ok());
+  const std::string turn = zemtool::ExactPrompt(tokenizer).turn(20) + "\n";
+  EXPECT_EQ(realZem({"chat", "-m", model_, "-c", "20"}, turn).status, 0);
+  EXPECT_EQ(realZem({"chat", "-m", model_, "-c", "19"}, turn).status, 1);
 }
 
 TEST_F(EndToEnd, ProbeSuitsOrLacksADevice) {

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "fake_counting.h"
 #include "zem/plugin.h"
 
 #ifndef FAKE_ABI_VERSION
@@ -26,6 +27,7 @@ struct ZEMRuntimeHandle {
   std::string systemPrompt;  // taken only between conversations
   uint64_t contextEnd = 8192;
   int turns = 0;
+  uint64_t position = 0;  // of the counting model
   ZEMRuntimeStats stats{sizeof(ZEMRuntimeStats), 0, 0, 0};
 };
 
@@ -87,6 +89,10 @@ int create(const char* path, const char* hint, ZEMRuntimeHandle** out, char* err
   return 0;
 }
 
+// The model "counts" counts the tokens that it is fed, claims a time for them,
+// and says on standard error what it was given.
+bool counts(const ZEMRuntimeHandle& session) { return contains(session.model, "counts"); }
+
 void destroy(ZEMRuntimeHandle* handle) { delete handle; }
 
 // The model "ends" stops the text after 12 tokens, "mute" at once.
@@ -113,9 +119,25 @@ std::string completion(const ZEMRuntimeHandle& session, const std::string& promp
   return "<" + prompt + ">";
 }
 
+// Tokens of a completion's prompt; nothing is claimed for what is generated.
+int countPrompt(ZEMRuntimeHandle& session, const std::string& prompt) {
+  uint64_t tokens = zemtest::countTokens(session.model, prompt);
+  if (contains(session.model, "miscounts")) --tokens;
+  std::fprintf(stderr, "prompt: %d tokens, context %d\n", static_cast<int>(tokens),
+               static_cast<int>(session.contextEnd));
+  if (tokens > session.contextEnd) return 1;
+  session.stats = {sizeof(ZEMRuntimeStats), std::min(kBudget, session.contextEnd - tokens + 1),
+                   zemtest::claimedMs(0, tokens), kStepMs};
+  return 0;
+}
+
 int generateEx(ZEMRuntimeHandle* session, const char* prompt, const ZEMSessionOptions* options,
                char* out, size_t size) {
   if (std::string_view(prompt) == "fail") return 1;
+  if (counts(*session)) {
+    *out = '\0';
+    return countPrompt(*session, prompt);
+  }
   const std::string text = completion(*session, prompt, *options);
   const size_t length = std::min(text.size(), size - 1);
   std::memcpy(out, text.data(), length);
@@ -152,6 +174,7 @@ int configure(ZEMRuntimeHandle* session, const ZEMSessionOptions* options) {
 
 int reset(ZEMRuntimeHandle* session) {
   session->turns = 0;
+  session->position = 0;
   session->stats = {sizeof(ZEMRuntimeStats), 0, 0, 0};
   return 0;
 }
@@ -176,10 +199,35 @@ std::vector<std::string> reply(const ZEMRuntimeHandle& session, const std::strin
   return {"you said: ", text};
 }
 
+// The model "counts-brief" ends a reply after 10 pieces, "counts-silent" at once.
+// Pieces come a millisecond apart at least.
+int countTurn(ZEMRuntimeHandle& session, const std::string& text, ZEMChatTokenFn piece, void* user,
+              const volatile int* cancel) {
+  const uint64_t tokens = zemtest::countTokens(session.model, zemtest::framedTurn(text));
+  std::fprintf(stderr, "turn: %d tokens at %d\n", static_cast<int>(tokens),
+               static_cast<int>(session.position));
+  if (session.position + tokens > session.contextEnd) return 1;
+  session.stats.generation_ms += zemtest::claimedMs(session.position, tokens);
+  session.position += tokens;
+  if (cancel != nullptr && *cancel != 0) return 0;
+  const uint64_t most = contains(session.model, "silent")  ? 0
+                        : contains(session.model, "brief") ? 10
+                                                           : kBudget;
+  for (uint64_t i = 1; i <= most; ++i) {
+    piece("x", 1, user);
+    if (cancel != nullptr && *cancel != 0) break;
+    if (session.position >= session.contextEnd || i == kBudget) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ++session.position;
+  }
+  return 0;
+}
+
 int chatTurnStream(ZEMRuntimeHandle* session, const char* text, ZEMChatTokenFn piece, void* user,
                    volatile int* cancel) {
   ++session->turns;
   if (std::string_view(text) == "refuse") return 1;
+  if (counts(*session)) return countTurn(*session, text, piece, user, cancel);
   for (const std::string& part : reply(*session, text)) {
     count(*session, 1);
     piece(part.c_str(), static_cast<uint32_t>(part.size()), user);
@@ -221,6 +269,12 @@ const Table* one(const Table& table, uint32_t* count) {
 }
 
 }  // namespace
+
+#ifndef FAKE_WITHOUT_OPENMP
+// What an OpenMP library that the plug-in is linked with would have.
+extern "C" ZEM_PLUGIN_EXPORT void omp_set_num_threads(int count);
+void omp_set_num_threads(int count) { std::fprintf(stderr, "threads: %d\n", count); }
+#endif
 
 const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* /*host*/) { return &kPlugin; }
 const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count) { return one(kRuntime, count); }

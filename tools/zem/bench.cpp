@@ -1,237 +1,170 @@
-// zem bench: decoding speed, as a table to paste into a report.
+// zem bench: how fast prompts are processed and tokens decoded, as a table to
+// paste into a report.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cmath>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <numeric>
+#include <optional>
 #include <vector>
 
+#include "bench/exact_prompt.h"
+#include "bench/measure.h"
+#include "bench/read_speed.h"
+#include "bench/report.h"
 #include "commands.h"
 #include "gpu_choice.h"
-#include "kiv/zem2_reader.h"
 #include "model_file.h"
+#include "number_list.h"
 #include "options.h"
 #include "plugin_host.h"
+#include "progress_line.h"
 #include "stderr_tap.h"
 #include "terminal.h"
-#include "text.h"
 
 namespace zemtool {
 namespace {
 
 constexpr int kMaxTokens = 4095;  // the runtime's loop ends there
-// A benchmark's prompt is "Hi": at most two tokens and a beginning of sequence.
-constexpr int kPromptTokens = 3;
-constexpr uint32_t kWholeContext = 8192;
+constexpr int kMaxThreads = 1024;
+constexpr int kDefaultTokens = 64;
 
 struct BenchOptions {
   SessionOptions session;
-  int tokens = 64;
+  std::vector<int> prompts;
+  std::vector<int> tokens;
+  std::vector<int> depths = {0};
+  std::vector<int> threads;
   int repetitions = 5;
+  bool roofline = false;
   std::string format = "md";
 };
 
-struct Report {
-  std::string model;
-  WeightTotals weights;
-  std::string backend;
-  std::string plan;
-  int threads = 0;
-  int tokens = 0;
-  std::vector<double> rates;  // tokens a second, one a repetition
-
-  double mean() const {
-    return std::accumulate(rates.begin(), rates.end(), 0.0) / static_cast<double>(rates.size());
+// In the order of the report.
+std::vector<BenchTest> testsOf(const BenchOptions& options) {
+  std::vector<int> tokens = options.tokens;
+  if (tokens.empty() && options.prompts.empty()) tokens = {kDefaultTokens};
+  std::vector<BenchTest> tests;
+  for (const int depth : options.depths) {
+    for (const int n : options.prompts) tests.push_back({BenchTest::Kind::Prompt, n, depth});
+    for (const int n : tokens) tests.push_back({BenchTest::Kind::Decode, n, depth});
   }
-  double deviation() const {
-    if (rates.size() < 2) return 0;
-    double squares = 0;
-    for (const double rate : rates) squares += (rate - mean()) * (rate - mean());
-    return std::sqrt(squares / static_cast<double>(rates.size() - 1));
-  }
-  double gigabytesPerSecond() const {
-    return mean() * static_cast<double>(weights.bytesPerToken) / 1e9;
-  }
-  std::string test() const { return "tg" + std::to_string(tokens); }
-};
-
-class Progress {
- public:
-  ~Progress() { show(""); }
-  void show(const std::string& text) const {
-    if (stderrIsTerminal()) std::fprintf(stderr, "\r%-40s\r%s", "", text.c_str());
-  }
-};
-
-// The runtime divides by the tokens asked for, however early the model ended
-// its text. So the same greedy text is generated first, which also warms up:
-// returns how many of `tokens` the model is known to produce.
-int usableTokens(Session& session, int tokens) {
-  ZEMSessionOptions settings = sessionRecord({});
-  const auto enough = static_cast<uint64_t>(tokens) + 1;
-  settings.ctx_len = static_cast<uint32_t>(enough + kPromptTokens);
-  session.configure(settings);
-  settings.temperature = 0;
-  session.generate("Hi", settings);
-  const uint64_t sampled = session.stats().tokens;
-  settings.ctx_len = kWholeContext;
-  settings.temperature = -1;
-  session.configure(settings);
-  if (sampled >= enough || sampled >= kTokenBudget) return tokens;
-  return static_cast<int>(sampled) - 1;  // the last one ended the text
+  return tests;
 }
 
-int chooseTokens(Session& session, int asked) {
-  const int usable = usableTokens(session, asked);
-  if (usable < 1) {
-    throw Failure("the model ends its text at once on the benchmark's prompt; nothing to measure");
-  }
-  if (usable < asked) {
-    complain("warning: the model ends its text after " + std::to_string(usable) +
-             " tokens; measuring these instead of " + std::to_string(asked));
-  }
-  return usable;
+std::vector<PreparedTest> prepareAll(const std::vector<BenchTest>& tests,
+                                     const std::string& model) {
+  std::optional<ExactPrompt> maker;
+  if (std::any_of(tests.begin(), tests.end(), needsTexts)) maker.emplace(openTokenizer(model));
+  std::vector<PreparedTest> prepared;
+  for (const BenchTest& test : tests) prepared.push_back(prepare(test, maker ? &*maker : nullptr));
+  return prepared;
 }
 
-// A run that ended early shows a mean far below its own last step; noise does
-// not do that in every repetition.
-void warnIfCutShort(const std::vector<double>& ratios) {
-  if (*std::max_element(ratios.begin(), ratios.end()) < 0.5) {
-    complain("warning: the model seems to end its text early; the speed is overstated (try -n 64)");
-  }
+BenchSubject describe(const BenchOptions& options, const std::string& printed) {
+  BenchSubject subject;
+  kiv::ZEM2Reader reader;
+  openContainer(reader, options.session.model);
+  subject.model = modelName(reader, options.session.model);
+  subject.weights = weightTotals(reader);
+  subject.plan = options.session.plan;
+  subject.backend = backendName(automaticDevice(), subject.plan, printed);
+  subject.roofline = options.roofline;
+  return subject;
 }
 
-void measure(Session& session, int repetitions, Report& report) {
-  ZEMBenchParams params{};
-  params.struct_size = sizeof params;
-  params.tokens = report.tokens;
-  params.warmup = 1;  // tokens + warmup - 1 steps are timed and divided by tokens
-  std::vector<double> ratios;
-  const Progress progress;
-  for (int i = 1; i <= repetitions; ++i) {
-    progress.show(report.test() + ": " + std::to_string(i) + " of " + std::to_string(repetitions));
-    const ZEMBenchResult result = session.bench(params);
-    report.rates.push_back(result.tokens_per_sec);
-    ratios.push_back(result.ms_per_token / session.stats().last_step_ms);
-  }
-  if (!std::isfinite(report.mean())) {
-    complain("warning: the runtime measured no finite speed");
-  }
-  warnIfCutShort(ratios);
-}
-
-std::string gibibytes(uint64_t bytes) {
-  return formatNumber(static_cast<double>(bytes) / (1024.0 * 1024 * 1024), 3);
-}
-
-// "4.21 B", "35.2 M", "1290"
-std::string formatCount(uint64_t count) {
-  const auto value = static_cast<double>(count);
-  if (value >= 1e9) return formatNumber(value / 1e9, 2) + " B";
-  if (value >= 1e6) return formatNumber(value / 1e6, 2) + " M";
-  return std::to_string(count);
-}
-
-std::string markdownCell(const std::string& text) {
-  std::string cell;
-  for (const char c : escapeControls(text))
-    cell += c == '|' ? std::string("\\|") : std::string(1, c);
-  return cell;
-}
-
-void printMarkdown(const Report& report) {
-  writeOut(
-      "| model | size | params | backend | threads | test | t/s | GB/s |\n"
-      "|---|---:|---:|---|---:|---|---:|---:|\n");
-  writeOut("| " + markdownCell(report.model) + " | " + gibibytes(report.weights.bytes) + " GiB | " +
-           formatCount(report.weights.elements) + " | " + markdownCell(report.backend) + " | " +
-           std::to_string(report.threads) + " | " + report.test() + " | " +
-           formatNumber(report.mean(), 2) + " ± " + formatNumber(report.deviation(), 2) + " | " +
-           formatNumber(report.gigabytesPerSecond(), 2) + " |\n");
-}
-
-std::string csvCell(const std::string& text) {
-  std::string cell = "\"";
-  for (const char c : text) cell += c == '"' ? std::string("\"\"") : std::string(1, c);
-  return cell + "\"";
-}
-
-void printCsv(const Report& report) {
-  writeOut(
-      "model,weight_bytes,params,backend,threads,test,tokens_per_second,deviation,"
-      "gigabytes_per_second\n");
-  writeOut(csvCell(report.model) + "," + std::to_string(report.weights.bytes) + "," +
-           std::to_string(report.weights.elements) + "," + csvCell(report.backend) + "," +
-           std::to_string(report.threads) + "," + report.test() + "," +
-           formatNumber(report.mean(), 6) + "," + formatNumber(report.deviation(), 6) + "," +
-           formatNumber(report.gigabytesPerSecond(), 6) + "\n");
-}
-
-void printJson(const Report& report) {
-  writeJson({{"model", report.model},
-             {"weight_bytes", report.weights.bytes},
-             {"weight_bytes_per_token", report.weights.bytesPerToken},
-             {"params", report.weights.elements},
-             {"backend", report.backend},
-             {"plan", report.plan},
-             {"threads", report.threads},
-             {"test", report.test()},
-             {"tokens_per_second", report.mean()},
-             {"deviation", report.deviation()},
-             {"repetitions", report.rates},
-             {"gigabytes_per_second", report.gigabytesPerSecond()}});
+void warnOfOtherMemory(const BenchSubject& subject) {
+  if (!subject.roofline || subject.backend == "CPU") return;
+  complain("warning: --roofline reads the processor's memory, which " + subject.backend +
+           " does not compute from: no share is given");
 }
 
 void bench(BenchOptions options) {
+  const std::vector<BenchTest> tests = testsOf(options);
+  for (const BenchTest& test : tests) requireRoom(test);
+  if (!options.threads.empty()) options.session.threads = options.threads.front();
   applyThreads(options.session);
   settleGpu(options.session);
   const PluginHost host(findPlugin(options.session.plugin));
-  StderrTap tap;
-  Session session(host, options.session);
-  const std::string printed = tap.finish();
-  Report report;
-  {
-    kiv::ZEM2Reader reader;
-    openContainer(reader, options.session.model);
-    report.model = modelName(reader, options.session.model);
-    report.weights = weightTotals(reader);
+  const std::vector<PreparedTest> prepared = prepareAll(tests, options.session.model);
+  const bool several = options.threads.size() > 1;
+  if (options.threads.empty()) options.threads = {effectiveThreads()};
+
+  const ProgressLine progress;
+  BenchReport report(options.format);
+  for (const int threads : options.threads) {
+    if (several) host.setThreads(threads);
+    std::optional<double> readSpeed;
+    if (options.roofline) {
+      progress.show("memory, " + std::to_string(threads) + " threads");
+      readSpeed = measureReadSpeed(threads);
+      progress.clear();
+    }
+    StderrTap tap;
+    Session session(host, options.session);
+    const BenchSubject subject = describe(options, tap.finish());
+    if (threads == options.threads.front()) warnOfOtherMemory(subject);
+    BenchRunner runner(session, progress);
+    for (PreparedTest test : prepared) {
+      const std::vector<double> rates = runner.run(test, options.repetitions);
+      report.add(subject, {test.test, threads, rates, readSpeed});
+    }
   }
-  report.plan = options.session.plan;
-  report.backend = backendName(automaticDevice(), report.plan, printed);
-  report.threads = effectiveThreads();
-  report.tokens = chooseTokens(session, options.tokens);
-  measure(session, options.repetitions, report);
-  if (options.format == "json") {
-    printJson(report);
-  } else if (options.format == "csv") {
-    printCsv(report);
-  } else {
-    printMarkdown(report);
-  }
+  report.finish();
 }
+
+void addTestOptions(CLI::App& command, BenchOptions& options) {
+  addNumberList(command, "-p,--prompt", "Prompts to process, of 1 to 8192 tokens", 1, kPositions,
+                options.prompts);
+  addNumberList(command, "-n,--tokens",
+                "Tokens to decode, 1 to 4095 (default: 64, but not with -p)", 1, kMaxTokens,
+                options.tokens);
+  addNumberList(command, "-d,--depth", "Positions to fill before, 0 to 8191 (default: 0)", 0,
+                kPositions - 1, options.depths);
+  addNumberList(command, "-t,--threads", "CPU threads (default: one a processor)", 1, kMaxThreads,
+                options.threads);
+  command.add_option("-r,--repetitions", options.repetitions, "Repetitions (default: 5)")
+      ->check(CLI::Range(1, 1000).description(""))
+      ->type_name("N");
+  command.add_flag(
+      "--roofline", options.roofline,
+      "Measure the memory's read speed too, and the share of it that decoding reaches");
+  command.add_option("-o,--output", options.format, "md, json or csv (default: md)")
+      ->check(CLI::IsMember({"md", "json", "csv"}).description(""))
+      ->type_name("FORMAT");
+}
+
+constexpr const char* kFooter =
+    "Lists are separated by commas; every depth is measured with every prompt and every number\n"
+    "of tokens, and all of that with every number of threads. t/s is the mean over the\n"
+    "repetitions, with its standard deviation. What a row measures:\n"
+    "  tg64            64 tokens decoded greedily after the prompt \"Hi\", by the runtime's own\n"
+    "                  benchmark. Before it, up to 96 tokens are generated, to warm up and to see\n"
+    "                  whether the model ends its text early.\n"
+    "  pp512           a prompt of 512 tokens: the runtime's time in steps, without encoding the\n"
+    "                  text. One of up to 64 tokens is processed before, untimed.\n"
+    "  tg64 @ d4096    64 tokens decoded after a chat turn of 4096, which is not timed: by the\n"
+    "                  clock, from the first token's arrival to the last's, choosing them\n"
+    "                  included. After 95 tokens, or where the model ends a reply, an empty turn\n"
+    "                  is put in, whose prompt is not timed.\n"
+    "  pp512 @ d4096   a chat turn of 512 tokens after one of 4096: the runtime's time in steps\n"
+    "                  for the second. Turns have no fewer tokens than their frame.\n"
+    "Every repetition fills its depth anew. Prompts are frequent words of the vocabulary.\n"
+    "GB/s counts the bytes of all weights that one token needs; prompts, whose tokens may share\n"
+    "a reading, have none. read GB/s is the best of several passes over a buffer that no cache\n"
+    "holds, on as many threads, and share is GB/s of it. The backend is the device that computes:\n"
+    "CPU, or a Vulkan device by its name, with the plan when both compute. Ctrl-C ends at once;\n"
+    "rows that are printed stay (JSON is printed at the end).\n"
+    "\nExamples:\n"
+    "  zem bench -m model.zem -t 8 -n 128\n"
+    "  zem bench -m model.zem -p 128,512 -n 64 -d 0,4096 -t 1,2,4 --roofline";
 
 }  // namespace
 
 void addBench(CLI::App& app, int& status) {
   auto options = std::make_shared<BenchOptions>();
-  CLI::App* command = app.add_subcommand("bench", "Measure decoding speed");
-  addSessionOptions(*command, options->session);
-  command->add_option("-n,--tokens", options->tokens, "Tokens to decode, 1 to 4095 (default: 64)")
-      ->check(CLI::Range(1, kMaxTokens).description(""))
-      ->type_name("N");
-  command->add_option("-r,--repetitions", options->repetitions, "Repetitions (default: 5)")
-      ->check(CLI::Range(1, 1000).description(""))
-      ->type_name("N");
-  command->add_option("-o,--output", options->format, "md, json or csv (default: md)")
-      ->check(CLI::IsMember({"md", "json", "csv"}).description(""))
-      ->type_name("FORMAT");
-  command->footer(
-      "t/s is the mean over the repetitions, with its standard deviation. GB/s counts the bytes\n"
-      "of all weights that one token needs. The backend is the device that computes: CPU, or a\n"
-      "Vulkan device by its name, with the plan when both compute. Before the first repetition up\n"
-      "to 96 tokens are generated, to warm up and to see whether the model ends its text early.\n"
-      "\nExample:\n  zem bench -m model.zem -t 8 -n 128");
+  CLI::App* command = app.add_subcommand("bench", "Measure the speed of prompts and of decoding");
+  addRuntimeOptions(*command, options->session);
+  addTestOptions(*command, *options);
+  command->footer(kFooter);
   command->callback([options, &status] { status = guarded([&] { bench(*options); }); });
 }
 

@@ -57,6 +57,18 @@ void openContainer(kiv::ZEM2Reader& reader, const std::string& path) {
   if (!status.ok()) throw Failure(path + " is not a model file: " + status.message());
 }
 
+kiv::Tokenizer openTokenizer(const std::string& path) {
+  kiv::ZEM2Reader reader;
+  openContainer(reader, path);
+  kiv::TokenizerData data;
+  if (!reader.readTokenizer(data)) throw Failure(path + " has no readable tokenizer");
+  kiv::Tokenizer tokenizer;
+  if (const kiv::Status status = tokenizer.load(std::move(data)); !status.ok()) {
+    throw Failure(path + ": " + status.message());
+  }
+  return tokenizer;
+}
+
 void requireReadable(const std::string& path) {
   const std::string problem = fileProblem(path);
   if (!problem.empty()) throw Failure("cannot read " + path + ": " + problem);

@@ -5,12 +5,16 @@
 #include <string>
 #include <vector>
 
+#include "kiv/tokenizer.h"
 #include "kiv/zem2_reader.h"
 
 namespace zemtool {
 
 // Opens the container; throws Failure with the file's name and the reason.
 void openContainer(kiv::ZEM2Reader& reader, const std::string& path);
+
+// The file's vocabulary; throws Failure when it has none that can be used.
+kiv::Tokenizer openTokenizer(const std::string& path);
 
 // Throws Failure unless `path` is a file that can be read.
 void requireReadable(const std::string& path);

@@ -82,7 +82,7 @@ void addPluginOption(CLI::App& command, std::string& plugin) {
       ->type_name("FILE");
 }
 
-void addSessionOptions(CLI::App& command, SessionOptions& options) {
+void addRuntimeOptions(CLI::App& command, SessionOptions& options) {
   addModelOption(command, options.model);
   addPluginOption(command, options.plugin);
   CLI::Option* plan = command
@@ -94,6 +94,10 @@ void addSessionOptions(CLI::App& command, SessionOptions& options) {
   plan->each([&options](const std::string&) { options.hasPlan = true; });
   command.add_flag("--no-gpu", options.noGpu, "Compute on the CPU, without ever loading Vulkan")
       ->excludes(plan);
+}
+
+void addSessionOptions(CLI::App& command, SessionOptions& options) {
+  addRuntimeOptions(command, options);
   command.add_option("-t,--threads", options.threads, "CPU threads (default: one a processor)")
       ->check(CLI::Range(1, 1024).description(""))
       ->type_name("N");

@@ -37,7 +37,9 @@ struct PromptOptions {
 
 void addModelOption(CLI::App& command, std::string& model);
 void addPluginOption(CLI::App& command, std::string& plugin);
-// Model, plug-in, plan or no GPU, and threads.
+// Model, plug-in, plan or no GPU.
+void addRuntimeOptions(CLI::App& command, SessionOptions& options);
+// These, and threads.
 void addSessionOptions(CLI::App& command, SessionOptions& options);
 void addContextOption(CLI::App& command, SessionOptions& options);
 void addSamplingOptions(CLI::App& command, SamplingOptions& options);

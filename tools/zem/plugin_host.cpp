@@ -38,6 +38,12 @@ class Library {
     return reinterpret_cast<Function>(symbol);
   }
 
+  // Also in the libraries that this one needs; null where there is none.
+  template <typename Function>
+  Function findIfThere(const char* name) const {
+    return reinterpret_cast<Function>(dlsym(handle_, name));
+  }
+
   [[noreturn]] void refuse(const std::string& reason) const {
     throw Failure(path_ + " is not a runtime plug-in for this host: " + reason);
   }
@@ -90,6 +96,16 @@ PluginHost::PluginHost(const std::string& path) {
                    ", this host needs " + std::to_string(kV2Version));
   }
   streaming_ = streamingOf(library, runtime_->id);
+  setThreads_ = library.findIfThere<void (*)(int)>("omp_set_num_threads");
+}
+
+void PluginHost::setThreads(int count) const {
+  if (setThreads_ == nullptr) {
+    throw Failure(
+        "the plug-in's OpenMP library cannot be reached, so that one process has one number of "
+        "threads; use a single number with -t, once for each");
+  }
+  setThreads_(count);
 }
 
 Session::Session(const PluginHost& host, const SessionOptions& options) : host_(host) {

@@ -27,10 +27,16 @@ class PluginHost {
   const ZEMRuntimeDescriptorV2& runtime() const { return *runtime_; }
   const ZEMRuntimeDescriptorV2S& streaming() const { return *streaming_; }
 
+  // From the next product on, sessions that this thread drives compute on `count`
+  // threads. The boundary has no entry for that; the plug-in's OpenMP library has.
+  // Throws Failure where it cannot be reached, as when it is part of the plug-in.
+  void setThreads(int count) const;
+
  private:
   const ZEMPluginDescriptor* plugin_ = nullptr;
   const ZEMRuntimeDescriptorV2* runtime_ = nullptr;
   const ZEMRuntimeDescriptorV2S* streaming_ = nullptr;
+  void (*setThreads_)(int) = nullptr;
 };
 
 // One open model. Methods throw Failure when the runtime reports one. The host

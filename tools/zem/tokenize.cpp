@@ -5,7 +5,6 @@
 
 #include "commands.h"
 #include "kiv/tokenizer.h"
-#include "kiv/zem2_reader.h"
 #include "model_file.h"
 #include "options.h"
 #include "terminal.h"
@@ -20,18 +19,6 @@ struct TokenizeOptions {
   bool ids = false;
   bool json = false;
 };
-
-kiv::Tokenizer openTokenizer(const std::string& path) {
-  kiv::ZEM2Reader reader;
-  openContainer(reader, path);
-  kiv::TokenizerData data;
-  if (!reader.readTokenizer(data)) throw Failure(path + " has no readable tokenizer");
-  kiv::Tokenizer tokenizer;
-  if (const kiv::Status status = tokenizer.load(std::move(data)); !status.ok()) {
-    throw Failure(path + ": " + status.message());
-  }
-  return tokenizer;
-}
 
 std::string pieceOf(const kiv::Tokenizer& tokenizer, int32_t id) {
   std::string piece;

@@ -1,0 +1,75 @@
+// The measurements of `zem bench`, taken through the runtime's boundary.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "bench/exact_prompt.h"
+#include "plugin_host.h"
+#include "progress_line.h"
+
+namespace zemtool {
+
+// Positions that a conversation of the runtime may reach.
+inline constexpr int kPositions = 8192;
+
+struct BenchTest {
+  enum class Kind { Prompt, Decode };
+
+  Kind kind = Kind::Decode;
+  int tokens = 0;  // of the prompt, or decoded
+  int depth = 0;   // positions filled before
+
+  // "pp512", "tg64", "tg64 @ d4096".
+  std::string name() const;
+};
+
+// A test with the texts that it feeds.
+struct PreparedTest {
+  BenchTest test;
+  std::string before;  // what is fed untimed: a short prompt, or the turn that fills the depth
+  std::string text;    // the prompt or turn; unused where the runtime has its own
+  int frame = 0;       // tokens around a turn without text
+};
+
+// Throws UsageError for a test that goes beyond kPositions.
+void requireRoom(const BenchTest& test);
+
+bool needsTexts(const BenchTest& test);
+
+// As requireRoom, with the frames of turns counted; throws Failure for a length
+// that no text has. `maker` may be null where the test needs no texts.
+PreparedTest prepare(const BenchTest& test, const ExactPrompt* maker);
+
+// Runs tests on one session. Methods throw Failure when the runtime reports one.
+class BenchRunner {
+ public:
+  BenchRunner(Session& session, const ProgressLine& progress)
+      : session_(session), progress_(progress) {}
+
+  // Tokens a second, one number a repetition. Where the model ends its text too
+  // early, the test's tokens become those that were decoded, and one line on
+  // standard error says so.
+  std::vector<double> run(PreparedTest& prepared, int repetitions);
+
+ private:
+  struct Decoded {
+    int steps = 0;
+    double seconds = 0;
+  };
+
+  std::vector<double> feed(const PreparedTest& prepared, int repetitions);
+  double promptRate(const PreparedTest& prepared);
+  double deepPromptRate(const PreparedTest& prepared);
+  std::vector<double> decodeFromStart(BenchTest& test, int repetitions);
+  std::vector<double> decodeAtDepth(PreparedTest& prepared, int repetitions);
+  Decoded decodeTurns(const PreparedTest& prepared);
+  void shortenToText(BenchTest& test);
+  void setContext(int positions);
+  void show(const BenchTest& test, int repetition, int repetitions) const;
+
+  Session& session_;
+  const ProgressLine& progress_;
+};
+
+}  // namespace zemtool

@@ -1,0 +1,47 @@
+// What `zem bench` prints: a table row a measurement, in three formats.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bench/measure.h"
+#include "model_file.h"
+
+namespace zemtool {
+
+// What all rows share.
+struct BenchSubject {
+  std::string model;
+  WeightTotals weights;
+  std::string backend;
+  std::string plan;
+  bool roofline = false;  // rows have a read speed
+};
+
+struct BenchRow {
+  BenchTest test;
+  int threads = 0;
+  std::vector<double> rates;        // tokens a second, one a repetition
+  std::optional<double> readSpeed;  // bytes a second
+};
+
+// Rows of a table appear as they are added, JSON as a whole with finish().
+class BenchReport {
+ public:
+  // "md", "json" or "csv".
+  explicit BenchReport(std::string format) : format_(std::move(format)) {}
+
+  void add(const BenchSubject& subject, const BenchRow& row);
+  void finish();
+
+ private:
+  std::string format_;
+  std::vector<std::pair<BenchSubject, BenchRow>> rows_;
+};
+
+// Of at least one number.
+double mean(const std::vector<double>& numbers);
+
+}  // namespace zemtool
