@@ -55,6 +55,7 @@ std::vector<PreparedTest> prepareAll(const std::vector<BenchTest>& tests,
   std::optional<ExactPrompt> maker;
   if (std::any_of(tests.begin(), tests.end(), needsTexts)) maker.emplace(openTokenizer(model));
   std::vector<PreparedTest> prepared;
+  prepared.reserve(tests.size());
   for (const BenchTest& test : tests) prepared.push_back(prepare(test, maker ? &*maker : nullptr));
   return prepared;
 }

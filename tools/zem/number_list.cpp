@@ -21,11 +21,12 @@ std::vector<int> readList(const std::string& option, const std::string& text, in
     const std::string item = text.substr(at, comma - at);
     int number = 0;
     if (!readNumber(item, low, high, number)) {
-      const std::string place = item == text ? "" : " in \"" + text + "\"";
-      throw CLI::ValidationError(option, "\"" + item + "\"" + place +
-                                             " is not a whole number from " + std::to_string(low) +
-                                             " to " + std::to_string(high) +
-                                             "; several are separated by commas, as in 1,2,4");
+      std::string message = "\"" + item + "\"";
+      if (item != text) message += " in \"" + text + "\"";
+      message += " is not a whole number from " + std::to_string(low);
+      message += " to " + std::to_string(high);
+      throw CLI::ValidationError(option,
+                                 message + "; several are separated by commas, as in 1,2,4");
     }
     numbers.push_back(number);
     at = comma + 1;

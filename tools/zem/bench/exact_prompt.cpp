@@ -102,7 +102,8 @@ std::string ExactPrompt::fit(size_t tokens, const std::string& before,
   std::vector<size_t> starts;  // of each word in the text
   size_t next = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const size_t have = countTokens(tokenizer_, before + text + after, true);
+    const size_t have =
+        countTokens(tokenizer_, std::string(before).append(text).append(after), true);
     if (have == tokens) return text;
     for (size_t i = have; i < tokens; ++i) {
       starts.push_back(text.size());
