@@ -8,10 +8,11 @@
 
 #include "kiv/tokenizer.h"
 #include "kiv/zem2.h"
-#include "qwen35_gdn.h"
 #include "qwen35_kernels.h"
 #include "qwen35_row_dots.h"
 #include "qwen35_sampling.h"
+#include "qwen35_step_loops.h"
+#include "qwen35_token_dots.h"
 #include "support/tiny_model.h"
 #include "support/trained_vocabulary.h"
 
@@ -53,6 +54,52 @@ CountedKernel rowDots(DType type, CpuLevel level) {
     };
   };
   return {atLevel(std::string("row_dots/") + kiv::dtypeName(type), level), level, prepare};
+}
+
+CountedKernel tokenDots(DType type, CpuLevel level) {
+  const auto prepare = [=]() -> Work {
+    constexpr size_t kRows = 64;
+    constexpr size_t kCols = 2560;
+    constexpr size_t kTokens = 24;  // whole groups at every level
+    const qwen35::TokenDotsTable& table = qwen35::tokenDotsTable(level);
+    std::vector<float> packed(kTokens * kCols);
+    qwen35::packTokens(randomFloats(packed.size(), 2).data(), kCols, kTokens, kCols,
+                       table.groupTokens, 0, kCols, packed.data());
+    return [=, dots = qwen35::tokenDotsOf(table, type), packed = std::move(packed),
+            W = encodeRows(type, randomFloats(kRows * kCols, 1), kCols),
+            out = std::vector<float>(kTokens * kRows)]() mutable {
+      dots(W.data(), packed.data(), kTokens, kRows, kCols, out.data(), kRows);
+      keptFloat = out[0];
+    };
+  };
+  return {atLevel(std::string("token_dots/") + kiv::dtypeName(type), level), level, prepare};
+}
+
+CountedKernel softmax(CpuLevel level) {
+  const auto prepare = [=]() -> Work {
+    constexpr size_t kSlots = 1000;
+    constexpr size_t kHeads = qwen35::kSoftmaxHeads;
+    return [=, scores = randomFloats(kSlots * kHeads, 1)] {
+      std::vector<float> own = scores;
+      float max[kHeads];
+      float sum[kHeads];
+      qwen35::stepLoops(level).softmax(own.data(), kSlots, kHeads, max, sum);
+      keptFloat = sum[0];
+    };
+  };
+  return {atLevel("softmax", level), level, prepare};
+}
+
+CountedKernel siluMul(CpuLevel level) {
+  const auto prepare = [=]() -> Work {
+    constexpr size_t kWidth = 9216;
+    return [=, gate = randomFloats(kWidth, 1), x = randomFloats(kWidth, 2),
+            out = std::vector<float>(kWidth)]() mutable {
+      qwen35::stepLoops(level).siluMul(gate.data(), x.data(), out.data(), kWidth);
+      keptFloat = out[0];
+    };
+  };
+  return {atLevel("silu_mul", level), level, prepare};
 }
 
 CountedKernel gdnStep(CpuLevel level) {
@@ -150,8 +197,11 @@ std::vector<CountedKernel> countedKernels() {
   for (const CpuLevel level : {CpuLevel::Baseline, CpuLevel::Avx2}) {
     for (const DType type : {DType::Q4_K, DType::Q6_K, DType::Q8_0, DType::BF16}) {
       kernels.push_back(rowDots(type, level));
+      kernels.push_back(tokenDots(type, level));
     }
     kernels.push_back(gdnStep(level));
+    kernels.push_back(siluMul(level));
+    kernels.push_back(softmax(level));
     kernels.push_back(sampling("greedy", 0.0F, level));
     kernels.push_back(sampling("temperature", 0.7F, level));
   }
