@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <array>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -246,6 +249,38 @@ INSTANTIATE_TEST_SUITE_P(In, ExampleHost, ::testing::Values(cHost(), pythonHost(
                          [](const auto& row) {
                            return std::string(row.param.name) == "c_host" ? "C" : "Python";
                          });
+
+std::string contents(const std::string& path) {
+  std::ifstream file(path);
+  EXPECT_TRUE(file.is_open()) << path;
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The blocks of code in one language.
+std::vector<std::string> blocks(const std::string& document, const std::string& language) {
+  std::vector<std::string> found;
+  const std::string begin = "\n```" + language + "\n";
+  for (size_t at = document.find(begin); at != std::string::npos;
+       at = document.find(begin, at + 1)) {
+    const size_t first = at + begin.size();
+    found.push_back(document.substr(first, document.find("```\n", first) - first));
+  }
+  return found;
+}
+
+TEST(EmbeddingDocument, CodeIsThatOfTheExamples) {
+  const std::string document = contents(ZEM_SOURCE "/docs/embedding.md");
+  const std::map<std::string, std::string> sources = {{"c", "c_host/main.c"},
+                                                      {"cpp", "library/continue_text.cpp"},
+                                                      {"cmake", "library/CMakeLists.txt"},
+                                                      {"python", "python_host/host.py"}};
+  for (const auto& [language, name] : sources) {
+    const std::string source = contents(ZEM_SOURCE "/examples/" + name);
+    const std::vector<std::string> found = blocks(document, language);
+    EXPECT_FALSE(found.empty()) << language;
+    for (const std::string& block : found) EXPECT_THAT(source, HasSubstr(block));
+  }
+}
 
 class ContinueText : public ::testing::Test {
  protected:
