@@ -11,7 +11,7 @@ packages=(
   libbenchmark-dev libgmock-dev libgtest-dev mesa-vulkan-drivers python3 spirv-headers spirv-tools
   valgrind vulkan-validationlayers
   # checks
-  clang-format-14 clang-tidy-14
+  clang-format-14 clang-tidy-14 doxygen
 )
 
 missing=()

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Layout (clang-format) and lint (clang-tidy) of every source, and the API header
-# against a C compiler. Needs a configured release build.
+# Layout (clang-format) and lint (clang-tidy) of every source, and the comments of the
+# public headers (doxygen). Needs a configured release build.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -14,3 +14,6 @@ clang-format-14 --dry-run --Werror "${sources[@]}"
 echo "check.sh: lint of ${#linted[@]} files"
 printf '%s\0' "${linted[@]}" |
   xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 -p "$build" --quiet --extra-arg=-Wno-unknown-warning-option
+
+echo "check.sh: comments of the public headers"
+bash scripts/apidocs.sh

@@ -1,4 +1,5 @@
-/* The boundary between a host application and a runtime plug-in.
+/** \file
+ * The boundary between a host application and a runtime plug-in.
  *
  * Plain C11 that also compiles as C++20, 64-bit targets only. Host and plug-in
  * are built apart, so field order, widths and offsets are binding; every one of
@@ -34,176 +35,195 @@
 extern "C" {
 #endif
 
+/** \def ZEM_PLUGIN_EXPORT
+ * Makes a function visible outside its module. */
 #if defined(_WIN32)
 #define ZEM_PLUGIN_EXPORT __declspec(dllexport)
 #else
 #define ZEM_PLUGIN_EXPORT __attribute__((visibility("default")))
 #endif
 
-/* A session: one opened model with its conversation. Owned by the host from
+/** A session: one opened model with its conversation. Owned by the host from
  * create() until destroy(). */
 typedef struct ZEMRuntimeHandle ZEMRuntimeHandle;
 
-/* What a host may offer to zem_plugin_init. This plug-in keeps and calls none
+/** What a host may offer to zem_plugin_init. This plug-in keeps and calls none
  * of it; its warnings go to the standard error stream. */
 typedef struct ZEMHostAPI {
-  uint32_t abi_version;
-  void (*log)(int level, const char* text);
-  void* (*alloc)(size_t size);
-  void (*free)(void* block);
+  uint32_t abi_version;                     /**< of this record */
+  void (*log)(int level, const char* text); /**< a line for the host's log */
+  void* (*alloc)(size_t size);              /**< null when there is no memory */
+  void (*free)(void* block);                /**< what alloc gave */
 } ZEMHostAPI;
 
-/* A command that a plug-in adds to its host. This plug-in has none. */
+/** A command that a plug-in adds to its host. This plug-in has none. */
 typedef struct ZEMCommandDescriptor {
-  const char* name;
-  const char* description;
+  const char* name;        /**< what the user types */
+  const char* description; /**< one line of help */
+  /** Runs it; 0 for success. */
   int (*execute)(void* ctx, int argc, const char** argv);
 } ZEMCommandDescriptor;
 
+/** What zem_plugin_init returns. */
 typedef struct ZEMPluginDescriptor {
-  uint32_t abi_version;
-  uint32_t plugin_version;
-  const char* name;
-  const char* description;
-  const ZEMCommandDescriptor* commands; /* command_count of them, or null */
-  uint32_t command_count;
+  uint32_t abi_version;                 /**< 1 */
+  uint32_t plugin_version;              /**< counts releases */
+  const char* name;                     /**< "runtime-qwen35-vulkan" */
+  const char* description;              /**< one line */
+  const ZEMCommandDescriptor* commands; /**< command_count of them, or null */
+  uint32_t command_count;               /**< 0 */
 } ZEMPluginDescriptor;
 
-/* The verdict of probe(). Strings are static and belong to the runtime. */
+/** The verdict of probe(). Strings are static and belong to the runtime. */
 typedef struct ZEMRuntimeProbe {
-  int confidence; /* 0: not a model for this runtime here; up to 100 */
-  const char* architecture;
-  const char* backend;
-  const char* reason;
+  int confidence;           /**< 0: not a model for this runtime here; up to 100 */
+  const char* architecture; /**< of the model; empty for confidence 0 */
+  const char* backend;      /**< "vulkan" */
+  const char* reason;       /**< one line; empty for confidence 0 */
 } ZEMRuntimeProbe;
 
-/* Settings of a session, for configure() and generate_ex(). Set struct_size to
+/** Settings of a session, for configure() and generate_ex(). Set struct_size to
  * sizeof(ZEMSessionOptions); fields beyond it are not read (40 bytes are the
  * least, and cover the sampling fields up to `flags`). */
 typedef struct ZEMSessionOptions {
-  uint32_t struct_size;
-  float temperature;         /* 0: greedy; negative: keep the current one */
-  int32_t top_k;             /* taken when above 0 */
-  float top_p;               /* taken when above 0 */
-  uint64_t seed;             /* re-seeds with its low 32 bits; 0: keep the generator */
-  int32_t max_tokens;        /* carried, not read */
-  int32_t stop_token;        /* carried, not read */
-  uint32_t flags;            /* carried, not read */
-  uint32_t ctx_len;          /* positions a conversation may reach; 0: keep */
-  int32_t kv_cache_type;     /* 0 f32, 1 q8_0, 2 q4_0; recorded, the cache stays f32 */
-  const char* system_prompt; /* for the next fresh conversation; null or empty: keep */
+  uint32_t struct_size;      /**< sizeof(ZEMSessionOptions) */
+  float temperature;         /**< 0: greedy; negative: keep the current one */
+  int32_t top_k;             /**< taken when above 0 */
+  float top_p;               /**< taken when above 0 */
+  uint64_t seed;             /**< re-seeds with its low 32 bits; 0: keep the generator */
+  int32_t max_tokens;        /**< carried, not read */
+  int32_t stop_token;        /**< carried, not read */
+  uint32_t flags;            /**< carried, not read */
+  uint32_t ctx_len;          /**< positions a conversation may reach; 0: keep */
+  int32_t kv_cache_type;     /**< 0 f32, 1 q8_0, 2 q4_0; recorded, the cache stays f32 */
+  const char* system_prompt; /**< for the next fresh conversation; null or empty: keep */
 } ZEMSessionOptions;
 
+/** How long bench() measures. */
 typedef struct ZEMBenchParams {
-  uint32_t struct_size;
-  int32_t tokens;  /* to measure; below 1: 64 */
-  int32_t warmup;  /* steps beyond those; below 1: 8 */
-  int32_t max_new; /* not read */
-  uint32_t flags;  /* not read */
+  uint32_t struct_size; /**< not checked */
+  int32_t tokens;       /**< to measure; below 1: 64 */
+  int32_t warmup;       /**< steps beyond those; below 1: 8 */
+  int32_t max_new;      /**< not read */
+  uint32_t flags;       /**< not read */
 } ZEMBenchParams;
 
+/** What bench() measured. */
 typedef struct ZEMBenchResult {
-  uint32_t struct_size;
-  double ms_per_token;
-  double tokens_per_sec;
-  uint64_t tokens; /* as requested */
+  uint32_t struct_size;  /**< written */
+  double ms_per_token;   /**< time over `tokens` */
+  double tokens_per_sec; /**< the reciprocal, in seconds */
+  uint64_t tokens;       /**< as requested */
 } ZEMBenchResult;
 
-/* Counters since the last reset. */
+/** Counters since the last reset. */
 typedef struct ZEMRuntimeStats {
-  uint32_t struct_size;
-  uint64_t tokens;      /* sampled, the stopping one included */
-  double generation_ms; /* spent in forward steps, prompt included */
-  double last_step_ms;
+  uint32_t struct_size; /**< written */
+  uint64_t tokens;      /**< sampled, the stopping one included */
+  double generation_ms; /**< spent in forward steps, prompt included */
+  double last_step_ms;  /**< the last forward step */
 } ZEMRuntimeStats;
 
-/* Receives one piece of a streamed reply: `length` bytes, NUL-terminated, valid
+/** Receives one piece of a streamed reply: `length` bytes, NUL-terminated, valid
  * during the call. A piece is one token's text, so a UTF-8 character may arrive
  * in two pieces. Runs on the thread that called chat_turn_stream and must not
  * call back into the session. */
 typedef void (*ZEMChatTokenFn)(const char* piece, uint32_t length, void* user);
 
-/* The entries that the tables share.
- *
- * probe: whether this runtime suits the model file at `path`. `out` may be
- *   null. Never prints; opens and closes the file and, for a model of ours, a
- *   Vulkan context.
- * create: opens a model. `hint` may be null: fields separated by ';', the first
- *   one ignored, then any of "ctx=N" (positions, 1 to 8192), "kv=q8_0|q4_0|f16",
- *   "plan=TEXT" (layers for the GPU). On success *out is a handle and 0 is
- *   returned; on failure *out is null, `err` (when given) says why, and 1 is returned.
- * destroy: ends a session; null is fine.
- * generate: completes `prompt` (null: empty) with up to 96 tokens, starting afresh.
- */
+/** Whether this runtime suits the model file at `path`. Both arguments may be null.
+ * Returns 0 with the verdict in `out`. Never prints; opens and closes the file and,
+ * for a model of ours, a Vulkan context. */
 typedef int (*ZEMProbeFn)(const char* path, ZEMRuntimeProbe* out);
+
+/** Opens a model. `hint` may be null: fields separated by ';', the first one
+ * ignored, then any of "ctx=N" (positions, 1 to 8192), "kv=q8_0|q4_0|f16",
+ * "plan=TEXT" (layers for the GPU). On success *out is a handle, the caller's until
+ * destroy(), and 0 is returned; on failure *out is null, `err` (when given) says
+ * why, cut to err_size - 1 bytes, and 1 is returned. 2 for a null `out`. */
 typedef int (*ZEMCreateFn)(const char* model_path, const char* hint, ZEMRuntimeHandle** out,
                            char* err, size_t err_size);
+
+/** Ends a session and closes its model file; null is fine. */
 typedef void (*ZEMDestroyFn)(ZEMRuntimeHandle* handle);
+
+/** Completes `prompt` (null: empty) with up to 96 tokens, starting afresh: a
+ * conversation ends. 1 when the prompt does not fit the context or the weights are
+ * unusable; `out` is then empty. */
 typedef int (*ZEMGenerateFn)(ZEMRuntimeHandle* handle, const char* prompt, char* out,
                              size_t out_size);
 
-/* First generation. */
+/** First generation. */
 typedef struct ZEMRuntimeDescriptor {
-  uint32_t abi_version;
-  const char* id;
-  const char* name;
-  uint64_t capabilities;
-  ZEMProbeFn probe;
-  ZEMCreateFn create;
-  ZEMDestroyFn destroy;
-  ZEMGenerateFn generate;
+  uint32_t abi_version;   /**< 1 */
+  const char* id;         /**< "qwen35-vulkan" */
+  const char* name;       /**< for people */
+  uint64_t capabilities;  /**< 0xC2 */
+  ZEMProbeFn probe;       /**< see ZEMProbeFn */
+  ZEMCreateFn create;     /**< see ZEMCreateFn */
+  ZEMDestroyFn destroy;   /**< see ZEMDestroyFn */
+  ZEMGenerateFn generate; /**< see ZEMGenerateFn */
 } ZEMRuntimeDescriptor;
 
-/* Second generation. */
+/** Second generation. */
 typedef struct ZEMRuntimeDescriptorV2 {
-  uint32_t abi_version;
-  uint32_t struct_size; /* of this record */
-  const char* id;
-  const char* name;
-  uint64_t caps_v2;
-  ZEMProbeFn probe;
-  ZEMCreateFn create;
-  ZEMDestroyFn destroy;
-  ZEMGenerateFn generate;
-  /* generate with sampling settings for this call; `opts` may be null. */
+  uint32_t abi_version;   /**< 3 */
+  uint32_t struct_size;   /**< of this record */
+  const char* id;         /**< "qwen35-vulkan" */
+  const char* name;       /**< for people */
+  uint64_t caps_v2;       /**< 0x0F */
+  ZEMProbeFn probe;       /**< see ZEMProbeFn */
+  ZEMCreateFn create;     /**< see ZEMCreateFn */
+  ZEMDestroyFn destroy;   /**< see ZEMDestroyFn */
+  ZEMGenerateFn generate; /**< see ZEMGenerateFn */
+  /** generate with sampling settings for this call; `opts` may be null. A seed stays
+   * in effect afterwards. */
   int (*generate_ex)(ZEMRuntimeHandle* handle, const char* prompt, const ZEMSessionOptions* opts,
                      char* out, size_t out_size);
-  /* Measures greedy decoding; `params` may be null. Ends the conversation. */
+  /** Measures greedy decoding; `params` may be null, and 1 is returned when nothing
+   * could be computed. Ends the conversation. */
   int (*bench)(ZEMRuntimeHandle* handle, const ZEMBenchParams* params, ZEMBenchResult* result);
-  /* Changes settings for all later calls. */
+  /** Changes settings for all later calls; strings are copied. 2, with nothing
+   * changed, for null and for a struct_size below 40. */
   int (*configure)(ZEMRuntimeHandle* handle, const ZEMSessionOptions* opts);
-  /* One turn of a conversation: up to 96 tokens of reply. */
+  /** One turn of a conversation: up to 96 tokens of reply. 1 when it does not fit the
+   * context, with part of it fed: reset() then. */
   int (*chat_turn)(ZEMRuntimeHandle* handle, const char* user_text, char* out, size_t out_size);
-  /* Ends the conversation and zeroes the counters; settings stay. */
+  /** Ends the conversation and zeroes the counters; settings stay. */
   int (*reset)(ZEMRuntimeHandle* handle);
+  /** Counters since the conversation began. */
   int (*stats)(ZEMRuntimeHandle* handle, ZEMRuntimeStats* out);
 } ZEMRuntimeDescriptorV2;
 
-/* Streaming extension of the V2 table with the same id. */
+/** Streaming extension of the V2 table with the same id. */
 typedef struct ZEMRuntimeDescriptorV2S {
-  uint32_t abi_version;
-  uint32_t struct_size; /* of this record */
-  const char* id;
-  /* chat_turn, piece by piece. `cb` may be null. `cancel` may be null; otherwise
+  uint32_t abi_version; /**< 1 */
+  uint32_t struct_size; /**< of this record */
+  const char* id;       /**< "qwen35-vulkan" */
+  /** chat_turn, piece by piece. `cb` may be null. `cancel` may be null; otherwise
    * any thread may set it to non-zero at any time, and at most one more piece is
    * delivered after that. A cancelled turn returns 0. */
   int (*chat_turn_stream)(ZEMRuntimeHandle* handle, const char* user_text, ZEMChatTokenFn cb,
                           void* user, volatile int* cancel);
 } ZEMRuntimeDescriptorV2S;
 
-/* The exports. They cannot fail, have no side effects, and return static
- * records. `host` and `count` may be null. */
+/** The plug-in's name. Like all exports it cannot fail, has no side effects and
+ * returns a static record; any thread. `host` may be null. */
 ZEM_PLUGIN_EXPORT const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* host);
+/** The first-generation tables, `*count` of them; `count` may be null. */
 ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count);
+/** The second-generation tables, likewise. */
 ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count);
+/** The streaming extensions, likewise. */
 ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count);
 
-/* Their types, for a host that looks them up by name. */
+/** The exports' types, for a host that looks them up by name. @{ */
 typedef const ZEMPluginDescriptor* (*ZEMPluginInitFn)(const ZEMHostAPI* host);
 typedef const ZEMRuntimeDescriptor* (*ZEMPluginRuntimesFn)(uint32_t* count);
 typedef const ZEMRuntimeDescriptorV2* (*ZEMPluginRuntimesV2Fn)(uint32_t* count);
 typedef const ZEMRuntimeDescriptorV2S* (*ZEMPluginRuntimesV2SFn)(uint32_t* count);
+/** @} */
 
+/** \cond */
 #ifdef __cplusplus
 #define ZEM_ASSERT_(condition) static_assert(condition, #condition)
 #else
@@ -305,6 +325,7 @@ ZEM_AT_(ZEMRuntimeDescriptorV2S, chat_turn_stream, 16);
 
 #undef ZEM_AT_
 #undef ZEM_ASSERT_
+/** \endcond */
 
 #ifdef __cplusplus
 }

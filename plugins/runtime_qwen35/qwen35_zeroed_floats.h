@@ -1,8 +1,9 @@
-// Vectors of floats that are zero from the start without touching their memory:
-// the key/value caches hold 8192 positions (512 MB in all) and are mostly never
-// used. The recurrent states are used whole from the first token on, and zeroed at
-// every reset: in huge pages that takes 0.2 ms where ordinary ones take 4, and the
-// first token afterwards a fifth of the page faults' time.
+/// \file
+/// Vectors of floats that are zero from the start without touching their memory:
+/// the key/value caches hold 8192 positions (512 MB in all) and are mostly never
+/// used. The recurrent states are used whole from the first token on, and zeroed at
+/// every reset: in huge pages that takes 0.2 ms where ordinary ones take 4, and the
+/// first token afterwards a fifth of the page faults' time.
 #pragma once
 
 #include <cstddef>
@@ -14,15 +15,16 @@
 
 namespace qwen35 {
 
-// Allocates zero pages and leaves value-initialised elements alone, because
-// they are zero already. That holds only for fresh memory: give such a vector
-// its size at construction, and never shrink and grow it.
+/// Allocates zero pages and leaves value-initialised elements alone, because
+/// they are zero already. That holds only for fresh memory: give such a vector
+/// its size at construction, and never shrink and grow it.
 template <typename T, compat::PageUse kUse>
 struct ZeroPagesAllocator {
   using value_type = T;
+  /// The allocator of another type; there is no default with a value among the parameters.
   template <typename U>
   struct rebind {
-    using other = ZeroPagesAllocator<U, kUse>;
+    using other = ZeroPagesAllocator<U, kUse>;  ///< which the standard asks for
   };
 
   ZeroPagesAllocator() = default;
@@ -47,10 +49,12 @@ struct ZeroPagesAllocator {
   bool operator==(const ZeroPagesAllocator& /*other*/) const { return true; }
 };
 
+/// Floats that cost memory once they are written.
 using ZeroedFloats = std::vector<float, ZeroPagesAllocator<float, compat::PageUse::Sparse>>;
+/// The same for floats that are all written.
 using DenseZeroedFloats = std::vector<float, ZeroPagesAllocator<float, compat::PageUse::Dense>>;
 
-// Zeroes `v` at a cost that follows the memory it has used.
+/// Zeroes `v` at a cost that follows the memory it has used.
 template <compat::PageUse kUse>
 void clearFloats(std::vector<float, ZeroPagesAllocator<float, kUse>>& v) {
   compat::clearZeroPages(v.data(), v.size() * sizeof(float));

@@ -1,5 +1,6 @@
-// Matrix-vector products of the decoder on the GPU. Every product may be
-// declined, whatever the reason; the CPU then computes it.
+/// \file
+/// Matrix-vector products of the decoder on the GPU. Every product may be
+/// declined, whatever the reason; the CPU then computes it.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +15,8 @@
 
 namespace qwen35gpu {
 
-// Declines everything until init(). The loader must outlive it. Products are
-// synchronous; one thread at a time.
+/// Declines everything until init(). The loader must outlive it. Products are
+/// synchronous; one thread at a time.
 class GpuGemv {
  public:
   GpuGemv() = default;
@@ -23,26 +24,27 @@ class GpuGemv {
   GpuGemv(const GpuGemv&) = delete;
   GpuGemv& operator=(const GpuGemv&) = delete;
 
-  // Makes the kernels for Q4_K, Q6_K and Q5_K weights on `gpu`'s device; false
-  // when one cannot be made, or `gpu` is not initialised.
+  /// Makes the kernels for Q4_K, Q6_K and Q5_K weights on `gpu`'s device; false
+  /// when one cannot be made, or `gpu` is not initialised.
   bool init(kiv::GPUModelLoader& gpu);
-  // Releases kernels and buffers; may be repeated.
+  /// Releases kernels and buffers; may be repeated.
   void destroy();
-  bool good() const { return ok_; }
+  bool good() const { return ok_; }  ///< init() succeeded
 
-  // See LayerPlan.
+  /// Replaces the plan, as LayerPlan::set() does.
   bool setPlan(size_t nLayers, const std::string& plan) { return plan_.set(nLayers, plan); }
+  /// Whether the plan lets that tensor use the GPU, as LayerPlan::allows() says.
   bool planAllows(const std::string& name) const { return plan_.allows(name); }
 
-  // y = W x for the resident K-quantised matrix of that name with rows of `cols`
-  // elements. `y` gets a float for each of its rows. False, with `y` untouched,
-  // when there is no such matrix or its product cannot be had. The plan is not
-  // asked.
+  /// y = W x for the resident K-quantised matrix of that name with rows of `cols`
+  /// elements. `y` gets a float for each of its rows. False, with `y` untouched,
+  /// when there is no such matrix or its product cannot be had. The plan is not
+  /// asked.
   bool gemvByName(const std::string& name, const float* x, uint64_t cols, float* y);
-  // The same for a tensor at hand; `rows` and `cols` must be its extents.
+  /// The same for a tensor at hand; `rows` and `cols` must be its extents.
   bool run(const kiv::GPUTensorView& w, uint32_t rows, uint32_t cols, const float* x, float* y);
 
-  // Products computed on the device since construction.
+  /// Products computed on the device since construction.
   uint64_t productCount() const { return products_; }
 
  private:
@@ -70,8 +72,8 @@ class GpuGemv {
   uint64_t products_ = 0;
 };
 
-// The hook of qwen35::Model: `ctx` is a GpuGemv, and a product whose tensor its
-// plan keeps on the CPU is declined. Never throws.
+/// The hook of qwen35::Model: `ctx` is a GpuGemv, and a product whose tensor its
+/// plan keeps on the CPU is declined. Never throws.
 bool gemvAdapter(void* ctx, const kiv::TensorView* w, const float* x, float* y) noexcept;
 
 }  // namespace qwen35gpu

@@ -1,7 +1,8 @@
-// Element encodings of GGUF files, and the way from each to floats. A
-// safetensors file's F32, F16 and BF16 are the same encodings.
-//
-// Pure; any thread.
+/// \file
+/// Element encodings of GGUF files, and the way from each to floats. A
+/// safetensors file's F32, F16 and BF16 are the same encodings.
+///
+/// Pure; any thread.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +11,7 @@
 
 namespace kiv {
 
-// The codes that GGUF files use. Those of DType are others.
+/// The codes that GGUF files use. Those of DType are others.
 enum class GgufType : uint32_t {
   F32 = 0,
   F16 = 1,
@@ -29,18 +30,19 @@ enum class GgufType : uint32_t {
   BF16 = 30,
 };
 
-// "F32", "Q4_K", ...; "?" for a type that is not listed above. Static storage.
+/// "F32", "Q4_K", ...; "?" for a type that is not listed above. Static storage.
 const char* ggufTypeName(GgufType type);
 
-// Elements and bytes of one block; 0 for a type that is not listed above.
+/// Elements of one block; 0 for a type that is not listed above.
 uint64_t ggufBlockSize(GgufType type);
+/// Bytes of one block; 0 for a type that is not listed above.
 uint64_t ggufBlockBytes(GgufType type);
 
-// Whether a container can hold blocks of `type` byte by byte, and as which type.
+/// Whether a container can hold blocks of `type` byte by byte, and as which type.
 bool ggufStoredAs(GgufType type, DType& stored);
 
-// Expands `n` elements, a multiple of the block size, at `src` (any alignment).
-// A type that is not listed above writes nothing.
+/// Expands `n` elements, a multiple of the block size, at `src` (any alignment).
+/// A type that is not listed above writes nothing.
 void widenGguf(GgufType type, const void* src, float* dst, uint64_t n);
 
 }  // namespace kiv

@@ -1,5 +1,6 @@
-// One large block of device memory, handed out in aligned ranges, so that all
-// weights of a model share a single allocation.
+/// \file
+/// One large block of device memory, handed out in aligned ranges, so that all
+/// weights of a model share a single allocation.
 #pragma once
 
 #include <cstdint>
@@ -11,24 +12,24 @@
 
 namespace kiv {
 
-// The device behind a pool, for people to read.
+/// The device behind a pool, for people to read.
 struct GpuInfo {
-  std::string name;
-  std::string driver;       // "major.minor.patch"
-  uint64_t totalVRAM = 0;   // bytes of the largest device-local heap
-  uint32_t apiVersion = 0;  // as Vulkan packs it
-  bool valid = false;
+  std::string name;         ///< the device's
+  std::string driver;       ///< "major.minor.patch"
+  uint64_t totalVRAM = 0;   ///< bytes of the largest device-local heap
+  uint32_t apiVersion = 0;  ///< as Vulkan packs it
+  bool valid = false;       ///< filled in
 };
 
-// Invalid until init(). First fit over a list of free ranges; no second pool, no
-// compaction. One thread at a time; the context must outlive the allocator.
+/// Invalid until init(). First fit over a list of free ranges; no second pool, no
+/// compaction. One thread at a time; the context must outlive the allocator.
 class VRAMAllocator {
  public:
-  // Bytes. The total is the device's, not the pool's.
+  /// Bytes. The total is the device's, not the pool's.
   struct Stats {
-    uint64_t totalVRAM = 0;
-    uint64_t usedVRAM = 0;
-    uint64_t freeVRAM = 0;
+    uint64_t totalVRAM = 0;  ///< of the largest device-local heap
+    uint64_t usedVRAM = 0;   ///< handed out
+    uint64_t freeVRAM = 0;   ///< left in the pool
   };
 
   VRAMAllocator() = default;
@@ -36,29 +37,29 @@ class VRAMAllocator {
   VRAMAllocator(const VRAMAllocator&) = delete;
   VRAMAllocator& operator=(const VRAMAllocator&) = delete;
 
-  // Takes a pool of `poolSize` bytes, or, for 0, of the largest device-local
-  // heap but at most 8 GiB. A pool of up to 2 GiB lies in the first device-local
-  // memory type that the host can see, any other in the last device-local one.
-  // An earlier pool is released first. Unsupported "VRAMAllocator: no
-  // device-local memory", IOError "VRAMAllocator: vkAllocateMemory failed".
+  /// Takes a pool of `poolSize` bytes, or, for 0, of the largest device-local
+  /// heap but at most 8 GiB. A pool of up to 2 GiB lies in the first device-local
+  /// memory type that the host can see, any other in the last device-local one.
+  /// An earlier pool is released first. Unsupported "VRAMAllocator: no
+  /// device-local memory", IOError "VRAMAllocator: vkAllocateMemory failed".
   Status init(vulkan::VulkanContext& ctx, uint64_t poolSize);
-  // Releases the pool and forgets the device; may be repeated.
+  /// Releases the pool and forgets the device; may be repeated.
   void destroy();
 
-  // Reserves `size` bytes (0 counts as 1) at a multiple of `alignment`, a power
-  // of two, and stores where. InvalidFormat "VRAMAllocator: not initialized",
-  // "VRAMAllocator: pool exhausted", "VRAMAllocator: bad alignment".
+  /// Reserves `size` bytes (0 counts as 1) at a multiple of `alignment`, a power
+  /// of two, and stores where. InvalidFormat "VRAMAllocator: not initialized",
+  /// "VRAMAllocator: pool exhausted", "VRAMAllocator: bad alignment".
   Status allocate(uint64_t size, uint64_t alignment, uint64_t& offset);
-  // Gives back exactly what allocate() handed out: nothing else is noticed.
+  /// Gives back exactly what allocate() handed out: nothing else is noticed.
   void free(uint64_t offset, uint64_t size);
 
-  Stats stats() const;
-  const GpuInfo& info() const { return info_; }
-  VkDeviceMemory memory() const { return memory_; }
-  VkDeviceSize poolSize() const { return poolSize_; }
-  // What the pool lies in: a memory type of the device, and the bytes of
-  // memory(), a little more than the pool.
+  Stats stats() const;                                 ///< zero before init()
+  const GpuInfo& info() const { return info_; }        ///< of the pool's device
+  VkDeviceMemory memory() const { return memory_; }    ///< owned by the allocator
+  VkDeviceSize poolSize() const { return poolSize_; }  ///< bytes
+  /// The memory type of the device that the pool lies in.
   uint32_t memoryType() const { return memoryType_; }
+  /// The bytes of memory(), a little more than the pool.
   uint64_t memoryBytes() const { return memoryBytes_; }
 
  private:

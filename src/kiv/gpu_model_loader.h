@@ -1,4 +1,5 @@
-// The weights of one model in device memory.
+/// \file
+/// The weights of one model in device memory.
 #pragma once
 
 #include <cstddef>
@@ -14,15 +15,15 @@
 
 namespace kiv {
 
-// Owns a Vulkan context, one pool of device memory, a staging buffer of 64 MiB
-// and a buffer for each tensor. Empty until init(), without weights until a
-// load. One thread at a time.
+/// Owns a Vulkan context, one pool of device memory, a staging buffer of 64 MiB
+/// and a buffer for each tensor. Empty until init(), without weights until a
+/// load. One thread at a time.
 class GPUModelLoader {
  public:
-  // Bytes of the staging buffer, and so of one transfer.
+  /// Bytes of the staging buffer, and so of one transfer.
   static constexpr uint64_t kStagingBytes = uint64_t{64} << 20;
 
-  // True for the name of a tensor that should be resident.
+  /// True for the name of a tensor that should be resident.
   using TensorFilter = bool (*)(const char* name);
 
   GPUModelLoader() = default;
@@ -30,46 +31,48 @@ class GPUModelLoader {
   GPUModelLoader(const GPUModelLoader&) = delete;
   GPUModelLoader& operator=(const GPUModelLoader&) = delete;
 
-  // Releases everything and sets up a context on the device that `deviceIndex`
-  // selects, as VulkanContext::init() does.
+  /// Releases everything and sets up a context on the device that `deviceIndex`
+  /// selects, as VulkanContext::init() does.
   Status init(uint64_t deviceIndex);
-  // Releases everything, the context included; may be repeated.
+  /// Releases everything, the context included; may be repeated.
   void release();
 
-  // Copies all tensors, or those that `filter` (may be null) wants, to the
-  // device. Load once after init(): what an earlier load made is released first.
-  // `loader` is only read, and not kept. After a failure no tensor is resident;
-  // release() frees what was built. InvalidFormat "GPUModelLoader: not
-  // initialized" and "GPUModelLoader: tensor outside the file", IOError or
-  // Unsupported "GPUModelLoader: <what failed>", and the allocator's and the
-  // context's own failures.
+  /// Copies all tensors to the device. Load once after init(): what an earlier load made is
+  /// released first. `loader` is only read, and not kept. After a failure no tensor is resident;
+  /// release() frees what was built. InvalidFormat "GPUModelLoader: not
+  /// initialized" and "GPUModelLoader: tensor outside the file", IOError or
+  /// Unsupported "GPUModelLoader: <what failed>", and the allocator's and the
+  /// context's own failures.
   Status loadWeightsToGPU(ZEMLoader& loader) { return loadWeightsToGPUFiltered(loader, nullptr); }
+  /// The same for those tensors that `filter` wants; null wants all.
   Status loadWeightsToGPUFiltered(ZEMLoader& loader, TensorFilter filter);
 
-  // Copies a resident tensor's bytes to `dst` (view.size bytes), to check an
-  // upload. InvalidFormat "GPUModelLoader: not initialized" for a null `dst` and
-  // while no tensor is resident, Unsupported "GPUModelLoader: tensor too large to
-  // verify" above 64 MiB, IOError "GPUModelLoader: staging map failed", and the
-  // context's own failures.
+  /// Copies a resident tensor's bytes to `dst` (view.size bytes), to check an
+  /// upload. InvalidFormat "GPUModelLoader: not initialized" for a null `dst` and
+  /// while no tensor is resident, Unsupported "GPUModelLoader: tensor too large to
+  /// verify" above 64 MiB, IOError "GPUModelLoader: staging map failed", and the
+  /// context's own failures.
   Status downloadTensor(const GPUTensorView& view, void* dst);
 
-  // Residency by layer is not offered: Unsupported "GPUModelLoader: partial mode
-  // not enabled", and nothing.
+  /// Residency by layer is not offered: Unsupported "GPUModelLoader: partial mode
+  /// not enabled", and nothing.
   Status reserveLayer(ZEMLoader& loader, uint64_t layer);
+  /// Does nothing.
   void releaseLayer(uint64_t layer);
 
-  // Null: no such tensor is resident. Valid until the next load or release().
+  /// Null: no such tensor is resident. Valid until the next load or release().
   const GPUTensorView* findTensor(const std::string& name) const;
-  // Resident tensors in the order of their names.
+  /// Resident tensors in the order of their names.
   size_t tensorCount() const { return views_.size(); }
+  /// `index` must be below tensorCount().
   const GPUTensorView& tensorAt(size_t index) const { return views_[index]; }
 
-  bool valid() const { return valid_; }
-  vulkan::VulkanContext& context() { return ctx_; }
-  VkBuffer buffer() const { return buffer_; }  // the whole pool
-  uint64_t vramUsed() const { return alloc_.stats().usedVRAM; }
-  VRAMAllocator::Stats vramStats() const { return alloc_.stats(); }
-  const GpuInfo& gpuInfo() const { return alloc_.info(); }
+  bool valid() const { return valid_; }                              ///< weights are resident
+  vulkan::VulkanContext& context() { return ctx_; }                  ///< empty before init()
+  VkBuffer buffer() const { return buffer_; }                        ///< the whole pool
+  uint64_t vramUsed() const { return alloc_.stats().usedVRAM; }      ///< bytes of the pool
+  VRAMAllocator::Stats vramStats() const { return alloc_.stats(); }  ///< of the pool
+  const GpuInfo& gpuInfo() const { return alloc_.info(); }           ///< of the pool's device
 
  private:
   uint64_t poolBytes(uint64_t tensorBytes) const;

@@ -1,4 +1,5 @@
-// A file read in place.
+/// \file
+/// A file read in place.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +9,8 @@
 
 namespace kiv {
 
-// The bytes of a file, mapped read-only. Any thread may read them. The file must
-// not shrink meanwhile: reading a page that is gone ends the process.
+/// The bytes of a file, mapped read-only. Any thread may read them. The file must
+/// not shrink meanwhile: reading a page that is gone ends the process.
 class MappedFile {
  public:
   MappedFile() = default;
@@ -17,18 +18,19 @@ class MappedFile {
   MappedFile(const MappedFile&) = delete;
   MappedFile& operator=(const MappedFile&) = delete;
 
-  // Closes what was open. Fails with IOError, "cannot read PATH: REASON", also on
-  // anything that is no regular file. An empty file opens.
+  /// Closes what was open. Fails with IOError, "cannot read PATH: REASON", also on
+  /// anything that is no regular file. An empty file opens.
   Status open(const std::string& path);
+  /// Unmaps the file; may be repeated.
   void close();
 
-  const std::string& path() const { return path_; }
-  const uint8_t* data() const { return data_; }  // null for an empty file
-  uint64_t size() const { return size_; }
+  const std::string& path() const { return path_; }  ///< as given to open()
+  const uint8_t* data() const { return data_; }      ///< null for an empty file
+  uint64_t size() const { return size_; }            ///< bytes
 
-  // Gives the memory behind these bytes of the file back to the system; reading
-  // them again costs a second look at the disk. For files that are read once and
-  // are larger than the memory. Nothing outside the mapping is touched.
+  /// Gives the memory behind these bytes of the file back to the system; reading
+  /// them again costs a second look at the disk. For files that are read once and
+  /// are larger than the memory. Nothing outside the mapping is touched.
   void release(const uint8_t* from, uint64_t bytes) const;
 
  private:

@@ -1,5 +1,6 @@
-// The result of an operation that can fail for reasons outside the program:
-// a file's contents, the disk, a driver.
+/// \file
+/// The result of an operation that can fail for reasons outside the program:
+/// a file's contents, the disk, a driver.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,7 @@
 
 namespace kiv {
 
+/// The kind of a failure.
 enum class StatusCode : uint8_t {
   Ok = 0,
   InvalidFormat = 1,
@@ -16,15 +18,17 @@ enum class StatusCode : uint8_t {
   IOError = 4,
 };
 
-// Success, or a code with a message for people. Success carries no message.
+/// Success, or a code with a message for people. Success carries no message.
 class [[nodiscard]] Status {
  public:
+  /// Success.
   Status() = default;
+  /// A failure, `message` saying to people what, where and what to do.
   Status(StatusCode code, std::string message) : code_(code), message_(std::move(message)) {}
 
-  bool ok() const { return code_ == StatusCode::Ok; }
-  StatusCode code() const { return code_; }
-  const std::string& message() const { return message_; }
+  bool ok() const { return code_ == StatusCode::Ok; }      ///< true for success
+  StatusCode code() const { return code_; }                ///< Ok for success
+  const std::string& message() const { return message_; }  ///< empty for success
 
  private:
   StatusCode code_ = StatusCode::Ok;

@@ -1,5 +1,6 @@
-// What the rest of the system opens: a container with its tensors as views,
-// its tokenizer tables and its summary.
+/// \file
+/// What the rest of the system opens: a container with its tensors as views,
+/// its tokenizer tables and its summary.
 #pragma once
 
 #include <cstddef>
@@ -14,19 +15,20 @@
 
 namespace kiv {
 
-// From the container's header, as written; nothing here is checked against the tensors.
+/// From the container's header, as written; nothing here is checked against the tensors.
 struct ModelInfo {
-  uint32_t modelType = 0;
-  uint64_t hiddenSize = 0;
-  uint32_t layerCount = 0;
-  uint32_t vocabSize = 0;
-  size_t tensorCount = 0;
+  uint32_t modelType = 0;   ///< the model family's code
+  uint64_t hiddenSize = 0;  ///< width of the model
+  uint32_t layerCount = 0;  ///< decoder blocks
+  uint32_t vocabSize = 0;   ///< tokens
+  size_t tensorCount = 0;   ///< entries of the tensor index
 };
 
-// Owns the mapping: every TensorView points into it and dies with close().
-// One thread opens and closes; lookups in between may run on many.
+/// Owns the mapping: every TensorView points into it and dies with close().
+/// One thread opens and closes; lookups in between may run on many.
 class ZEMLoader {
  public:
+  /// A copy of a metadata entry.
   using MetaEntryView = ZEM2Reader::MetaEntryView;
 
   ZEMLoader() = default;
@@ -34,29 +36,35 @@ class ZEMLoader {
   ZEMLoader(const ZEMLoader&) = delete;
   ZEMLoader& operator=(const ZEMLoader&) = delete;
 
-  // The reader's failures pass through; a container without a readable
-  // tokenizer fails with "ZEMLoader: no tokenizer section".
+  /// The reader's failures pass through; a container without a readable
+  /// tokenizer fails with "ZEMLoader: no tokenizer section".
   Status open(const char* path);
+  /// Unmaps the file; may be repeated.
   void close();
-  bool valid() const { return valid_; }
+  bool valid() const { return valid_; }  ///< open
 
-  const ModelInfo& modelInfo() const { return info_; }
-  size_t tensorCount() const { return views_.size(); }
-  const TensorView* findTensor(const std::string& name) const;  // null: no such tensor
+  const ModelInfo& modelInfo() const { return info_; }          ///< of the open container
+  size_t tensorCount() const { return views_.size(); }          ///< tensors
+  const TensorView* findTensor(const std::string& name) const;  ///< null: no such tensor
+  /// In the order of the index, which is that of the names. `i` must be below tensorCount().
   const TensorView& tensorView(size_t i) const { return views_[i]; }
 
-  // The container underneath, for sections and for weightBase()/weightSize().
+  /// The container underneath, for sections and for weightBase()/weightSize().
   const ZEM2Reader& reader() const { return reader_; }
 
-  // True when the `bytes` bytes from `view.data` lie inside WeightData. Ask
-  // before reading: a container opens whatever its tensor offsets say.
+  /// True when the `bytes` bytes from `view.data` lie inside WeightData. Ask
+  /// before reading: a container opens whatever its tensor offsets say.
   bool holdsBytes(const TensorView& view, uint64_t bytes) const;
 
-  const TokenizerData& tokenizer() const { return tokenizer_; }
-  const std::string& chatTemplate() const { return chatTemplate_; }
-  const std::string& graph() const { return graph_; }
-  size_t graphSize() const { return graph_.size(); }
+  const TokenizerData& tokenizer() const { return tokenizer_; }  ///< of the Tokenizer section
+  const std::string& chatTemplate() const {
+    return chatTemplate_;
+  }                                                    ///< empty: the container has none
+  const std::string& graph() const { return graph_; }  ///< bytes of the Graph section, or nothing
+  size_t graphSize() const { return graph_.size(); }   ///< bytes
 
+  /// Metadata, as ZEM2Reader has it.
+  ///@{
   size_t metaCount() const { return reader_.metaCount(); }
   bool metaAt(size_t i, MetaEntryView& out) const { return reader_.metaAt(i, out); }
   bool getMetaU32(const char* key, uint32_t& out) const { return reader_.getMetaU32(key, out); }
@@ -67,6 +75,7 @@ class ZEMLoader {
   bool getMetaU32Array(const char* key, const uint32_t*& data, uint64_t& count) const {
     return reader_.getMetaU32Array(key, data, count);
   }
+  ///@}
 
  private:
   ZEM2Reader reader_;

@@ -1,4 +1,5 @@
-// Which shader carries out which operation of a compute graph.
+/// \file
+/// Which shader carries out which operation of a compute graph.
 #pragma once
 
 #include <array>
@@ -9,6 +10,7 @@
 
 namespace kiv {
 
+/// Operations of a compute graph, by their codes.
 enum class Opcode : uint8_t {
   Add = 0,
   Mul = 1,
@@ -39,27 +41,27 @@ enum class Opcode : uint8_t {
   MatMulQ6_K = 26,
 };
 
-inline constexpr size_t kOpcodeCount = 27;
+inline constexpr size_t kOpcodeCount = 27;  ///< codes from 0 on
 
 namespace vulkan {
 
-// How to make a kernel: its shader, the number of its storage buffers and the
-// bytes of its push constants. Without a shader (Count) there is no kernel.
+/// How to make a kernel: its shader, the number of its storage buffers and the
+/// bytes of its push constants. Without a shader (Count) there is no kernel.
 struct GpuKernelDesc {
-  ShaderId shader = ShaderId::Count;
-  uint32_t bindings = 0;
-  uint32_t pushSize = 0;
+  ShaderId shader = ShaderId::Count;  ///< the module
+  uint32_t bindings = 0;              ///< storage buffers
+  uint32_t pushSize = 0;              ///< bytes
 };
 
-// One descriptor an opcode. The process's own is filled before main() begins and
-// only read from then on.
+/// One descriptor an opcode. The process's own is filled before main() begins and
+/// only read from then on.
 class GpuKernelRegistry {
  public:
-  static GpuKernelRegistry& instance();
+  static GpuKernelRegistry& instance();  ///< the process's own
 
-  // Replaces what was registered for `op`.
+  /// Replaces what was registered for `op`.
   void registerKernel(Opcode op, const GpuKernelDesc& desc);
-  // Null when nothing is registered for `op`.
+  /// Null when nothing is registered for `op`.
   const GpuKernelDesc* find(Opcode op) const;
 
  private:

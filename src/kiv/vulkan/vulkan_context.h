@@ -1,5 +1,6 @@
-// Everything one GPU user needs of Vulkan: instance, device, one queue, one
-// command pool, one fence.
+/// \file
+/// Everything one GPU user needs of Vulkan: instance, device, one queue, one
+/// command pool, one fence.
 #pragma once
 
 #include <cstdint>
@@ -10,9 +11,9 @@
 
 namespace kiv::vulkan {
 
-// Empty, or ready after init(). All GPU work is synchronous: beginCommand,
-// record, submitAndWait. One thread at a time; there is one fence and one pool.
-// Other GPU objects keep a plain pointer to the context and must go first.
+/// Empty, or ready after init(). All GPU work is synchronous: beginCommand,
+/// record, submitAndWait. One thread at a time; there is one fence and one pool.
+/// Other GPU objects keep a plain pointer to the context and must go first.
 class VulkanContext {
  public:
   VulkanContext() = default;
@@ -20,35 +21,35 @@ class VulkanContext {
   VulkanContext(const VulkanContext&) = delete;
   VulkanContext& operator=(const VulkanContext&) = delete;
 
-  // Sets everything up. `deviceIndex` counts positions in the order discrete
-  // first, then more device-local memory; any index past the end selects the
-  // first discrete device, else the first enumerated one. Success at once on a
-  // ready context; a failure leaves it empty. IOError "<the call> failed" or
-  // "no Vulkan physical devices", Unsupported "no compute queue family found".
-  // Without a Vulkan loader, or with Vulkan switched off (vulkan_api.h), the
-  // failing call is vkCreateInstance. Contexts may be set up on several threads
-  // at once.
+  /// Sets everything up. `deviceIndex` counts positions in the order discrete
+  /// first, then more device-local memory; any index past the end selects the
+  /// first discrete device, else the first enumerated one. Success at once on a
+  /// ready context; a failure leaves it empty. IOError "<the call> failed" or
+  /// "no Vulkan physical devices", Unsupported "no compute queue family found".
+  /// Without a Vulkan loader, or with Vulkan switched off (vulkan_api.h), the
+  /// failing call is vkCreateInstance. Contexts may be set up on several threads
+  /// at once.
   Status init(uint64_t deviceIndex);
-  // Releases everything but info() and hasNativeStorage(); may be repeated.
+  /// Releases everything but info() and hasNativeStorage(); may be repeated.
   void destroy();
 
-  // One primary command buffer, begun for one submission; submitAndWait() or
-  // the context frees it. On a failure `*outCmd` is left as it was: InvalidFormat
-  // "null outCmd" or "beginCommand: uninitialized", IOError "<the call> failed".
+  /// One primary command buffer, begun for one submission; submitAndWait() or
+  /// the context frees it. On a failure `*outCmd` is left as it was: InvalidFormat
+  /// "null outCmd" or "beginCommand: uninitialized", IOError "<the call> failed".
   Status beginCommand(VkCommandBuffer* outCmd);
-  // Ends, submits, waits without limit, frees. InvalidFormat
-  // "submitAndWait: uninitialized" for a null buffer or an empty context,
-  // IOError "<the call> failed"; after a failure nothing is running, and the
-  // buffer is reclaimed with the pool.
+  /// Ends, submits, waits without limit, frees. InvalidFormat
+  /// "submitAndWait: uninitialized" for a null buffer or an empty context,
+  /// IOError "<the call> failed"; after a failure nothing is running, and the
+  /// buffer is reclaimed with the pool.
   Status submitAndWait(VkCommandBuffer cmd);
 
-  VkInstance instance() const { return instance_; }
-  VkPhysicalDevice physicalDevice() const { return physicalDevice_; }
-  VkDevice device() const { return device_; }
-  VkQueue queue() const { return queue_; }
-  uint32_t queueFamily() const { return queueFamily_; }
-  const VulkanDeviceInfo& info() const { return info_; }
-  // 8- and 16-bit storage-buffer access are enabled.
+  VkInstance instance() const { return instance_; }                    ///< null in an empty context
+  VkPhysicalDevice physicalDevice() const { return physicalDevice_; }  ///< null in an empty context
+  VkDevice device() const { return device_; }                          ///< null in an empty context
+  VkQueue queue() const { return queue_; }                             ///< null in an empty context
+  uint32_t queueFamily() const { return queueFamily_; }                ///< that queue's
+  const VulkanDeviceInfo& info() const { return info_; }  ///< of the device, also after destroy()
+  /// 8- and 16-bit storage-buffer access are enabled.
   bool hasNativeStorage() const { return nativeStorage_; }
 
  private:
@@ -70,16 +71,16 @@ class VulkanContext {
   bool nativeStorage_ = false;
 };
 
-// One device as init() would number it.
+/// One device as init() would number it.
 struct ListedDevice {
-  VulkanDeviceInfo info;
-  bool nativeStorage = false;
-  bool software = false;   // a CPU implementation
-  bool automatic = false;  // what an index past the end selects
+  VulkanDeviceInfo info;       ///< its description
+  bool nativeStorage = false;  ///< 8- and 16-bit storage-buffer access
+  bool software = false;       ///< a CPU implementation
+  bool automatic = false;      ///< what an index past the end selects
 };
 
-// The devices in the order in which init()'s index selects them. Fails, with
-// an empty list, as init() does when it looks for devices. Any thread.
+/// The devices in the order in which init()'s index selects them. Fails, with
+/// an empty list, as init() does when it looks for devices. Any thread.
 Status listDevices(std::vector<ListedDevice>& out);
 
 }  // namespace kiv::vulkan

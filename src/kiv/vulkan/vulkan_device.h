@@ -1,5 +1,6 @@
-// The physical devices of an instance: description, order of selection, compute
-// queue family.
+/// \file
+/// The physical devices of an instance: description, order of selection, compute
+/// queue family.
 #pragma once
 
 #include <cstdint>
@@ -11,38 +12,39 @@
 
 namespace kiv::vulkan {
 
+/// A device, for people and for limits.
 struct VulkanDeviceInfo {
-  std::string deviceName;
-  std::string driverVersion;  // "major.minor.patch"
-  uint32_t vendorId = 0;
-  uint32_t deviceId = 0;
-  uint32_t apiVersion = 0;
-  uint64_t vramBytes = 0;               // sum of the device-local heaps
-  uint32_t maxComputeSharedMemory = 0;  // bytes
-  uint32_t maxWorkGroupInvocations = 0;
-  uint32_t maxPushConstants = 0;  // bytes
-  uint32_t subgroupSize = 0;
-  bool discrete = false;
+  std::string deviceName;                ///< as the driver gives it
+  std::string driverVersion;             ///< "major.minor.patch"
+  uint32_t vendorId = 0;                 ///< PCI vendor
+  uint32_t deviceId = 0;                 ///< the vendor's number
+  uint32_t apiVersion = 0;               ///< as Vulkan packs it
+  uint64_t vramBytes = 0;                ///< sum of the device-local heaps
+  uint32_t maxComputeSharedMemory = 0;   ///< bytes
+  uint32_t maxWorkGroupInvocations = 0;  ///< of one workgroup
+  uint32_t maxPushConstants = 0;         ///< bytes
+  uint32_t subgroupSize = 0;             ///< invocations
+  bool discrete = false;                 ///< a graphics card of its own
 };
 
-// Fills `info`; never fails. The instance functions must be loaded.
+/// Fills `info`; never fails. The instance functions must be loaded.
 Status queryPhysicalDevice(VkPhysicalDevice device, VulkanDeviceInfo& info);
 
-// The first family with graphics and compute, else the first with compute;
-// Unsupported "no compute queue family found" when there is neither.
+/// The first family with graphics and compute, else the first with compute;
+/// Unsupported "no compute queue family found" when there is neither.
 Status findComputeQueueFamily(VkPhysicalDevice device, uint32_t& family);
 
-// A device of an instance, valid as long as the instance.
+/// A device of an instance, valid as long as the instance.
 struct PhysicalDevice {
-  VkPhysicalDevice handle = VK_NULL_HANDLE;
-  VulkanDeviceInfo info;
-  bool automatic = false;  // the one to take when nobody chose
+  VkPhysicalDevice handle = VK_NULL_HANDLE;  ///< the instance's
+  VulkanDeviceInfo info;                     ///< its description
+  bool automatic = false;                    ///< the one to take when nobody chose
 };
 
-// All devices, discrete ones first, then those with more device-local memory;
-// equals stay as enumerated. The automatic one is the first when it is discrete,
-// else the first enumerated. Success means at least one device; IOError
-// "no Vulkan physical devices" or "vkEnumeratePhysicalDevices failed" otherwise.
+/// All devices, discrete ones first, then those with more device-local memory;
+/// equals stay as enumerated. The automatic one is the first when it is discrete,
+/// else the first enumerated. Success means at least one device; IOError
+/// "no Vulkan physical devices" or "vkEnumeratePhysicalDevices failed" otherwise.
 Status listPhysicalDevices(VkInstance instance, std::vector<PhysicalDevice>& out);
 
 }  // namespace kiv::vulkan

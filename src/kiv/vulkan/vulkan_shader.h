@@ -1,4 +1,5 @@
-// SPIR-V code as a module of a device.
+/// \file
+/// SPIR-V code as a module of a device.
 #pragma once
 
 #include <cstddef>
@@ -9,11 +10,11 @@
 
 namespace kiv::vulkan {
 
-// A module from `wordCount` words of SPIR-V, which are not kept. InvalidFormat
-// "createShaderModule: null", IOError "vkCreateShaderModule failed".
+/// A module from `wordCount` words of SPIR-V, which are not kept. InvalidFormat
+/// "createShaderModule: null", IOError "vkCreateShaderModule failed".
 Status createShaderModule(VulkanContext& ctx, const uint32_t* code, size_t wordCount,
                           VkShaderModule* out);
-// Null is allowed.
+/// Null is allowed.
 void destroyShaderModule(VulkanContext& ctx, VkShaderModule module);
 
 }  // namespace kiv::vulkan

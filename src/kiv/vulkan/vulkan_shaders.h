@@ -1,5 +1,6 @@
-// The compute shaders that are compiled into the library. docs/gpu.md says what
-// each one computes and what its push constants mean.
+/// \file
+/// The compute shaders that are compiled into the library. docs/gpu.md says what
+/// each one computes and what its push constants mean.
 #pragma once
 
 #include <cstddef>
@@ -7,6 +8,7 @@
 
 namespace kiv::vulkan {
 
+/// The shaders by their numbers; Count is none.
 enum class ShaderId : uint8_t {
   Add = 0,
   Mul = 1,
@@ -54,17 +56,17 @@ enum class ShaderId : uint8_t {
   Count = 43,
 };
 
-// A SPIR-V compute module with the entry point "main". Static storage.
+/// A SPIR-V compute module with the entry point "main". Static storage.
 struct EmbeddedShader {
-  const uint32_t* code = nullptr;
-  size_t wordCount = 0;
+  const uint32_t* code = nullptr;  ///< SPIR-V words
+  size_t wordCount = 0;            ///< how many
 };
 
-// `id` must be below Count: it is not checked.
+/// `id` must be below Count: it is not checked.
 const EmbeddedShader& embeddedShader(ShaderId id);
 
-// The matrix-vector product for Q5_K weights, which has no ShaderId: a sibling
-// of Q4KGemvLlama and Q6KGemvLlama with the same bindings and push constants.
+/// The matrix-vector product for Q5_K weights, which has no ShaderId: a sibling
+/// of Q4KGemvLlama and Q6KGemvLlama with the same bindings and push constants.
 const EmbeddedShader& q5kGemvShader();
 
 }  // namespace kiv::vulkan
