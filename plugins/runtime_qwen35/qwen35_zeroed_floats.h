@@ -21,10 +21,10 @@ namespace qwen35 {
 template <typename T, compat::PageUse kUse>
 struct ZeroPagesAllocator {
   using value_type = T;
-  /// The allocator of another type; there is no default with a value among the parameters.
+  /// The same allocator for another type: without it, only type parameters are followed.
   template <typename U>
   struct rebind {
-    using other = ZeroPagesAllocator<U, kUse>;  ///< which the standard asks for
+    using other = ZeroPagesAllocator<U, kUse>;
   };
 
   ZeroPagesAllocator() = default;
