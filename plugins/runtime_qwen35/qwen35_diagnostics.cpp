@@ -7,6 +7,9 @@
 #include <cstring>
 #include <iterator>
 
+#include "compat/environment.h"
+#include "compat/files.h"
+
 namespace qwen35 {
 
 bool diagnosticSet(const char* name) { return std::getenv(name) != nullptr; }
@@ -34,7 +37,9 @@ Ablation ablation() {
 }
 
 HiddenDump::HiddenDump(size_t pos) : pos_(pos) {
-  if (const char* path = std::getenv("QWEN35_HID_DUMP")) file_.reset(std::fopen(path, "ab"));
+  if (const auto path = compat::environmentVariable("QWEN35_HID_DUMP")) {
+    file_.reset(compat::openStream(path->c_str(), "ab"));
+  }
 }
 
 void HiddenDump::write(const char* name, const float* x, size_t n) {

@@ -14,8 +14,9 @@ namespace compat {
 // commit() that succeeded nothing is left behind. Two writers to one path do
 // not disturb each other: the last commit wins.
 //
-// A symbolic link at `path` is followed. Anything else that is no regular file
-// (a folder, a device) is refused.
+// A symbolic link at `path` is followed (on Windows: replaced). Anything else that
+// is no regular file (a folder, a device) is refused. On Windows a file that
+// somebody has mapped, a model in use, cannot be replaced: commit() fails.
 //
 // Calls return false on failure, after which error() names the file and the
 // system's reason and only discard() makes sense. One thread.
@@ -39,7 +40,7 @@ class ReplacingFile {
 
  private:
   bool createPartial();
-  bool writeAll(const void* bytes, size_t count, uint64_t offset);
+  bool write(const void* bytes, size_t count, uint64_t offset);
   bool failWithErrno(const char* action);
 
   std::string path_;

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 
+#include "compat/files.h"
 #include "compat/mman.h"
 
 namespace kiv {
@@ -22,13 +24,16 @@ std::string lastError() { return std::error_code(errno, std::generic_category())
 
 Status MappedFile::open(const std::string& path) {
   close();
-  struct stat facts {};
-  // Looked at first: opening a pipe would wait for its other end.
-  if (::stat(path.c_str(), &facts) != 0) return cannotRead(path, lastError());
-  if (S_ISDIR(facts.st_mode)) return cannotRead(path, "it is a directory");
-  if (!S_ISREG(facts.st_mode)) return cannotRead(path, "it is not a regular file");
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Looked at first: not every system opens what is no file.
+  using Type = std::filesystem::file_type;
+  const Type type = compat::typeOf(path.c_str());
+  if (type == Type::directory) return cannotRead(path, "it is a directory");
+  if (type != Type::regular && type != Type::not_found && type != Type::none) {
+    return cannotRead(path, "it is not a regular file");
+  }
+  const int fd = compat::openToRead(path.c_str());
   if (fd < 0) return cannotRead(path, lastError());
+  struct stat facts {};
   void* map = nullptr;
   if (::fstat(fd, &facts) == 0 && facts.st_size > 0) {
     map = ::mmap(nullptr, static_cast<size_t>(facts.st_size), PROT_READ, MAP_PRIVATE, fd, 0);

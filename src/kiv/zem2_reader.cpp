@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "compat/files.h"
 #include "compat/mman.h"
 
 namespace kiv {
@@ -38,8 +39,7 @@ void ZEM2Reader::close() {
 
 Status ZEM2Reader::mapFile(const char* path) {
   if (path == nullptr) return invalid("ZEM2: null path");
-  // Without O_NONBLOCK the name of a pipe would wait here for a writer.
-  fd_ = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  fd_ = compat::openToRead(path);
   if (fd_ < 0) return invalid("ZEM2: cannot open file");
 
   struct stat info {};

@@ -22,6 +22,26 @@
 namespace zemtool {
 namespace {
 
+// An open file descriptor, closed with the object.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  ~Descriptor() { close(); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int number() const { return number_; }
+  void close() { reset(-1); }
+  // Takes over `number`.
+  void reset(int number) {
+    if (number_ >= 0) ::close(number_);
+    number_ = number;
+  }
+
+ private:
+  int number_ = -1;
+};
+
 // A pipe in the place of standard error.
 class Stage : public ::testing::Test {
  protected:

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "compat/environment.h"
+
 namespace qwen35 {
 namespace {
 
@@ -34,7 +36,7 @@ TEST(ForcedCpuLevel, HoldsUntilItIsGone) {
 
 // The variable is read once a process, so each case has a process of its own.
 void exitWithLevel(const char* value) {
-  setenv("QWEN35_CPU", value, 1);
+  compat::setEnvironmentVariable("QWEN35_CPU", value);
   std::exit(static_cast<int>(currentCpuLevel()));
 }
 

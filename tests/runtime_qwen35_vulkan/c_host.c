@@ -1,10 +1,10 @@
 /* A small host in C: loads the plug-in, asks it about a model, holds a short
  * conversation and leaves. Usage: c_host PLUGIN MODEL
  * Prints one line a step; exits with 0 when every step did what it should. */
-#include <dlfcn.h>
 #include <stdio.h>
 #include <string.h>
 
+#include "compat/dlfcn.h"
 #include "zem/plugin.h"
 
 /* ISO C has no cast from an object to a function pointer; copying the bits is

@@ -1,7 +1,6 @@
 // Runs the small host written in C.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <array>
 #include <cstdio>
@@ -10,6 +9,12 @@
 
 #include "runtime_qwen35_vulkan/cpu_only.h"
 #include "runtime_qwen35_vulkan/session_support.h"
+#include "support/platform.h"
+#include "support/scoped_env.h"
+
+#ifndef _WIN32
+#include <sys/wait.h>
+#endif
 
 namespace {
 
@@ -18,21 +23,37 @@ struct Ran {
   std::string output;
 };
 
+#ifdef _WIN32
+
+std::string quoted(const char* path) { return std::string("\"").append(path).append("\" "); }
+// The shell takes the outermost quotes away.
+std::string commandLine(const std::string& rest) { return "\"" + rest + " 2>&1\""; }
+FILE* openPipe(const std::string& command) { return _popen(command.c_str(), "rb"); }
+int exitStatus(FILE* pipe) { return _pclose(pipe); }
+
+#else
+
+std::string quoted(const char* path) { return std::string("'").append(path).append("' "); }
+std::string commandLine(const std::string& rest) { return rest + " 2>&1"; }
+FILE* openPipe(const std::string& command) { return popen(command.c_str(), "r"); }
+int exitStatus(FILE* pipe) {
+  const int status = pclose(pipe);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+#endif
+
 Ran runHost(const std::string& arguments) {
-  const std::string command =
-      std::string("OMP_NUM_THREADS=1 '" ZEM_TEST_C_HOST "' ") + arguments + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
+  const zemtest::ScopedEnv oneThread("OMP_NUM_THREADS", "1");
+  FILE* pipe = openPipe(commandLine(quoted(ZEM_TEST_C_HOST) + arguments));
   if (pipe == nullptr) throw std::runtime_error("popen failed");
   std::string output;
   std::array<char, 4096> chunk{};
   while (const size_t n = std::fread(chunk.data(), 1, chunk.size(), pipe)) {
     output.append(chunk.data(), n);
   }
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+  return {exitStatus(pipe), output};
 }
-
-std::string quoted(const char* path) { return std::string("'").append(path).append("' "); }
 
 TEST(CHostTest, HoldsAConversation) {
   const zemtest::ModelFile model{zemtest::endlessModel()};
@@ -46,7 +67,7 @@ TEST(CHostTest, HoldsAConversation) {
 }
 
 TEST(CHostTest, SaysWhyAModelDoesNotOpen) {
-  const Ran ran = runHost(quoted(zemtest::kModulePath) + "/dev/null");
+  const Ran ran = runHost(quoted(zemtest::kModulePath) + zemtest::kDevice);
   EXPECT_EQ(ran.status, 1);
   EXPECT_THAT(ran.output, testing::HasSubstr("failed: zem open failed\n"));
 }

@@ -3,10 +3,13 @@
 // is started by hand.
 #pragma once
 
-#include <cstdlib>
+#include "compat/environment.h"
 
 namespace zemtest {
 
-inline const bool kCpuOnly = setenv("ZEM_NO_VULKAN", "1", 1) == 0;
+inline const bool kCpuOnly = [] {
+  compat::setEnvironmentVariable("ZEM_NO_VULKAN", "1");
+  return true;
+}();
 
 }  // namespace zemtest

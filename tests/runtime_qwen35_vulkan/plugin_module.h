@@ -1,16 +1,16 @@
 // The built module, loaded as a host loads it.
 #pragma once
 
-#include <dlfcn.h>
-
 #include <stdexcept>
 #include <string>
 
+#include "compat/dlfcn.h"
+#include "support/platform.h"
 #include "zem/plugin.h"
 
 namespace zemtest {
 
-inline const char* const kModulePath = ZEM_TEST_BIN "/runtime_qwen35_vulkan.so";
+inline const char* const kModulePath = ZEM_TEST_BIN "/runtime_qwen35_vulkan" ZEM_MODULE_SUFFIX;
 
 class PluginModule {
  public:

@@ -1,27 +1,22 @@
 // The functions of the scripted machine for buffers and device memory.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 
+#include "compat/zero_pages.h"
 #include "support/fake_vulkan_objects.h"
 
 namespace kiv::test {
 
 LazyBytes::LazyBytes(size_t size) : size_(size) {
-  void* mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (mapped == MAP_FAILED) {
+  data_ = static_cast<uint8_t*>(compat::allocateZeroPages(size));
+  if (data_ == nullptr) {
     ADD_FAILURE() << "no address space for " << size << " bytes";
-    mapped = nullptr;
     size_ = 0;
   }
-  data_ = static_cast<uint8_t*>(mapped);
 }
 
-LazyBytes::~LazyBytes() {
-  if (data_ != nullptr) ::munmap(data_, size_);
-}
+LazyBytes::~LazyBytes() { compat::freeZeroPages(data_, size_); }
 
 const FakeDevice& deviceOf(const FakeCall& call, VkDevice device) {
   static const FakeDevice none;

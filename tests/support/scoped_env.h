@@ -1,17 +1,18 @@
 // An environment variable for the length of a scope.
 #pragma once
 
-#include <cstdlib>
 #include <optional>
 #include <string>
+
+#include "compat/environment.h"
 
 namespace zemtest {
 
 class ScopedEnv {
  public:
   // A null value unsets the variable.
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* before = std::getenv(name)) before_ = before;
+  ScopedEnv(const char* name, const char* value)
+      : name_(name), before_(compat::environmentVariable(name)) {
     set(value);
   }
   ~ScopedEnv() { set(before_ ? before_->c_str() : nullptr); }
@@ -21,9 +22,9 @@ class ScopedEnv {
  private:
   void set(const char* value) const {
     if (value != nullptr) {
-      setenv(name_.c_str(), value, 1);
+      compat::setEnvironmentVariable(name_.c_str(), value);
     } else {
-      unsetenv(name_.c_str());
+      compat::unsetEnvironmentVariable(name_.c_str());
     }
   }
 

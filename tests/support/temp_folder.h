@@ -1,7 +1,10 @@
 // A folder that goes with everything in it.
 #pragma once
 
-#include <cstdlib>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -17,8 +20,11 @@ namespace zemtest {
 class TempFolder {
  public:
   TempFolder() {
-    std::string pattern = ::testing::TempDir() + "zem-test-XXXXXX";
-    path_ = mkdtemp(pattern.data());
+    static std::atomic<unsigned> counter{0};
+    do {
+      path_ = ::testing::TempDir() + "zem-test-" + std::to_string(::getpid()) + "-d" +
+              std::to_string(counter++);
+    } while (!std::filesystem::create_directory(path_));
   }
   ~TempFolder() {
     std::error_code ignored;

@@ -12,6 +12,7 @@
 #include "kiv/vulkan/vulkan_context.h"
 #include "support/fake_vulkan.h"
 #include "support/needs_gpu.h"
+#include "support/platform.h"
 #include "support/scoped_env.h"
 
 namespace kiv::vulkan {
@@ -21,6 +22,9 @@ using ::kiv::test::FakeDevice;
 using ::kiv::test::FakeVulkan;
 using ::zemtest::ScopedEnv;
 
+#ifdef _WIN32
+bool loaderIsMapped() { return GetModuleHandleW(L"vulkan-1.dll") != nullptr; }
+#else
 bool loaderIsMapped() {
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
@@ -28,6 +32,7 @@ bool loaderIsMapped() {
   }
   return false;
 }
+#endif
 
 void expectNoVulkan() {
   EXPECT_FALSE(loadVulkan());

@@ -1,0 +1,40 @@
+// Files by name. A name is UTF-8 on every system and in both directions; the
+// narrow names of Windows, which depend on its settings, are never used.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace compat {
+
+// Between names and the standard library's paths.
+std::filesystem::path pathOf(std::string_view name);
+std::string nameOf(const std::filesystem::path& path);
+
+// What `name` is: not_found when there is nothing, none when the system does not tell.
+std::filesystem::file_type typeOf(const char* name);
+
+// Opens a file for reading bytes and returns its descriptor, which no child
+// process inherits; close() closes it. Does not wait for the other end of a
+// pipe. -1 on failure, with the reason in errno, as for all that follow.
+int openToRead(const char* name);
+
+// fopen().
+std::FILE* openStream(const char* name, const char* mode);
+
+// Creates a file that does not exist yet, for writing.
+int createToWrite(const char* name);
+// Writes all of `count` bytes at `offset`.
+bool writeAt(int file, const void* bytes, size_t count, uint64_t offset);
+// Returns when the file's bytes are on the disk.
+bool syncToDisk(int file);
+// Renames a file, which replaces one of the new name, and puts the change on the
+// disk where the file system can.
+bool moveOver(const char* from, const char* to);
+bool removeFile(const char* name);
+
+}  // namespace compat

@@ -1,0 +1,126 @@
+#include "compat/streams.h"
+
+#include <fcntl.h>
+#include <io.h>
+#include <windows.h>
+
+#include <array>
+#include <cstdio>
+#include <iostream>
+
+#include "compat/text_windows.h"
+
+namespace compat {
+namespace {
+
+constexpr wchar_t kEndMark = 0x1A;  // Ctrl-Z
+
+// A console's settings as they were found.
+UINT foundCodePage = 0;
+std::array<DWORD, 3> foundModes;
+std::array<bool, 3> changedModes;
+
+HANDLE handleOf(int stream) {
+  const intptr_t handle = _get_osfhandle(stream);
+  // -2: a stream that the process was started without.
+  return handle < 0 ? INVALID_HANDLE_VALUE : reinterpret_cast<HANDLE>(handle);
+}
+
+bool consoleMode(int stream, DWORD& mode) {
+  return _isatty(stream) != 0 && GetConsoleMode(handleOf(stream), &mode) != 0;
+}
+
+void allowEscapes(int stream) {
+  DWORD mode = 0;
+  if (!consoleMode(stream, mode)) return;
+  const auto index = static_cast<size_t>(stream);
+  foundModes[index] = mode;
+  changedModes[index] =
+      SetConsoleMode(handleOf(stream), mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+}
+
+void putBack() {
+  for (const int stream : {1, 2}) {
+    const auto index = static_cast<size_t>(stream);
+    if (changedModes[index]) SetConsoleMode(handleOf(stream), foundModes[index]);
+  }
+  if (foundCodePage != 0) SetConsoleOutputCP(foundCodePage);
+}
+
+// The process is about to end without another word of the program.
+BOOL WINAPI putBackAtTheEnd(DWORD /*event*/) {
+  putBack();
+  return FALSE;  // go on with it
+}
+
+Input readConsoleLine(HANDLE console, std::string& line) {
+  std::wstring text;
+  std::array<wchar_t, 1024> piece;
+  while (text.empty() || text.back() != L'\n') {
+    DWORD got = 0;
+    SetLastError(ERROR_SUCCESS);
+    if (ReadConsoleW(console, piece.data(), piece.size(), &got, nullptr) == 0) return Input::End;
+    if (got == 0) {
+      return GetLastError() == ERROR_OPERATION_ABORTED ? Input::Interrupted : Input::End;
+    }
+    text.append(piece.data(), got);
+  }
+  if (text.front() == kEndMark) return Input::End;
+  while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.pop_back();
+  line = toUtf8(text);
+  return Input::Line;
+}
+
+}  // namespace
+
+StandardStreams::StandardStreams() {
+  for (const int stream : {0, 1, 2}) {
+    if (handleOf(stream) != INVALID_HANDLE_VALUE) _setmode(stream, _O_BINARY);
+  }
+  DWORD unused = 0;
+  if (consoleMode(1, unused) || consoleMode(2, unused)) {
+    foundCodePage = GetConsoleOutputCP();
+    SetConsoleOutputCP(CP_UTF8);
+  }
+  allowEscapes(1);
+  allowEscapes(2);
+  SetConsoleCtrlHandler(putBackAtTheEnd, TRUE);
+}
+
+StandardStreams::~StandardStreams() {
+  std::fflush(nullptr);
+  SetConsoleCtrlHandler(putBackAtTheEnd, FALSE);
+  putBack();
+}
+
+bool isTerminal(int stream) {
+  DWORD mode = 0;
+  return consoleMode(stream, mode);
+}
+
+bool obeysEscapes(int stream) {
+  DWORD mode = 0;
+  return consoleMode(stream, mode) && (mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+}
+
+Input readLine(std::string& line) {
+  line.clear();
+  if (isTerminal(0)) return readConsoleLine(handleOf(0), line);
+  return std::getline(std::cin, line) ? Input::Line : Input::End;
+}
+
+bool readInput(std::string& text) {
+  if (isTerminal(0)) {
+    std::string line;
+    while (readConsoleLine(handleOf(0), line) == Input::Line) text += line + "\n";
+    return true;
+  }
+  std::array<char, 65536> chunk;
+  size_t got = 0;
+  while ((got = std::fread(chunk.data(), 1, chunk.size(), stdin)) > 0) {
+    text.append(chunk.data(), got);
+  }
+  return std::ferror(stdin) == 0;
+}
+
+}  // namespace compat

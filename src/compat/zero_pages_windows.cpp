@@ -1,0 +1,48 @@
+#include <windows.h>
+
+#include <array>
+#include <cstring>
+
+#include "compat/zero_pages.h"
+
+namespace compat {
+namespace {
+
+constexpr size_t kBatch = 512;  // addresses asked for in one call
+
+}  // namespace
+
+// The system keeps a list of the pages of such a block that were written to, so
+// that clearing it need not touch the others. Giving the pages back and asking
+// for new ones would do as well, until the day the second call fails.
+void* allocateZeroPages(size_t bytes) {
+  if (bytes == 0) return nullptr;
+  return VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT | MEM_WRITE_WATCH, PAGE_READWRITE);
+}
+
+void freeZeroPages(void* block, size_t /*bytes*/) {
+  if (block != nullptr) VirtualFree(block, 0, MEM_RELEASE);
+}
+
+void clearZeroPages(void* block, size_t bytes) {
+  if (block == nullptr) return;
+  std::array<void*, kBatch> pages;
+  char* from = static_cast<char*>(block);
+  char* const end = from + bytes;
+  while (from < end) {
+    ULONG_PTR count = pages.size();
+    DWORD pageBytes = 0;
+    const auto left = static_cast<SIZE_T>(end - from);
+    if (GetWriteWatch(0, from, left, pages.data(), &count, &pageBytes) != 0) {
+      std::memset(block, 0, bytes);
+      return;
+    }
+    if (count == 0) break;
+    // In the order of their addresses.
+    for (size_t i = 0; i < count; ++i) std::memset(pages[i], 0, pageBytes);
+    from = static_cast<char*>(pages[count - 1]) + pageBytes;
+  }
+  ResetWriteWatch(block, bytes);
+}
+
+}  // namespace compat

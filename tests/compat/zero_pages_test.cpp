@@ -1,0 +1,79 @@
+#include "compat/zero_pages.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include "gtest/gtest.h"
+
+namespace {
+
+struct Block {
+  explicit Block(size_t size)
+      : bytes(size), data(static_cast<uint8_t*>(compat::allocateZeroPages(size))) {}
+  ~Block() { compat::freeZeroPages(data, bytes); }
+  Block(const Block&) = delete;
+  Block& operator=(const Block&) = delete;
+
+  bool isZero() const {
+    return std::all_of(data, data + bytes, [](uint8_t byte) { return byte == 0; });
+  }
+  void clear() const { compat::clearZeroPages(data, bytes); }
+
+  size_t bytes;
+  uint8_t* data;
+};
+
+TEST(ZeroPagesTest, NoBytesAreNoBlock) {
+  EXPECT_EQ(compat::allocateZeroPages(0), nullptr);
+  compat::freeZeroPages(nullptr, 0);
+  compat::freeZeroPages(nullptr, 5);
+  compat::clearZeroPages(nullptr, 5);
+}
+
+TEST(ZeroPagesTest, MoreThanThereIsIsNull) {
+  EXPECT_EQ(compat::allocateZeroPages(size_t{1} << 62), nullptr);
+}
+
+TEST(ZeroPagesTest, BlocksBeginAsZerosOnAPage) {
+  for (const size_t bytes :
+       {size_t{1}, size_t{4095}, size_t{4096}, size_t{4097}, size_t{1} << 20}) {
+    const Block block(bytes);
+    ASSERT_NE(block.data, nullptr) << bytes;
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(block.data) % 4096, 0U);
+    EXPECT_TRUE(block.isZero()) << bytes;
+  }
+}
+
+TEST(ZeroPagesTest, ClearingMakesEveryByteZeroAgain) {
+  for (const size_t bytes : {size_t{1}, size_t{4097}, size_t{5} << 20}) {
+    const Block block(bytes);
+    ASSERT_NE(block.data, nullptr);
+    for (int round = 0; round < 3; ++round) {
+      std::fill_n(block.data, bytes, uint8_t{0xA5});
+      block.clear();
+      EXPECT_TRUE(block.isZero()) << bytes << " in round " << round;
+    }
+  }
+}
+
+TEST(ZeroPagesTest, ScatteredPagesAreCleared) {
+  const Block block(size_t{64} << 20);
+  ASSERT_NE(block.data, nullptr);
+  for (int round = 0; round < 2; ++round) {
+    for (size_t at = 17; at < block.bytes; at += 3 * 4096 + 1) block.data[at] = 1;
+    block.data[0] = 1;
+    block.data[block.bytes - 1] = 1;
+    block.clear();
+    EXPECT_TRUE(block.isZero());
+  }
+}
+
+// Clearing what was never touched touches nothing.
+TEST(ZeroPagesTest, AnUntouchedBlockIsClearedForNothing) {
+  const Block block(size_t{1} << 30);
+  ASSERT_NE(block.data, nullptr);
+  for (int i = 0; i < 1000; ++i) block.clear();
+  EXPECT_EQ(block.data[block.bytes / 2], 0);
+}
+
+}  // namespace
