@@ -1,11 +1,11 @@
 // zem chat: a conversation, on a terminal or line by line through pipes.
 #include <CLI/CLI.hpp>
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <string>
 
 #include "commands.h"
+#include "compat/streams.h"
 #include "gpu_choice.h"
 #include "line_editor.h"
 #include "options.h"
@@ -191,7 +191,7 @@ void chatOnTerminal(Conversation& conversation) {
 
 void chatThroughPipes(Conversation& conversation) {
   std::string line;
-  for (size_t number = 1; std::getline(std::cin, line); ++number) {
+  for (size_t number = 1; compat::readLine(line) == compat::Input::Line; ++number) {
     if (line.ends_with('\r')) line.pop_back();
     requireText(line, "line " + std::to_string(number));
     if (!conversation.take(line)) return;

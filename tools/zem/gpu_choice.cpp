@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <vector>
 
+#include "compat/environment.h"
 #include "kiv/vulkan/vulkan_api.h"
 #include "kiv/vulkan/vulkan_context.h"
 #include "terminal.h"
@@ -51,7 +51,7 @@ bool cpuOnly(const std::string& printed) {
 }  // namespace
 
 void settleGpu(SessionOptions& options) {
-  if (options.noGpu) ::setenv(kiv::vulkan::kNoVulkanVariable, "1", 1);
+  if (options.noGpu) compat::setEnvironmentVariable(kiv::vulkan::kNoVulkanVariable, "1");
   if (options.noGpu || options.hasPlan) return;
   const std::optional<ListedDevice> device = findAutomaticDevice();
   if (!device || !device->software) return;

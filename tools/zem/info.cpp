@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "compat/files.h"
 #include "kiv/tokenizer.h"
 #include "kiv/zem2_reader.h"
 #include "model_file.h"
@@ -225,14 +226,15 @@ void printHeader(const kiv::ZEM2Reader& reader, const std::string& path) {
   const kiv::zem2::Header& header = reader.header();
   std::error_code error;
   writeOut(escapeControls(path) + "\n" +
-           formatTable({{"format", "container version " + std::to_string(header.version)},
-                        {"file size", formatBytes(std::filesystem::file_size(path, error))},
-                        {"model type", std::to_string(header.modelType)},
-                        {"hidden size", std::to_string(header.hiddenSize)},
-                        {"layers", std::to_string(header.layerCount)},
-                        {"vocabulary", std::to_string(header.vocabSize)},
-                        {"tensors", std::to_string(header.tensorCount)},
-                        {"weights", std::to_string(weightTotals(reader).elements)}}));
+           formatTable(
+               {{"format", "container version " + std::to_string(header.version)},
+                {"file size", formatBytes(std::filesystem::file_size(compat::pathOf(path), error))},
+                {"model type", std::to_string(header.modelType)},
+                {"hidden size", std::to_string(header.hiddenSize)},
+                {"layers", std::to_string(header.layerCount)},
+                {"vocabulary", std::to_string(header.vocabSize)},
+                {"tensors", std::to_string(header.tensorCount)},
+                {"weights", std::to_string(weightTotals(reader).elements)}}));
 }
 
 void printSections(const kiv::ZEM2Reader& reader) {

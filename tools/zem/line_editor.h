@@ -1,4 +1,5 @@
-// A prompt on the terminal: line editing with a history that outlives the program.
+// A prompt on the terminal: line editing with a history that outlives the program,
+// except on Windows, where both are the console's.
 #pragma once
 
 #include <memory>
@@ -7,7 +8,7 @@
 namespace zemtool {
 
 // $XDG_STATE_HOME/zem/history, else ~/.local/state/zem/history; empty when
-// neither folder is known.
+// neither folder is known, and on Windows.
 std::string defaultHistoryPath();
 
 // Edits on stdin and stderr, so that stdout is free for answers. One at a time,

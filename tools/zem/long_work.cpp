@@ -1,6 +1,7 @@
 #include "long_work.h"
 
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -13,28 +14,21 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-volatile std::sig_atomic_t stopSignal = 0;
+volatile std::sig_atomic_t stopWished = 0;
+
+// What notes them from now on.
+auto noteOfStops() {
+  stopWished = 0;
+  return [] { stopWished = 1; };
+}
 
 constexpr int kWidth = 24;
 
 }  // namespace
 
-StopGuard::StopGuard() {
-  stopSignal = 0;
-  for (size_t i = 0; i < kSignals.size(); ++i) {
-    struct sigaction action {};
-    action.sa_handler = kSignals[i] == SIGXFSZ ? SIG_IGN : [](int signal) { stopSignal = signal; };
-    sigemptyset(&action.sa_mask);
-    sigaction(kSignals[i], nullptr, &previous_[i]);
-    if (previous_[i].sa_handler != SIG_IGN) sigaction(kSignals[i], &action, nullptr);
-  }
-}
+StopGuard::StopGuard() : handler_(noteOfStops()) {}
 
-StopGuard::~StopGuard() {
-  for (size_t i = 0; i < kSignals.size(); ++i) sigaction(kSignals[i], &previous_[i], nullptr);
-}
-
-bool StopGuard::stopped() { return stopSignal != 0; }
+bool StopGuard::stopped() { return stopWished != 0; }
 
 ProgressBar::ProgressBar(uint64_t total, Lines lines)
     : total_(total),

@@ -2,30 +2,24 @@
 // nothing behind, and a sign of life.
 #pragma once
 
-#include <array>
 #include <chrono>
-#include <csignal>
-#include <cstddef>
 #include <cstdint>
+
+#include "compat/interrupts.h"
 
 namespace zemtool {
 
-// While one lives, the signals that would end the process are noted instead, so
+// While one lives, what would end the process from outside is noted instead, so
 // that the partial file can be removed first. A file that outgrows the process's
-// limit becomes an error of the write. Signals that the caller had switched off
-// stay so. One at a time.
+// limit becomes an error of the write. One at a time.
 class StopGuard {
  public:
   StopGuard();
-  ~StopGuard();
-  StopGuard(const StopGuard&) = delete;
-  StopGuard& operator=(const StopGuard&) = delete;
 
-  static bool stopped();  // such a signal has come
+  static bool stopped();  // such a wish has come
 
  private:
-  static constexpr std::array<int, 4> kSignals = {SIGINT, SIGTERM, SIGHUP, SIGXFSZ};
-  std::array<struct sigaction, kSignals.size()> previous_{};
+  compat::StopHandler handler_;
 };
 
 // A bar on stderr while a file grows, with rate and time left. Where stderr is no

@@ -1,12 +1,13 @@
 // zem: the command-line host. Each subcommand is a source file of its name.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <clocale>
 #include <exception>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "compat/program.h"
+#include "compat/streams.h"
 #include "plugin_host.h"
 #include "terminal.h"
 
@@ -37,8 +38,8 @@ std::string versionText() {
 }
 
 // CLI11 takes "-sys" for the flags s, y and s.
-std::vector<std::string> readArguments(int argc, char** argv) {
-  std::vector<std::string> arguments(argv + 1, argv + argc);
+std::vector<std::string> readArguments(std::vector<std::string> arguments) {
+  if (!arguments.empty()) arguments.erase(arguments.begin());  // the program's own name
   for (std::string& argument : arguments) {
     if (argument == "--") break;
     if (argument == "-sys" || argument.starts_with("-sys=")) {
@@ -69,7 +70,7 @@ void addCommands(CLI::App& app, int& status) {
   addCompare(app, status);
 }
 
-int runProgram(int argc, char** argv) {
+int runProgram(const std::vector<std::string>& arguments) {
   CLI::App app{"Runs Qwen3.5 hybrid language models through a runtime plug-in.", "zem"};
   app.footer(kFooter);
   app.require_subcommand(0, 1);
@@ -78,7 +79,7 @@ int runProgram(int argc, char** argv) {
   int status = 0;
   addCommands(app, status);
   try {
-    app.parse(readArguments(argc, argv));
+    app.parse(readArguments(arguments));
   } catch (const CLI::CallForHelp&) {
     return guarded([&] { writeOut(app.help()); });
   } catch (const CLI::ParseError& error) {
@@ -94,11 +95,10 @@ int runProgram(int argc, char** argv) {
 }  // namespace
 }  // namespace zemtool
 
-int main(int argc, char** argv) {
-  zemtool::holdStandardStreams();
-  std::setlocale(LC_CTYPE, "");
+int compat::programMain(const std::vector<std::string>& arguments) {
+  const StandardStreams streams;
   try {
-    return zemtool::runProgram(argc, argv);
+    return zemtool::runProgram(arguments);
   } catch (const std::exception& error) {
     zemtool::complain(error.what());
     return 1;

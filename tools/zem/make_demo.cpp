@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "compat/files.h"
 #include "demo_model.h"
 #include "long_work.h"
 #include "ordered_work.h"
@@ -80,7 +81,7 @@ Enum valueNamed(const std::array<Enum, kCount>& values, const char* (*nameOf)(En
 }
 
 void makeDemo(const MakeDemoOptions& options) {
-  if (!options.force && std::filesystem::exists(options.output)) {
+  if (!options.force && std::filesystem::exists(compat::pathOf(options.output))) {
     throw Failure(options.output + " exists; use --force to replace it");
   }
   const StopGuard guard;

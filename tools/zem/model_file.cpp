@@ -1,6 +1,5 @@
 #include "model_file.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <set>
 #include <utility>
 
+#include "compat/files.h"
 #include "kiv/tensor.h"
 #include "kiv/zem_loader.h"
 #include "terminal.h"
@@ -21,14 +21,16 @@ namespace {
 
 // Why `path` cannot be read as a file; empty when it can.
 std::string fileProblem(const std::string& path) {
-  std::error_code error;
-  const auto status = std::filesystem::status(path, error);
-  if (is_directory(status)) return "it is a directory";
+  using Type = std::filesystem::file_type;
+  const Type type = compat::typeOf(path.c_str());
+  if (type == Type::directory) return "it is a directory";
   // Opening a pipe would wait for its other end.
-  if (exists(status) && !is_regular_file(status)) return "it is not a regular file";
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (type != Type::regular && type != Type::not_found && type != Type::none) {
+    return "it is not a regular file";
+  }
+  const int fd = compat::openToRead(path.c_str());
   if (fd < 0) return std::strerror(errno);
-  close(fd);
+  ::close(fd);
   return {};
 }
 
@@ -94,7 +96,7 @@ std::string modelProblem(const std::string& path) {
 std::string modelName(const kiv::ZEM2Reader& reader, const std::string& path) {
   std::string name;
   if (reader.getMetaStr("general.name", name) && !name.empty()) return name;
-  return std::filesystem::path(path).filename();
+  return compat::nameOf(compat::pathOf(path).filename());
 }
 
 TensorFacts tensorFacts(const kiv::ZEM2Reader& reader, size_t index) {

@@ -1,7 +1,5 @@
 #include "options.h"
 
-#include <sched.h>
-
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cmath>
@@ -11,6 +9,10 @@
 #include <limits>
 #include <memory>
 
+#include "compat/environment.h"
+#include "compat/files.h"
+#include "compat/program.h"
+#include "compat/streams.h"
 #include "terminal.h"
 
 namespace zemtool {
@@ -58,9 +60,17 @@ std::string readAll(std::FILE* file, const std::string& where) {
 
 std::string readFile(const std::string& path) {
   using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
-  const File file(std::fopen(path.c_str(), "rb"), &std::fclose);
+  const File file(compat::openStream(path.c_str(), "rb"), &std::fclose);
   if (!file) throw Failure("cannot open the prompt file " + path + ": " + std::strerror(errno));
   return readAll(file.get(), path);
+}
+
+std::string readStandardInput() {
+  std::string text;
+  if (!compat::readInput(text)) {
+    throw Failure(std::string("cannot read standard input: ") + std::strerror(errno));
+  }
+  return text;
 }
 
 std::string withoutLastLineFeed(std::string text) {
@@ -152,7 +162,7 @@ std::string readPrompt(const PromptOptions& options) {
     throw UsageError("a prompt is needed: -p TEXT, -f FILE, or a pipe on standard input");
   }
   const std::string where = fromFile ? options.file : "standard input";
-  std::string text = withoutLastLineFeed(fromFile ? readFile(options.file) : readAll(stdin, where));
+  std::string text = withoutLastLineFeed(fromFile ? readFile(options.file) : readStandardInput());
   requireText(text, where);
   return text;
 }
@@ -182,7 +192,8 @@ ZEMSessionOptions sessionRecord(const SamplingOptions& options) {
 }
 
 void applyThreads(const SessionOptions& options) {
-  if (options.threads > 0) setenv("OMP_NUM_THREADS", std::to_string(options.threads).c_str(), 1);
+  if (options.threads <= 0) return;
+  compat::setEnvironmentVariable("OMP_NUM_THREADS", std::to_string(options.threads));
 }
 
 int effectiveThreads() {
@@ -190,9 +201,7 @@ int effectiveThreads() {
     const int threads = std::atoi(given);
     if (threads > 0) return threads;
   }
-  cpu_set_t cpus;
-  CPU_ZERO(&cpus);
-  return sched_getaffinity(0, sizeof cpus, &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
+  return compat::usableProcessors();
 }
 
 }  // namespace zemtool

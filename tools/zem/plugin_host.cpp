@@ -1,14 +1,15 @@
 #include "plugin_host.h"
 
-#include <dlfcn.h>
-
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <system_error>
 
+#include "compat/dlfcn.h"
+#include "compat/environment.h"
+#include "compat/files.h"
+#include "compat/program.h"
 #include "model_file.h"
 #include "terminal.h"
 #include "text.h"
@@ -16,19 +17,30 @@
 namespace zemtool {
 namespace {
 
-constexpr const char* kPluginName = "runtime_qwen35_vulkan.so";
+constexpr const char* kPluginName = "runtime_qwen35_vulkan";
 constexpr uint32_t kV2Version = 3;
 // Room for 96 tokens of more than 10 KiB each.
 constexpr size_t kTextBytes = size_t{1} << 20;
+
+std::string absoluteName(const std::string& path) {
+  return compat::nameOf(std::filesystem::absolute(compat::pathOf(path)));
+}
+
+// Right after dlopen() has failed.
+std::string loadProblem(const std::string& path) {
+  std::string reason = dlerror();
+  while (!reason.empty() && (reason.back() == '\n' || reason.back() == '\r')) reason.pop_back();
+  // Not every system names the file.
+  return reason.find(path) != std::string::npos ? reason : path + ": " + reason;
+}
 
 class Library {
  public:
   explicit Library(const std::string& path)
       : path_(path),
         // A bare name would be searched for in the system's library folders.
-        handle_(dlopen(std::filesystem::absolute(path).c_str(),
-                       RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE)) {
-    if (handle_ == nullptr) throw Failure("cannot load the plug-in: " + std::string(dlerror()));
+        handle_(dlopen(absoluteName(path).c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE)) {
+    if (handle_ == nullptr) throw Failure("cannot load the plug-in: " + loadProblem(path));
   }
 
   template <typename Function>
@@ -73,13 +85,13 @@ const ZEMRuntimeDescriptorV2S* streamingOf(const Library& library, const char* i
 
 std::string findPlugin(const std::string& given) {
   if (!given.empty()) return given;
-  const char* named = std::getenv("ZEM_PLUGIN");
-  if (named != nullptr && *named != '\0') return named;
+  const std::string named = compat::environmentVariable("ZEM_PLUGIN").value_or("");
+  if (!named.empty()) return named;
+  const auto folder = compat::pathOf(compat::programPath()).parent_path();
+  const auto beside = folder / (std::string(kPluginName) + compat::kModuleSuffix);
   std::error_code error;
-  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-  const auto beside = self.parent_path() / kPluginName;
-  if (std::filesystem::exists(beside, error)) return beside;
-  throw Failure("no runtime plug-in: " + beside.string() +
+  if (std::filesystem::exists(beside, error)) return compat::nameOf(beside);
+  throw Failure("no runtime plug-in: " + compat::nameOf(beside) +
                 " does not exist; name one with --plugin or ZEM_PLUGIN");
 }
 

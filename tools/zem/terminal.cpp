@@ -1,21 +1,20 @@
 #include "terminal.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "compat/streams.h"
 #include "text.h"
 
 namespace zemtool {
 namespace {
 
-struct sigaction previousAction;
+constexpr int kStdin = 0;
+constexpr int kStdout = 1;
+constexpr int kStderr = 2;
 
 int outputError = 0;  // errno of the first write to stdout that failed
 
@@ -33,10 +32,12 @@ void flushQuietly() {
 
 bool stderrIsStyled() {
   const char* noColor = std::getenv("NO_COLOR");
-  const char* term = std::getenv("TERM");
-  return stderrIsTerminal() && (noColor == nullptr || *noColor == '\0') && term != nullptr &&
-         std::strcmp(term, "dumb") != 0;
+  return (noColor == nullptr || *noColor == '\0') && compat::obeysEscapes(kStderr);
 }
+
+// In one piece, so that lines of several threads do not mix and no character is
+// torn apart on its way to a console.
+void writeError(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); }
 
 }  // namespace
 
@@ -57,17 +58,9 @@ int guarded(const std::function<void()>& command) {
   return 1;
 }
 
-void holdStandardStreams() {
-  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-    if (fcntl(stream, F_GETFD) >= 0) continue;
-    // The lowest free number is this one.
-    if (open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0) return;
-  }
-}
-
-bool stdinIsTerminal() { return isatty(STDIN_FILENO) == 1; }
-bool stdoutIsTerminal() { return isatty(STDOUT_FILENO) == 1; }
-bool stderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
+bool stdinIsTerminal() { return compat::isTerminal(kStdin); }
+bool stdoutIsTerminal() { return compat::isTerminal(kStdout); }
+bool stderrIsTerminal() { return compat::isTerminal(kStderr); }
 
 void writeOut(std::string_view text) {
   checkOutput(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
@@ -84,24 +77,16 @@ void writeJson(const nlohmann::ordered_json& value) {
 
 void complain(std::string_view message) {
   flushQuietly();
-  std::fprintf(stderr, "zem: %s\n", escapeControls(message).c_str());
+  writeError("zem: " + escapeControls(message) + "\n");
 }
 
 void remark(std::string_view text) {
   flushOut();
   const bool styled = stderrIsStyled();
-  std::fprintf(stderr, "%s%s%s\n", styled ? "\033[2m" : "", escapeControls(text, "\n").c_str(),
-               styled ? "\033[0m" : "");
+  writeError((styled ? "\033[2m" : "") + escapeControls(text, "\n") +
+             (styled ? "\033[0m\n" : "\n"));
 }
 
-InterruptGuard::InterruptGuard() {
-  struct sigaction action {};
-  action.sa_handler = [](int) { interruptFlag = 1; };
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = 0;  // a blocked read returns, so that the prompt can notice
-  sigaction(SIGINT, &action, &previousAction);
-}
-
-InterruptGuard::~InterruptGuard() { sigaction(SIGINT, &previousAction, nullptr); }
+InterruptGuard::InterruptGuard() : handler_([] { interruptFlag = 1; }) {}
 
 }  // namespace zemtool

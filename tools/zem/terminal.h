@@ -9,6 +9,8 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "compat/interrupts.h"
+
 namespace zemtool {
 
 // Ends a command with status 1 and the line "zem: MESSAGE" on stderr.
@@ -29,10 +31,6 @@ class ClosedPipe : public std::exception {};
 // Runs a command and returns its exit status; a Failure has then been printed.
 int guarded(const std::function<void()>& command);
 
-// Call first. A stream that the caller closed stays an error to use, but its
-// number is taken: a model file that got number 2 would be written messages into.
-void holdStandardStreams();
-
 bool stdinIsTerminal();
 bool stdoutIsTerminal();
 bool stderrIsTerminal();
@@ -48,13 +46,13 @@ void complain(std::string_view message);
 // A remark to stderr: lines without a prefix, dim on a terminal.
 void remark(std::string_view text);
 
-// While one lives, SIGINT sets interruptFlag() and does nothing else. One at a time.
+// While one lives, Ctrl-C sets interruptFlag and does nothing else. One at a time.
 class InterruptGuard {
  public:
   InterruptGuard();
-  ~InterruptGuard();
-  InterruptGuard(const InterruptGuard&) = delete;
-  InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+ private:
+  compat::InterruptHandler handler_;
 };
 
 // Non-zero after an interrupt; whoever waits for the next one sets it to 0.

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "compat/files.h"
 #include "convert/checkpoint_config.h"
 #include "convert/json_file.h"
 #include "convert/json_tokenizer.h"
@@ -88,8 +89,8 @@ class FolderReader {
 
   std::string folderName() const {
     std::error_code error;
-    const fs::path whole = fs::canonical(folder_, error);
-    const std::string name = whole.filename().string();
+    const fs::path whole = fs::canonical(compat::pathOf(folder_), error);
+    const std::string name = compat::nameOf(whole.filename());
     return error || name.empty() ? "checkpoint" : name;
   }
 
@@ -97,7 +98,7 @@ class FolderReader {
     std::string text;
     if (readFileIfAny(path(kIndexName), kMaxIndexBytes, text)) return indexedShards(text);
     std::error_code error;
-    if (fs::exists(path(kSingleName), error)) return {kSingleName};
+    if (fs::exists(compat::pathOf(path(kSingleName)), error)) return {kSingleName};
     throw Failure(folder_ + ": has neither " + kIndexName + " nor " + kSingleName);
   }
 
@@ -113,9 +114,9 @@ class FolderReader {
       if (!file.is_string())
         throw Failure(where + ": \"" + escapeControls(tensor) + "\" names no file");
       const auto& name = file.get_ref<const std::string&>();
-      // A plain name: nothing outside the folder is read.
-      if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
-          name.find('\0') != std::string::npos) {
+      // A plain name, on every system: nothing outside the folder is read.
+      if (name.empty() || name == "." || name == ".." ||
+          name.find_first_of(std::string_view("/\\:\0", 4)) != std::string::npos) {
         throw Failure(where + ": \"" + escapeControls(tensor) + "\" lies in \"" +
                       escapeControls(name) + "\", needs the name of a file in this folder");
       }
@@ -128,7 +129,7 @@ class FolderReader {
   void readShard(const std::string& name) {
     auto file = std::make_shared<kiv::MappedFile>();
     std::error_code error;
-    if (!fs::exists(path(name), error)) {
+    if (!fs::exists(compat::pathOf(path(name)), error)) {
       throw Failure(path(name) + " is missing; " + kIndexName + " names it");
     }
     if (const kiv::Status s = file->open(path(name)); !s.ok()) throw Failure(s.message());

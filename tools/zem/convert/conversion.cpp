@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "compat/files.h"
 #include "convert/checkpoint_source.h"
 #include "convert/gguf_source.h"
 #include "kiv/mapped_file.h"
@@ -26,7 +27,7 @@ void require(const kiv::Status& status) {
 
 ModelSource openSource(const std::string& input) {
   std::error_code error;
-  if (fs::is_directory(input, error)) {
+  if (fs::is_directory(compat::pathOf(input), error)) {
     std::string folder = input;
     while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
     return openCheckpoint(folder);
@@ -47,11 +48,12 @@ ModelSource openSource(const std::string& input) {
 // The folder or file of the source, for the comparison with the output.
 std::vector<fs::path> sourcePaths(const std::string& input, const ModelSource& source) {
   std::error_code error;
-  if (!fs::is_directory(input, error)) return {input};
+  if (!fs::is_directory(compat::pathOf(input), error)) return {compat::pathOf(input)};
+  const fs::path folder = compat::pathOf(input);
   std::vector<fs::path> paths;
-  for (const std::string& file : source.files) paths.push_back(fs::path(input) / file);
+  for (const std::string& file : source.files) paths.push_back(folder / compat::pathOf(file));
   for (const char* file : {"config.json", "tokenizer.json", "tokenizer_config.json"}) {
-    paths.push_back(fs::path(input) / file);
+    paths.push_back(folder / file);
   }
   return paths;
 }
@@ -59,7 +61,7 @@ std::vector<fs::path> sourcePaths(const std::string& input, const ModelSource& s
 void checkOutput(const ConversionOptions& options, const ModelSource& source) {
   std::error_code error;
   for (const fs::path& path : sourcePaths(options.input, source)) {
-    if (fs::equivalent(path, options.output, error)) {
+    if (fs::equivalent(path, compat::pathOf(options.output), error)) {
       throw Failure(options.output + " is part of the model that is to be converted");
     }
   }
@@ -67,11 +69,11 @@ void checkOutput(const ConversionOptions& options, const ModelSource& source) {
 
 void checkSpace(const std::string& output, uint64_t needed) {
   std::error_code error;
-  const fs::path folder = fs::absolute(output, error).parent_path();
+  const fs::path folder = fs::absolute(compat::pathOf(output), error).parent_path();
   const fs::space_info space = fs::space(folder, error);
   if (error || space.available >= needed) return;
-  throw Failure(folder.string() + " has " + formatBytes(space.available) + " left, " + output +
-                " needs " + formatBytes(needed));
+  throw Failure(compat::nameOf(folder) + " has " + formatBytes(space.available) + " left, " +
+                output + " needs " + formatBytes(needed));
 }
 
 void addModelFacts(const ModelSource& source, const ConversionPlan& plan, kiv::ZEM2Writer& writer) {
@@ -151,7 +153,7 @@ uint64_t tokenizerBytes(const kiv::TokenizerData& data) {
 ConversionReport convertModel(const ConversionOptions& options) {
   const auto start = std::chrono::steady_clock::now();
   std::error_code error;
-  if (!options.force && fs::exists(fs::symlink_status(options.output, error))) {
+  if (!options.force && fs::exists(fs::symlink_status(compat::pathOf(options.output), error))) {
     throw Failure(options.output + " exists; use --force to replace it");
   }
   ModelSource source = openSource(options.input);

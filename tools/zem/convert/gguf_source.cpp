@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "compat/files.h"
 #include "convert/gguf_tokenizer.h"
 #include "convert/tensor_plan.h"
 #include "kiv/gguf.h"
@@ -36,7 +37,7 @@ class GgufReader {
     checkArchitecture();
     checkShape();
     source_.format = "GGUF";
-    source_.files = {std::filesystem::path(path_).filename().string()};
+    source_.files = {compat::nameOf(compat::pathOf(path_).filename())};
     readFacts();
     for (const kiv::GgufTensor& tensor : gguf_->tensors()) place(tensor);
     checkHead();
@@ -170,7 +171,7 @@ class GgufReader {
     std::string_view name;
     const auto* stated = gguf_->find("general.name");
     if (stated == nullptr || !stated->getText(name) || name.empty()) {
-      source_.name = std::filesystem::path(path_).stem().string();
+      source_.name = compat::nameOf(compat::pathOf(path_).stem());
     } else {
       source_.name = name;
     }

@@ -4,6 +4,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "compat/files.h"
 #include "kiv/mapped_file.h"
 #include "terminal.h"
 
@@ -58,7 +59,7 @@ json parseJson(std::string_view text, const std::string& where) {
 
 bool readFileIfAny(const std::string& path, uint64_t maxBytes, std::string& text) {
   std::error_code error;
-  if (!std::filesystem::exists(path, error) && !error) return false;
+  if (!std::filesystem::exists(compat::pathOf(path), error) && !error) return false;
   kiv::MappedFile file;
   if (const kiv::Status status = file.open(path); !status.ok()) throw Failure(status.message());
   if (file.size() > maxBytes) {

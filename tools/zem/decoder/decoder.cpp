@@ -1,16 +1,17 @@
 #include "decoder/decoder.h"
 
-#include <dlfcn.h>
-
 #include <array>
 #include <filesystem>
 
+#include "compat/dlfcn.h"
+#include "compat/files.h"
+#include "compat/program.h"
 #include "terminal.h"
 
 namespace zemtool {
 namespace {
 
-constexpr char kModuleName[] = "zem_decoder.so";
+constexpr char kModuleName[] = "zem_decoder";
 
 // Never unloaded: the decoder's threads outlive the last call.
 struct Module {
@@ -28,13 +29,13 @@ Function find(void* library, const char* name) {
 }
 
 Module loadModule() {
-  std::error_code error;
-  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-  const std::string path = (self.parent_path() / kModuleName).string();
-  void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  const auto folder = compat::pathOf(compat::programPath()).parent_path();
+  const auto path = folder / (std::string(kModuleName) + compat::kModuleSuffix);
+  void* library = dlopen(compat::nameOf(path).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
     const char* reason = dlerror();
-    throw Failure("cannot load the decoder: " + std::string(reason == nullptr ? path : reason));
+    throw Failure("cannot load the decoder: " +
+                  (reason == nullptr ? compat::nameOf(path) : std::string(reason)));
   }
   return {find<ZemDecoderOpenFn>(library, ZEM_DECODER_OPEN),
           find<ZemDecoderVocabularyFn>(library, ZEM_DECODER_VOCABULARY),

@@ -7,11 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "compat/module_export.h"
 #include "kiv/zem_loader.h"
 #include "qwen35_check.h"
 #include "qwen35_model.h"
 
-#define ZEM_DECODER_EXPORT extern "C" __attribute__((visibility("default")))
+#define ZEM_DECODER_EXPORT extern "C" ZEM_MODULE_EXPORT
 
 struct ZemDecoder {
   kiv::ZEMLoader loader;
