@@ -14,8 +14,9 @@ constexpr size_t kBatch = 512;  // addresses asked for in one call
 
 // The system keeps a list of the pages of such a block that were written to, so
 // that clearing it need not touch the others. Giving the pages back and asking
-// for new ones would do as well, until the day the second call fails.
-void* allocateZeroPages(size_t bytes) {
+// for new ones would do as well, until the day the second call fails. Large pages
+// need a privilege that few users have, so `use` changes nothing.
+void* allocateZeroPages(size_t bytes, PageUse /*use*/) {
   if (bytes == 0) return nullptr;
   return VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT | MEM_WRITE_WATCH, PAGE_READWRITE);
 }

@@ -7,9 +7,11 @@
 
 namespace {
 
+using compat::PageUse;
+
 struct Block {
-  explicit Block(size_t size)
-      : bytes(size), data(static_cast<uint8_t*>(compat::allocateZeroPages(size))) {}
+  Block(size_t size, PageUse use)
+      : bytes(size), data(static_cast<uint8_t*>(compat::allocateZeroPages(size, use))) {}
   ~Block() { compat::freeZeroPages(data, bytes); }
   Block(const Block&) = delete;
   Block& operator=(const Block&) = delete;
@@ -23,30 +25,39 @@ struct Block {
   uint8_t* data;
 };
 
-TEST(ZeroPagesTest, NoBytesAreNoBlock) {
-  EXPECT_EQ(compat::allocateZeroPages(0), nullptr);
+class ZeroPagesTest : public testing::TestWithParam<PageUse> {};
+
+INSTANTIATE_TEST_SUITE_P(Uses, ZeroPagesTest, testing::Values(PageUse::Sparse, PageUse::Dense),
+                         [](const testing::TestParamInfo<PageUse>& use) {
+                           return use.param == PageUse::Dense ? "Dense" : "Sparse";
+                         });
+
+TEST_P(ZeroPagesTest, NoBytesAreNoBlock) {
+  EXPECT_EQ(compat::allocateZeroPages(0, GetParam()), nullptr);
   compat::freeZeroPages(nullptr, 0);
   compat::freeZeroPages(nullptr, 5);
   compat::clearZeroPages(nullptr, 5);
 }
 
-TEST(ZeroPagesTest, MoreThanThereIsIsNull) {
-  EXPECT_EQ(compat::allocateZeroPages(size_t{1} << 62), nullptr);
+TEST_P(ZeroPagesTest, MoreThanThereIsIsNull) {
+  EXPECT_EQ(compat::allocateZeroPages(size_t{1} << 62, GetParam()), nullptr);
+  EXPECT_EQ(compat::allocateZeroPages(~size_t{0}, GetParam()), nullptr);
 }
 
-TEST(ZeroPagesTest, BlocksBeginAsZerosOnAPage) {
+TEST_P(ZeroPagesTest, BlocksBeginAsZerosOnAPage) {
   for (const size_t bytes :
-       {size_t{1}, size_t{4095}, size_t{4096}, size_t{4097}, size_t{1} << 20}) {
-    const Block block(bytes);
+       {size_t{1}, size_t{4095}, size_t{4096}, size_t{4097}, size_t{1} << 20, (size_t{2} << 20) - 1,
+        size_t{2} << 20, (size_t{2} << 20) + 1, size_t{7} << 20}) {
+    const Block block(bytes, GetParam());
     ASSERT_NE(block.data, nullptr) << bytes;
     EXPECT_EQ(reinterpret_cast<uintptr_t>(block.data) % 4096, 0U);
     EXPECT_TRUE(block.isZero()) << bytes;
   }
 }
 
-TEST(ZeroPagesTest, ClearingMakesEveryByteZeroAgain) {
+TEST_P(ZeroPagesTest, ClearingMakesEveryByteZeroAgain) {
   for (const size_t bytes : {size_t{1}, size_t{4097}, size_t{5} << 20}) {
-    const Block block(bytes);
+    const Block block(bytes, GetParam());
     ASSERT_NE(block.data, nullptr);
     for (int round = 0; round < 3; ++round) {
       std::fill_n(block.data, bytes, uint8_t{0xA5});
@@ -56,8 +67,8 @@ TEST(ZeroPagesTest, ClearingMakesEveryByteZeroAgain) {
   }
 }
 
-TEST(ZeroPagesTest, ScatteredPagesAreCleared) {
-  const Block block(size_t{64} << 20);
+TEST_P(ZeroPagesTest, ScatteredPagesAreCleared) {
+  const Block block(size_t{64} << 20, GetParam());
   ASSERT_NE(block.data, nullptr);
   for (int round = 0; round < 2; ++round) {
     for (size_t at = 17; at < block.bytes; at += 3 * 4096 + 1) block.data[at] = 1;
@@ -69,8 +80,8 @@ TEST(ZeroPagesTest, ScatteredPagesAreCleared) {
 }
 
 // Clearing what was never touched touches nothing.
-TEST(ZeroPagesTest, AnUntouchedBlockIsClearedForNothing) {
-  const Block block(size_t{1} << 30);
+TEST_P(ZeroPagesTest, AnUntouchedBlockIsClearedForNothing) {
+  const Block block(size_t{1} << 30, GetParam());
   ASSERT_NE(block.data, nullptr);
   for (int i = 0; i < 1000; ++i) block.clear();
   EXPECT_EQ(block.data[block.bytes / 2], 0);
