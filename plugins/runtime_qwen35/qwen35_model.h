@@ -106,11 +106,11 @@ void forwardToken(Model& m, const float* x, size_t pos, float* logits);
 /// The same without the head: the final normalised hidden state, nEmb floats.
 void forwardTokenHidden(Model& m, const float* x, size_t pos, float* hidden);
 
-//// forwardTokenHidden for `count` consecutive tokens from position `pos` on, whose
-//// embeddings and hidden states lie one after the other. The bits of `hidden`, and
-//// of the model's state afterwards, are those of one call a token; weights are read
-//// once for many tokens, which is several times as fast. While one of the
-//// diagnostic variables is set the tokens go one by one.
+/// forwardTokenHidden for `count` consecutive tokens from position `pos` on, whose
+/// embeddings and hidden states lie one after the other. The bits of `hidden`, and
+/// of the model's state afterwards, are those of one call a token; weights are read
+/// once for many tokens, which is several times as fast. While one of the
+/// diagnostic variables is set the tokens go one by one.
 void forwardTokensHidden(Model& m, const float* x, size_t count, size_t pos, float* hidden);
 
 /// The attention half of a block with linear attention, for block `il` at position
