@@ -9,7 +9,7 @@
 namespace kiv::test {
 
 LazyBytes::LazyBytes(size_t size) : size_(size) {
-  data_ = static_cast<uint8_t*>(compat::allocateZeroPages(size));
+  data_ = static_cast<uint8_t*>(compat::allocateZeroPages(size, compat::PageUse::Sparse));
   if (data_ == nullptr) {
     ADD_FAILURE() << "no address space for " << size << " bytes";
     size_ = 0;
