@@ -11,8 +11,12 @@
 # differ from machine to machine. Exit status 77: nothing could be counted.
 set -euo pipefail
 
-program=$(realpath "$1")
 record=${2:-}
+if (($# < 1)) || [[ -n $record && $record != --record ]]; then
+  echo "usage: check_ceilings.sh PROGRAM [--record]" >&2
+  exit 2
+fi
+program=$(realpath "$1")
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 recorded=$here/ceilings.txt
 

@@ -20,8 +20,8 @@ void eraseAndEnd(int signalNumber) {
 }
 
 // Returns what was there before. A signal that the caller had switched off stays so.
-void (*eraseBefore(int signalNumber))(int) {
-  const auto before = std::signal(signalNumber, eraseAndEnd);
+ProgressLine::Handler eraseBefore(int signalNumber) {
+  const ProgressLine::Handler before = std::signal(signalNumber, eraseAndEnd);
   if (before == SIG_IGN) std::signal(signalNumber, SIG_IGN);
   return before;
 }

@@ -10,6 +10,8 @@ namespace zemtool {
 // call cannot be interrupted, and nothing is left behind. One at a time.
 class ProgressLine {
  public:
+  using Handler = void (*)(int);  // of a signal
+
   ProgressLine();
   ~ProgressLine();
   ProgressLine(const ProgressLine&) = delete;
@@ -19,8 +21,6 @@ class ProgressLine {
   void clear() const;
 
  private:
-  using Handler = void (*)(int);
-
   bool shown_;
   Handler interrupt_ = nullptr;  // as found
   Handler terminate_ = nullptr;
