@@ -7,9 +7,12 @@
 namespace qwen35 {
 namespace {
 
-void copyFloats(const float* from, size_t n, float* to) {
-  forEachShare(n, n >= kTeamElements, [=](size_t /*thread*/, size_t begin, size_t end) {
-    std::copy(from + begin, from + end, to + begin);
+template <typename Vector>
+void copyAll(const Vector& from, Vector& to) {
+  const size_t n = from.size();
+  if (to.size() != n) to = Vector(n);
+  forEachShare(n, n >= kTeamElements, [&](size_t /*thread*/, size_t begin, size_t end) {
+    std::copy(from.data() + begin, from.data() + end, to.data() + begin);
   });
 }
 
@@ -34,10 +37,8 @@ void Checkpoint::take(size_t pos) {
     const Layer& L = m_.L[i];
     LayerCopy& copy = layers_[i];
     copy.kvLen = L.kvLen;
-    copy.state.resize(L.state.size());
-    copy.convWin.resize(L.convWin.size());
-    copyFloats(L.state.data(), L.state.size(), copy.state.data());
-    copyFloats(L.convWin.data(), L.convWin.size(), copy.convWin.data());
+    copyAll(L.state, copy.state);
+    copyAll(L.convWin, copy.convWin);
   }
 }
 
@@ -48,8 +49,8 @@ void Checkpoint::restore() const {
     const LayerCopy& copy = layers_[i];
     if (L.kvLen > copy.kvLen) clearSlots(m_, L, copy.kvLen);
     L.kvLen = copy.kvLen;
-    copyFloats(copy.state.data(), copy.state.size(), L.state.data());
-    copyFloats(copy.convWin.data(), copy.convWin.size(), L.convWin.data());
+    copyAll(copy.state, L.state);
+    copyAll(copy.convWin, L.convWin);
   }
 }
 

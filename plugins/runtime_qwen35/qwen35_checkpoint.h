@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "qwen35_model.h"
+#include "qwen35_zeroed_floats.h"
 
 namespace qwen35 {
 
@@ -24,8 +25,8 @@ class Checkpoint {
 
  private:
   struct LayerCopy {
-    std::vector<float> state;
-    std::vector<float> convWin;
+    DenseZeroedFloats state;
+    ZeroedFloats convWin;
     size_t kvLen = 0;
   };
 
