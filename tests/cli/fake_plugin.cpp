@@ -111,6 +111,10 @@ std::string completion(const ZEMRuntimeHandle& session, const std::string& promp
     const char* threads = std::getenv("OMP_NUM_THREADS");
     return threads == nullptr ? "unset" : threads;
   }
+  if (prompt == "spinning") {
+    const char* rounds = std::getenv("GOMP_SPINCOUNT");
+    return rounds == nullptr ? "unset" : rounds;
+  }
   if (prompt == "vulkan") return std::getenv("ZEM_NO_VULKAN") == nullptr ? "on" : "off";
   if (prompt == "bytes") return "a\x1b[31m\xC3\x28\xE2\x82";
   if (prompt == "huge") return std::string(size_t{4} << 20, 'x');

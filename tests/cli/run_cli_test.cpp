@@ -87,6 +87,18 @@ TEST(Run, ThreadsAreSetBeforeThePluginIsLoaded) {
   EXPECT_EQ(answer({"-p", "threads", "-t", "3"}), "3\n");
 }
 
+// Idle threads give the processor away soon, unless the user decided about it.
+TEST(Run, SpinningIsLimitedBeforeThePluginIsLoaded) {
+  const auto rounds = [](const Environment& extra) {
+    Environment all = {{"OMP_WAIT_POLICY", ""}, {"GOMP_SPINCOUNT", ""}};
+    for (const auto& [name, value] : extra) all[name] = value;
+    return zem({"run", "-m", "m.zem", "-p", "spinning"}, {}, all).out;
+  };
+  EXPECT_EQ(rounds({}), "10000\n");
+  EXPECT_EQ(rounds({{"GOMP_SPINCOUNT", "7"}}), "7\n");
+  EXPECT_EQ(rounds({{"OMP_WAIT_POLICY", "active"}}), "unset\n");
+}
+
 TEST(Run, JsonHoldsTextAndTimings) {
   const auto json = nlohmann::json::parse(answer({"-p", "hello", "--json"}));
   EXPECT_EQ(json["text"], "<hello>");

@@ -79,6 +79,16 @@ std::string withoutLastLineFeed(std::string text) {
   return text;
 }
 
+// By default libgomp's threads spin for milliseconds before they sleep, and where
+// other programs want the processors, each barrier of a token waits that long for
+// a thread that is not running. So many rounds outlast the gaps between products
+// and no more.
+void limitSpinning() {
+  if (compat::environmentVariable("OMP_WAIT_POLICY")) return;
+  if (compat::environmentVariable("GOMP_SPINCOUNT")) return;
+  compat::setEnvironmentVariable("GOMP_SPINCOUNT", "10000");
+}
+
 }  // namespace
 
 void addModelOption(CLI::App& command, std::string& model) {
@@ -192,6 +202,7 @@ ZEMSessionOptions sessionRecord(const SamplingOptions& options) {
 }
 
 void applyThreads(const SessionOptions& options) {
+  limitSpinning();
   if (options.threads <= 0) return;
   compat::setEnvironmentVariable("OMP_NUM_THREADS", std::to_string(options.threads));
 }
