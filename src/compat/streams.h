@@ -12,6 +12,7 @@ namespace compat {
 class StandardStreams {
  public:
   StandardStreams();
+  // Does something on Windows alone. NOLINTNEXTLINE(performance-trivially-destructible)
   ~StandardStreams();
   StandardStreams(const StandardStreams&) = delete;
   StandardStreams& operator=(const StandardStreams&) = delete;
