@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace compat {
 
@@ -21,6 +22,13 @@ class StandardStreams {
 bool isTerminal(int stream);
 // Whether it is a terminal that obeys escape sequences.
 bool obeysEscapes(int stream);
+
+// Writes to stream 1 or 2 behind what C's stdout and stderr hold; flushing those is
+// the caller's. `text` holds whole characters. False on failure, with errno set.
+bool writeText(int stream, std::string_view text);
+
+// The keys that end standard input on a terminal.
+extern const char* const kEndKeys;
 
 enum class Input { Line, Interrupted, End };
 

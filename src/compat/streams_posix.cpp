@@ -30,6 +30,13 @@ bool obeysEscapes(int stream) {
   return isTerminal(stream) && term != nullptr && std::strcmp(term, "dumb") != 0;
 }
 
+bool writeText(int stream, std::string_view text) {
+  std::FILE* file = stream == STDOUT_FILENO ? stdout : stderr;
+  return std::fwrite(text.data(), 1, text.size(), file) == text.size();
+}
+
+const char* const kEndKeys = "Ctrl-D";
+
 Input readLine(std::string& line) {
   line.clear();
   return std::getline(std::cin, line) ? Input::Line : Input::End;

@@ -4,7 +4,9 @@
 #include <io.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <iostream>
 
@@ -13,7 +15,8 @@
 namespace compat {
 namespace {
 
-constexpr wchar_t kEndMark = 0x1A;  // Ctrl-Z
+constexpr wchar_t kEndMark = 0x1A;      // Ctrl-Z
+constexpr size_t kConsoleChars = 8192;  // more at once fails on old systems
 
 // A console's settings as they were found.
 UINT foundCodePage = 0;
@@ -51,6 +54,25 @@ void putBack() {
 BOOL WINAPI putBackAtTheEnd(DWORD /*event*/) {
   putBack();
   return FALSE;  // go on with it
+}
+
+// As UTF-16: of bytes a console makes characters call by call, and the C library
+// may well write them one by one.
+bool writeToConsole(HANDLE console, std::string_view utf8) {
+  const std::wstring text = toWide(utf8);
+  for (size_t done = 0; done < text.size();) {
+    size_t piece = std::min(kConsoleChars, text.size() - done);
+    const wchar_t last = text[done + piece - 1];
+    if (done + piece < text.size() && last >= 0xD800 && last < 0xDC00) --piece;  // half a pair
+    DWORD written = 0;
+    if (WriteConsoleW(console, &text[done], static_cast<DWORD>(piece), &written, nullptr) == 0 ||
+        written == 0) {
+      errno = EIO;
+      return false;
+    }
+    done += written;
+  }
+  return true;
 }
 
 Input readConsoleLine(HANDLE console, std::string& line) {
@@ -102,6 +124,16 @@ bool obeysEscapes(int stream) {
   DWORD mode = 0;
   return consoleMode(stream, mode) && (mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
+
+bool writeText(int stream, std::string_view text) {
+  std::FILE* file = stream == 1 ? stdout : stderr;
+  if (isTerminal(stream)) {
+    return std::fflush(file) == 0 && writeToConsole(handleOf(stream), text);
+  }
+  return std::fwrite(text.data(), 1, text.size(), file) == text.size();
+}
+
+const char* const kEndKeys = "Ctrl-Z with Enter";
 
 Input readLine(std::string& line) {
   line.clear();

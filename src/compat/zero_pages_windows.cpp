@@ -12,13 +12,14 @@ constexpr size_t kBatch = 512;  // addresses asked for in one call
 
 }  // namespace
 
-// The system keeps a list of the pages of such a block that were written to, so
-// that clearing it need not touch the others. Giving the pages back and asking
-// for new ones would do as well, until the day the second call fails. Large pages
-// need a privilege that few users have, so `use` changes nothing.
-void* allocateZeroPages(size_t bytes, PageUse /*use*/) {
+// Of a sparse block the system lists the pages that were written to, so that
+// clearing it need not touch the others. Giving the pages back and asking for new
+// ones would do as well, until the day the second call fails. Large pages need a
+// privilege that few users have.
+void* allocateZeroPages(size_t bytes, PageUse use) {
   if (bytes == 0) return nullptr;
-  return VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT | MEM_WRITE_WATCH, PAGE_READWRITE);
+  const DWORD watch = use == PageUse::Sparse ? MEM_WRITE_WATCH : 0;
+  return VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT | watch, PAGE_READWRITE);
 }
 
 void freeZeroPages(void* block, size_t /*bytes*/) {
@@ -35,7 +36,7 @@ void clearZeroPages(void* block, size_t bytes) {
     DWORD pageBytes = 0;
     const auto left = static_cast<SIZE_T>(end - from);
     if (GetWriteWatch(0, from, left, pages.data(), &count, &pageBytes) != 0) {
-      std::memset(block, 0, bytes);
+      std::memset(block, 0, bytes);  // nobody has watched
       return;
     }
     if (count == 0) break;

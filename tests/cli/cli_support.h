@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -16,8 +17,23 @@
 
 namespace zemtest {
 
-inline const std::string kZem = ZEM_TEST_BIN "/zem";
-inline const std::string kFakePlugin = ZEM_TEST_PLUGINS "/fake_plugin.so";
+// The build whose programs are tested: this one, or the Windows build that
+// ZEM_TEST_WINDOWS_BUILD names, whose bin/zem starts zem.exe under Wine.
+inline const char* const kWindowsBuild = std::getenv("ZEM_TEST_WINDOWS_BUILD");
+inline const std::string kBuild = kWindowsBuild != nullptr ? kWindowsBuild : ZEM_TEST_BUILD;
+
+inline const std::string kZem = kBuild + "/bin/zem";
+
+// A plug-in that only tests load.
+inline std::string testPlugin(const std::string& name) {
+  return kBuild + "/tests/" + name + (kWindowsBuild != nullptr ? ".dll" : ".so");
+}
+inline const std::string kFakePlugin = testPlugin("fake_plugin");
+
+// First line of a test of what a program for Windows does not have, or Wine does
+// not pass on to it.
+#define ZEM_SKIP_UNDER_WINE(reason) \
+  if (zemtest::kWindowsBuild != nullptr) GTEST_SKIP() << "under Wine: " << (reason)
 
 using Arguments = std::vector<std::string>;
 

@@ -107,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct BadPlugin {
   const char* name;
-  const char* path;
+  std::string path;
   const char* says;
 };
 
@@ -125,10 +125,9 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, BadPluginTest,
     ::testing::Values(BadPlugin{"Missing", "/nonexistent/plugin.so", "cannot load the plug-in"},
                       BadPlugin{"NoLibrary", __FILE__, "cannot load the plug-in"},
-                      BadPlugin{"WithoutExports", ZEM_TEST_PLUGINS "/plugin_without_exports.so",
+                      BadPlugin{"WithoutExports", testPlugin("plugin_without_exports"),
                                 "does not export zem_plugin_init"},
-                      BadPlugin{"OfAnotherVersion",
-                                ZEM_TEST_PLUGINS "/fake_plugin_of_old_version.so",
+                      BadPlugin{"OfAnotherVersion", testPlugin("fake_plugin_of_old_version"),
                                 "version 2, this host needs 3"}),
     [](const auto& test) { return test.param.name; });
 
@@ -139,10 +138,11 @@ TEST(Plugin, AnOptionBeatsTheEnvironment) {
 }
 
 TEST(Plugin, ABareNameIsAFileOfThisFolder) {
-  const ProcessResult result = runProcess(
-      {"/bin/sh", "-c",
-       "cd '" ZEM_TEST_PLUGINS "' && exec '" + kZem + "' run -m m -p x --plugin fake_plugin.so"},
-      "", cliEnvironment());
+  const ProcessResult result =
+      runProcess({"/bin/sh", "-c",
+                  "cd '" + kBuild + "/tests' && exec '" + kZem + "' run -m m -p x --plugin " +
+                      kFakePlugin.substr(kFakePlugin.rfind('/') + 1)},
+                 "", cliEnvironment());
   EXPECT_EQ(result.out, "<x>\n") << result.err;
 }
 

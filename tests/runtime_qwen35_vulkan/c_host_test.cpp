@@ -28,7 +28,7 @@ struct Ran {
 std::string quoted(const char* path) { return std::string("\"").append(path).append("\" "); }
 // The shell takes the outermost quotes away.
 std::string commandLine(const std::string& rest) { return "\"" + rest + " 2>&1\""; }
-FILE* openPipe(const std::string& command) { return _popen(command.c_str(), "rb"); }
+FILE* openPipe(const std::string& command) { return _popen(command.c_str(), "rt"); }
 int exitStatus(FILE* pipe) { return _pclose(pipe); }
 
 #else

@@ -16,12 +16,14 @@
 namespace zemtool {
 namespace {
 
-constexpr const char* kCommands =
-    "/clear          start a new conversation\n"
-    "/system TEXT    system prompt of the next conversation (/clear starts it)\n"
-    "/stats          tokens and speed since the last /clear\n"
-    "/help           this list\n"
-    "/quit           end the program (Ctrl-D does too)";
+std::string commands() {
+  return "/clear          start a new conversation\n"
+         "/system TEXT    system prompt of the next conversation (/clear starts it)\n"
+         "/stats          tokens and speed since the last /clear\n"
+         "/help           this list\n"
+         "/quit           end the program (so does " +
+         std::string(compat::kEndKeys) + ")";
+}
 
 struct ChatOptions {
   SessionOptions session;
@@ -120,7 +122,7 @@ class Conversation {
     } else if (name == "/stats") {
       remark(describeStats(session_.stats()));
     } else if (name == "/help") {
-      remark(kCommands);
+      remark(commands());
     } else {
       complain("unknown command " + name +
                "; /help lists them (a space in front sends the line as text)");
@@ -164,7 +166,8 @@ class Conversation {
 void chatOnTerminal(Conversation& conversation) {
   const InterruptGuard guard;
   LineEditor editor(defaultHistoryPath());
-  remark("Ctrl-C stops a reply, Ctrl-D ends the conversation, /help lists the commands.");
+  remark(std::string("Ctrl-C stops a reply, ") + compat::kEndKeys +
+         " ends the conversation, /help lists the commands.");
   bool interrupted = false;
   for (bool open = true; open;) {
     std::string line;
@@ -173,7 +176,8 @@ void chatOnTerminal(Conversation& conversation) {
         remark("");
         return;
       case LineEditor::Event::Interrupted:
-        remark(interrupted ? "^C" : "^C (again, or Ctrl-D, to quit)");
+        remark(interrupted ? "^C"
+                           : "^C (again, or " + std::string(compat::kEndKeys) + ", to quit)");
         if (interrupted) return;
         interrupted = true;
         break;
@@ -225,7 +229,7 @@ void addChat(CLI::App& app, int& status) {
   command->footer(std::string("Replies, of up to 96 tokens, go to standard output, all else to "
                               "standard error. Without a\nterminal each line of standard input is "
                               "a turn. Commands, with and without a terminal:\n") +
-                  kCommands +
+                  commands() +
                   "\n\nExamples:\n"
                   "  zem chat -m model.zem -sys \"Answer in one sentence.\"\n"
                   "  echo \"Why is the sky blue?\" | zem chat -m model.zem");

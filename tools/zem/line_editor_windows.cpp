@@ -1,7 +1,5 @@
 // The console of Windows edits lines itself and remembers them while the program
 // runs.
-#include <cstdio>
-
 #include "compat/streams.h"
 #include "line_editor.h"
 #include "terminal.h"
@@ -18,8 +16,7 @@ LineEditor::~LineEditor() = default;
 LineEditor::Event LineEditor::read(std::string& line) {
   flushOut();
   interruptFlag = 0;
-  std::fputs("> ", stderr);
-  std::fflush(stderr);
+  compat::writeText(2, "> ");
   switch (compat::readLine(line)) {
     case compat::Input::Line:
       return Event::Line;

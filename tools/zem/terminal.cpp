@@ -37,7 +37,7 @@ bool stderrIsStyled() {
 
 // In one piece, so that lines of several threads do not mix and no character is
 // torn apart on its way to a console.
-void writeError(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); }
+void writeError(const std::string& text) { compat::writeText(kStderr, text); }
 
 }  // namespace
 
@@ -62,9 +62,7 @@ bool stdinIsTerminal() { return compat::isTerminal(kStdin); }
 bool stdoutIsTerminal() { return compat::isTerminal(kStdout); }
 bool stderrIsTerminal() { return compat::isTerminal(kStderr); }
 
-void writeOut(std::string_view text) {
-  checkOutput(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
-}
+void writeOut(std::string_view text) { checkOutput(compat::writeText(kStdout, text)); }
 
 void flushOut() { checkOutput(std::fflush(stdout) == 0); }
 
