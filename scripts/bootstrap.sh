@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, testing and checking need. Safe to
 # repeat: does nothing when everything is there.
+#   scripts/bootstrap.sh            for Linux
+#   scripts/bootstrap.sh windows    and for building and testing Windows programs here
 set -euo pipefail
 
 packages=(
@@ -13,6 +15,10 @@ packages=(
   # checks
   clang-format-14 clang-tidy-14 doxygen
 )
+
+if [[ ${1:-} == windows ]]; then
+  packages+=(g++-mingw-w64-x86-64-posix googletest wine wine64)
+fi
 
 missing=()
 for package in "${packages[@]}"; do

@@ -6,8 +6,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build=build/release
 mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h')
-# Sources for Windows need that system's headers; the compiler's warnings are their lint.
-mapfile -t linted < <(git ls-files 'src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp' ':!:*_windows.cpp')
+# What only Windows compiles is checked where it is built, by tests/windows/run.sh.
+mapfile -t linted < <(git ls-files 'src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp' ':!*_windows.cpp')
 
 echo "check.sh: layout of ${#sources[@]} files"
 clang-format-14 --dry-run --Werror "${sources[@]}"

@@ -1,20 +1,25 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs every test.
-#   scripts/test.sh [PRESET]      release (the default), debug or sanitize
+#   scripts/test.sh [PRESET]      release (the default), debug, sanitize or windows
+# windows: cross-built, run under Wine, and compared with the release build.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 preset=${1:-release}
 case $preset in
-  release | debug | sanitize) ;;
+  release | debug | sanitize | windows) ;;
   *)
-    echo "usage: scripts/test.sh [release|debug|sanitize]" >&2
+    echo "usage: scripts/test.sh [release|debug|sanitize|windows]" >&2
     exit 2
     ;;
 esac
 
 # The tests run side by side; threads that spin while they wait would starve them.
 export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive}
+
+if [[ $preset == windows ]]; then
+  exec bash tests/windows/run.sh
+fi
 
 bash scripts/bootstrap.sh
 cmake --preset "$preset" ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}

@@ -71,7 +71,7 @@ bool convertName(const char* name, std::wstring& wide) {
 int openDescriptor(const char* name, DWORD access, DWORD disposition, int flags) {
   std::wstring wide;
   if (!convertName(name, wide)) return -1;
-  const HANDLE handle =
+  HANDLE handle =
       CreateFileW(wide.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                   nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) {

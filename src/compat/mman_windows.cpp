@@ -30,7 +30,7 @@ DWORD lowHalf(uint64_t value) { return static_cast<DWORD>(value); }
 
 HANDLE duplicate(HANDLE file) {
   HANDLE copy = nullptr;
-  const HANDLE self = GetCurrentProcess();
+  HANDLE self = GetCurrentProcess();
   const BOOL done = DuplicateHandle(self, file, self, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS);
   return done != 0 ? copy : nullptr;
 }

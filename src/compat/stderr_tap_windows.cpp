@@ -66,8 +66,7 @@ HANDLE createExit(const std::wstring& name) {
 }
 
 int openEntry(const std::wstring& name) {
-  const HANDLE entry =
-      CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  HANDLE entry = CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
   if (entry == INVALID_HANDLE_VALUE) {
     throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
   }

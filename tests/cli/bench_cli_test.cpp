@@ -312,7 +312,7 @@ TEST_F(Bench, AListOfThreadsIsMeasuredInItsOrder) {
 TEST_F(Bench, OneNumberOfThreadsIsLeftToTheEnvironment) { EXPECT_EQ(run("m.zem").err, ""); }
 
 TEST_F(Bench, AListOfThreadsNeedsAnOpenMpLibraryWithinReach) {
-  const std::string plugin = ZEM_TEST_PLUGINS "/fake_plugin_without_openmp.so";
+  const std::string plugin = testPlugin("fake_plugin_without_openmp");
   const std::string model = folder_.write("m.zem", smallContainer().build());
   const ProcessResult result = zem({"bench", "-m", model, "-t", "1,2", "--plugin", plugin});
   EXPECT_EQ(result.status, 1);

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Builds for Windows and tests what came of it under Wine: every unit test, the tool
+# through the tests of the command line, and the same bits as the build for Linux.
+# Installs what is missing. scripts/test.sh windows calls this.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
+
+export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive} CI=${CI:-}
+# No device is expected under Wine.
+unset ZEM_REQUIRE_GPU
+
+say() { printf '\n== windows: %s\n' "$*"; }
+
+bash scripts/bootstrap.sh windows
+
+say "the build for Linux that the tests compare with"
+cmake --preset release ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}
+cmake --build --preset release --target zem qwen35_vulkan_plugin cli_test
+
+say "cross build"
+cmake --preset windows ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}
+cmake --build --preset windows
+
+say "lint of what only Windows compiles"
+headers=$(x86_64-w64-mingw32-g++-posix -print-file-name=include)/c++
+git ls-files -z 'src/*_windows.cpp' 'tools/*_windows.cpp' |
+  xargs -0 -n 1 -P "$(nproc)" -I{} clang-tidy-14 --quiet {} -- \
+    --target=x86_64-w64-mingw32 -std=c++20 -isystem "$headers" \
+    -isystem "$headers/x86_64-w64-mingw32" -isystem build/windows/host-headers -Isrc -Itools/zem \
+    -D_FILE_OFFSET_BITS=64 -D__USE_MINGW_ANSI_STDIO=1 -DNOMINMAX -DWIN32_LEAN_AND_MEAN
+
+say "Wine"
+# One server for all that follows; the first start writes Wine's own folder.
+wine=$(sed -n 's/^WINE:FILEPATH=//p' build/windows/CMakeCache.txt)
+if [[ ! -x $wine ]]; then
+  echo "tests/windows/run.sh: no Wine to run the tests with; is the package wine64 installed?" >&2
+  exit 1
+fi
+export WINEPREFIX=$PWD/build/windows/wine WINEDEBUG=-all
+"$wine" cmd /c ver
+trap '"$wine" wineboot --kill >/dev/null 2>&1 || true' EXIT
+
+say "unit tests"
+ctest --preset windows --parallel "$(nproc)"
+
+say "the command line"
+ZEM_TEST_WINDOWS_BUILD=$PWD/build/windows build/release/tests/cli_test --gtest_brief=1
+
+say "the same bits as on Linux"
+bash tests/windows/same_as_linux.sh build/release build/windows
