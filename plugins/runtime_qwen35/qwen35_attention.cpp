@@ -198,6 +198,7 @@ void cacheKeysAndValues(const Model& m, Layer& L, const Activations& k, const Ac
                         const TokenRun& run, const RotaryAngles& angles) {
   Floats copy;
   const float* weight = floatsOf(L.k_norm, m.headDim, copy);
+  L.kvUsed = std::max(L.kvUsed, L.kvLen + run.count);
   forEachUnit(run.count * m.nHeadKv, run.count > 1, [&](size_t unit) {
     const size_t t = unit / m.nHeadKv;
     const size_t g = unit % m.nHeadKv;

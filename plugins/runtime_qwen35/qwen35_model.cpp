@@ -66,6 +66,17 @@ bool bindFull(const BlockBinder& block, const Model& m, Layer& layer) {
   return true;
 }
 
+// A few slots are written over: the pages stay, and the next conversation need not
+// wait for new ones. Those of a long conversation are given back.
+void clearCache(const Model& m, size_t slots, ZeroedFloats& cache) {
+  constexpr size_t kFewSlots = 256;
+  if (cache.empty()) return;
+  if (slots > kFewSlots) return clearFloats(cache);
+  for (size_t g = 0; g < m.nHeadKv; ++g) {
+    std::fill_n(cache.data() + g * m.kvCap * m.headDim, slots * m.headDim, 0.0F);
+  }
+}
+
 }  // namespace
 
 bool initLayers(kiv::ZEMLoader& ld, Model& m, size_t kvCap) {
@@ -97,11 +108,12 @@ bool bindModel(kiv::ZEMLoader& ld, Model& m, size_t kvCap) {
 
 void resetModel(Model& m) {
   for (Layer& layer : m.L) {
-    layer.kvLen = 0;
     clearFloats(layer.state);
     clearFloats(layer.convWin);
-    clearFloats(layer.kCache);
-    clearFloats(layer.vCache);
+    clearCache(m, layer.kvUsed, layer.kCache);
+    clearCache(m, layer.kvUsed, layer.vCache);
+    layer.kvLen = 0;
+    layer.kvUsed = 0;
   }
 }
 

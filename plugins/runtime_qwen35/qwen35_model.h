@@ -53,6 +53,7 @@ struct Layer {
   ZeroedFloats kCache;      ///< nHeadKv x kvCap x headDim
   ZeroedFloats vCache;      ///< the same for values
   size_t kvLen = 0;         ///< slots filled
+  size_t kvUsed = 0;        ///< slots written to since the last reset, by failed steps too
 };
 
 /// A bound model. Views point into the loader's mapping.

@@ -125,6 +125,30 @@ TEST(Reset, LeavesEveryStateAndCacheZero) {
   }
 }
 
+// A short conversation's slots are written over, a long one's pages given back.
+TEST(Reset, ClearsFewSlotsAndMany) {
+  for (const size_t tokens : {1, 255, 257, 300}) {
+    OpenModel m(TinyModel(), 400);
+    Floats x;
+    for (size_t i = 0; i < tokens; ++i) {
+      const Floats one = m.embedding(i % m.model.nVocab);
+      x.insert(x.end(), one.begin(), one.end());
+    }
+    Floats hidden(x.size());
+    forwardTokensHidden(m.model, x.data(), tokens, 0, hidden.data());
+    Layer& L = m.model.L[1];
+    L.kvLen = 0;  // as if the steps had failed before they counted
+    EXPECT_EQ(L.kvUsed, tokens);
+    EXPECT_NE(L.vCache[(tokens - 1) * m.model.headDim], 0.0F);
+    resetModel(m.model);
+    EXPECT_EQ(L.kvUsed, 0U);
+    for (const ZeroedFloats* cache : {&L.kCache, &L.vCache}) {
+      EXPECT_EQ(std::count(cache->begin(), cache->end(), 0.0F),
+                static_cast<ptrdiff_t>(cache->size()));
+    }
+  }
+}
+
 TEST(Reset, SecondRunGivesTheSameBits) {
   OpenModel m{TinyModel()};
   m.logits(5, 0);
