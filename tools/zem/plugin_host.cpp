@@ -85,7 +85,7 @@ const ZEMRuntimeDescriptorV2S* streamingOf(const Library& library, const char* i
 
 std::string findPlugin(const std::string& given) {
   if (!given.empty()) return given;
-  const std::string named = compat::environmentVariable("ZEM_PLUGIN").value_or("");
+  std::string named = compat::environmentVariable("ZEM_PLUGIN").value_or("");
   if (!named.empty()) return named;
   const auto folder = compat::pathOf(compat::programPath()).parent_path();
   const auto beside = folder / (std::string(kPluginName) + compat::kModuleSuffix);
