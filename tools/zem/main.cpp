@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
+#include "command_line.h"
 #include "compat/program.h"
 #include "compat/streams.h"
 #include "plugin_host.h"
@@ -13,16 +13,6 @@
 
 namespace zemtool {
 namespace {
-
-constexpr const char* kFooter =
-    "Examples:\n"
-    "  zem make-demo demo.zem                 a small model to try things with\n"
-    "  zem chat -m demo.zem                   a conversation\n"
-    "  zem convert FOLDER -o model.zem        a downloaded model, made ready\n"
-    "  zem run -m demo.zem -p \"Once upon\"     one completion\n"
-    "`zem COMMAND --help` has the options of a command.\n"
-    "\n"
-    "Exit status: 0 success, 1 it failed and one line says why, 2 bad usage.";
 
 std::string versionText() {
   std::string text = "zem " ZEM_VERSION "\n";
@@ -57,27 +47,11 @@ int complainOfUsage(const CLI::App& app, const std::string& message) {
   return 2;
 }
 
-void addCommands(CLI::App& app, int& status) {
-  addChat(app, status);
-  addRun(app, status);
-  addInfo(app, status);
-  addProbe(app, status);
-  addBench(app, status);
-  addTokenize(app, status);
-  addDevices(app, status);
-  addMakeDemo(app, status);
-  addConvert(app, status);
-  addCompare(app, status);
-}
-
 int runProgram(const std::vector<std::string>& arguments) {
-  CLI::App app{"Runs Qwen3.5 hybrid language models through a runtime plug-in.", "zem"};
-  app.footer(kFooter);
-  app.require_subcommand(0, 1);
+  CLI::App app;
   bool version = false;
-  app.add_flag("--version", version, "Print the versions of this program and of the plug-in");
   int status = 0;
-  addCommands(app, status);
+  declareCommandLine(app, status, version);
   try {
     app.parse(readArguments(arguments));
   } catch (const CLI::CallForHelp&) {

@@ -98,7 +98,7 @@ void addModelOption(CLI::App& command, std::string& model) {
 void addPluginOption(CLI::App& command, std::string& plugin) {
   command
       .add_option("--plugin", plugin,
-                  "Runtime plug-in (else $ZEM_PLUGIN, else the one beside this program)")
+                  "Runtime plug-in (else $ZEM_PLUGIN, else the one that came with this program)")
       ->type_name("FILE");
 }
 

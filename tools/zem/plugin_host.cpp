@@ -9,8 +9,8 @@
 #include "compat/dlfcn.h"
 #include "compat/environment.h"
 #include "compat/files.h"
-#include "compat/program.h"
 #include "model_file.h"
+#include "modules.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -87,11 +87,10 @@ std::string findPlugin(const std::string& given) {
   if (!given.empty()) return given;
   std::string named = compat::environmentVariable("ZEM_PLUGIN").value_or("");
   if (!named.empty()) return named;
-  const auto folder = compat::pathOf(compat::programPath()).parent_path();
-  const auto beside = folder / (std::string(kPluginName) + compat::kModuleSuffix);
+  const auto file = moduleFile(kPluginName);
   std::error_code error;
-  if (std::filesystem::exists(beside, error)) return compat::nameOf(beside);
-  throw Failure("no runtime plug-in: " + compat::nameOf(beside) +
+  if (std::filesystem::exists(file, error)) return compat::nameOf(file);
+  throw Failure("no runtime plug-in: " + compat::nameOf(file) +
                 " does not exist; name one with --plugin or ZEM_PLUGIN");
 }
 

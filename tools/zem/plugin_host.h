@@ -13,7 +13,7 @@ namespace zemtool {
 inline constexpr int kTokenBudget = 96;
 
 // The library that `given` (a --plugin option), else $ZEM_PLUGIN names, else
-// the one beside this program. Throws Failure when there is none.
+// the one that came with this program. Throws Failure when there is none.
 std::string findPlugin(const std::string& given);
 
 // A loaded plug-in and its first runtime. The library stays loaded until the

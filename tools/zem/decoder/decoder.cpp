@@ -5,7 +5,7 @@
 
 #include "compat/dlfcn.h"
 #include "compat/files.h"
-#include "compat/program.h"
+#include "modules.h"
 #include "terminal.h"
 
 namespace zemtool {
@@ -29,8 +29,7 @@ Function find(void* library, const char* name) {
 }
 
 Module loadModule() {
-  const auto folder = compat::pathOf(compat::programPath()).parent_path();
-  const auto path = folder / (std::string(kModuleName) + compat::kModuleSuffix);
+  const auto path = moduleFile(kModuleName);
   void* library = dlopen(compat::nameOf(path).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
     const char* reason = dlerror();

@@ -1,0 +1,76 @@
+# What `cmake --install` puts where. Programs, module and documents are the component
+# Runtime; what other programs are built with is the component Development.
+include(CMakePackageConfigHelpers)
+
+# On Windows a program finds its modules beside itself.
+set(module_folder ${CMAKE_INSTALL_LIBDIR}/zem)
+if(WIN32)
+  set(module_folder ${CMAKE_INSTALL_BINDIR})
+endif()
+
+install(TARGETS zem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
+install(TARGETS qwen35_vulkan_plugin zem_decoder
+  LIBRARY DESTINATION ${module_folder} COMPONENT Runtime
+  RUNTIME DESTINATION ${module_folder} COMPONENT Runtime)
+# The boundary is all that a host needs to build with.
+install(FILES include/zem/plugin.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Runtime)
+install(FILES README.md CHANGELOG.md LICENSE
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Runtime
+  FILES_MATCHING PATTERN *.md)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime
+  PATTERN __pycache__ EXCLUDE PATTERN examples/CMakeLists.txt EXCLUDE)
+
+if(NOT WIN32)
+  set(pages ${PROJECT_BINARY_DIR}/pages)
+  set(share ${CMAKE_INSTALL_DATAROOTDIR})
+  install(FILES ${pages}/zem.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Runtime)
+  install(FILES ${pages}/zem.bash
+    DESTINATION ${share}/bash-completion/completions RENAME zem COMPONENT Runtime)
+  install(FILES ${pages}/_zem DESTINATION ${share}/zsh/site-functions COMPONENT Runtime)
+  install(FILES ${pages}/zem.fish
+    DESTINATION ${share}/fish/vendor_completions.d COMPONENT Runtime)
+endif()
+
+# The libraries' names say whose they are; those of their targets need not.
+foreach(library kiv qwen35 qwen35gpu)
+  set_target_properties(${library} PROPERTIES OUTPUT_NAME zem_${library})
+endforeach()
+install(TARGETS kiv qwen35 qwen35gpu EXPORT zem
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
+
+# Public headers are those with documented names, and what they include.
+set(internal byte_cursor.h exact_math_inl.h piece_memo.h quant_blocks.h tokenizer_pieces.h)
+list(TRANSFORM internal REPLACE "(.+)" "PATTERN;\\1;EXCLUDE")
+install(DIRECTORY src/kiv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Development
+  FILES_MATCHING PATTERN *.h PATTERN shaders EXCLUDE ${internal})
+install(FILES src/compat/zero_pages.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem/compat COMPONENT Development)
+set(decoder plugins/runtime_qwen35)
+set(gpu plugins/runtime_qwen35_vulkan)
+install(FILES
+  ${decoder}/qwen35_check.h ${decoder}/qwen35_cpu.h ${decoder}/qwen35_kernels.h
+  ${decoder}/qwen35_model.h ${decoder}/qwen35_zeroed_floats.h
+  ${gpu}/qwen35_gpu_gemv.h ${gpu}/qwen35_layer_plan.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Development)
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/zem)
+install(EXPORT zem NAMESPACE zem:: FILE zem-targets.cmake
+  DESTINATION ${package_folder} COMPONENT Development)
+configure_package_config_file(
+  cmake/install/zem-config.cmake.in ${PROJECT_BINARY_DIR}/zem-config.cmake
+  INSTALL_DESTINATION ${package_folder} PATH_VARS module_folder)
+# Before 1.0 a minor version may change the library's headers.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/zem-config-version.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/zem-config.cmake ${PROJECT_BINARY_DIR}/zem-config-version.cmake
+  DESTINATION ${package_folder} COMPONENT Development)
+
+# Relative to the file itself, so that the folders may be moved together.
+file(RELATIVE_PATH ZEM_PC_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/+$" "" ZEM_PC_PREFIX ${ZEM_PC_PREFIX})
+configure_file(cmake/install/zem.pc.in ${PROJECT_BINARY_DIR}/zem.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/zem.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)

@@ -1,0 +1,32 @@
+# What `cpack` makes of an installation: a package for Debian, or an archive of what
+# a Windows machine needs to run models.
+set(CPACK_PACKAGE_NAME zem)
+set(CPACK_PACKAGE_VENDOR "zem developers")
+set(CPACK_PACKAGE_CONTACT "zem developers <zem@example.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_THREADS 0)
+# All components in one package.
+set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
+
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+  set(CPACK_SYSTEM_NAME windows-x86_64)
+  set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
+  set(CPACK_COMPONENTS_ALL Runtime)
+else()
+  set(CPACK_GENERATOR DEB)
+  set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+  set(CPACK_DEB_COMPONENT_INSTALL ON)
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+  set(CPACK_DEBIAN_PACKAGE_SECTION science)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  # The system's Vulkan loader is opened where there is one; a compiler builds
+  # against the libraries.
+  set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libvulkan1")
+  set(CPACK_DEBIAN_PACKAGE_SUGGESTS "g++, libvulkan-volk-dev, mesa-vulkan-drivers, pkg-config")
+endif()
+
+include(CPack)

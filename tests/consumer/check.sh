@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Installs a build into a folder, moves that, and uses it as other people would: the
+# program, its manual page and completions, a project that finds the libraries with
+# CMake, the same sources with pkg-config, and the plug-in from C.
+#   tests/consumer/check.sh BUILD
+set -euo pipefail
+sources=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+build=$(realpath "$1")
+
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+unset ZEM_PLUGIN
+export ZEM_NO_VULKAN=1 OMP_WAIT_POLICY=passive LC_ALL=C.UTF-8
+
+say() { printf 'check.sh: %s\n' "$*"; }
+fail() {
+  say "$*" >&2
+  exit 1
+}
+
+# same A B: two files with the same bytes, and at least one of them.
+same() {
+  [[ -s $1 ]] || fail "$1 is empty"
+  cmp "$1" "$2" || fail "$1 and $2 differ"
+}
+
+say "install, and move what was installed"
+cmake --install "$build" --prefix "$folder/first" >"$folder/install.log"
+mv "$folder/first" "$folder/moved"
+prefix=$folder/moved
+if grep -rlF "$build" "$prefix/include" "$prefix/lib/cmake" "$prefix/lib/pkgconfig"; then
+  fail "these files name the build folder"
+fi
+cd "$folder"
+
+say "the program finds its modules"
+zem=$prefix/bin/zem
+"$zem" --version >version.txt
+grep -qF "$(realpath "$prefix")/lib/zem/runtime_qwen35_vulkan.so" version.txt || fail "$(<version.txt)"
+"$zem" make-demo demo.zem 2>/dev/null
+"$zem" run -m demo.zem -p "The river was" >run.txt 2>/dev/null
+truncate -s -1 run.txt # the line feed that ends the tool's output
+"$zem" compare demo.zem demo.zem -p "The river was" >compare.txt
+ln -s "$zem" link
+./link --version | cmp - version.txt || fail "a link to the program finds other modules"
+
+say "the manual page"
+page=$prefix/share/man/man1/zem.1
+mandoc -T lint -W warning "$page" >lint.txt || fail "$(<lint.txt)"
+mandoc -T utf8 "$page" | sed 's/.\x08//g' >page.txt
+for command in $("$zem" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p'); do
+  grep -q "^ *zem $command \[OPTIONS\]" page.txt || fail "no $command in the manual page"
+  for option in $("$zem" "$command" --help | sed -n '/^Options:/,/^$/p' |
+    grep -o -- '^  -[-a-z,]*' | tr ',' ' '); do
+    grep -qE -- "^ +(.*, )?$option( |,|$)" page.txt || fail "no $option of $command in the manual page"
+  done
+done
+
+say "completions"
+bash "$sources/completions.sh" "$prefix/share"
+
+say "a project that finds it with CMake"
+mkdir project
+cp "$sources"/{CMakeLists.txt,libraries.cpp,host.c} project
+(cd "$prefix/include/zem" && find . -name '*.h' | sort | sed 's|^\./\(.*\)|#include "\1"|') \
+  >project/installed_headers.h
+cmake -S project -B with-cmake -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$prefix" >cmake.log
+cmake --build with-cmake >>cmake.log || fail "$(<cmake.log)"
+with-cmake/libraries demo.zem "The river was" >libraries.txt
+same run.txt libraries.txt
+with-cmake/host demo.zem "The river was" >host.txt 2>/dev/null
+same run.txt host.txt
+
+say "the same with pkg-config"
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+mkdir with-pkg-config
+# Unquoted: flags are words.
+c++ -std=c++20 -O2 project/libraries.cpp $(pkg-config --cflags --libs zem) -o with-pkg-config/libraries
+cc -std=c11 -D_DEFAULT_SOURCE -DPLUGIN="\"$(pkg-config --variable=plugin zem)\"" project/host.c \
+  $(pkg-config --cflags zem) -ldl -o with-pkg-config/host
+with-pkg-config/libraries demo.zem "The river was" >libraries.txt
+same run.txt libraries.txt
+with-pkg-config/host demo.zem "The river was" >host.txt 2>/dev/null
+same run.txt host.txt
+say "all of it works"

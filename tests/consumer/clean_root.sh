@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the Debian package into a new, minimal Debian 12 and uses it there. Needs
+# root, debootstrap and Debian's archive; takes some minutes.
+#   tests/consumer/clean_root.sh PACKAGE.deb
+set -euo pipefail
+package=$(realpath "$1")
+
+root=$(mktemp -d)
+trap 'umount "$root/proc" 2>/dev/null || true; rm -rf "$root"' EXIT
+
+debootstrap --variant=minbase bookworm "$root"
+cp "$package" "$root/zem.deb"
+cp /etc/resolv.conf "$root/etc/resolv.conf"
+mount -t proc proc "$root/proc"
+
+in_root() { chroot "$root" env LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive bash -euc "$1"; }
+
+in_root 'apt-get update -qq && apt-get install -y -qq --no-install-recommends /zem.deb'
+in_root 'cd /tmp && zem --version && zem make-demo demo.zem && zem info demo.zem >/dev/null &&
+  zem run -m demo.zem -p "The river was" && zem compare demo.zem demo.zem -p "The river"'
+in_root 'test -s /usr/share/man/man1/zem.1 -o -n "$(grep -rs path-exclude /etc/dpkg)"'
+
+# A compiler is enough to build against the libraries.
+in_root 'apt-get install -y -qq --no-install-recommends g++ pkg-config libc6-dev >/dev/null && cd /tmp &&
+  g++ -std=c++20 -O2 /usr/share/doc/zem/examples/library/continue_text.cpp \
+    $(pkg-config --cflags --libs zem) -o continue_text &&
+  ./continue_text demo.zem "The river was" 8'
+in_root 'apt-get purge -y -qq zem >/dev/null && ! ls /usr/lib/zem /usr/bin/zem 2>/dev/null'
+echo "clean_root.sh: installed, used and removed"

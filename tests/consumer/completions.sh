@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# What the shells offer after the beginning of a command line.
+#   tests/consumer/completions.sh SHARE      SHARE: share/ of an installation
+set -euo pipefail
+share=$(realpath "$1")
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+cd "$folder"
+touch "model one.zem" other.zem
+mkdir home
+
+fail() {
+  printf 'completions.sh: %s\n' "$*" >&2
+  exit 1
+}
+
+# expect SHELL LINE OFFER ...: exactly these offers, in any order.
+expect() {
+  local shell=$1 line=$2
+  shift 2
+  local got want
+  got=$("offers_$shell" "$line" | sort)
+  want=$(if (($#)); then printf '%s\n' "$@" | sort; fi)
+  [[ $got == "$want" ]] || fail "$shell offers after '$line': $(printf '%q ' "$got") instead of $(printf '%q ' "$want")"
+}
+
+# The word that is completed is the one at the end, which may be empty.
+offers_bash() {
+  bash --norc -c '
+    source "$1"
+    read -ra COMP_WORDS <<<"$2"
+    [[ $2 == *" " ]] && COMP_WORDS+=("")
+    COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+    _zem
+    ((${#COMPREPLY[@]} == 0)) || printf "%s\n" "${COMPREPLY[@]}"
+  ' bash "$share/bash-completion/completions/zem" "$1"
+}
+
+offers_fish() {
+  HOME=$folder/home fish --no-config -c '
+    source $argv[1]
+    complete -C $argv[2]
+  ' "$share/fish/vendor_completions.d/zem.fish" "$1" | cut -f 1
+}
+
+offers_zsh() {
+  HOME=$folder/home TERM=dumb timeout 60 zsh -f "$here/offers.zsh" "$share/zsh/site-functions" "$1"
+}
+
+for shell in bash fish zsh; do
+  expect "$shell" "zem pro" probe
+  expect "$shell" "zem make-demo --si" --size
+  expect "$shell" "zem run --no" --no-gpu
+  expect "$shell" "zem convert --no" --no-verify
+  expect "$shell" "zem info oth" other.zem
+done
+expect bash "zem run -m " "home" "model one.zem" "other.zem"
+expect bash "zem run -p "
+expect bash "zem --v" --version
+expect bash "zem c" chat compare convert
+expect bash "zem devices --" --help --json
