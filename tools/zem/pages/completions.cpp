@@ -126,6 +126,7 @@ void addFishOptions(std::string& script, const CLI::App& app, const std::string&
 
 std::vector<std::string> namesOf(const std::vector<const CLI::App*>& commands) {
   std::vector<std::string> names;
+  names.reserve(commands.size());
   for (const CLI::App* command : commands) names.push_back(command->get_name());
   return names;
 }

@@ -74,7 +74,7 @@ std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
 }
 
 std::string manualPage(const CLI::App& app, const Release& release) {
-  const std::string name = app.get_name();
+  const std::string& name = app.get_name();
   std::string page =
       ".TH ZEM 1 " + release.date + " \"zem " + release.version + "\" \"User Commands\"\n";
   page += ".SH NAME\n" + escaped(name) + " \\- " + escaped(app.get_description()) + "\n";
