@@ -26,6 +26,18 @@ if(MINGW)
   target_compile_options(zem_compile_options INTERFACE -Wa,-muse-unaligned-vector-move)
 endif()
 
+# What makes a mistake in this code harder to use for who writes a model file.
+# tests/hardening looks for all of it in what was built. It added 0.2 % to the counted
+# instructions of encoding and at most 0.1 % to those of the other kernels. The sanitizers check more, and GCC's Windows library has less.
+if(NOT ZEM_SANITIZE AND NOT MINGW)
+  target_compile_options(zem_compile_options INTERFACE
+    -fstack-protector-strong -fstack-clash-protection
+    $<$<CONFIG:Release>:-U_FORTIFY_SOURCE>
+    $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=3>)
+  target_link_options(zem_compile_options INTERFACE
+    -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+endif()
+
 if(ZEM_SANITIZE)
   target_compile_options(zem_compile_options INTERFACE
     -fsanitize=${ZEM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

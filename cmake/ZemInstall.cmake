@@ -15,7 +15,7 @@ install(TARGETS qwen35_vulkan_plugin zem_decoder
 # The boundary is all that a host needs to build with.
 install(FILES include/zem/plugin.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Runtime)
-install(FILES README.md CHANGELOG.md LICENSE
+install(FILES README.md CHANGELOG.md LICENSE SECURITY.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Runtime
   FILES_MATCHING PATTERN *.md)
