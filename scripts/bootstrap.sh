@@ -14,6 +14,8 @@ packages=(
   valgrind vulkan-validationlayers zsh
   # checks
   clang-format-14 clang-tidy-14 doxygen
+  # fuzzers
+  clang-14 libclang-rt-14-dev libomp-14-dev llvm-14
 )
 
 if [[ ${1:-} == windows ]]; then
