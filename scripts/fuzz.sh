@@ -44,19 +44,20 @@ dictionary_of() {
   esac
 }
 
-# Errors only: sessions and plans say much on the standard error stream (mask 2), and
-# the fuzzer's own lines and the sanitizers' reports go round it.
+# Sessions and plans say much on the standard error stream, which mask 2 discards; the
+# fuzzer's own lines and the sanitizers' reports go round it.
 run_target() {
   local target=$1 dictionary
   dictionary=$(dictionary_of "$target")
   local found=$build/found/$target crashes=$build/crashes/$target
   mkdir -p "$found" "$crashes"
-  local kept=()
-  [[ -d fuzz/crashes/$target ]] && kept+=("fuzz/crashes/$target")
-  [[ -f $dictionary ]] && kept+=("-dict=$dictionary")
-  "$build/fuzz/fuzz_$target" "$found" "fuzz/corpus/$target" "${kept[@]}" \
+  local options=()
+  [[ $target == hint || $target == session ]] && options+=(-close_fd_mask=2)
+  [[ -d fuzz/crashes/$target ]] && options+=("fuzz/crashes/$target")
+  [[ -f $dictionary ]] && options+=("-dict=$dictionary")
+  "$build/fuzz/fuzz_$target" "$found" "fuzz/corpus/$target" ${options[@]+"${options[@]}"} \
     -max_total_time="$seconds" -timeout=25 -rss_limit_mb=4096 -malloc_limit_mb=2048 \
-    -max_len=4096 -close_fd_mask=2 -print_final_stats=1 -artifact_prefix="$crashes/" \
+    -max_len=4096 -print_final_stats=1 -artifact_prefix="$crashes/" \
     >"$build/log/$target.log" 2>&1 || echo "exit status $?" >>"$build/log/$target.log"
 }
 
