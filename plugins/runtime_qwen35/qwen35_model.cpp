@@ -71,7 +71,7 @@ bool bindFull(const BlockBinder& block, const Model& m, Layer& layer) {
 void clearCache(const Model& m, size_t slots, ZeroedFloats& cache) {
   constexpr size_t kFewSlots = 256;
   if (cache.empty()) return;
-  if (slots > kFewSlots) return clearFloats(cache);
+  if (slots > kFewSlots) return cache.zero();
   for (size_t g = 0; g < m.nHeadKv; ++g) {
     std::fill_n(cache.data() + g * m.kvCap * m.headDim, slots * m.headDim, 0.0F);
   }
@@ -108,8 +108,8 @@ bool bindModel(kiv::ZEMLoader& ld, Model& m, size_t kvCap) {
 
 void resetModel(Model& m) {
   for (Layer& layer : m.L) {
-    clearFloats(layer.state);
-    clearFloats(layer.convWin);
+    layer.state.zero();
+    layer.convWin.zero();
     clearCache(m, layer.kvUsed, layer.kCache);
     clearCache(m, layer.kvUsed, layer.vCache);
     layer.kvLen = 0;

@@ -1,5 +1,5 @@
 /// \file
-/// Vectors of floats that are zero from the start without touching their memory:
+/// Floats that are zero from the start without touching their memory:
 /// the key/value caches hold 8192 positions (512 MB in all) and are mostly never
 /// used. The recurrent states are used whole from the first token on, and zeroed at
 /// every reset: in huge pages that takes 0.2 ms where ordinary ones take 4, and the
@@ -9,55 +9,64 @@
 #include <cstddef>
 #include <limits>
 #include <new>
-#include <vector>
+#include <utility>
 
 #include "compat/zero_pages.h"
 
 namespace qwen35 {
 
-/// Allocates zero pages and leaves value-initialised elements alone, because
-/// they are zero already. That holds only for fresh memory: give such a vector
-/// its size at construction, and never shrink and grow it.
-template <typename T, compat::PageUse kUse>
-struct ZeroPagesAllocator {
-  using value_type = T;
-  /// The same allocator for another type: without it, only type parameters are followed.
-  template <typename U>
-  struct rebind {
-    using other = ZeroPagesAllocator<U, kUse>;
-  };
-
-  ZeroPagesAllocator() = default;
-  template <typename U>
-  ZeroPagesAllocator(const ZeroPagesAllocator<U, kUse>& /*other*/) noexcept {}
-
-  T* allocate(size_t n) {
-    if (n > std::numeric_limits<size_t>::max() / sizeof(T)) throw std::bad_array_new_length();
-    void* block = compat::allocateZeroPages(n * sizeof(T), kUse);
-    if (block == nullptr) throw std::bad_alloc();
-    return static_cast<T*>(block);
+/// Floats in zero pages, as many as on construction. No vector: without an optimiser,
+/// or with a sanitizer, a vector visits each of its elements when it is made and when
+/// it goes, and a model's caches have 134 million.
+template <compat::PageUse kUse>
+class ZeroPageFloats {
+ public:
+  ZeroPageFloats() = default;
+  /// `count` zeros. Throws std::bad_alloc.
+  explicit ZeroPageFloats(size_t count) : size_(count) {
+    if (count > std::numeric_limits<size_t>::max() / sizeof(float)) {
+      throw std::bad_array_new_length();
+    }
+    data_ = static_cast<float*>(compat::allocateZeroPages(bytes(), kUse));
+    if (data_ == nullptr && count > 0) throw std::bad_alloc();
   }
-  void deallocate(T* block, size_t n) noexcept { compat::freeZeroPages(block, n * sizeof(T)); }
-
-  template <typename U>
-  void construct(U* /*element*/) noexcept {}
-  template <typename U, typename... Args>
-  void construct(U* element, Args&&... args) {
-    ::new (static_cast<void*>(element)) U(static_cast<Args&&>(args)...);
+  ~ZeroPageFloats() { compat::freeZeroPages(data_, bytes()); }
+  /// Moving leaves none behind.
+  ZeroPageFloats(ZeroPageFloats&& other) noexcept { swap(other); }
+  /// The same.
+  ZeroPageFloats& operator=(ZeroPageFloats&& other) noexcept {
+    ZeroPageFloats(std::move(other)).swap(*this);
+    return *this;
   }
 
-  bool operator==(const ZeroPagesAllocator& /*other*/) const { return true; }
+  float* data() { return data_; }                               ///< the first, or null
+  const float* data() const { return data_; }                   ///< the first, or null
+  size_t size() const { return size_; }                         ///< floats
+  bool empty() const { return size_ == 0; }                     ///< no floats
+  float* begin() { return data_; }                              ///< for loops
+  float* end() { return data_ + size_; }                        ///< for loops
+  const float* begin() const { return data_; }                  ///< for loops
+  const float* end() const { return data_ + size_; }            ///< for loops
+  float& operator[](size_t i) { return data_[i]; }              ///< `i` must be below size()
+  const float& operator[](size_t i) const { return data_[i]; }  ///< `i` must be below size()
+
+  /// Zeroes all, at a cost that follows the memory that was used.
+  void zero() { compat::clearZeroPages(data_, bytes()); }
+
+ private:
+  size_t bytes() const { return size_ * sizeof(float); }
+  void swap(ZeroPageFloats& other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+  }
+
+  float* data_ = nullptr;
+  size_t size_ = 0;
 };
 
 /// Floats that cost memory once they are written.
-using ZeroedFloats = std::vector<float, ZeroPagesAllocator<float, compat::PageUse::Sparse>>;
+using ZeroedFloats = ZeroPageFloats<compat::PageUse::Sparse>;
 /// The same for floats that are all written.
-using DenseZeroedFloats = std::vector<float, ZeroPagesAllocator<float, compat::PageUse::Dense>>;
-
-/// Zeroes `v` at a cost that follows the memory it has used.
-template <compat::PageUse kUse>
-void clearFloats(std::vector<float, ZeroPagesAllocator<float, kUse>>& v) {
-  compat::clearZeroPages(v.data(), v.size() * sizeof(float));
-}
+using DenseZeroedFloats = ZeroPageFloats<compat::PageUse::Dense>;
 
 }  // namespace qwen35

@@ -53,10 +53,10 @@ Floats oneByOne(OpenModel& m, const Floats& x, size_t pos) {
 void expectSameState(const Model& a, const Model& b) {
   for (size_t i = 0; i < a.L.size(); ++i) {
     EXPECT_EQ(a.L[i].kvLen, b.L[i].kvLen) << i;
-    EXPECT_TRUE(a.L[i].state == b.L[i].state) << i;
-    EXPECT_TRUE(a.L[i].convWin == b.L[i].convWin) << i;
-    EXPECT_TRUE(a.L[i].kCache == b.L[i].kCache) << i;
-    EXPECT_TRUE(a.L[i].vCache == b.L[i].vCache) << i;
+    EXPECT_TRUE(std::ranges::equal(a.L[i].state, b.L[i].state)) << i;
+    EXPECT_TRUE(std::ranges::equal(a.L[i].convWin, b.L[i].convWin)) << i;
+    EXPECT_TRUE(std::ranges::equal(a.L[i].kCache, b.L[i].kCache)) << i;
+    EXPECT_TRUE(std::ranges::equal(a.L[i].vCache, b.L[i].vCache)) << i;
   }
 }
 
