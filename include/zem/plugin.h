@@ -19,9 +19,9 @@
  * Text results: `out` receives at most out_size - 1 bytes and always a NUL. The
  * cut is by bytes and may split a UTF-8 character.
  *
- * Threads: no entry takes a lock. One handle is used by one thread at a time,
- * and one process runs one generating entry at a time. The tables themselves are
- * immutable and may be read from anywhere. No entry lets a C++ exception out. A
+ * Threads: no entry takes a lock. One handle is used by one thread at a time;
+ * different handles may be used at once. The tables themselves are immutable and
+ * may be read from anywhere. No entry lets a C++ exception out. A
  * host may close the library once its handles are destroyed; its code stays
  * mapped, because threads that it started may still be asleep there.
  */
@@ -41,6 +41,14 @@ extern "C" {
 #define ZEM_PLUGIN_EXPORT __declspec(dllexport)
 #else
 #define ZEM_PLUGIN_EXPORT __attribute__((visibility("default")))
+#endif
+
+/** \def ZEM_PLUGIN_NOEXCEPT
+ * What C++ is told of the exports; C has no exceptions. */
+#ifdef __cplusplus
+#define ZEM_PLUGIN_NOEXCEPT noexcept
+#else
+#define ZEM_PLUGIN_NOEXCEPT
 #endif
 
 /** A session: one opened model with its conversation. Owned by the host from
@@ -208,13 +216,17 @@ typedef struct ZEMRuntimeDescriptorV2S {
 
 /** The plug-in's name. Like all exports it cannot fail, has no side effects and
  * returns a static record; any thread. `host` may be null. */
-ZEM_PLUGIN_EXPORT const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* host);
+ZEM_PLUGIN_EXPORT const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* host)
+    ZEM_PLUGIN_NOEXCEPT;
 /** The first-generation tables, `*count` of them; `count` may be null. */
-ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count);
+ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count)
+    ZEM_PLUGIN_NOEXCEPT;
 /** The second-generation tables, likewise. */
-ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count);
+ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count)
+    ZEM_PLUGIN_NOEXCEPT;
 /** The streaming extensions, likewise. */
-ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count);
+ZEM_PLUGIN_EXPORT const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count)
+    ZEM_PLUGIN_NOEXCEPT;
 
 /** The exports' types, for a host that looks them up by name. @{ */
 typedef const ZEMPluginDescriptor* (*ZEMPluginInitFn)(const ZEMHostAPI* host);

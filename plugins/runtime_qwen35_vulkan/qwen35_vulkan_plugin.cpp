@@ -51,6 +51,12 @@ int qwen35Probe(const char* path, ZEMRuntimeProbe* out) noexcept {
   return 0;
 }
 
+// A table's entry; what might throw is refused.
+template <typename Result, typename... Arguments>
+constexpr auto entry(Result (*function)(Arguments...) noexcept) -> Result (*)(Arguments...) {
+  return function;
+}
+
 constexpr ZEMPluginDescriptor kPlugin = {
     .abi_version = 1,
     .plugin_version = 1,
@@ -65,10 +71,10 @@ constexpr ZEMRuntimeDescriptor kRuntimes[] = {{
     .id = kRuntimeId,
     .name = kRuntimeName,
     .capabilities = 0xC2,
-    .probe = qwen35Probe,
-    .create = qwen35Create,
-    .destroy = qwen35Destroy,
-    .generate = qwen35GenerateN,
+    .probe = entry(qwen35Probe),
+    .create = entry(qwen35Create),
+    .destroy = entry(qwen35Destroy),
+    .generate = entry(qwen35GenerateN),
 }};
 
 constexpr ZEMRuntimeDescriptorV2 kRuntimesV2[] = {{
@@ -77,23 +83,23 @@ constexpr ZEMRuntimeDescriptorV2 kRuntimesV2[] = {{
     .id = kRuntimeId,
     .name = kRuntimeName,
     .caps_v2 = 0x0F,
-    .probe = qwen35Probe,
-    .create = qwen35Create,
-    .destroy = qwen35Destroy,
-    .generate = qwen35GenerateN,
-    .generate_ex = qwen35V2GenerateEx,
-    .bench = qwen35V2Bench,
-    .configure = qwen35V2Configure,
-    .chat_turn = qwen35V2ChatTurn,
-    .reset = qwen35V2Reset,
-    .stats = qwen35V2Stats,
+    .probe = entry(qwen35Probe),
+    .create = entry(qwen35Create),
+    .destroy = entry(qwen35Destroy),
+    .generate = entry(qwen35GenerateN),
+    .generate_ex = entry(qwen35V2GenerateEx),
+    .bench = entry(qwen35V2Bench),
+    .configure = entry(qwen35V2Configure),
+    .chat_turn = entry(qwen35V2ChatTurn),
+    .reset = entry(qwen35V2Reset),
+    .stats = entry(qwen35V2Stats),
 }};
 
 constexpr ZEMRuntimeDescriptorV2S kRuntimesV2S[] = {{
     .abi_version = 1,
     .struct_size = sizeof(ZEMRuntimeDescriptorV2S),
     .id = kRuntimeId,
-    .chat_turn_stream = qwen35V2ChatTurnStream,
+    .chat_turn_stream = entry(qwen35V2ChatTurnStream),
 }};
 
 template <typename Table, size_t N>
@@ -105,18 +111,18 @@ const Table* tableWithCount(const Table (&table)[N], uint32_t* count) {
 }  // namespace
 }  // namespace qwen35rt
 
-const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* /*host*/) {
+const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* /*host*/) noexcept {
   return &qwen35rt::kPlugin;
 }
 
-const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count) {
+const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count) noexcept {
   return qwen35rt::tableWithCount(qwen35rt::kRuntimes, count);
 }
 
-const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count) {
+const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count) noexcept {
   return qwen35rt::tableWithCount(qwen35rt::kRuntimesV2, count);
 }
 
-const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count) {
+const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count) noexcept {
   return qwen35rt::tableWithCount(qwen35rt::kRuntimesV2S, count);
 }

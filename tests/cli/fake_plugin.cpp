@@ -280,11 +280,13 @@ extern "C" ZEM_PLUGIN_EXPORT void omp_set_num_threads(int count);
 void omp_set_num_threads(int count) { std::fprintf(stderr, "threads: %d\n", count); }
 #endif
 
-const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* /*host*/) { return &kPlugin; }
-const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count) { return one(kRuntime, count); }
-const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count) {
+const ZEMPluginDescriptor* zem_plugin_init(const ZEMHostAPI* /*host*/) noexcept { return &kPlugin; }
+const ZEMRuntimeDescriptor* zem_plugin_runtimes(uint32_t* count) noexcept {
+  return one(kRuntime, count);
+}
+const ZEMRuntimeDescriptorV2* zem_plugin_runtimes_v2(uint32_t* count) noexcept {
   return one(kRuntimeV2, count);
 }
-const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count) {
+const ZEMRuntimeDescriptorV2S* zem_plugin_runtimes_v2s(uint32_t* count) noexcept {
   return one(kRuntimeV2S, count);
 }

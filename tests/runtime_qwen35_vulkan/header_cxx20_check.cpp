@@ -5,4 +5,6 @@
 
 static_assert(std::is_standard_layout_v<ZEMSessionOptions>);
 static_assert(std::is_trivially_copyable_v<ZEMRuntimeDescriptorV2>);
-static_assert(std::is_same_v<decltype(&zem_plugin_runtimes_v2), ZEMPluginRuntimesV2Fn>);
+// The exports say more than the types that hosts look them up by: they cannot throw.
+static_assert(std::is_convertible_v<decltype(&zem_plugin_runtimes_v2), ZEMPluginRuntimesV2Fn>);
+static_assert(noexcept(zem_plugin_runtimes_v2(nullptr)));
