@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs every test.
-#   scripts/test.sh [PRESET]      release (the default), debug, sanitize or windows
+#   scripts/test.sh [PRESET]      release (the default), debug, sanitize, tsan or windows
+# tsan: the tests of threads alone, under the thread sanitizer.
 # windows: cross-built, run under Wine, and compared with the release build.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 preset=${1:-release}
 case $preset in
-  release | debug | sanitize | windows) ;;
+  release | debug | sanitize | tsan | windows) ;;
   *)
-    echo "usage: scripts/test.sh [release|debug|sanitize|windows]" >&2
+    echo "usage: scripts/test.sh [release|debug|sanitize|tsan|windows]" >&2
     exit 2
     ;;
 esac
@@ -21,6 +22,7 @@ if [[ $preset == windows ]]; then
   exec bash tests/windows/run.sh
 fi
 
+[[ $preset != tsan ]] || bash scripts/bootstrap.sh tsan
 bash scripts/bootstrap.sh
 cmake --preset "$preset" ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}
 cmake --build --preset "$preset"

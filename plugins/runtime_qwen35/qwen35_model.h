@@ -2,8 +2,8 @@
 /// The Qwen3.5 hybrid decoder on the CPU: weights bound by name, recurrent state
 /// and key/value cache, and the forward pass of one token.
 ///
-/// A model is used by one thread at a time. Products share process-wide scratch
-/// memory, so one token step runs at a time in a process.
+/// A model is used by one thread at a time; different ones may be used at once, for
+/// a step keeps its buffers to itself.
 #pragma once
 
 #include <cstddef>

@@ -47,6 +47,10 @@ bool startTurn(Qwen35Session& s, const char* userText, Turn& turn) {
   return true;
 }
 
+// Another thread may be writing the flag. The atomic load orders nothing: hosts
+// hand over no data with it.
+bool isSet(const volatile int& flag) { return __atomic_load_n(&flag, __ATOMIC_RELAXED) != 0; }
+
 }  // namespace
 
 int qwen35V2ChatTurn(ZEMRuntimeHandle* handle, const char* userText, char* out,
@@ -71,7 +75,7 @@ int qwen35V2ChatTurnStream(ZEMRuntimeHandle* handle, const char* userText, ZEMCh
   if (handle == nullptr) return 2;
   Qwen35Session& s = *sessionOf(handle);
   if (!s.modelReady) return 2;
-  const auto cancelled = [cancel] { return cancel != nullptr && *cancel != 0; };
+  const auto cancelled = [cancel] { return cancel != nullptr && isSet(*cancel); };
   return guarded([&] {
     Turn turn;
     if (!startTurn(s, userText, turn)) return 1;
