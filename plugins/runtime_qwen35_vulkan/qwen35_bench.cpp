@@ -35,6 +35,30 @@ double timeSteps(Qwen35Session& s, std::vector<float>& x, std::vector<float>& lo
   return elapsed.count() / 1e6;
 }
 
+// A session's settings are greedy while one lives, and afterwards if they are kept.
+class GreedySettings {
+ public:
+  explicit GreedySettings(Qwen35Session& s) : s_(s), temperature_(s.temperature), topK_(s.topK) {
+    s.temperature = 0.0F;
+    s.topK = 1;
+  }
+  ~GreedySettings() {
+    if (kept_) return;
+    s_.temperature = temperature_;
+    s_.topK = topK_;
+  }
+  GreedySettings(const GreedySettings&) = delete;
+  GreedySettings& operator=(const GreedySettings&) = delete;
+
+  void keep() { kept_ = true; }
+
+ private:
+  Qwen35Session& s_;
+  float temperature_;
+  int32_t topK_;
+  bool kept_ = false;
+};
+
 int runBench(Qwen35Session& s, const ZEMBenchParams* params, ZEMBenchResult& result) {
   if (!weightsUsable(s)) return 1;
   const int32_t tokens = orDefault(params != nullptr ? params->tokens : 0, kDefaultTokens);
@@ -43,14 +67,14 @@ int runBench(Qwen35Session& s, const ZEMBenchParams* params, ZEMBenchResult& res
   if (!s.tok->encode(kBenchPrompt, ids, true).ok()) return 1;
 
   startOver(s);
-  const float temperature = s.temperature;
-  const int32_t topK = s.topK;
-  s.temperature = 0.0F;
-  s.topK = 1;
+  GreedySettings greedy(s);
   std::vector<float> x(s.model.nEmb);
   std::vector<float> logits(s.model.nVocab);
   // A failure here leaves the session greedy until it is configured again.
-  if (!prefill(s, ids, x, logits)) return 1;
+  if (!prefill(s, ids, x, logits)) {
+    greedy.keep();
+    return 1;
+  }
 
   const double elapsedMs = timeSteps(s, x, logits, int64_t{warmup} + tokens);
   result.struct_size = sizeof(ZEMBenchResult);
@@ -58,8 +82,6 @@ int runBench(Qwen35Session& s, const ZEMBenchParams* params, ZEMBenchResult& res
   result.ms_per_token = elapsedMs / tokens;
   result.tokens_per_sec = 1000.0 / result.ms_per_token;
 
-  s.temperature = temperature;
-  s.topK = topK;
   startOver(s);
   return 0;
 }

@@ -37,6 +37,10 @@ std::string turnText(const Qwen35Session& s, const char* userText) {
 bool startTurn(Qwen35Session& s, const char* userText, Turn& turn) {
   if (!weightsUsable(s)) return false;
   if (!s.chatStarted) startConversation(s);
+  if (s.brokenOff) {
+    warn("the conversation broke off inside a token, out of memory; reset it");
+    return false;
+  }
   std::vector<int32_t> ids;
   if (!s.tok->encode(turnText(s, userText), ids, true).ok()) return false;
   turn.x.assign(s.model.nEmb, 0.0F);

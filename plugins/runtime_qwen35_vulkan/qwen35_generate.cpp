@@ -36,7 +36,9 @@ double milliseconds(const Step& step) {
 // Runs one decoder step at s.pos and accounts for it.
 template <typename Step>
 void timedStep(Qwen35Session& s, const Step& step) {
+  s.brokenOff = true;  // should the step not return
   s.lastStepMs = milliseconds(step);
+  s.brokenOff = false;
   ++s.pos;
   s.genMs += s.lastStepMs;
 }
@@ -136,6 +138,7 @@ void startConversation(Qwen35Session& s) {
   qwen35::resetModel(s.model);
   s.pos = 0;
   s.genTokens = 0;
+  s.brokenOff = false;
 }
 
 void startOver(Qwen35Session& s) {

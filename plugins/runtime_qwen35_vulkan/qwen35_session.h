@@ -50,6 +50,7 @@ struct Qwen35Session {
   double genMs = 0.0;
   double lastStepMs = 0.0;
   bool chatStarted = false;
+  bool brokenOff = false;  // some layers have had a token that others have not
   // Why the weights must not be read; empty for a sound file. Such a session
   // exists (its file can be inspected) but every generating entry fails.
   std::string weightsError;
