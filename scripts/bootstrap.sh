@@ -3,7 +3,7 @@
 # repeat: does nothing when everything is there.
 #   scripts/bootstrap.sh            for Linux
 #   scripts/bootstrap.sh windows    and for building and testing Windows programs here
-#   scripts/bootstrap.sh tsan       and for the thread sanitizer
+#   scripts/bootstrap.sh clang      and for the fuzzers and the thread sanitizer
 set -euo pipefail
 
 packages=(
@@ -15,19 +15,18 @@ packages=(
   valgrind vulkan-validationlayers zsh
   # checks
   clang-format-14 clang-tidy-14 doxygen
-  # fuzzers
-  clang-14 libclang-rt-14-dev libomp-14-dev llvm-14
 )
 
 if [[ ${1:-} == windows ]]; then
   packages+=(g++-mingw-w64-x86-64-posix googletest wine wine64)
 fi
 
-# The sanitizer knows of synchronisation what it sees: programs that are compiled with
-# it, and of an OpenMP runtime what that tells it. GCC's tells nothing, and every
-# barrier would look like a race; Clang's does, through the library libarcher.
-if [[ ${1:-} == tsan ]]; then
-  packages+=(clang-14 libclang-rt-14-dev libomp-14-dev)
+# Clang brings libFuzzer. And the thread sanitizer knows of synchronisation what it
+# sees: programs that are compiled with it, and of an OpenMP runtime what that tells it.
+# GCC's tells nothing, and every barrier would look like a race; Clang's does, through
+# the library libarcher.
+if [[ ${1:-} == clang ]]; then
+  packages+=(clang-14 libclang-rt-14-dev libomp-14-dev llvm-14)
 fi
 
 missing=()

@@ -25,7 +25,7 @@ for target in "${targets[@]}"; do
   fi
 done
 
-bash scripts/bootstrap.sh
+bash scripts/bootstrap.sh clang
 cmake --preset fuzz ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}
 cmake --build --preset fuzz --target "${targets[@]/#/fuzz_}"
 

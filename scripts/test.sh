@@ -22,8 +22,8 @@ if [[ $preset == windows ]]; then
   exec bash tests/windows/run.sh
 fi
 
-[[ $preset != tsan ]] || bash scripts/bootstrap.sh tsan
 bash scripts/bootstrap.sh
+[[ $preset != tsan ]] || bash scripts/bootstrap.sh clang
 cmake --preset "$preset" ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}
 cmake --build --preset "$preset"
 ctest --preset "$preset" --parallel "$(nproc)"
