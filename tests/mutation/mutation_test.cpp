@@ -6,44 +6,18 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "kiv/zem_loader.h"
+#include "mutation/largest_request.h"
 #include "runtime_qwen35_vulkan/cpu_only.h"
 #include "support/smallest_model.h"
 #include "support/temp_file.h"
 #include "zem/plugin.h"
-
-namespace {
-
-constexpr size_t kLargestAllocation = size_t{2} << 30;
-// Of all allocations so far, those that were refused included.
-size_t largestRequest = 0;
-
-}  // namespace
-
-#if defined(__SANITIZE_ADDRESS__)
-// The sanitizer's own allocator counts, and ends the process.
-extern "C" const char* __asan_default_options() { return "max_allocation_size_mb=2048"; }
-#else
-void* operator new(size_t bytes) {
-  largestRequest = std::max(largestRequest, bytes);
-  void* block = bytes <= kLargestAllocation ? std::malloc(std::max<size_t>(bytes, 1)) : nullptr;
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-void* operator new[](size_t bytes) { return operator new(bytes); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, size_t /*bytes*/) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete[](void* block, size_t /*bytes*/) noexcept { std::free(block); }
-#endif
 
 namespace zemtest {
 namespace {
@@ -272,7 +246,7 @@ TEST_P(MutationTest, EndsSoonAndWithoutHarm) {
     openAlone(file.path());
     outcomeOf(file.path());
     EXPECT_LT(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC, kLongestSeconds);
-    EXPECT_LE(largestRequest, kLargestAllocation);
+    EXPECT_LE(largestRequest(), kLargestAllocation);
     file.restore(mutation);
   }
   EXPECT_EQ(outcomeOf(file.path()), sound);
