@@ -11,8 +11,10 @@ packages=(
   ca-certificates cmake g++ git ninja-build pkg-config
   glslc libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
   # tests and benchmarks
-  fish libbenchmark-dev libgmock-dev libgtest-dev mandoc mesa-vulkan-drivers python3 spirv-headers spirv-tools
-  valgrind vulkan-validationlayers zsh
+  binutils fish libbenchmark-dev libgmock-dev libgtest-dev mandoc mesa-vulkan-drivers python3
+  spirv-headers spirv-tools valgrind vulkan-validationlayers zsh
+  # packages
+  dpkg-dev file
   # checks
   clang-format-14 clang-tidy-14 doxygen
 )

@@ -49,7 +49,13 @@ offers_zsh() {
   HOME=$folder/home TERM=dumb timeout 60 zsh -f "$here/offers.zsh" "$share/zsh/site-functions" "$1"
 }
 
-for shell in bash fish zsh; do
+shells=(bash fish)
+if zsh -fc 'zmodload zsh/zpty && zpty terminal true' 2>/dev/null; then
+  shells+=(zsh)
+else
+  echo "completions.sh: SKIPPED zsh: no pseudo-terminals here"
+fi
+for shell in "${shells[@]}"; do
   expect "$shell" "zem pro" probe
   expect "$shell" "zem make-demo --si" --size
   expect "$shell" "zem run --no" --no-gpu
