@@ -7,9 +7,9 @@
 #include "convert/convert_tokenizer.h"
 #include "convert/gguf_source.h"
 #include "convert/gguf_tokenizer.h"
-#include "convert/tensor_plan.h"
 #include "fuzz.h"
 #include "kiv/gguf.h"
+#include "planned.h"
 #include "terminal.h"
 
 namespace {
@@ -71,12 +71,7 @@ void convertTokenizerOf(const kiv::GgufFile& gguf) {
 
 void plan(const char* path) {
   try {
-    zemtool::ModelSource source = zemtool::openGguf(path);
-    const uint64_t rows = zemtool::widthsOf(source).vocabulary;
-    zemtool::planConversion(source, zemtool::WeightMix::Q5_K_M, true);
-    zemtool::TokenizerCounts counts;
-    require(zemtool::convertTokenizer(source.tokenizer, rows, counts).tokens.size() == rows,
-            "rows without a token");
+    zemfuzz::planWhole(zemtool::openGguf(path), zemtool::WeightMix::Q5_K_M, true);
   } catch (const zemtool::Failure&) {
     return;
   }

@@ -4,10 +4,9 @@
 #include <vector>
 
 #include "convert/checkpoint_source.h"
-#include "convert/convert_tokenizer.h"
 #include "convert/safetensors.h"
-#include "convert/tensor_plan.h"
 #include "fuzz.h"
+#include "planned.h"
 #include "terminal.h"
 
 namespace {
@@ -42,12 +41,7 @@ void plan(const uint8_t* data, size_t size) {
   folder.write("tokenizer.json", kTokenizer);
   folder.write("model.safetensors", {reinterpret_cast<const char*>(data), size});
   try {
-    zemtool::ModelSource source = zemtool::openCheckpoint(folder.path());
-    const uint64_t rows = zemtool::widthsOf(source).vocabulary;
-    zemtool::planConversion(source, zemtool::WeightMix::Q4_K_M, false);
-    zemtool::TokenizerCounts counts;
-    require(zemtool::convertTokenizer(source.tokenizer, rows, counts).tokens.size() == rows,
-            "rows without a token");
+    zemfuzz::planWhole(zemtool::openCheckpoint(folder.path()), zemtool::WeightMix::Q4_K_M, false);
   } catch (const zemtool::Failure&) {
     return;
   }
