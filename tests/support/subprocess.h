@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include <array>
 #include <cerrno>
@@ -129,9 +130,16 @@ class TerminalProcess {
     winsize size{};
     size.ws_row = 40;
     size.ws_col = 200;
-    child_ = forkpty(&terminal_, nullptr, nullptr, &size);
-    if (child_ == 0) detail::execute(arguments, environment);
-    if (child_ > 0) tcgetattr(terminal_, &found_);
+    int inner = -1;
+    if (openpty(&terminal_, &inner, nullptr, nullptr, &size) != 0) return;
+    tcgetattr(inner, &found_);  // the program may be quick to change it
+    child_ = fork();
+    if (child_ == 0) {
+      ::close(terminal_);
+      login_tty(inner);
+      detail::execute(arguments, environment);
+    }
+    ::close(inner);
   }
   ~TerminalProcess() {
     if (child_ > 0) kill(child_, SIGKILL);
