@@ -16,6 +16,10 @@ inline constexpr size_t kTeamWeights = 32768;
 // The same for loops over the elements of an activation.
 inline constexpr size_t kTeamElements = 4096;
 
+// Whether a team would have one member. It is not asked for then: the OpenMP runtime
+// sets up a team of one like any other, on Windows with kernel objects.
+inline bool isAlone() { return omp_get_max_threads() == 1; }
+
 // Calls work(thread, begin, end) on every member of the OpenMP team, which
 // between them cover units [0, units) in order: with T threads each gets
 // units / T consecutive ones and the first units % T one more. Without
@@ -23,7 +27,11 @@ inline constexpr size_t kTeamElements = 4096;
 // must not throw: nothing can catch it.
 template <typename Work>
 void forEachShare(size_t units, bool worthwhile, const Work& work) {
-#pragma omp parallel if (worthwhile)
+  if (!worthwhile || isAlone()) {
+    if (units > 0) work(size_t{0}, size_t{0}, units);
+    return;
+  }
+#pragma omp parallel
   {
     const auto threads = static_cast<size_t>(omp_get_num_threads());
     const auto thread = static_cast<size_t>(omp_get_thread_num());
@@ -47,7 +55,11 @@ void forEachUnit(size_t units, bool worthwhile, const Work& work) {
 // free: for units that take unequal time.
 template <typename Work>
 void forEachUnitInTurn(size_t units, const Work& work) {
-#pragma omp parallel for schedule(dynamic) if (units > 1)
+  if (units <= 1 || isAlone()) {
+    for (size_t unit = 0; unit < units; ++unit) work(size_t{0}, unit);
+    return;
+  }
+#pragma omp parallel for schedule(dynamic)
   for (size_t unit = 0; unit < units; ++unit) {
     work(static_cast<size_t>(omp_get_thread_num()), unit);
   }
