@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "compat/handles_windows.h"
 #include "compat/text_windows.h"
 
 namespace compat {
@@ -83,8 +84,6 @@ int openDescriptor(const char* name, DWORD access, DWORD disposition, int flags)
   return fd;
 }
 
-HANDLE handleOf(int file) { return reinterpret_cast<HANDLE>(_get_osfhandle(file)); }
-
 }  // namespace
 
 std::filesystem::path pathOf(std::string_view name) { return toWide(name); }
@@ -100,9 +99,9 @@ std::filesystem::file_type typeOf(const char* name) {
   if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
     return Type::directory;
   }
-  const HANDLE handle = CreateFileW(wide.c_str(), FILE_READ_ATTRIBUTES,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE handle = CreateFileW(wide.c_str(), FILE_READ_ATTRIBUTES,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) {
     if (errnoOf(GetLastError()) == ENOENT) return Type::not_found;
     return attributes != INVALID_FILE_ATTRIBUTES ? Type::regular : Type::none;

@@ -5,8 +5,6 @@
 #include <cmath>
 #include <cstdint>
 
-extern "C" float fmaf(float x, float y, float z);
-
 // Boldo and Melquiond, "Emulation of FMA and correctly rounded sums: proved
 // algorithms using rounding to odd" (2008): a product of floats is exact in double,
 // and a sum that is rounded to odd there keeps enough for the rounding to float.

@@ -11,6 +11,7 @@ int wmain(int argc, wchar_t** argv);
 
 int wmain(int argc, wchar_t** argv) {
   std::vector<std::string> arguments;
+  arguments.reserve(static_cast<size_t>(argc));
   for (int i = 0; i < argc; ++i) arguments.push_back(compat::toUtf8(argv[i]));
   return compat::programMain(arguments);
 }

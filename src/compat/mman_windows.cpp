@@ -1,10 +1,11 @@
 #include "compat/mman.h"
 
-#include <io.h>
 #include <windows.h>
 
 #include <mutex>
 #include <unordered_map>
+
+#include "compat/handles_windows.h"
 
 namespace {
 
@@ -56,7 +57,7 @@ MapRec mapView(HANDLE original, uint64_t length, uint64_t offset) {
 
 void* mmap(void* /*addr*/, size_t length, int /*prot*/, int /*flags*/, int fd, off_t offset) {
   if (fd < 0 || length == 0) return MAP_FAILED;
-  const auto file = reinterpret_cast<HANDLE>(_get_osfhandle(fd));
+  HANDLE file = compat::handleOf(fd);
   if (file == INVALID_HANDLE_VALUE) return MAP_FAILED;
   const MapRec record = mapView(file, length, static_cast<uint64_t>(offset));
   if (record.base == nullptr) {

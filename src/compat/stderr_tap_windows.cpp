@@ -40,11 +40,15 @@ class Descriptor {
   explicit Descriptor(int number) : number_(number) {
     if (number_ < 0) throw std::system_error(errno, std::generic_category());
   }
-  ~Descriptor() { _close(number_); }
+  ~Descriptor() { close(); }
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
 
   int number() const { return number_; }
+  void close() {
+    if (number_ >= 0) _close(number_);
+    number_ = -1;
+  }
 
  private:
   int number_;
@@ -97,6 +101,7 @@ class StderrTap::Impl {
     _dup2(real_.number(), kStderr);
     SetEvent(finished_.get());
     thread_.join();
+    real_.close();  // whoever reads there may wait for its end
     return text_;
   }
 

@@ -24,8 +24,13 @@ bool isTerminal(int stream);
 bool obeysEscapes(int stream);
 
 // Writes to stream 1 or 2 behind what C's stdout and stderr hold; flushing those is
-// the caller's. `text` holds whole characters. False on failure, with errno set.
+// the caller's. `text` holds whole characters. False on failure, with errno set as by
+// flushOutput().
 bool writeText(int stream, std::string_view text);
+
+// Writes what C's stdout holds. False on failure, with errno set: EPIPE when nobody
+// reads any more.
+bool flushOutput();
 
 // The keys that end standard input on a terminal.
 extern const char* const kEndKeys;

@@ -35,6 +35,8 @@ bool writeText(int stream, std::string_view text) {
   return std::fwrite(text.data(), 1, text.size(), file) == text.size();
 }
 
+bool flushOutput() { return std::fflush(stdout) == 0; }
+
 const char* const kEndKeys = "Ctrl-D";
 
 Input readLine(std::string& line) {

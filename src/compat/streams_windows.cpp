@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "compat/handles_windows.h"
 #include "compat/text_windows.h"
 
 namespace compat {
@@ -22,12 +23,6 @@ constexpr size_t kConsoleChars = 8192;  // more at once fails on old systems
 UINT foundCodePage = 0;
 std::array<DWORD, 3> foundModes;
 std::array<bool, 3> changedModes;
-
-HANDLE handleOf(int stream) {
-  const intptr_t handle = _get_osfhandle(stream);
-  // -2: a stream that the process was started without.
-  return handle < 0 ? INVALID_HANDLE_VALUE : reinterpret_cast<HANDLE>(handle);
-}
 
 bool consoleMode(int stream, DWORD& mode) {
   return _isatty(stream) != 0 && GetConsoleMode(handleOf(stream), &mode) != 0;
@@ -73,6 +68,16 @@ bool writeToConsole(HANDLE console, std::string_view utf8) {
     done += written;
   }
   return true;
+}
+
+// Always false, after a failure of the C library's: of a pipe that nobody reads any
+// more it says EINVAL.
+bool failedToWrite() {
+  const auto code = _doserrno;
+  if (code == ERROR_NO_DATA || code == ERROR_BROKEN_PIPE || code == ERROR_PIPE_NOT_CONNECTED) {
+    errno = EPIPE;
+  }
+  return false;
 }
 
 Input readConsoleLine(HANDLE console, std::string& line) {
@@ -125,12 +130,14 @@ bool obeysEscapes(int stream) {
   return consoleMode(stream, mode) && (mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
+bool flushOutput() { return std::fflush(stdout) == 0 || failedToWrite(); }
+
 bool writeText(int stream, std::string_view text) {
   std::FILE* file = stream == 1 ? stdout : stderr;
   if (isTerminal(stream)) {
     return std::fflush(file) == 0 && writeToConsole(handleOf(stream), text);
   }
-  return std::fwrite(text.data(), 1, text.size(), file) == text.size();
+  return std::fwrite(text.data(), 1, text.size(), file) == text.size() || failedToWrite();
 }
 
 const char* const kEndKeys = "Ctrl-Z with Enter";

@@ -24,6 +24,7 @@ void declareCommandLine(CLI::App& app, int& status, bool& version) {
   app.description("Runs Qwen3.5 hybrid language models through a runtime plug-in.");
   app.footer(kFooter);
   app.require_subcommand(0, 1);
+  app.allow_windows_style_options(false);  // "/models/a.zem" is a file on Windows, too
   app.add_flag("--version", version, "Print the versions of this program and of the plug-in");
   addChat(app, status);
   addRun(app, status);

@@ -27,7 +27,7 @@ void checkOutput(bool written) {
 }
 
 void flushQuietly() {
-  if (std::fflush(stdout) != 0 && outputError == 0) outputError = errno;
+  if (!compat::flushOutput() && outputError == 0) outputError = errno;
 }
 
 bool stderrIsStyled() {
@@ -64,7 +64,7 @@ bool stderrIsTerminal() { return compat::isTerminal(kStderr); }
 
 void writeOut(std::string_view text) { checkOutput(compat::writeText(kStdout, text)); }
 
-void flushOut() { checkOutput(std::fflush(stdout) == 0); }
+void flushOut() { checkOutput(compat::flushOutput()); }
 
 void writeJson(const nlohmann::ordered_json& value) {
   // A terminal would obey some of the characters beyond ASCII.

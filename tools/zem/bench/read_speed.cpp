@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <barrier>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <system_error>
@@ -116,25 +117,59 @@ class Part {
   std::unique_ptr<unsigned char[]> data_;
 };
 
+// Where threads wait for each other, time and again. (std::barrier loses wake-ups
+// where the C++ library has no futex, as on Windows.)
+class MeetingPoint {
+ public:
+  explicit MeetingPoint(size_t expected) : expected_(expected) {}
+
+  void arriveAndWait() {
+    std::unique_lock<std::mutex> lock(lock_);
+    const uint64_t meeting = meetings_;
+    ++arrived_;
+    letGo();
+    together_.wait(lock, [&] { return meetings_ != meeting; });
+  }
+  // One fewer is expected from now on.
+  void drop() {
+    const std::lock_guard<std::mutex> lock(lock_);
+    --expected_;
+    letGo();
+  }
+
+ private:
+  void letGo() {
+    if (arrived_ < expected_) return;
+    arrived_ = 0;
+    ++meetings_;
+    together_.notify_all();
+  }
+
+  std::mutex lock_;
+  std::condition_variable together_;
+  size_t expected_;
+  size_t arrived_ = 0;
+  uint64_t meetings_ = 0;
+};
+
 // Threads that read their parts together, pass by pass.
 class Readers {
  public:
-  Readers(size_t threads, size_t bytesEach)
-      : bytesEach_(bytesEach), together_(static_cast<std::ptrdiff_t>(threads + 1)) {
+  Readers(size_t threads, size_t bytesEach) : bytesEach_(bytesEach), together_(threads + 1) {
     threads_.reserve(threads);
     for (size_t i = 0; i < threads; ++i) {
       try {
         threads_.emplace_back([this] { readParts(); });
       } catch (const std::system_error&) {
         failed_ = true;
-        together_.arrive_and_drop();
+        together_.drop();
       }
     }
-    together_.arrive_and_wait();  // the parts are filled
+    together_.arriveAndWait();  // the parts are filled
   }
   ~Readers() {
     ended_ = true;
-    together_.arrive_and_wait();
+    together_.arriveAndWait();
     for (std::thread& thread : threads_) thread.join();
   }
   Readers(const Readers&) = delete;
@@ -147,8 +182,8 @@ class Readers {
   double pass(bool ahead) {
     ahead_ = ahead;
     const Clock::time_point start = Clock::now();
-    together_.arrive_and_wait();
-    together_.arrive_and_wait();
+    together_.arriveAndWait();
+    together_.arriveAndWait();
     return std::chrono::duration<double>(Clock::now() - start).count();
   }
 
@@ -160,17 +195,17 @@ class Readers {
     } catch (const std::bad_alloc&) {
       failed_ = true;
     }
-    together_.arrive_and_wait();
+    together_.arriveAndWait();
     for (;;) {
-      together_.arrive_and_wait();
+      together_.arriveAndWait();
       if (ended_) return;
       if (part != nullptr && !part->read(ahead_)) damaged_ = true;
-      together_.arrive_and_wait();
+      together_.arriveAndWait();
     }
   }
 
   size_t bytesEach_;
-  std::barrier<> together_;
+  MeetingPoint together_;
   std::atomic<bool> ahead_ = false;
   std::atomic<bool> ended_ = false;
   std::atomic<bool> failed_ = false;
