@@ -367,7 +367,7 @@ TEST_F(Bench, ADeviceHasNoShareOfTheProcessorsMemory) {
 // ---- on a terminal
 
 TEST_F(Bench, ProgressNeedsATerminal) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   TerminalProcess process(
       command({"bench", "-m", folder_.write("m.zem", smallContainer().build())}), cliEnvironment());
   EXPECT_TRUE(process.shows("tg64: 5 of 5"));
@@ -375,7 +375,7 @@ TEST_F(Bench, ProgressNeedsATerminal) {
 }
 
 TEST_F(CountingBench, CtrlCEndsAtOnceAndLeavesTheRowsAndNoRemains) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   ContainerBuilder builder;
   builder.tokenizer(tinyTokenizer());
   const std::string model = folder_.write("counts.zem", builder.build());

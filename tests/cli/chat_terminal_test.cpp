@@ -17,7 +17,7 @@ class ChatOnTerminal : public ::testing::Test {
  protected:
   ChatOnTerminal() : chat_(command({"chat", "-m", "fake.zem"}), environment()) {}
   void SetUp() override {
-    ZEM_NEEDS_TERMINAL();
+    ZEM_NEEDS_PLAIN_TERMINAL();
     EXPECT_TRUE(chat_.shows("> "));
   }
   Environment environment() const {
@@ -143,7 +143,7 @@ TEST_F(ChatOnTerminal, AFailedTurnIsNotTheEnd) {
 }
 
 TEST_F(ChatOnTerminal, HistoryOutlivesTheProgram) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   say("first line");
   EXPECT_TRUE(chat_.shows("you said: first line"));
   EXPECT_TRUE(chat_.shows("> "));
@@ -158,7 +158,7 @@ TEST_F(ChatOnTerminal, HistoryOutlivesTheProgram) {
 }
 
 TEST(ChatHistory, AFolderThatCannotBeMadeIsAWarning) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   TerminalProcess chat(command({"chat", "-m", "fake.zem"}),
                        cliEnvironment({{"XDG_STATE_HOME", "/dev/null/state"}}));
   EXPECT_TRUE(chat.shows("> "));
@@ -168,7 +168,7 @@ TEST(ChatHistory, AFolderThatCannotBeMadeIsAWarning) {
 }
 
 TEST(ChatHistory, WithoutAFolderThereIsNone) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   TerminalProcess chat(command({"chat", "-m", "fake.zem"}), cliEnvironment({{"HOME", ""}}));
   EXPECT_TRUE(chat.shows("> "));
   chat.type(kCtrlD);
@@ -177,7 +177,7 @@ TEST(ChatHistory, WithoutAFolderThereIsNone) {
 }
 
 TEST(ChatOnDumbTerminal, StillWorks) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   TerminalProcess chat(command({"chat", "-m", "fake.zem"}), cliEnvironment({{"TERM", "dumb"}}));
   EXPECT_TRUE(chat.shows("> "));
   chat.type("turn\n");

@@ -35,6 +35,13 @@ inline const std::string kFakePlugin = testPlugin("fake_plugin");
 #define ZEM_SKIP_UNDER_WINE(reason) \
   if (zemtest::kWindowsBuild != nullptr) GTEST_SKIP() << "under Wine: " << (reason)
 
+// First line of a test of what is shown on a terminal, or of a signal. Wine's terminal
+// passes on what changes on its screen rather than what was written, and makes no
+// events of signals.
+#define ZEM_NEEDS_PLAIN_TERMINAL()                               \
+  ZEM_SKIP_UNDER_WINE("its terminal passes on other sequences"); \
+  ZEM_NEEDS_TERMINAL()
+
 using Arguments = std::vector<std::string>;
 
 // The surroundings of a test do not reach the program. It computes on the CPU,

@@ -115,7 +115,7 @@ TEST(Info, TextFromTheFileIsEscaped) {
 }
 
 TEST(Info, JsonOnATerminalIsAscii) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   const TempFolder folder;
   const std::string path =
       folder.write("m.zem", ContainerBuilder().addMetaStr("k", "\xC2\x9B\x7F").build());

@@ -136,14 +136,14 @@ TEST(Run, TextBeyondTheBufferIsAFailureAndNotACut) {
 }
 
 TEST(Run, ATerminalGetsNoControlCharactersAndDimTimings) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   TerminalProcess process(command({"run", "-m", "fake.zem", "-p", "bytes"}), cliEnvironment());
   EXPECT_EQ(process.wait(), 0);
   EXPECT_THAT(process.shown(), StartsWith("a\\x1b[31m\xEF\xBF\xBD(\xEF\xBF\xBD\r\n\x1b[2m96 tok"));
 }
 
 TEST(Run, NoColorIsHonoured) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   TerminalProcess process(command({"run", "-m", "fake.zem", "-p", "hello"}),
                           cliEnvironment({{"NO_COLOR", "1"}}));
   EXPECT_EQ(process.wait(), 0);
@@ -151,7 +151,7 @@ TEST(Run, NoColorIsHonoured) {
 }
 
 TEST(Run, ATerminalOnStdinIsNotWaitedFor) {
-  ZEM_NEEDS_TERMINAL();
+  ZEM_NEEDS_PLAIN_TERMINAL();
   TerminalProcess process(command({"run", "-m", "fake.zem"}), cliEnvironment());
   EXPECT_EQ(process.wait(), 2);
   EXPECT_THAT(process.shown(), HasSubstr("zem: a prompt is needed"));

@@ -458,8 +458,8 @@ TEST_F(CheckpointTest, AnIndexThatDoesNotFitIsRefused) {
 TEST_F(CheckpointTest, ATensorInTwoShardsIsRefused) {
   CheckpointBuilder checkpoint;
   checkpoint.write(folder_.path("in"), 2);
-  fs::copy_file(in("model-00001-of-00002.safetensors"), in("model-00002-of-00002.safetensors"),
-                fs::copy_options::overwrite_existing);
+  fs::remove(in("model-00002-of-00002.safetensors"));
+  fs::copy_file(in("model-00001-of-00002.safetensors"), in("model-00002-of-00002.safetensors"));
   EXPECT_THAT(refusal(), HasSubstr("occurs in model-00001-of-00002.safetensors and in "
                                    "model-00002-of-00002.safetensors"));
 }

@@ -7,7 +7,6 @@
 #include <omp.h>
 
 #include <atomic>
-#include <barrier>
 #include <chrono>
 #include <random>
 #include <string>
@@ -121,12 +120,15 @@ void expectUndisturbed(const ModelFile& first, const ModelFile& second) {
   const std::vector<std::string> alone[] = {lifeOf(first, 7), lifeOf(second, 8)};
   ASSERT_NE(alone[0], alone[1]);
   std::vector<std::string> together[2];
-  std::barrier start(2);
+  std::atomic<int> ready{0};
+  const auto begin = [&] {
+    for (++ready; ready < 2;) std::this_thread::yield();
+  };
   std::thread other([&] {
-    start.arrive_and_wait();
+    begin();
     together[1] = lifeOf(second, 8);
   });
-  start.arrive_and_wait();
+  begin();
   together[0] = lifeOf(first, 7);
   other.join();
   EXPECT_EQ(together[0], alone[0]);

@@ -36,10 +36,15 @@ class TempFolder {
   std::string path(const std::string& name) const { return (path_ / name).string(); }
 
   // Writes a file and returns its path. A new one takes the place of an old one:
-  // some file systems go to the disk when an old one is overwritten.
+  // some file systems go to the disk when an old one is overwritten. The old one may
+  // be mapped, and its name lasts as long on Windows: so it gets another.
   std::string write(const std::string& name, std::string_view bytes) const {
-    std::filesystem::remove(path(name));
-    std::ofstream(path(name), std::ios::binary) << bytes;
+    const std::filesystem::path old = path_.string() + "-old";
+    std::error_code ignored;
+    std::filesystem::rename(path(name), old, ignored);
+    std::filesystem::remove(old, ignored);
+    std::ofstream file(path(name), std::ios::binary);
+    EXPECT_TRUE(file << bytes << std::flush) << "cannot write " << path(name);
     return path(name);
   }
   std::string write(const std::string& name, const Bytes& bytes) const {
