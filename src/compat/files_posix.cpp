@@ -65,9 +65,10 @@ bool writeAt(int file, const void* bytes, size_t count, uint64_t offset) {
 bool syncToDisk(int file) { return ::fsync(file) == 0; }
 
 bool moveOver(const char* from, const char* to) {
+  std::filesystem::path folder = std::filesystem::path(to).parent_path();
+  if (folder.empty()) folder = ".";
   if (std::rename(from, to) != 0) return false;
-  const std::filesystem::path folder = std::filesystem::path(to).parent_path();
-  syncFolder(folder.empty() ? std::filesystem::path(".") : folder);
+  syncFolder(folder);  // nothing that can fail: the file is in its place
   return true;
 }
 

@@ -178,12 +178,12 @@ ConversionReport convertModel(const ConversionOptions& options) {
     write.progress = [&](uint64_t done) { options.progress(done, total); };
   }
   report.weights = writeWeights(plan, writer, write);
-  require(writer.finish());
   report.format = source.format;
   report.files = source.files;
   report.widths = plan.widths;
   report.leftOut = source.leftOut;
   report.fallbacks = plan.fallbacks;
+  require(writer.finish());  // nothing may fail once the output is there
   report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return report;
 }
