@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# 2,000 sessions one after the other, with what they took and what memory they held.
-# Some minutes.
-#   scripts/long_runs.sh [CYCLES]
+# 2,000 sessions one after the other, and a conversation of 8,192 positions, with what
+# they took and what memory they held. A quarter of an hour.
+#   scripts/long_runs.sh [CYCLES [POSITIONS]]
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-export ZEM_LONG_CYCLES=${1:-2000} ZEM_NO_VULKAN=1
+export ZEM_LONG_CYCLES=${1:-2000} ZEM_LONG_POSITIONS=${2:-8192} ZEM_NO_VULKAN=1
 
 bash scripts/bootstrap.sh
 cmake --preset release
