@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # 2,000 sessions one after the other, and a conversation of 8,192 positions, with what
-# they took and what memory they held. A quarter of an hour.
+# they took and what memory they held.
 #   scripts/long_runs.sh [CYCLES [POSITIONS]]
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

@@ -40,8 +40,9 @@ if [[ ! -x $wine ]]; then
 fi
 export WINEPREFIX=$PWD/build/windows/wine WINEDEBUG=-all
 "$wine" cmd /c ver
-mkfifo build/windows/wine/input
-"$wine" cmd <>build/windows/wine/input >/dev/null 2>&1 &
+rm -f "$WINEPREFIX/input" # of an earlier run
+mkfifo "$WINEPREFIX/input"
+"$wine" cmd <>"$WINEPREFIX/input" >/dev/null 2>&1 &
 trap '"$wine" wineboot --kill >/dev/null 2>&1 || true' EXIT
 
 # Threads meet by way of Wine's server, which takes several times as long as small
