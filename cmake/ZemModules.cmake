@@ -25,6 +25,10 @@ function(zem_lasting_module target exports)
     return()
   endif()
   target_link_options(${target} PRIVATE
-    -Wl,--version-script=${exports} -Wl,-z,defs -Wl,-z,nodelete -Wl,--gc-sections)
+    -Wl,--version-script=${exports} -Wl,-z,nodelete -Wl,--gc-sections)
+  # Clang's sanitizers are in the program; a module finds them there when it is loaded.
+  if(NOT ZEM_SANITIZE OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_link_options(${target} PRIVATE -Wl,-z,defs)
+  endif()
   set_target_properties(${target} PROPERTIES LINK_DEPENDS ${exports})
 endfunction()

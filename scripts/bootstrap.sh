@@ -3,7 +3,7 @@
 # repeat: does nothing when everything is there.
 #   scripts/bootstrap.sh            for Linux
 #   scripts/bootstrap.sh windows    and for building and testing Windows programs here
-#   scripts/bootstrap.sh clang      and for the fuzzers and the thread sanitizer
+#   scripts/bootstrap.sh clang      and for the fuzzers and the sanitizers
 set -euo pipefail
 
 packages=(
@@ -23,8 +23,9 @@ if [[ ${1:-} == windows ]]; then
   packages+=(g++-mingw-w64-x86-64-posix googletest wine wine64)
 fi
 
-# Clang brings libFuzzer. And the thread sanitizer knows of synchronisation what it
-# sees: programs that are compiled with it, and of an OpenMP runtime what that tells it.
+# Clang brings libFuzzer, and compiles and runs under the address sanitizer in less time
+# than GCC. And the thread sanitizer knows of synchronisation what it sees: programs
+# that are compiled with it, and of an OpenMP runtime what that tells it.
 # GCC's tells nothing, and every barrier would look like a race; Clang's does, through
 # the library libarcher.
 if [[ ${1:-} == clang ]]; then

@@ -23,7 +23,7 @@ if [[ $preset == windows ]]; then
 fi
 
 bash scripts/bootstrap.sh
-[[ $preset != tsan ]] || bash scripts/bootstrap.sh clang
+[[ $preset != tsan && $preset != sanitize ]] || bash scripts/bootstrap.sh clang
 cmake --preset "$preset" ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}
 cmake --build --preset "$preset"
 ctest --preset "$preset" --parallel "$(nproc)"

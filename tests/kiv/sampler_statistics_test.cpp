@@ -12,15 +12,13 @@
 
 #include "kiv/plain_sampler.h"
 #include "kiv/sampler.h"
+#include "support/sanitizers.h"
 
 namespace kiv {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr int kDraws = 10000;  // instrumented code is slow, and its numbers are the same
-#else
-constexpr int kDraws = 100000;
-#endif
+// Instrumented code is slow, and its numbers are the same.
+constexpr int kDraws = zemtest::kAddressSanitizer ? 10000 : 100000;
 
 struct Feature {
   const char* name;

@@ -17,6 +17,7 @@
 #include "qwen35_sampling.h"
 #include "runtime_qwen35_vulkan/cpu_only.h"
 #include "runtime_qwen35_vulkan/session_support.h"
+#include "support/sanitizers.h"
 
 namespace {
 
@@ -44,11 +45,7 @@ double residentBytes() {
 }
 
 // The address sanitizer keeps what was freed; there the leak sanitizer looks instead.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool kMemoryComesBack = false;
-#else
-constexpr bool kMemoryComesBack = true;
-#endif
+constexpr bool kMemoryComesBack = !zemtest::kAddressSanitizer;
 
 void expectGrowthBelow(double from, double to, double most) {
   std::printf("  memory %.2f MiB, then %.2f MiB\n", from / kMiB, to / kMiB);
@@ -307,9 +304,9 @@ void expectTheSameFromANewSession(const ModelFile& file, const PlainConversation
 }
 
 TEST(LongRunsTest, AConversationIsTheSameToTheLastPosition) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "takes minutes here; shorter conversations go the same ways";
-#endif
+  if (zemtest::kAddressSanitizer) {
+    GTEST_SKIP() << "takes minutes here; shorter conversations go the same ways";
+  }
   const size_t positions = numberFrom("ZEM_LONG_POSITIONS", 640);
   ASSERT_GE(positions, 2 * kLongestTurn);
   ASSERT_LE(positions, qwen35rt::kMaxPositions);

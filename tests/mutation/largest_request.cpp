@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "support/sanitizers.h"
+
 namespace {
 
 std::atomic<size_t> largest{0};
@@ -15,7 +17,7 @@ std::atomic<size_t> largest{0};
 
 size_t zemtest::largestRequest() { return largest; }
 
-#if defined(__SANITIZE_ADDRESS__)
+#if ZEM_TEST_ADDRESS_SANITIZER
 extern "C" const char* __asan_default_options() { return "max_allocation_size_mb=2048"; }
 #else
 void* operator new(size_t bytes) {

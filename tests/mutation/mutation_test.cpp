@@ -15,6 +15,7 @@
 #include "kiv/zem_loader.h"
 #include "mutation/largest_request.h"
 #include "runtime_qwen35_vulkan/cpu_only.h"
+#include "support/sanitizers.h"
 #include "support/smallest_model.h"
 #include "support/temp_file.h"
 #include "zem/plugin.h"
@@ -25,11 +26,7 @@ namespace {
 constexpr size_t kMutations = 20000;
 constexpr size_t kShards = 16;
 // Under the address sanitizer all of them, elsewhere a sample.
-#ifdef __SANITIZE_ADDRESS__
-constexpr size_t kShardsRun = kShards;
-#else
-constexpr size_t kShardsRun = 1;
-#endif
+constexpr size_t kShardsRun = kAddressSanitizer ? kShards : 1;
 // Of processor time: a machine that is busy with other work makes a short run a long
 // wait. What sleeps meets CTest's own limit.
 constexpr double kLongestSeconds = 2;
