@@ -31,6 +31,7 @@ cmake --build --preset fuzz --target "${targets[@]/#/fuzz_}"
 
 build=build/fuzz
 mkdir -p "$build/log"
+jobs=${JOBS:-$(nproc)} # which counts OMP_NUM_THREADS, so before that is set
 symbolizer=$(command -v llvm-symbolizer-14 || true)
 export ZEM_NO_VULKAN=1 OMP_NUM_THREADS=1
 export ASAN_OPTIONS=${symbolizer:+external_symbolizer_path=$symbolizer:}allocator_may_return_null=0
@@ -61,7 +62,6 @@ run_target() {
     >"$build/log/$target.log" 2>&1 || echo "exit status $?" >>"$build/log/$target.log"
 }
 
-jobs=${JOBS:-$(nproc)}
 for target in "${targets[@]}"; do
   while (($(jobs -rp | wc -l) >= jobs)); do wait -n || true; done
   run_target "$target" &
