@@ -18,7 +18,10 @@ std::atomic<size_t> largest{0};
 size_t zemtest::largestRequest() { return largest; }
 
 #if ZEM_TEST_ADDRESS_SANITIZER
-extern "C" const char* __asan_default_options() { return "max_allocation_size_mb=2048"; }
+// GCC's sanitizer is a library and sees what a program shows.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
+  return "max_allocation_size_mb=2048";
+}
 #else
 void* operator new(size_t bytes) {
   size_t before = largest;
