@@ -21,12 +21,12 @@
 #include <string>
 #include <vector>
 
+#include "kernels/reference.h"
+#include "kernels/row_dots.h"
+#include "kernels/token_dots.h"
 #include "kiv/quant_k.h"
+#include "matmul/product.h"
 #include "qwen35_cpu.h"
-#include "qwen35_product.h"
-#include "qwen35_reference.h"
-#include "qwen35_row_dots.h"
-#include "qwen35_token_dots.h"
 
 namespace {
 

@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
-#include "kiv/exact_math.h"
+#include "kiv/math/exact_math.h"
 #include "qwen35_cpu.h"
-#include "qwen35_sampling.h"
-#include "qwen35_sampling_loops.h"
-#include "runtime_qwen35_vulkan/plain_sampling.h"
+#include "runtime_qwen35_vulkan/sampling/plain_sampling.h"
+#include "sampling/sampling.h"
+#include "sampling/sampling_loops.h"
 
 namespace {
 

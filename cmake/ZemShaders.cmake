@@ -5,7 +5,7 @@ mark_as_advanced(GLSLC)
 
 # zem_compile_shader(OUTPUT SOURCE [DEFINES NAME=VALUE ...]): OUTPUT becomes a
 # brace-enclosed list of the SPIR-V words of SOURCE, to be included as the
-# initialiser of an array. What SOURCE includes is found beside it.
+# initialiser of an array. What SOURCE includes lies in the shaders' folder include.
 function(zem_compile_shader output source)
   cmake_parse_arguments(arg "" "" "DEFINES" ${ARGN})
   list(TRANSFORM arg_DEFINES PREPEND "-D")
@@ -13,7 +13,8 @@ function(zem_compile_shader output source)
   cmake_path(ABSOLUTE_PATH source)
   add_custom_command(
     OUTPUT ${output}
-    COMMAND ${GLSLC} --target-env=vulkan1.2 -O -Werror -fshader-stage=compute ${arg_DEFINES}
+    COMMAND ${GLSLC} --target-env=vulkan1.2 -O -Werror -fshader-stage=compute
+      -I ${PROJECT_SOURCE_DIR}/src/kiv/vulkan/shaders/include ${arg_DEFINES}
       -MD -MF ${output}.d -mfmt=c -o ${output} ${source}
     DEPENDS ${source}
     DEPFILE ${output}.d

@@ -10,8 +10,8 @@
 #include "fuzz.h"
 #include "kiv/dequant.h"
 #include "kiv/quant.h"
+#include "kiv/quant/row_codec.h"
 #include "kiv/quant_k.h"
-#include "kiv/row_codec.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 #include <cmath>
 #include <string>
 
+#include "console/terminal.h"
 #include "convert/checkpoint_config.h"
 #include "fuzz.h"
-#include "terminal.h"
 
 namespace {
 

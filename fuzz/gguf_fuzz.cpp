@@ -4,13 +4,13 @@
 #include <string_view>
 #include <vector>
 
+#include "console/terminal.h"
 #include "convert/convert_tokenizer.h"
-#include "convert/gguf_source.h"
-#include "convert/gguf_tokenizer.h"
+#include "convert/gguf/gguf_source.h"
+#include "convert/gguf/gguf_tokenizer.h"
 #include "fuzz.h"
-#include "kiv/gguf.h"
+#include "kiv/container/gguf.h"
 #include "planned.h"
-#include "terminal.h"
 
 namespace {
 

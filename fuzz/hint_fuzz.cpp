@@ -7,7 +7,7 @@
 
 #include "fuzz.h"
 #include "qwen35_layer_plan.h"
-#include "qwen35_session.h"
+#include "session/session.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
+#include "console/terminal.h"
 #include "convert/checkpoint_source.h"
 #include "convert/safetensors.h"
 #include "fuzz.h"
 #include "planned.h"
-#include "terminal.h"
 
 namespace {
 

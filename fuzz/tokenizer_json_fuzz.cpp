@@ -4,11 +4,11 @@
 #include <string_view>
 #include <vector>
 
+#include "console/terminal.h"
 #include "convert/convert_tokenizer.h"
 #include "convert/json_tokenizer.h"
 #include "fuzz.h"
 #include "kiv/tokenizer.h"
-#include "terminal.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "kiv/dequant.h"
-#include "qwen35_product.h"
+#include "matmul/product.h"
 
 namespace qwen35 {
 namespace {

@@ -5,10 +5,10 @@
 #include <limits>
 #include <stdexcept>
 
-#include "qwen35_reference.h"
-#include "qwen35_row_dots.h"
-#include "qwen35_step_loops.h"
-#include "qwen35_team.h"
+#include "kernels/reference.h"
+#include "kernels/row_dots.h"
+#include "kernels/step_loops.h"
+#include "matmul/team.h"
 
 namespace qwen35 {
 namespace {

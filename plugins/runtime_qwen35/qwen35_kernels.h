@@ -3,7 +3,7 @@
 ///
 /// The order of every sum is part of the result: these are the functions the
 /// decoder calls, and each gives the bits of its plain loop in
-/// qwen35_reference.h, whatever the instruction set or the number of threads.
+/// kernels/reference.h, whatever the instruction set or the number of threads.
 /// The two matrix-vector products share large matrices out over the OpenMP team;
 /// everything else is serial. All are reentrant.
 #pragma once

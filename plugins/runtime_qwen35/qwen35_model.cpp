@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "qwen35_product.h"
+#include "matmul/product.h"
 
 namespace qwen35 {
 namespace {

@@ -4,11 +4,11 @@
 
 #include "kiv/vulkan/vulkan_context.h"
 #include "kiv/zem_loader.h"
-#include "qwen35_bench.h"
-#include "qwen35_boundary.h"
-#include "qwen35_chat.h"
-#include "qwen35_generate.h"
-#include "qwen35_session.h"
+#include "session/bench.h"
+#include "session/boundary.h"
+#include "session/chat.h"
+#include "session/generate.h"
+#include "session/session.h"
 #include "zem/plugin.h"
 
 namespace qwen35rt {

@@ -3,7 +3,7 @@
 #include <array>
 
 #include "kiv/quant.h"
-#include "kiv/quant_blocks.h"
+#include "kiv/quant/quant_blocks.h"
 #include "kiv/quant_k.h"
 
 namespace kiv::quant {

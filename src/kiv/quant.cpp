@@ -3,7 +3,7 @@
 #include <array>
 #include <bit>
 
-#include "kiv/quant_blocks.h"
+#include "kiv/quant/quant_blocks.h"
 #include "kiv/quant_k.h"
 
 namespace kiv {

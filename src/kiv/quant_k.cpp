@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "kiv/quant_blocks.h"
+#include "kiv/quant/quant_blocks.h"
 
 namespace kiv::quant {
 namespace {

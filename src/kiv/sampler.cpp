@@ -6,7 +6,7 @@
 #include <numeric>
 #include <utility>
 
-#include "kiv/exact_math.h"
+#include "kiv/math/exact_math.h"
 
 namespace kiv {
 namespace {

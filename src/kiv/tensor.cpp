@@ -1,7 +1,7 @@
 #include "kiv/tensor.h"
 
 #include "kiv/quant.h"
-#include "kiv/quant_blocks.h"
+#include "kiv/quant/quant_blocks.h"
 #include "kiv/quant_k.h"
 
 namespace kiv {

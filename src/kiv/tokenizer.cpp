@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
-#include "kiv/piece_memo.h"
-#include "kiv/tokenizer_pieces.h"
+#include "kiv/text/piece_memo.h"
+#include "kiv/text/tokenizer_pieces.h"
 
 namespace kiv {
 namespace {

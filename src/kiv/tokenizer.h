@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "kiv/status.h"
-#include "kiv/text_index.h"
-#include "kiv/tokenizer_bpe.h"
-#include "kiv/tokenizer_specials.h"
+#include "kiv/text/text_index.h"
+#include "kiv/text/tokenizer_bpe.h"
+#include "kiv/text/tokenizer_specials.h"
 
 namespace kiv {
 

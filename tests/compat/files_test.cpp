@@ -13,7 +13,7 @@
 #include "compat/mman.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "kiv/mapped_file.h"
+#include "kiv/container/mapped_file.h"
 #include "support/temp_folder.h"
 
 #if defined(_WIN32)

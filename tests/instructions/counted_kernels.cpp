@@ -6,13 +6,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "kernels/row_dots.h"
+#include "kernels/step_loops.h"
+#include "kernels/token_dots.h"
 #include "kiv/tokenizer.h"
 #include "kiv/zem2.h"
 #include "qwen35_kernels.h"
-#include "qwen35_row_dots.h"
-#include "qwen35_sampling.h"
-#include "qwen35_step_loops.h"
-#include "qwen35_token_dots.h"
+#include "sampling/sampling.h"
 #include "support/tiny_model.h"
 #include "support/trained_vocabulary.h"
 

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "kiv/text/tokenizer_pieces.h"
 #include "kiv/tokenizer.h"
-#include "kiv/tokenizer_pieces.h"
 
 namespace kiv {
 

@@ -12,7 +12,7 @@
 #include <random>
 #include <vector>
 
-#include "kiv/exact_math.h"
+#include "kiv/math/exact_math.h"
 #include "kiv/sampler.h"
 
 namespace kiv::plain {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "kiv/piece_memo.h"
 #include "kiv/plain_encoder.h"
+#include "kiv/text/piece_memo.h"
 #include "kiv/tokenizer.h"
 #include "support/trained_vocabulary.h"
 

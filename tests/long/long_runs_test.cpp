@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "qwen35_generate.h"
-#include "qwen35_sampling.h"
 #include "runtime_qwen35_vulkan/cpu_only.h"
-#include "runtime_qwen35_vulkan/session_support.h"
+#include "runtime_qwen35_vulkan/session/session_support.h"
+#include "sampling/sampling.h"
+#include "session/generate.h"
 #include "support/sanitizers.h"
 
 namespace {

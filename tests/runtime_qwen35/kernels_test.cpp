@@ -10,9 +10,9 @@
 #include <stdexcept>
 #include <vector>
 
-#include "kiv/exact_math.h"
-#include "qwen35_reference.h"
-#include "qwen35_step_loops.h"
+#include "kernels/reference.h"
+#include "kernels/step_loops.h"
+#include "kiv/math/exact_math.h"
 #include "runtime_qwen35/open_model.h"
 
 namespace qwen35 {

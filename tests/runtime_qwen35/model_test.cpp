@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "kiv/dequant.h"
+#include "matmul/product.h"
 #include "qwen35_kernels.h"
-#include "qwen35_product.h"
 #include "runtime_qwen35/open_model.h"
 
 namespace qwen35 {

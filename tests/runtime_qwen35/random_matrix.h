@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "kernels/reference.h"
 #include "kiv/quant_k.h"
+#include "matmul/product.h"
 #include "qwen35_cpu.h"
-#include "qwen35_product.h"
-#include "qwen35_reference.h"
 #include "runtime_qwen35/open_model.h"
 
 namespace qwen35 {

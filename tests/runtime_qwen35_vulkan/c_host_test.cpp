@@ -8,7 +8,7 @@
 #include <string>
 
 #include "runtime_qwen35_vulkan/cpu_only.h"
-#include "runtime_qwen35_vulkan/session_support.h"
+#include "runtime_qwen35_vulkan/session/session_support.h"
 #include "support/platform.h"
 #include "support/scoped_env.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "kiv/vulkan/vulkan_context.h"
-#include "runtime_qwen35_vulkan/session_support.h"
+#include "runtime_qwen35_vulkan/session/session_support.h"
 #include "support/platform.h"
 #include "support/scoped_env.h"
 #include "support/temp_folder.h"

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "kiv/tokenizer_pieces.h"
+#include "kiv/text/tokenizer_pieces.h"
 
 namespace kiv::test {
 namespace {

@@ -23,10 +23,10 @@ cmake --build --preset windows
 
 say "lint of what only Windows compiles"
 headers=$(x86_64-w64-mingw32-g++-posix -print-file-name=include)/c++
-git ls-files -z 'src/*_windows.cpp' 'tools/*_windows.cpp' |
+git ls-files -z 'src/*_windows.cpp' 'tools/zem/console/windows/*.cpp' |
   xargs -0 -P "$(nproc)" -I{} clang-tidy-14 --quiet {} -- \
     --target=x86_64-w64-mingw32 -std=c++20 -isystem "$headers" \
-    -isystem "$headers/x86_64-w64-mingw32" -isystem build/windows/host-headers -Isrc -Itools/zem \
+    -isystem "$headers/x86_64-w64-mingw32" -isystem build/windows/host-headers -Iinclude -Isrc -Itools/zem \
     -D_FILE_OFFSET_BITS=64 -D__USE_MINGW_ANSI_STDIO=1 -DNOMINMAX -DWIN32_LEAN_AND_MEAN
 
 say "Wine"

@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "command_line.h"
-#include "compat/program.h"
-#include "compat/streams.h"
-#include "plugin_host.h"
-#include "terminal.h"
+#include "commands/command_line.h"
+#include "console/program.h"
+#include "console/streams.h"
+#include "console/terminal.h"
+#include "host/plugin_host.h"
 
 namespace zemtool {
 namespace {

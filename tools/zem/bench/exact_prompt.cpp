@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "terminal.h"
+#include "console/terminal.h"
 
 namespace zemtool {
 namespace {

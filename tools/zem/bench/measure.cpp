@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cmath>
 
-#include "terminal.h"
+#include "console/terminal.h"
 
 namespace zemtool {
 namespace {

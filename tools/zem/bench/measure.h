@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "bench/exact_prompt.h"
-#include "plugin_host.h"
-#include "progress_line.h"
+#include "console/progress_line.h"
+#include "host/plugin_host.h"
 
 namespace zemtool {
 

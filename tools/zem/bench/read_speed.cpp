@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "terminal.h"
+#include "console/terminal.h"
 
 namespace zemtool {
 namespace {

@@ -5,8 +5,8 @@
 #include <numeric>
 #include <utility>
 
-#include "terminal.h"
-#include "text.h"
+#include "console/terminal.h"
+#include "console/text.h"
 
 namespace zemtool {
 namespace {

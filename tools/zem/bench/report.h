@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "bench/measure.h"
-#include "model_file.h"
+#include "host/model_file.h"
 
 namespace zemtool {
 

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <limits>
 
+#include "console/terminal.h"
 #include "convert/model_shape.h"
-#include "terminal.h"
 
 namespace zemtool {
 namespace {

@@ -10,13 +10,13 @@
 #include <utility>
 
 #include "compat/files.h"
+#include "console/terminal.h"
+#include "console/text.h"
 #include "convert/checkpoint_config.h"
 #include "convert/json_file.h"
 #include "convert/json_tokenizer.h"
 #include "convert/safetensors.h"
 #include "convert/tensor_plan.h"
-#include "terminal.h"
-#include "text.h"
 
 namespace zemtool {
 namespace {

@@ -6,12 +6,12 @@
 #include <utility>
 
 #include "compat/files.h"
+#include "console/terminal.h"
+#include "console/text.h"
 #include "convert/checkpoint_source.h"
-#include "convert/gguf_source.h"
-#include "kiv/mapped_file.h"
+#include "convert/gguf/gguf_source.h"
+#include "kiv/container/mapped_file.h"
 #include "kiv/zem2_writer.h"
-#include "terminal.h"
-#include "text.h"
 
 namespace zemtool {
 namespace {

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <utility>
 
-#include "kiv/byte_level.h"
+#include "kiv/text/byte_level.h"
 
 namespace zemtool {
 namespace {

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "compat/files.h"
-#include "kiv/mapped_file.h"
-#include "terminal.h"
+#include "console/terminal.h"
+#include "kiv/container/mapped_file.h"
 
 namespace zemtool {
 namespace {

@@ -4,8 +4,8 @@
 #include <map>
 #include <utility>
 
+#include "console/terminal.h"
 #include "convert/json_file.h"
-#include "terminal.h"
 
 namespace zemtool {
 namespace {

@@ -5,10 +5,10 @@
 #include <limits>
 #include <string_view>
 
+#include "console/terminal.h"
+#include "console/text.h"
 #include "convert/json_file.h"
-#include "kiv/byte_cursor.h"
-#include "terminal.h"
-#include "text.h"
+#include "kiv/container/byte_cursor.h"
 
 namespace zemtool {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "kiv/mapped_file.h"
+#include "kiv/container/mapped_file.h"
 
 namespace zemtool {
 

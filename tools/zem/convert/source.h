@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "convert/source_tokenizer.h"
-#include "kiv/gguf_types.h"
-#include "kiv/mapped_file.h"
+#include "kiv/container/gguf_types.h"
+#include "kiv/container/mapped_file.h"
 
 namespace zemtool {
 

@@ -4,8 +4,8 @@
 #include <map>
 #include <utility>
 
-#include "kiv/row_codec.h"
-#include "terminal.h"
+#include "console/terminal.h"
+#include "kiv/quant/row_codec.h"
 
 namespace zemtool {
 namespace {

@@ -7,11 +7,11 @@
 #include <cstring>
 #include <utility>
 
-#include "kiv/exact_math.h"
-#include "kiv/row_codec.h"
-#include "ordered_work.h"
-#include "terminal.h"
-#include "text.h"
+#include "console/terminal.h"
+#include "console/text.h"
+#include "convert/ordered_work.h"
+#include "kiv/math/exact_math.h"
+#include "kiv/quant/row_codec.h"
 
 namespace zemtool {
 namespace {

@@ -5,8 +5,8 @@
 
 #include "compat/dlfcn.h"
 #include "compat/files.h"
-#include "modules.h"
-#include "terminal.h"
+#include "console/terminal.h"
+#include "host/modules.h"
 
 namespace zemtool {
 namespace {

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <string>
 
-#include "command_line.h"
+#include "commands/command_line.h"
 #include "pages.h"
 
 namespace {

@@ -1,0 +1,15 @@
+// Everything that is compiled for this level. Built with the level's own flags, so
+// it includes nothing whose inline functions another source could end up with,
+// and defines nothing but its tables.
+#include "kernels/simd/lanes_baseline.h"
+#include "kernels/simd/row_dots_inl.h"
+#include "kernels/simd/step_loops_inl.h"
+#include "kernels/simd/token_dots_inl.h"
+
+namespace qwen35 {
+
+constinit const RowDotsTable kRowDotsBaseline = rowDotsTableOf<Baseline>();
+constinit const TokenDotsTable kTokenDotsBaseline = tokenDotsTableOf<Baseline>();
+constinit const StepLoops kStepLoopsBaseline = stepLoopsOf<Baseline>();
+
+}  // namespace qwen35

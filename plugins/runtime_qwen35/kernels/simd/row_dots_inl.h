@@ -1,0 +1,136 @@
+// Dot products of rows with one vector, over the lanes of a vector type.
+#pragma once
+
+#include "kernels/row_dots.h"
+#include "kernels/simd/formats_inl.h"
+
+namespace qwen35 {
+namespace {
+
+template <class V, size_t G, uint32_t kMask, typename WordOf>
+ZEM_INLINE void addColumns(size_t words, const WordOf& wordOf, const Affine<V, G>& affine,
+                           const float* x, typename V::F (&sums)[G]) {
+  using F = typename V::F;
+  F unit[4][G];
+  F min[G];
+  F sum[G];
+  unrolled<G>([&](auto g) ZEM_INLINE_LAMBDA {
+    unrolled<4>([&](auto k) ZEM_INLINE_LAMBDA {
+      unit[k.value][g.value] = V::mul(affine.scale[g.value], V::set(fieldUnit<k.value, kMask>()));
+    });
+    min[g.value] = affine.min[g.value];
+    sum[g.value] = sums[g.value];
+  });
+  // Hides the number from the compiler: GCC 12 unrolls a loop of four whole, runs
+  // out of registers and loses a tenth of Q6_K.
+  asm("" : "+r"(words));
+  for (size_t w = 0; w < words; ++w) {
+    typename V::I word[G];
+    unrolled<G>([&](auto g) ZEM_INLINE_LAMBDA { word[g.value] = wordOf(g, w); });
+    unrolled<4>([&](auto k) ZEM_INLINE_LAMBDA {
+      const F input = V::set(x[4 * w + k.value]);
+      unrolled<G>([&](auto g) ZEM_INLINE_LAMBDA {
+        const F weight = V::exactMulSub(field<V, k.value, kMask>(word[g.value]),
+                                        unit[k.value][g.value], min[g.value]);
+        sum[g.value] = V::add(sum[g.value], V::mul(weight, input));
+      });
+    });
+  }
+  unrolled<G>([&](auto g) ZEM_INLINE_LAMBDA { sums[g.value] = sum[g.value]; });
+}
+
+// The same sums by way of the library's block decoders, for what the fast way
+// cannot do exactly.
+template <class V, size_t G>
+[[gnu::noinline]] void addWidened(WidenBlocks widen, const Tile<V, G>& tile, const float* x,
+                                  size_t columns, typename V::F (&sums)[G]) {
+  for (size_t g = 0; g < G; ++g) {
+    float lanes[V::kLanes];
+    V::store(lanes, sums[g]);
+    addWidenedRows(widen, tile.rows[g], V::kLanes, x, columns, lanes);
+    sums[g] = V::load(lanes);
+  }
+}
+
+// Multiplies each column by its x and adds it to the rows' sums. `x` belongs to
+// the format's first column.
+template <class V, size_t G>
+struct DotSink {
+  const float* x;
+  typename V::F (&sums)[G];
+
+  template <uint32_t kMask, typename WordOf>
+  ZEM_INLINE void columns(size_t words, const WordOf& wordOf, const Affine<V, G>& affine,
+                          size_t column) {
+    addColumns<V, G, kMask>(words, wordOf, affine, x + column, sums);
+  }
+
+  template <typename Group>
+  ZEM_INLINE void column(Group g, typename V::F weight, size_t column) {
+    sums[g.value] = V::add(sums[g.value], V::mul(weight, V::set(x[column])));
+  }
+
+  ZEM_INLINE void widened(WidenBlocks widen, const Tile<V, G>& tile, size_t columns,
+                          size_t column) {
+    addWidened<V, G>(widen, tile, x + column, columns, sums);
+  }
+};
+
+// Dot products of `count` rows, at most G * V::kLanes; lanes beyond repeat the
+// last row.
+template <class V, class Format, size_t G>
+void dotTile(const uint8_t* W, size_t stride, size_t count, const float* x, size_t cols,
+             float* dots) {
+  constexpr size_t kRows = G * V::kLanes;
+  Tile<V, G> tile(W, stride, count);
+  typename V::F sums[G];
+  unrolled<G>([&](auto g) ZEM_INLINE_LAMBDA { sums[g.value] = V::zero(); });
+
+  size_t c = 0;
+  for (; c + Format::kColumns <= cols; c += Format::kColumns) {
+    DotSink<V, G> sink{x + c, sums};
+    Format::template add<V, G>(tile, sink);
+    tile.advance(Format::kBytes);
+  }
+  if constexpr (requires { &Format::template rest<V, G, DotSink<V, G>>; }) {
+    DotSink<V, G> sink{x + c, sums};
+    if (c < cols) Format::template rest<V, G>(tile, cols - c, sink);
+  }
+
+  float all[kRows];
+  unrolled<G>([&](auto g)
+                  ZEM_INLINE_LAMBDA { V::store(all + g.value * V::kLanes, sums[g.value]); });
+  std::memcpy(dots, all, count * sizeof(float));
+}
+
+template <class V, class Format, size_t kBlockColumns, size_t kBlockBytes>
+void dotRows(const void* W, const float* x, size_t rows, size_t cols, float* dots) {
+  constexpr size_t kGroups = Format::kMostRows < 2 * V::kLanes ? 1 : 2;
+  const size_t stride = cols / kBlockColumns * kBlockBytes;
+  const auto* base = static_cast<const uint8_t*>(W);
+  while (rows > 0) {
+    const size_t most = rows > V::kLanes ? kGroups * V::kLanes : V::kLanes;
+    const size_t count = rows < most ? rows : most;
+    if (count > V::kLanes) {
+      dotTile<V, Format, kGroups>(base, stride, count, x, cols, dots);
+    } else {
+      dotTile<V, Format, 1>(base, stride, count, x, cols, dots);
+    }
+    base += count * stride;
+    dots += count;
+    rows -= count;
+  }
+}
+
+template <class V>
+constexpr RowDotsTable rowDotsTableOf() {
+  return {dotRows<V, F32, 1, 4>,
+          dotRows<V, Bf16, 1, 2>,
+          dotRows<V, Q80, Q80::kBlockColumns, Q80::kBlockBytes>,
+          dotRows<V, Q4K, Q4K::kColumns, Q4K::kBytes>,
+          dotRows<V, Q5K, Q5K::kColumns, Q5K::kBytes>,
+          dotRows<V, Q6K, Q6K::kColumns, Q6K::kBytes>};
+}
+
+}  // namespace
+}  // namespace qwen35

@@ -1,0 +1,66 @@
+// The halves of a block for a run of consecutive tokens: what the one-token steps
+// of qwen35_model.h and the forward passes are made of.
+//
+// Activations hold one token after the other. Products take the whole run at once;
+// recurrences and attention go through the tokens in order. Every result, and the
+// state afterwards, has the bits of one token at a time.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "matmul/product.h"
+#include "qwen35_model.h"
+
+namespace qwen35 {
+
+using Floats = std::vector<float>;
+
+// Tokens that go through the layers together. The more there are, the less each
+// pays for widening the weights; 48 fill whole groups at every level, and all
+// their buffers take 10 MB.
+inline constexpr size_t kBatchTokens = 48;
+
+// Consecutive tokens and where they stand.
+struct TokenRun {
+  size_t count;
+  size_t pos;  // of the first one
+};
+
+// What a product gives a run: one row of `width` floats a token.
+struct Activations {
+  size_t width;
+  Floats values;
+
+  float* token(size_t t) { return values.data() + t * width; }
+  const float* token(size_t t) const { return values.data() + t * width; }
+};
+
+// The rotary angles of every position of a run.
+class RotaryAngles {
+ public:
+  RotaryAngles(size_t nRot, const TokenRun& run);
+  // Rotates the first nRot values of x for the run's token t.
+  void apply(float* x, size_t t) const;
+
+ private:
+  size_t nRot_;
+  Floats cosines_;  // nRot / 2 a token
+  Floats sines_;
+};
+
+// x and out: run.count x nEmb floats.
+void linearAttention(Model& m, Layer& L, const float* x, float* out, const TokenRun& run,
+                     size_t il);
+// Throws std::length_error when the cache has too few free slots.
+void fullAttention(Model& m, Layer& L, const float* x, float* out, const TokenRun& run,
+                   const RotaryAngles& angles, size_t il);
+void feedForward(Model& m, const Layer& L, const float* xn, float* out, size_t tokens);
+
+// W times every token of x.
+Activations product(Model& m, const TensorView* W, const ProductInput& x);
+
+// out = rmsNorm of each of `tokens` vectors of `n` floats.
+void normTokens(const TensorView* weight, const float* x, float* out, size_t tokens, size_t n);
+
+}  // namespace qwen35

@@ -1,0 +1,43 @@
+#include "gpu/gpu_attach.h"
+
+#include <limits>
+
+#include "session/boundary.h"
+
+namespace qwen35rt {
+namespace {
+
+// Past the end of any machine's devices: the automatic choice.
+constexpr uint64_t kAnyDevice = std::numeric_limits<uint64_t>::max();
+
+bool bringUp(Qwen35Session& s, const CreateHintOpts& hint) {
+  s.gpu = std::make_unique<kiv::GPUModelLoader>();
+  const uint64_t device = hint.gpuDev < 0 ? kAnyDevice : static_cast<uint64_t>(hint.gpuDev);
+  if (!s.gpu->init(device).ok() || !s.gpu->loadWeightsToGPU(*s.loader).ok()) return false;
+  s.gv = std::make_unique<qwen35gpu::GpuGemv>();
+  if (!s.gv->init(*s.gpu)) return false;
+  if (!hint.plan.empty()) s.gv->setPlan(s.model.nLayers, hint.plan);
+  return true;
+}
+
+}  // namespace
+
+void attachGpu(Qwen35Session& s, const CreateHintOpts& hint) {
+  bool up = false;
+  try {
+    up = bringUp(s, hint);
+  } catch (const std::bad_alloc&) {
+    up = false;  // what the CPU needs is there already
+  }
+  if (!up) {
+    s.gv.reset();
+    s.gpu.reset();
+    warn("GPU path unavailable - running CPU-only");
+    return;
+  }
+  s.gpuUp = true;
+  s.model.gpuCtx = s.gv.get();
+  s.model.gpuGemvRow = qwen35gpu::gemvAdapter;
+}
+
+}  // namespace qwen35rt

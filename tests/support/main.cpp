@@ -1,0 +1,62 @@
+// The main() of every test program. Where ZEM_EXPECTED_SKIPS names a file, a test that
+// skips without being listed there fails the program: a test that silently stops running
+// proves nothing.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+// The file's lines, but for empty ones and those that begin with '#'. A line is the full
+// name of a test; a '*' at its end stands for any rest.
+std::vector<std::string> readExpectedSkips(const char* path) {
+  std::ifstream file(path);
+  if (!file) {
+    std::fprintf(stderr, "ZEM_EXPECTED_SKIPS: cannot read %s\n", path);
+    std::exit(2);
+  }
+  std::vector<std::string> names;
+  for (std::string line; std::getline(file, line);) {
+    if (!line.empty() && line.front() != '#') names.push_back(line);
+  }
+  return names;
+}
+
+class SkipCheck : public ::testing::EmptyTestEventListener {
+ public:
+  explicit SkipCheck(const char* path) : expected_(readExpectedSkips(path)) {}
+
+  bool ok() const { return ok_; }
+
+ private:
+  void OnTestEnd(const ::testing::TestInfo& test) override {
+    if (!test.result()->Skipped()) return;
+    const std::string name = std::string(test.test_suite_name()) + "." + test.name();
+    for (const std::string& line : expected_) {
+      const bool open = line.back() == '*';
+      if (open ? name.starts_with(line.substr(0, line.size() - 1)) : name == line) return;
+    }
+    std::printf("[  FAILED  ] %s was skipped, which nothing lists as expected\n", name.c_str());
+    ok_ = false;
+  }
+
+  std::vector<std::string> expected_;
+  bool ok_ = true;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleMock(&argc, argv);
+  const char* path = std::getenv("ZEM_EXPECTED_SKIPS");
+  if (path == nullptr || *path == '\0') return RUN_ALL_TESTS();
+  auto* check = new SkipCheck(path);  // owned by the listeners
+  ::testing::UnitTest::GetInstance()->listeners().Append(check);
+  const int status = RUN_ALL_TESTS();
+  return status == 0 && !check->ok() ? 1 : status;
+}

@@ -1,0 +1,316 @@
+// zem compare: how far two model files are apart, weight by weight and in what
+// they say.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <thread>
+
+#include "commands/commands.h"
+#include "commands/options.h"
+#include "console/terminal.h"
+#include "console/text.h"
+#include "convert/ordered_work.h"
+#include "decoder/decoder.h"
+#include "host/model_file.h"
+#include "kiv/quant/row_codec.h"
+#include "kiv/tokenizer.h"
+#include "kiv/zem_loader.h"
+
+namespace zemtool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr size_t kMaxTokens = 8192;
+
+struct CompareOptions {
+  std::string first;
+  std::string second;
+  PromptOptions prompt;
+  SessionOptions session;  // threads
+  bool all = false;
+  bool json = false;
+};
+
+struct TensorDifference {
+  std::string name;
+  std::string firstType;  // empty: the tensor is not there
+  std::string secondType;
+  std::string problem;  // why the weights were not compared; empty when they were
+  bool same = false;    // byte by byte
+  double relative = 0;  // root of mean squares, relative to the first's
+  double largest = 0;   // of one weight
+};
+
+struct TextDifference {
+  size_t tokens = 0;
+  double divergence = 0;  // mean of KL(first || second), in nats
+  double worst = 0;
+  double sameBest = 0;  // share of positions
+};
+
+void openModel(kiv::ZEMLoader& loader, const std::string& path) {
+  requireReadable(path);
+  if (const kiv::Status s = loader.open(path.c_str()); !s.ok()) {
+    throw Failure(path + " is not a model file: " + s.message());
+  }
+}
+
+uint64_t rowsOf(const kiv::TensorView& view) {
+  uint64_t rows = 1;
+  for (uint16_t i = 1; i < view.ndim; ++i) {
+    if (__builtin_mul_overflow(rows, view.shape[i], &rows)) return 0;
+  }
+  return rows;
+}
+
+// Why the weights of this tensor cannot be read; empty when they can.
+std::string unreadable(const kiv::ZEMLoader& loader, const kiv::TensorView& view) {
+  if (!kiv::hasRowCodec(view.dtype)) {
+    return std::string("weights of type ") + kiv::dtypeName(view.dtype) + " cannot be read";
+  }
+  const uint64_t rows = rowsOf(view);
+  const uint64_t rowBytes = kiv::dtypeBytes(view.dtype, view.ndim == 0 ? 1 : view.shape[0]);
+  uint64_t bytes = 0;
+  if (rows == 0 || rowBytes == 0 || __builtin_mul_overflow(rows, rowBytes, &bytes) ||
+      view.size < bytes || !loader.holdsBytes(view, bytes)) {
+    return "its weights lie outside the file";
+  }
+  return {};
+}
+
+void measure(const kiv::TensorView& a, const kiv::TensorView& b, TensorDifference& difference) {
+  const uint64_t cols = a.ndim == 0 ? 1 : a.shape[0];
+  const uint64_t rows = rowsOf(a);
+  const uint64_t aBytes = kiv::dtypeBytes(a.dtype, cols);
+  const uint64_t bBytes = kiv::dtypeBytes(b.dtype, cols);
+  difference.same = a.dtype == b.dtype && std::memcmp(a.data, b.data, rows * aBytes) == 0;
+  if (difference.same) return;
+  std::vector<float> x(cols);
+  std::vector<float> y(cols);
+  double errors = 0;
+  double norms = 0;
+  for (uint64_t row = 0; row < rows; ++row) {
+    kiv::decodeRow(a.dtype, static_cast<const uint8_t*>(a.data) + row * aBytes, cols, x.data());
+    kiv::decodeRow(b.dtype, static_cast<const uint8_t*>(b.data) + row * bBytes, cols, y.data());
+    for (uint64_t i = 0; i < cols; ++i) {
+      const double error = std::fabs(static_cast<double>(x[i]) - static_cast<double>(y[i]));
+      errors += error * error;
+      norms += static_cast<double>(x[i]) * static_cast<double>(x[i]);
+      difference.largest = std::max(difference.largest, error);
+    }
+  }
+  difference.relative = norms > 0 ? std::sqrt(errors / norms) : std::sqrt(errors);
+}
+
+void compareTensor(const kiv::ZEMLoader& first, const kiv::ZEMLoader& second,
+                   TensorDifference& difference) {
+  const kiv::TensorView* a = first.findTensor(difference.name);
+  const kiv::TensorView* b = second.findTensor(difference.name);
+  if (a != nullptr) difference.firstType = kiv::dtypeName(a->dtype);
+  if (b != nullptr) difference.secondType = kiv::dtypeName(b->dtype);
+  if (a == nullptr || b == nullptr) {
+    difference.problem = "only in one of the files";
+    return;
+  }
+  if (a->ndim != b->ndim || a->shape != b->shape) {
+    difference.problem = "the shapes differ";
+    return;
+  }
+  difference.problem = unreadable(first, *a);
+  if (difference.problem.empty()) difference.problem = unreadable(second, *b);
+  if (difference.problem.empty()) measure(*a, *b, difference);
+}
+
+std::vector<TensorDifference> compareTensors(const kiv::ZEMLoader& first,
+                                             const kiv::ZEMLoader& second, size_t threads) {
+  std::vector<std::string> names;
+  for (size_t i = 0; i < first.tensorCount(); ++i) names.push_back(first.tensorView(i).name);
+  for (size_t i = 0; i < second.tensorCount(); ++i) names.push_back(second.tensorView(i).name);
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  std::vector<TensorDifference> differences(names.size());
+  runOrdered(
+      names.size(), threads,
+      [&](size_t i, std::vector<uint8_t>&) {
+        differences[i].name = names[i];
+        compareTensor(first, second, differences[i]);
+      },
+      [](size_t, const std::vector<uint8_t>&) {});
+  return differences;
+}
+
+// Logits to the logarithms of probabilities.
+void normalise(const std::vector<float>& logits, std::vector<double>& out) {
+  const auto largest = static_cast<double>(*std::max_element(logits.begin(), logits.end()));
+  double sum = 0;
+  for (const float x : logits) sum += std::exp(static_cast<double>(x) - largest);
+  const double shift = largest + std::log(sum);
+  out.resize(logits.size());
+  for (size_t i = 0; i < out.size(); ++i) out[i] = static_cast<double>(logits[i]) - shift;
+}
+
+double divergence(const std::vector<double>& p, const std::vector<double>& q) {
+  double sum = 0;
+  for (size_t i = 0; i < p.size(); ++i) sum += std::exp(p[i]) * (p[i] - q[i]);
+  return std::max(sum, 0.0);
+}
+
+size_t bestOf(const std::vector<float>& logits) {
+  return static_cast<size_t>(std::max_element(logits.begin(), logits.end()) - logits.begin());
+}
+
+std::vector<int32_t> tokensOf(const kiv::ZEMLoader& first, const kiv::ZEMLoader& second,
+                              const std::string& text) {
+  if (first.tokenizer().tokens != second.tokenizer().tokens) {
+    throw Failure("the vocabularies differ, so that the logits cannot be compared");
+  }
+  kiv::Tokenizer tokenizer;
+  std::vector<int32_t> ids;
+  kiv::Status status = tokenizer.load(first.tokenizer());
+  if (status.ok()) status = tokenizer.encode(text, ids, true);
+  if (!status.ok()) throw Failure(status.message());
+  if (ids.empty()) throw Failure("the text has no tokens");
+  if (ids.size() > kMaxTokens) {
+    throw Failure("the text has " + std::to_string(ids.size()) + " tokens, at most " +
+                  std::to_string(kMaxTokens) + " can be compared");
+  }
+  return ids;
+}
+
+TextDifference compareText(const CompareOptions& options, const std::vector<int32_t>& ids) {
+  applyThreads(options.session);
+  Decoder first(options.first, ids.size());
+  Decoder second(options.second, ids.size());
+  if (first.vocabulary() != second.vocabulary()) {
+    throw Failure("the embeddings have " + std::to_string(first.vocabulary()) + " and " +
+                  std::to_string(second.vocabulary()) + " rows");
+  }
+  TextDifference result;
+  result.tokens = ids.size();
+  std::vector<double> p;
+  std::vector<double> q;
+  size_t sameBest = 0;
+  for (const int32_t id : ids) {
+    const std::vector<float>& a = first.step(id);
+    const std::vector<float>& b = second.step(id);
+    normalise(a, p);
+    normalise(b, q);
+    const double distance = divergence(p, q);
+    result.divergence += distance;
+    result.worst = std::max(result.worst, distance);
+    sameBest += bestOf(a) == bestOf(b) ? 1 : 0;
+  }
+  result.divergence /= static_cast<double>(ids.size());
+  result.sameBest = static_cast<double>(sameBest) / static_cast<double>(ids.size());
+  return result;
+}
+
+std::string typesText(const TensorDifference& tensor) {
+  if (tensor.firstType == tensor.secondType) return tensor.firstType;
+  const auto shown = [](const std::string& type) { return type.empty() ? "none" : type; };
+  return shown(tensor.firstType) + " and " + shown(tensor.secondType);
+}
+
+void printTensors(const std::vector<TensorDifference>& tensors, bool all) {
+  std::vector<std::vector<std::string>> rows = {
+      {"tensor", "type", "relative difference", "largest", ""}};
+  size_t same = 0;
+  for (const TensorDifference& tensor : tensors) {
+    same += tensor.same ? 1 : 0;
+    if (tensor.same && !all) continue;
+    if (tensor.problem.empty()) {
+      rows.push_back({escapeControls(tensor.name), typesText(tensor),
+                      formatNumber(tensor.relative, 6), formatNumber(tensor.largest, 6),
+                      tensor.same ? "the same bytes" : ""});
+    } else {
+      rows.push_back({escapeControls(tensor.name), typesText(tensor), "", "", tensor.problem});
+    }
+  }
+  if (rows.size() > 1) writeOut(formatTable(rows, {2, 3}));
+  writeOut("  " + std::to_string(same) + " of " + std::to_string(tensors.size()) +
+           " tensors have the same bytes\n");
+}
+
+void printText(const TextDifference& text) {
+  writeOut("  over " + std::to_string(text.tokens) + " tokens: mean KL divergence " +
+           formatNumber(text.divergence, 6) + ", worst " + formatNumber(text.worst, 6) +
+           ", the same best token in " + formatNumber(100 * text.sameBest, 1) + " %\n");
+}
+
+void printJson(const CompareOptions& options, const std::vector<TensorDifference>& tensors,
+               const std::optional<TextDifference>& text) {
+  Json list = Json::array();
+  for (const TensorDifference& tensor : tensors) {
+    Json entry = {{"name", tensor.name}, {"same", tensor.same}};
+    entry["types"] = {tensor.firstType.empty() ? Json() : Json(tensor.firstType),
+                      tensor.secondType.empty() ? Json() : Json(tensor.secondType)};
+    if (tensor.problem.empty()) {
+      entry["relative_difference"] = tensor.relative;
+      entry["largest_difference"] = tensor.largest;
+    } else {
+      entry["problem"] = tensor.problem;
+    }
+    list.push_back(std::move(entry));
+  }
+  Json value = {{"first", options.first}, {"second", options.second}, {"tensors", list}};
+  if (text) {
+    value["text"] = {{"tokens", text->tokens},
+                     {"mean_kl_divergence", text->divergence},
+                     {"worst_kl_divergence", text->worst},
+                     {"same_best", text->sameBest}};
+  }
+  writeJson(value);
+}
+
+void compare(const CompareOptions& options) {
+  kiv::ZEMLoader first;
+  kiv::ZEMLoader second;
+  openModel(first, options.first);
+  openModel(second, options.second);
+  std::vector<int32_t> ids;
+  if (options.prompt.hasText || !options.prompt.file.empty()) {
+    ids = tokensOf(first, second, readPrompt(options.prompt));
+  }
+  const size_t threads = options.session.threads > 0
+                             ? static_cast<size_t>(options.session.threads)
+                             : std::max(1U, std::thread::hardware_concurrency());
+  const std::vector<TensorDifference> tensors = compareTensors(first, second, threads);
+  std::optional<TextDifference> text;
+  if (!ids.empty()) text = compareText(options, ids);
+  if (options.json) return printJson(options, tensors, text);
+  printTensors(tensors, options.all);
+  if (text) printText(*text);
+}
+
+}  // namespace
+
+void addCompare(CLI::App& app, int& status) {
+  auto options = std::make_shared<CompareOptions>();
+  CLI::App* command = app.add_subcommand("compare", "Show how far two model files are apart");
+  command->add_option("first", options->first, "Model file (.zem); the reference")
+      ->type_name("A")
+      ->required();
+  command->add_option("second", options->second, "Model file (.zem)")->type_name("B")->required();
+  addPromptOptions(*command, options->prompt);
+  command
+      ->add_option("-t,--threads", options->session.threads, "Threads (default: one a processor)")
+      ->check(CLI::Range(1, 1024).description(""))
+      ->type_name("N");
+  command->add_flag("--all", options->all, "List tensors with the same bytes too");
+  command->add_flag("--json", options->json, "Print JSON");
+  command->footer(
+      "Prints for every tensor the root mean square of the differences, relative to A's weights,\n"
+      "and the largest difference. With a text, both models read it on the CPU, and the logits\n"
+      "behind each token are compared: the mean KL divergence of B's from A's, in nats, and how\n"
+      "often both think the same token the best.\n"
+      "\nExample:\n  zem compare f32.zem q4.zem -f page.txt");
+  command->callback([options, &status] { status = guarded([&] { compare(*options); }); });
+}
+
+}  // namespace zemtool

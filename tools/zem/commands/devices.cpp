@@ -1,0 +1,86 @@
+// zem devices: the Vulkan devices of this machine.
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "commands/commands.h"
+#include "console/terminal.h"
+#include "console/text.h"
+#include "kiv/vulkan/vulkan_api.h"
+#include "kiv/vulkan/vulkan_context.h"
+
+namespace zemtool {
+namespace {
+
+using kiv::vulkan::ListedDevice;
+
+const char* kindOf(const ListedDevice& device) {
+  if (device.software) return "software";
+  return device.info.discrete ? "discrete" : "integrated";
+}
+
+void printJson(const std::vector<ListedDevice>& devices, const std::string& problem) {
+  auto list = nlohmann::ordered_json::array();
+  for (size_t i = 0; i < devices.size(); ++i) {
+    const ListedDevice& device = devices[i];
+    list.push_back({{"index", i},
+                    {"name", device.info.deviceName},
+                    {"type", kindOf(device)},
+                    {"memory_bytes", device.info.vramBytes},
+                    {"driver", device.info.driverVersion},
+                    {"native_storage", device.nativeStorage},
+                    {"automatic", device.automatic}});
+  }
+  nlohmann::ordered_json value = {{"devices", list}};
+  if (!problem.empty()) value["reason"] = problem;
+  writeJson(value);
+}
+
+void printTable(const std::vector<ListedDevice>& devices) {
+  std::vector<std::vector<std::string>> rows = {
+      {"index", "name", "type", "memory", "driver", "native storage", ""}};
+  for (size_t i = 0; i < devices.size(); ++i) {
+    const ListedDevice& device = devices[i];
+    rows.push_back({std::to_string(i), escapeControls(device.info.deviceName), kindOf(device),
+                    formatBytes(device.info.vramBytes), device.info.driverVersion,
+                    device.nativeStorage ? "yes" : "no",
+                    device.automatic ? "chosen automatically" : ""});
+  }
+  writeOut(formatTable(rows, {0, 3}));
+}
+
+void listDevices(bool json) {
+  std::vector<ListedDevice> devices;
+  const kiv::Status status = kiv::vulkan::listDevices(devices);
+  std::string problem;
+  if (!status.ok()) {
+    devices.clear();
+    problem = kiv::vulkan::vulkanSwitchedOff()
+                  ? std::string("Vulkan is switched off by ") + kiv::vulkan::kNoVulkanVariable
+                  : status.message();
+  } else if (devices.empty()) {
+    problem = "no Vulkan physical devices";
+  }
+  if (json) {
+    printJson(devices, problem);
+  } else if (!problem.empty()) {
+    writeOut("no usable Vulkan device: " + problem + "; models run on the CPU\n");
+  } else {
+    printTable(devices);
+  }
+}
+
+}  // namespace
+
+void addDevices(CLI::App& app, int& status) {
+  auto json = std::make_shared<bool>(false);
+  CLI::App* command = app.add_subcommand("devices", "List the Vulkan devices of this machine");
+  command->add_flag("--json", *json, "Print JSON");
+  command->footer(
+      "The order is the one in which a device index selects them. A device with native storage\n"
+      "reads 8- and 16-bit numbers from buffers directly.\n"
+      "\nExample:\n  zem devices --json");
+  command->callback([json, &status] { status = guarded([&] { listDevices(*json); }); });
+}
+
+}  // namespace zemtool

@@ -1,0 +1,151 @@
+// zem make-demo: writes a model with random weights, to try and to measure with.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commands/commands.h"
+#include "compat/files.h"
+#include "console/long_work.h"
+#include "console/terminal.h"
+#include "console/text.h"
+#include "convert/ordered_work.h"
+#include "demo/demo_model.h"
+
+namespace zemtool {
+namespace {
+
+constexpr uint64_t kJobWeights = uint64_t{1} << 18;  // about; a job has whole rows
+
+struct MakeDemoOptions {
+  std::string output;
+  std::string size = demoSizeName(DemoSize::Tiny);
+  std::string type;  // empty: the size's own
+  uint64_t seed = 1;
+  bool force = false;
+};
+
+void require(const kiv::Status& status) {
+  if (!status.ok()) throw Failure(status.message());
+}
+
+struct Job {
+  const DemoTensor* tensor;
+  uint64_t firstRow;
+  uint64_t rows;
+};
+
+std::vector<Job> cutIntoJobs(const DemoModel& model, const std::vector<std::string>& order) {
+  std::vector<Job> jobs;
+  for (const std::string& name : order) {
+    const auto tensor = std::find_if(model.tensors.begin(), model.tensors.end(),
+                                     [&](const DemoTensor& t) { return t.name == name; });
+    const uint64_t step = std::max<uint64_t>(1, kJobWeights / tensor->cols());
+    for (uint64_t row = 0; row < tensor->rows(); row += step) {
+      jobs.push_back({&*tensor, row, std::min(step, tensor->rows() - row)});
+    }
+  }
+  return jobs;
+}
+
+void writeWeights(const DemoModel& model, const std::string& path, kiv::ZEM2Writer& writer) {
+  const std::vector<Job> jobs = cutIntoJobs(model, writer.order());
+  ProgressBar progress(writer.totalBytes(), ProgressBar::Lines::None);
+  uint64_t done = 0;
+  runOrdered(
+      jobs.size(), std::thread::hardware_concurrency(),
+      [&](size_t i, std::vector<uint8_t>& bytes) {
+        encodeDemoRows(model, *jobs[i].tensor, jobs[i].firstRow, jobs[i].rows, bytes);
+      },
+      [&](size_t, const std::vector<uint8_t>& bytes) {
+        if (StopGuard::stopped()) throw Failure("interrupted; " + path + " was not written");
+        require(writer.write(bytes.data(), bytes.size()));
+        progress.update(done += bytes.size());
+      });
+}
+
+DemoType defaultType(DemoSize size) {
+  return size == DemoSize::Tiny ? DemoType::Q4_K : DemoType::Q4_K_M;
+}
+
+// `name` is one of the names: the option's check has seen to it.
+template <typename Enum, size_t kCount>
+Enum valueNamed(const std::array<Enum, kCount>& values, const char* (*nameOf)(Enum),
+                const std::string& name) {
+  return *std::find_if(values.begin(), values.end(),
+                       [&](Enum value) { return name == nameOf(value); });
+}
+
+void makeDemo(const MakeDemoOptions& options) {
+  if (!options.force && std::filesystem::exists(compat::pathOf(options.output))) {
+    throw Failure(options.output + " exists; use --force to replace it");
+  }
+  const StopGuard guard;
+  const DemoSize size = valueNamed(kDemoSizes, demoSizeName, options.size);
+  const DemoType type =
+      options.type.empty() ? defaultType(size) : valueNamed(kDemoTypes, demoTypeName, options.type);
+  const DemoModel model = planDemoModel(size, type, options.seed);
+  kiv::ZEM2Writer writer;
+  declareDemoModel(model, "zem " ZEM_VERSION, writer);
+  require(writer.begin(options.output));
+  writeWeights(model, options.output, writer);
+  require(writer.finish());
+}
+
+template <typename Enum, size_t kCount>
+std::vector<std::string> namesOf(const std::array<Enum, kCount>& values,
+                                 const char* (*name)(Enum)) {
+  std::vector<std::string> names(kCount);
+  std::transform(values.begin(), values.end(), names.begin(), name);
+  return names;
+}
+
+// CLI11 takes "-1" for the largest unsigned number.
+std::string refuseSign(const std::string& text) {
+  return text.starts_with('-') ? "\"" + text + "\" is not a seed: a whole number from 0" : "";
+}
+
+}  // namespace
+
+void addMakeDemo(CLI::App& app, int& status) {
+  auto options = std::make_shared<MakeDemoOptions>();
+  CLI::App* command =
+      app.add_subcommand("make-demo", "Write a model with random weights, to try and measure with");
+  command->add_option("output,-o,--output", options->output, "The file to write")
+      ->type_name("FILE")
+      ->required();
+  command->add_option("--size", options->size, "tiny or 4b")
+      ->type_name("SIZE")
+      ->check(CLI::IsMember(namesOf(kDemoSizes, demoSizeName)).description(""))
+      ->capture_default_str();
+  command->add_option("--type", options->type, "Type of the matrices, see below")
+      ->type_name("TYPE")
+      ->check(CLI::IsMember(namesOf(kDemoTypes, demoTypeName)).description(""));
+  command->add_option("--seed", options->seed, "Seed of the weights")
+      ->check(refuseSign, "")
+      ->type_name("N")
+      ->capture_default_str();
+  command->add_flag("--force", options->force, "Replace a file that exists");
+  command->footer(
+      "The model has the names, shapes and metadata of a real one and knows nothing: its output\n"
+      "is a stream of words. The same seed gives the same file on every machine.\n"
+      "\n"
+      "  tiny   width 256, about 15 MB; layers of a kind share their weights. Default type q4_k.\n"
+      "  4b     width 2560 and 248320 tokens, the shapes of a real model of four billion weights,\n"
+      "         for benchmarks; 2.7 GB in its default type q4_k_m.\n"
+      "\n"
+      "Types: f32, bf16, q8_0, q4_k, q5_k, q6_k, and the mix q4_k_m (q6_k for the embedding,\n"
+      "attn_v and ffn_down, q8_0 for ssm_alpha and ssm_beta, q4_k for the rest).\n"
+      "\n"
+      "The vocabulary gives back the characters of the Basic Multilingual Plane and emoji\n"
+      "unchanged; controls other than tab and line ends, and rarer planes, are dropped.\n"
+      "\n"
+      "Example:\n  zem make-demo demo.zem");
+  command->callback([options, &status] { status = guarded([&] { makeDemo(*options); }); });
+}
+
+}  // namespace zemtool

@@ -1,0 +1,90 @@
+#include "console/terminal.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "console/streams.h"
+#include "console/text.h"
+
+namespace zemtool {
+namespace {
+
+constexpr int kStdin = 0;
+constexpr int kStdout = 1;
+constexpr int kStderr = 2;
+
+int outputError = 0;  // errno of the first write to stdout that failed
+
+void checkOutput(bool written) {
+  if (!written && outputError == 0) outputError = errno;
+  if (outputError == EPIPE) throw ClosedPipe();
+  if (outputError != 0) {
+    throw Failure(std::string("cannot write to standard output: ") + std::strerror(outputError));
+  }
+}
+
+void flushQuietly() {
+  if (!compat::flushOutput() && outputError == 0) outputError = errno;
+}
+
+bool stderrIsStyled() {
+  const char* noColor = std::getenv("NO_COLOR");
+  return (noColor == nullptr || *noColor == '\0') && compat::obeysEscapes(kStderr);
+}
+
+// In one piece, so that lines of several threads do not mix and no character is
+// torn apart on its way to a console.
+void writeError(const std::string& text) { compat::writeText(kStderr, text); }
+
+}  // namespace
+
+volatile int interruptFlag = 0;
+
+int guarded(const std::function<void()>& command) {
+  try {
+    command();
+    flushOut();
+    return 0;
+  } catch (const Failure& failure) {
+    complain(failure.what());
+  } catch (const ClosedPipe&) {
+    // Said by the status alone.
+  } catch (const std::bad_alloc&) {
+    complain("out of memory");
+  }
+  return 1;
+}
+
+bool stdinIsTerminal() { return compat::isTerminal(kStdin); }
+bool stdoutIsTerminal() { return compat::isTerminal(kStdout); }
+bool stderrIsTerminal() { return compat::isTerminal(kStderr); }
+
+void writeOut(std::string_view text) { checkOutput(compat::writeText(kStdout, text)); }
+
+void flushOut() { checkOutput(compat::flushOutput()); }
+
+void writeJson(const nlohmann::ordered_json& value) {
+  // A terminal would obey some of the characters beyond ASCII.
+  writeOut(
+      value.dump(2, ' ', stdoutIsTerminal(), nlohmann::ordered_json::error_handler_t::replace) +
+      "\n");
+}
+
+void complain(std::string_view message) {
+  flushQuietly();
+  writeError("zem: " + escapeControls(message) + "\n");
+}
+
+void remark(std::string_view text) {
+  flushOut();
+  const bool styled = stderrIsStyled();
+  writeError((styled ? "\033[2m" : "") + escapeControls(text, "\n") +
+             (styled ? "\033[0m\n" : "\n"));
+}
+
+InterruptGuard::InterruptGuard() : handler_([] { interruptFlag = 1; }) {}
+
+}  // namespace zemtool
