@@ -1,5 +1,5 @@
-# What `cmake --install` puts where. Programs, module and documents are the component
-# Runtime; what other programs are built with is the component Development.
+# What `cmake --install` puts where. The component Runtime has the program, the modules and
+# the documents, the component Development what other programs are built with.
 include(CMakePackageConfigHelpers)
 
 # On Windows a program finds its modules beside itself.
@@ -12,14 +12,13 @@ install(TARGETS zem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtim
 install(TARGETS qwen35_vulkan_plugin zem_decoder
   LIBRARY DESTINATION ${module_folder} COMPONENT Runtime
   RUNTIME DESTINATION ${module_folder} COMPONENT Runtime)
-# The boundary is all that a host needs to build with.
 install(FILES include/zem/plugin.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Runtime)
-install(FILES README.md CHANGELOG.md LICENSE SECURITY.md
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Development)
+install(FILES README.md CHANGELOG.md LICENSE SECURITY.md THIRD_PARTY_NOTICES.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Runtime
   FILES_MATCHING PATTERN *.md)
-install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development
   PATTERN __pycache__ EXCLUDE PATTERN examples/CMakeLists.txt EXCLUDE)
 
 if(NOT WIN32)
@@ -67,10 +66,20 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/zem-config-version.cmake
 install(FILES ${PROJECT_BINARY_DIR}/zem-config.cmake ${PROJECT_BINARY_DIR}/zem-config-version.cmake
   DESTINATION ${package_folder} COMPONENT Development)
 
-# Relative to the file itself, so that the folders may be moved together.
-file(RELATIVE_PATH ZEM_PC_PREFIX
-  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
-string(REGEX REPLACE "/+$" "" ZEM_PC_PREFIX ${ZEM_PC_PREFIX})
+# Relative to the file itself, so that the folders may be moved together, where the folders
+# are given relative to the prefix.
+set(ZEM_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  file(RELATIVE_PATH up ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+  string(REGEX REPLACE "/+$" "" up ${up})
+  set(ZEM_PC_PREFIX "\${pcfiledir}/${up}")
+endif()
+foreach(folder LIBDIR INCLUDEDIR)
+  set(ZEM_PC_${folder} "\${prefix}/${CMAKE_INSTALL_${folder}}")
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${folder}}")
+    set(ZEM_PC_${folder} ${CMAKE_INSTALL_${folder}})
+  endif()
+endforeach()
 configure_file(cmake/install/zem.pc.in ${PROJECT_BINARY_DIR}/zem.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zem.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)

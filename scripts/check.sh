@@ -1,20 +1,37 @@
 #!/usr/bin/env bash
-# Layout (clang-format) and lint (clang-tidy) of every source, and the comments of the
-# public headers (doxygen). Needs a configured release build.
+# Layout (clang-format) of every source, lint (clang-tidy) of those that changed, and the
+# comments of the public headers (doxygen). Needs a configured release build.
+#   scripts/check.sh [BASE]    lints what changed since the commit BASE; by default since the
+#                              last commit that is a day older than the newest
+#   scripts/check.sh --all     lints every source
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build=build/release
-mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h')
 # What only Windows compiles is checked where it is built, by tests/windows/run.sh.
-mapfile -t linted < <(git ls-files 'src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp' ':!*_windows.cpp' ':!tools/zem/console/windows')
+linted_folders=('src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp' 'engine/*.cpp'
+  ':!*_windows.cpp' ':!tools/zem/console/windows')
+
+a_day_before_head() {
+  git rev-list -1 --before="$(($(git log -1 --format=%ct) - 86400))" HEAD
+}
+
+mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h')
+base=${1:-$(a_day_before_head)}
+if [[ $base == --all || -z $base ]]; then
+  mapfile -t linted < <(git ls-files "${linted_folders[@]}")
+else
+  mapfile -t linted < <(git diff --name-only -M100% --diff-filter=AMT "$base" -- "${linted_folders[@]}")
+fi
 
 echo "check.sh: layout of ${#sources[@]} files"
 clang-format-14 --dry-run --Werror "${sources[@]}"
 
 echo "check.sh: lint of ${#linted[@]} files"
-printf '%s\0' "${linted[@]}" |
-  xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 -p "$build" --quiet --extra-arg=-Wno-unknown-warning-option
+if ((${#linted[@]} > 0)); then
+  printf '%s\0' "${linted[@]}" |
+    xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 -p "$build" --quiet --extra-arg=-Wno-unknown-warning-option
+fi
 
 echo "check.sh: comments of the public headers"
 bash scripts/apidocs.sh

@@ -9,7 +9,7 @@ preset=${1:-release}
 case $preset in
   release)
     bash scripts/bootstrap.sh
-    targets=(all)
+    targets=(zem qwen35_vulkan_plugin zem_decoder kiv qwen35 qwen35gpu pages)
     ;;
   windows)
     bash scripts/bootstrap.sh windows

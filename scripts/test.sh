@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds and runs every test.
+# Installs what is missing, builds and runs the tests of every day.
 #   scripts/test.sh [PRESET]      release (the default), debug, sanitize, tsan or windows
+# sanitize: all but the tests on a Vulkan device; with the fuzzers' kept inputs.
 # tsan: the tests of threads alone, under the thread sanitizer.
 # windows: cross-built, run under Wine, and compared with the release build.
+# ZEM_ALL=1 runs what takes too long for every day too; scripts/nightly.sh sets it.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+source scripts/steps.sh
 
 preset=${1:-release}
 case $preset in
@@ -22,8 +25,20 @@ if [[ $preset == windows ]]; then
   exec bash tests/windows/run.sh
 fi
 
-bash scripts/bootstrap.sh
-[[ $preset != tsan && $preset != sanitize ]] || bash scripts/bootstrap.sh clang
-cmake --preset "$preset" ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}
-cmake --build --preset "$preset"
-ctest --preset "$preset" --parallel "$(nproc)"
+tests=()
+if [[ ${ZEM_ALL:-} == 1 ]]; then
+  export ZEM_ALL_MUTATIONS=1 ZEM_ALL_REQUESTS=1
+elif [[ $preset == sanitize ]]; then
+  tests=(--label-exclude gpu)
+fi
+
+packages() {
+  bash scripts/bootstrap.sh
+  [[ $preset != tsan && $preset != sanitize ]] || bash scripts/bootstrap.sh clang
+}
+
+step "packages" packages
+step "configure" cmake --preset "$preset" ${CI:+-DZEM_WARNINGS_AS_ERRORS=ON}
+step "build" cmake --build --preset "$preset"
+step "tests" ctest --preset "$preset" --parallel "$(nproc)" "${tests[@]}"
+steps_table

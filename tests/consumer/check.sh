@@ -28,7 +28,8 @@ say "install, and move what was installed"
 cmake --install "$build" --prefix "$folder/first" >"$folder/install.log"
 mv "$folder/first" "$folder/moved"
 prefix=$folder/moved
-if grep -rlF "$build" "$prefix/include" "$prefix/lib/cmake" "$prefix/lib/pkgconfig"; then
+libraries=$(dirname "$(dirname "$(find "$prefix" -name zem.pc)")")
+if grep -rlF "$build" "$prefix/include" "$libraries/cmake" "$libraries/pkgconfig"; then
   fail "these files name the build folder"
 fi
 cd "$folder"
@@ -36,7 +37,7 @@ cd "$folder"
 say "the program finds its modules"
 zem=$prefix/bin/zem
 "$zem" --version >version.txt
-grep -qF "$(realpath "$prefix")/lib/zem/runtime_qwen35_vulkan.so" version.txt || fail "$(<version.txt)"
+grep -qF "$(realpath "$libraries")/zem/runtime_qwen35_vulkan.so" version.txt || fail "$(<version.txt)"
 "$zem" make-demo demo.zem 2>/dev/null
 "$zem" run -m demo.zem -p "The river was" >run.txt 2>/dev/null
 truncate -s -1 run.txt # the line feed that ends the tool's output
@@ -72,7 +73,7 @@ with-cmake/host demo.zem "The river was" >host.txt 2>/dev/null
 same run.txt host.txt
 
 say "the same with pkg-config"
-export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+export PKG_CONFIG_PATH=$libraries/pkgconfig
 mkdir with-pkg-config
 # Unquoted: flags are words.
 c++ -std=c++20 -O2 project/libraries.cpp $(pkg-config --cflags --libs zem) -o with-pkg-config/libraries

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -15,7 +16,6 @@
 #include "kiv/zem_loader.h"
 #include "mutation/largest_request.h"
 #include "runtime_qwen35_vulkan/cpu_only.h"
-#include "support/sanitizers.h"
 #include "support/smallest_model.h"
 #include "support/temp_file.h"
 #include "zem/plugin.h"
@@ -25,8 +25,6 @@ namespace {
 
 constexpr size_t kMutations = 20000;
 constexpr size_t kShards = 16;
-// Under the address sanitizer all of them, elsewhere a sample.
-constexpr size_t kShardsRun = kAddressSanitizer ? kShards : 1;
 // Of processor time: a machine that is busy with other work makes a short run a long
 // wait. What sleeps meets CTest's own limit.
 constexpr double kLongestSeconds = 2;
@@ -256,7 +254,9 @@ TEST_P(MutationTest, EndsSoonAndWithoutHarm) {
   testing::internal::GetCapturedStderr();
 }
 
-INSTANTIATE_TEST_SUITE_P(Shards, MutationTest, ::testing::Range(size_t{0}, kShardsRun));
+// A sample, or with ZEM_ALL_MUTATIONS=1 all of them.
+size_t shardsRun() { return std::getenv("ZEM_ALL_MUTATIONS") != nullptr ? kShards : 1; }
+INSTANTIATE_TEST_SUITE_P(Shards, MutationTest, ::testing::Range(size_t{0}, shardsRun()));
 
 }  // namespace
 }  // namespace zemtest

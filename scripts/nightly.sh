@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# What takes too long for every change: all mutations, all failing requests for memory, the
+# tests on a Vulkan device under the sanitizers, the thread sanitizer, every test under Wine,
+# the lint of every file, the fuzzers, long runs, and a fresh Debian.
+#   scripts/nightly.sh [MINUTES]   minutes for each fuzzer, 5 by default
+# Takes hours. Every step runs, whatever became of the one before; the table at the end says
+# which failed. The fresh Debian needs root and debootstrap, and is left out without them.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+export CI=${CI:-true} OMP_WAIT_POLICY=passive
+export ZEM_REQUIRE_GPU=1 ZEM_EXPECTED_SKIPS=$PWD/tests/expected_skips.txt
+
+minutes=${1:-5}
+table=()
+failures=0
+step() {
+  local name=$1 begin=$SECONDS verdict=passed
+  shift
+  printf '\n== %s\n' "$name"
+  "$@" || verdict=FAILED
+  [[ $verdict == passed ]] || failures=$((failures + 1))
+  table+=("$(printf '%6d s  %s  %s' $((SECONDS - begin)) "$verdict" "$name")")
+}
+
+bash scripts/bootstrap.sh
+bash scripts/bootstrap.sh clang
+bash scripts/bootstrap.sh windows
+step "tests, with all mutations and requests" env ZEM_ALL=1 bash scripts/test.sh release
+step "lint of every file" bash scripts/check.sh --all
+step "thread sanitizer" bash scripts/test.sh tsan
+step "sanitizers, with devices, all mutations and requests" env ZEM_ALL=1 bash scripts/test.sh sanitize
+step "Windows, every test" env ZEM_ALL=1 bash scripts/test.sh windows
+step "fuzzers, $minutes minutes each" bash scripts/fuzz.sh "$minutes"
+step "long runs" bash scripts/long_runs.sh
+if ((EUID == 0)) && command -v debootstrap >/dev/null; then
+  step "a fresh Debian" bash tests/consumer/clean_root.sh
+else
+  table+=("         left out  a fresh Debian (needs root and debootstrap)")
+fi
+
+printf '\n== nightly\n'
+printf '%s\n' "${table[@]}" "$(printf '%6d s  in all, %d failed' "$SECONDS" "$failures")"
+((failures == 0))
