@@ -26,9 +26,7 @@ if [[ $preset == windows ]]; then
 fi
 
 tests=()
-if [[ ${ZEM_ALL:-} == 1 ]]; then
-  export ZEM_ALL_MUTATIONS=1 ZEM_ALL_REQUESTS=1
-elif [[ $preset == sanitize ]]; then
+if [[ $preset == sanitize && ${ZEM_ALL:-} != 1 ]]; then
   tests=(--label-exclude gpu)
 fi
 

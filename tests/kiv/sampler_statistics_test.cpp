@@ -13,12 +13,12 @@
 #include "kiv/plain_sampler.h"
 #include "kiv/sampler.h"
 #include "support/sanitizers.h"
+#include "support/thorough.h"
 
 namespace kiv {
 namespace {
 
-// Instrumented code is slow, and its numbers are the same.
-constexpr int kDraws = zemtest::kAddressSanitizer ? 10000 : 100000;
+const int kDraws = zemtest::thorough() && !zemtest::kAddressSanitizer ? 100000 : 10000;
 
 struct Feature {
   const char* name;

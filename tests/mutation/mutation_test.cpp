@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +17,7 @@
 #include "runtime_qwen35_vulkan/cpu_only.h"
 #include "support/smallest_model.h"
 #include "support/temp_file.h"
+#include "support/thorough.h"
 #include "zem/plugin.h"
 
 namespace zemtest {
@@ -254,8 +254,7 @@ TEST_P(MutationTest, EndsSoonAndWithoutHarm) {
   testing::internal::GetCapturedStderr();
 }
 
-// A sample, or with ZEM_ALL_MUTATIONS=1 all of them.
-size_t shardsRun() { return std::getenv("ZEM_ALL_MUTATIONS") != nullptr ? kShards : 1; }
+size_t shardsRun() { return thorough() ? kShards : 1; }
 INSTANTIATE_TEST_SUITE_P(Shards, MutationTest, ::testing::Range(size_t{0}, shardsRun()));
 
 }  // namespace

@@ -7,8 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
+
+template class nlohmann::basic_json<>;
 
 namespace {
 

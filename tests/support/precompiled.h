@@ -34,3 +34,6 @@
 #include <tuple>
 #include <utility>
 #include <vector>
+
+// Instantiated by main.cpp, for all tests.
+extern template class nlohmann::basic_json<>;

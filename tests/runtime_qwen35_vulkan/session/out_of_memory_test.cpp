@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "session/generate.h"
 #include "support/failing_memory.h"
 #include "support/temp_folder.h"
+#include "support/thorough.h"
 
 namespace {
 
@@ -125,7 +125,7 @@ class OutOfMemoryTest : public testing::TestWithParam<Shortage> {
     size_t failures = 0;
     // All of them take a minute for each shortage, and many under a sanitizer.
     constexpr size_t kFew = 12;
-    const bool all = std::getenv("ZEM_ALL_REQUESTS") != nullptr;
+    const bool all = zemtest::thorough();
     const size_t step = all ? 1 : (requests.size() + kFew - 1) / kFew;
     for (size_t i = 0; i < requests.size(); i += step) {
       const size_t request = requests[i];

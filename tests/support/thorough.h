@@ -1,0 +1,15 @@
+// Tests that take minutes when they try everything try a sample by day.
+#pragma once
+
+#include <cstdlib>
+#include <string_view>
+
+namespace zemtest {
+
+// Whether ZEM_ALL=1 asks for everything, as scripts/nightly.sh does.
+inline bool thorough() {
+  const char* value = std::getenv("ZEM_ALL");
+  return value != nullptr && std::string_view(value) == "1";
+}
+
+}  // namespace zemtest
