@@ -26,6 +26,7 @@ bash scripts/bootstrap.sh
 bash scripts/bootstrap.sh clang
 bash scripts/bootstrap.sh windows
 step "tests, with all mutations and requests" env ZEM_ALL=1 bash scripts/test.sh release
+step "benchmarks build" cmake --build --preset release --target benchmarks
 step "lint of every file" bash scripts/check.sh --all
 step "thread sanitizer" bash scripts/test.sh tsan
 step "sanitizers, with devices, all mutations and requests" env ZEM_ALL=1 bash scripts/test.sh sanitize
@@ -33,7 +34,7 @@ step "Windows, every test" env ZEM_ALL=1 bash scripts/test.sh windows
 step "fuzzers, $minutes minutes each" bash scripts/fuzz.sh "$minutes"
 step "long runs" bash scripts/long_runs.sh
 if ((EUID == 0)) && command -v debootstrap >/dev/null; then
-  step "a fresh Debian" bash tests/consumer/clean_root.sh
+  step "a fresh Debian" bash tests/consumer/fresh_debian.sh
 else
   table+=("         left out  a fresh Debian (needs root and debootstrap)")
 fi
