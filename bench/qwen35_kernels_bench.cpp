@@ -1,10 +1,10 @@
 // The CPU decoder's matrix-vector products beside the plain loops that define
 // them. Items are weights.
 //
-//   dots/TYPE/LEVEL         one thread, one matrix of 2 to 21 MB, again and again
+//   dots/TYPE/LEVEL         matvec: one thread, one matrix of 2 to 21 MB, again and again
 //   dots/TYPE/plain         the loop over the widened row, the same matrix
-//   tokens/TYPE/LEVEL/N     one thread, the matrix with N vectors at once; items are
-//                           weights times vectors
+//   tokens/TYPE/LEVEL/N     matmul: one thread, the matrix with N vectors at once; items
+//                           are weights times vectors
 //   product/TYPE/LEVEL/N    the decoder's product on a team of N, matrices in turn
 //                           that no cache holds
 //
@@ -21,11 +21,11 @@
 #include <string>
 #include <vector>
 
+#include "kernels/kernel_table.h"
+#include "kernels/packing.h"
 #include "kernels/reference.h"
-#include "kernels/row_dots.h"
-#include "kernels/token_dots.h"
 #include "kiv/quant_k.h"
-#include "matmul/product.h"
+#include "matmul/matmul.h"
 #include "qwen35_cpu.h"
 
 namespace {
@@ -119,12 +119,12 @@ void benchPlain(benchmark::State& state, DType type) {
 
 void benchDots(benchmark::State& state, DType type, CpuLevel level) {
   const Weights W(type, 1);
-  const qwen35::RowDots dotRows = qwen35::rowDotsOf(qwen35::rowDotsTable(level), type);
+  const qwen35::Matvec matvec = qwen35::kernelTable(level).matvec[type];
   std::vector<float> dots(kRows);
-  dotRows(W.view().data, W.x(), kRows, kCols, dots.data());
+  matvec(W.view().data, W.x(), kRows, kCols, dots.data());
   if (!isPlain(W, dots)) return state.SkipWithError("differs from the plain loop");
   while (state.KeepRunning()) {
-    dotRows(W.view().data, W.x(), kRows, kCols, dots.data());
+    matvec(W.view().data, W.x(), kRows, kCols, dots.data());
     benchmark::DoNotOptimize(dots.data());
   }
   countWork(state, W);
@@ -139,29 +139,29 @@ std::vector<float> scaledTokens(const Weights& W, size_t tokens) {
   return x;
 }
 
-bool areDots(const Weights& W, qwen35::RowDots dotRows, const std::vector<float>& x,
+bool areDots(const Weights& W, qwen35::Matvec matvec, const std::vector<float>& x,
              const std::vector<float>& got) {
   std::vector<float> want(got.size());
   for (size_t t = 0; t * kCols < x.size(); ++t) {
-    dotRows(W.view().data, x.data() + t * kCols, kRows, kCols, want.data() + t * kRows);
+    matvec(W.view().data, x.data() + t * kCols, kRows, kCols, want.data() + t * kRows);
   }
   return got == want;
 }
 
 void benchTokens(benchmark::State& state, DType type, CpuLevel level, size_t tokens) {
   const Weights W(type, 1);
-  const qwen35::TokenDotsTable& table = qwen35::tokenDotsTable(level);
-  const qwen35::TokenDots dotTokens = qwen35::tokenDotsOf(table, type);
+  const qwen35::KernelTable& table = qwen35::kernelTable(level);
+  const qwen35::Matmul matmul = table.matmul[type];
   const std::vector<float> x = scaledTokens(W, tokens);
   std::vector<float> packed(x.size());
   qwen35::packTokens(x.data(), kCols, tokens, kCols, table.groupTokens, 0, kCols, packed.data());
   std::vector<float> dots(tokens * kRows);
-  dotTokens(W.view().data, packed.data(), tokens, kRows, kCols, dots.data(), kRows);
-  if (!areDots(W, qwen35::rowDotsOf(qwen35::rowDotsTable(level), type), x, dots)) {
+  matmul(W.view().data, packed.data(), tokens, kRows, kCols, dots.data(), kRows);
+  if (!areDots(W, table.matvec[type], x, dots)) {
     return state.SkipWithError("differs from one vector at a time");
   }
   while (state.KeepRunning()) {
-    dotTokens(W.view().data, packed.data(), tokens, kRows, kCols, dots.data(), kRows);
+    matmul(W.view().data, packed.data(), tokens, kRows, kCols, dots.data(), kRows);
     benchmark::DoNotOptimize(dots.data());
   }
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kRows * kCols * tokens));
@@ -171,12 +171,11 @@ void benchProduct(benchmark::State& state, DType type, CpuLevel level, int threa
   const qwen35::ForcedCpuLevel forced(level);
   omp_set_num_threads(threads);
   Weights W(type, kWorkingSet / (kRows * kiv::dtypeBytes(type, kCols)));
-  qwen35::Model m;
   std::vector<float> y(kRows);
-  qwen35::gemvRow(m, &W.view(), W.x(), y.data());
+  qwen35::matvec({}, W.view(), W.x(), y);
   if (!isPlain(W, y)) return state.SkipWithError("differs from the plain loop");
   while (state.KeepRunning()) {
-    qwen35::gemvRow(m, &W.next(), W.x(), y.data());
+    qwen35::matvec({}, W.next(), W.x(), y);
     benchmark::DoNotOptimize(y.data());
   }
   countWork(state, W);

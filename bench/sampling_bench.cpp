@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "kernels/kernel_table.h"
 #include "kiv/math/exact_math.h"
 #include "qwen35_cpu.h"
 #include "runtime_qwen35_vulkan/sampling/plain_sampling.h"
 #include "sampling/sampling.h"
-#include "sampling/sampling_loops.h"
 
 namespace {
 
@@ -128,7 +128,7 @@ void addLoops() {
   };
   finish(benchmark::RegisterBenchmark("weights/plain", plain));
   for (const qwen35::CpuLevel level : qwen35::cpuLevels()) {
-    const qwen35rt::SamplingLoops& loops = qwen35rt::samplingLoops(level);
+    const qwen35::SamplingLoops& loops = qwen35::kernelTable(level).sampling;
     const auto run = [&loops](benchmark::State& state) {
       for (auto _ : state) {
         loops.weights(logits.data(), kVocabulary, 1.0F, 18.0F, weights.data());

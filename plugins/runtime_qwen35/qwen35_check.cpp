@@ -1,25 +1,18 @@
 #include "qwen35_check.h"
 
-#include <limits>
 #include <string>
 
-#include "kiv/dequant.h"
-#include "matmul/product.h"
+#include "kiv/math/checked.h"
+#include "kiv/quant/row_codec.h"
 
 namespace qwen35 {
 namespace {
 
 using kiv::DType;
+using kiv::saturatingAdd;
+using kiv::saturatingMul;
 using kiv::Status;
 using kiv::StatusCode;
-
-constexpr uint64_t kTooMany = std::numeric_limits<uint64_t>::max();
-
-uint64_t saturatingMul(uint64_t a, uint64_t b) {
-  return a != 0 && b > kTooMany / a ? kTooMany : a * b;
-}
-
-uint64_t saturatingAdd(uint64_t a, uint64_t b) { return b > kTooMany - a ? kTooMany : a + b; }
 
 Status bad(const TensorView& t, const std::string& what) {
   return {StatusCode::InvalidFormat, t.name + ": " + what};
@@ -29,23 +22,23 @@ std::string extents(uint64_t cols, uint64_t rows) {
   return std::to_string(cols) + " x " + std::to_string(rows);
 }
 
-// Rows of a view whose extents may be anything.
+// Rows of a view with unchecked extents.
 uint64_t statedRows(const TensorView& t) {
   uint64_t rows = 1;
   for (size_t i = 1; i < t.ndim; ++i) rows = saturatingMul(rows, t.shape[i]);
   return rows;
 }
 
-// Bytes that widening all rows reads: whole blocks of each row, with the start
-// of a row counted in whole blocks too.
+// Bytes that widening all rows reads: each row's blocks, a partial last one counting whole. Rows
+// begin behind the whole blocks of the row before.
 uint64_t matrixBytes(DType type, uint64_t cols, uint64_t rows) {
   const uint64_t rowBytes = kiv::dtypeBytes(type, cols);
-  if (rowBytes == 0) return kTooMany;  // more than 64 bits can say
+  if (rowBytes == 0) return kiv::kSaturated;
   const uint64_t rowStride = kiv::dtypeBytes(type, cols - cols % kiv::dtypeBlockSize(type));
   return saturatingAdd(saturatingMul(rows - 1, rowStride), rowBytes);
 }
 
-// Collects the first complaint over all tensors.
+// Keeps the first complaint over all tensors.
 class Checker {
  public:
   explicit Checker(const kiv::ZEMLoader& loader) : loader_(loader) {}
@@ -53,8 +46,7 @@ class Checker {
   // A matrix of exactly `rows` rows of `cols` weights.
   void matrix(const TensorView* t, uint64_t cols, uint64_t rows) {
     if (!status_.ok()) return;
-    if (!(t->dtype == DType::F32 || t->dtype == DType::BF16 || t->dtype == DType::Q8_0 ||
-          isKQuant(t->dtype))) {
+    if (!kiv::hasRowCodec(t->dtype)) {
       status_ =
           bad(*t, std::string("the decoder cannot compute with type ") + kiv::dtypeName(t->dtype));
     } else if (t->shape[0] != cols || statedRows(*t) != rows || cols == 0 || rows == 0) {

@@ -8,12 +8,12 @@
 
 namespace qwen35 {
 
-/// A container opens and binds whatever its tensor entries say, so that it can
-/// be inspected. This is the check before computing: every bound tensor has the
-/// extents that the decoder's dimensions ask for, a type that it can read, and
-/// its bytes inside WeightData. It asks for what the forward pass will read and
-/// no more. The message names the first bad tensor, what was found and what is
-/// needed.
+/// Checks the weights before anything is computed. A container opens and binds
+/// whatever its tensor entries say, so that people can inspect it. Here every bound
+/// tensor must have the extents that the decoder's dimensions ask for, a type that the
+/// decoder reads, and its bytes inside WeightData. The check covers what the forward
+/// pass reads and no more. The message names the first bad tensor, what was found and
+/// what is needed.
 kiv::Status checkWeights(const kiv::ZEMLoader& ld, const Model& m);
 
 }  // namespace qwen35

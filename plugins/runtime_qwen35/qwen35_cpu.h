@@ -10,7 +10,7 @@ namespace qwen35 {
 enum class CpuLevel {
   Baseline,  ///< any x86-64 processor
   Avx2,      ///< with FMA and F16C
-  Avx512,    ///< F and VL, and all of Avx2
+  Avx512,    ///< F, VL and DQ, and all of Avx2
 };
 
 /// "baseline", "avx2", "avx512". Static storage.
@@ -20,13 +20,13 @@ const char* cpuLevelName(CpuLevel level);
 std::span<const CpuLevel> cpuLevels();
 
 /// The level in use: the best one, or the one that the environment variable
-/// QWEN35_CPU named (a level's name) when this was first called. A name
-/// that is unknown, or that this processor lacks, is reported on standard error
-/// and has no other effect: results are the same bits at every level.
+/// QWEN35_CPU named when this was first called. A name that is unknown, or that this
+/// processor lacks, is reported on standard error and has no other effect. Results are
+/// the same bits at every level.
 CpuLevel currentCpuLevel();
 
-/// For tests and benchmarks: `level`, which must be one of cpuLevels(), is in use
-/// until the object is gone. One at a time, outside any product or choice.
+/// For tests and benchmarks: while the object lives, `level`, one of cpuLevels(), is in
+/// use. One at a time; make and destroy it while nothing computes.
 class ForcedCpuLevel {
  public:
   /// Puts `level` to use.

@@ -1,11 +1,10 @@
 /// \file
 /// Arithmetic of the decoder over plain float arrays.
 ///
-/// The order of every sum is part of the result: these are the functions the
-/// decoder calls, and each gives the bits of its plain loop in
-/// kernels/reference.h, whatever the instruction set or the number of threads.
-/// The two matrix-vector products share large matrices out over the OpenMP team;
-/// everything else is serial. All are reentrant.
+/// The order of every sum is part of the result. Each function gives the bits of its
+/// plain loop in kernels/reference.h, whatever the instruction set or the number of
+/// threads. The two matrix-vector products share large matrices out over the OpenMP
+/// team; everything else is serial. All are reentrant.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +15,7 @@ namespace qwen35 {
 /// Round to nearest, ties to even, on the bit pattern; NaN and infinity get no
 /// special treatment.
 uint16_t f32ToBf16(float f);
-/// The way back, exactly.
+/// Widens a brain float, which is exact.
 float bf16ToF32(uint16_t h);
 
 /// out[i] = (x[i] * r) * w[i] with r = 1 / sqrt(mean(x^2) + eps); the mean is
@@ -37,7 +36,7 @@ void l2NormBlocks(const float* x, float* out, size_t nBlocks, size_t blockLen, f
 /// y[r] += sum over c of W[r * cols + c] * x[c], each row summed in float from
 /// column 0 upward and then added to y[r]. Rows are split over the OpenMP team.
 void matvecBf16Add(const uint16_t* W, const float* x, float* y, size_t rows, size_t cols);
-/// The same for a matrix of floats.
+/// As matvecBf16Add, for a matrix of floats.
 void matvecF32Add(const float* W, const float* x, float* y, size_t rows, size_t cols);
 
 /// Float sum from index 0 upward; 0 for n = 0.

@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <string>
 
-#include "matmul/product.h"
+#include "matmul/matrix.h"
 
 namespace qwen35 {
 namespace {
 
-// Looks tensors of one block up by the rest of their name and remembers whether
-// all required ones were there.
+// Looks up the tensors of one block by the rest of their name.
 class BlockBinder {
  public:
   BlockBinder(const kiv::ZEMLoader& loader, size_t index)
@@ -66,8 +65,8 @@ bool bindFull(const BlockBinder& block, const Model& m, Layer& layer) {
   return true;
 }
 
-// A few slots are written over: the pages stay, and the next conversation need not
-// wait for new ones. Those of a long conversation are given back.
+// Overwrites a few slots, so that their pages stay and the next conversation need not wait for new
+// ones. Gives back the pages of a long conversation.
 void clearCache(const Model& m, size_t slots, ZeroedFloats& cache) {
   constexpr size_t kFewSlots = 256;
   if (cache.empty()) return;

@@ -51,7 +51,7 @@ struct Layer {
   DenseZeroedFloats state;  ///< vHeads matrices of sv x sv
   ZeroedFloats convWin;     ///< the last three inputs of each channel, oldest first
   ZeroedFloats kCache;      ///< nHeadKv x kvCap x headDim
-  ZeroedFloats vCache;      ///< the same for values
+  ZeroedFloats vCache;      ///< nHeadKv x kvCap x headDim
   size_t kvLen = 0;         ///< slots filled
   size_t kvUsed = 0;        ///< slots written to since the last reset, by failed steps too
 };
@@ -104,21 +104,23 @@ void embedRow(Model& m, size_t token, float* out);
 /// embedding, `pos` its position, counted from 0 after resetModel and below kvCap.
 /// Environment variables switch diagnostics on; see docs/troubleshooting.md.
 void forwardToken(Model& m, const float* x, size_t pos, float* logits);
-/// The same without the head: the final normalised hidden state, nEmb floats.
+/// One token through all layers without the head: the final normalised hidden state,
+/// nEmb floats.
 void forwardTokenHidden(Model& m, const float* x, size_t pos, float* hidden);
 
-/// forwardTokenHidden for `count` consecutive tokens from position `pos` on, whose
-/// embeddings and hidden states lie one after the other. The bits of `hidden`, and
-/// of the model's state afterwards, are those of one call a token; weights are read
-/// once for many tokens, which is several times as fast. While one of the
-/// diagnostic variables is set the tokens go one by one.
+/// forwardTokenHidden for `count` consecutive tokens from position `pos` on. Their
+/// embeddings at `x`, and their hidden states, lie one after the other. The bits of
+/// `hidden`, and of the model's state afterwards, are those of one call a token. Many
+/// tokens share one reading of the weights, which is several times as fast. While one of
+/// the diagnostic variables is set, the tokens go one by one.
 void forwardTokensHidden(Model& m, const float* x, size_t count, size_t pos, float* hidden);
 
 /// The attention half of a block with linear attention, for block `il` at position
 /// `pos`. `x` is the state before the block's norm; `out` (nEmb floats) is overwritten,
 /// and the caller adds the residual.
 void linearAttnStep(Model& m, Layer& L, const float* x, float* out, size_t il, size_t pos);
-/// The same for a block with full attention.
+/// The attention half of a block with full attention, with the same arguments in
+/// another order.
 void fullAttnStep(Model& m, Layer& L, const float* x, float* out, size_t pos, size_t il);
 /// The feed-forward half of a block: `xn` is normalised already, `out` overwritten.
 void ffnStep(Model& m, Layer& L, const float* xn, float* out);

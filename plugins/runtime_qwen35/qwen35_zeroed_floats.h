@@ -1,9 +1,9 @@
 /// \file
-/// Floats that are zero from the start without touching their memory:
-/// the key/value caches hold 8192 positions (512 MB in all) and are mostly never
-/// used. The recurrent states are used whole from the first token on, and zeroed at
-/// every reset: in huge pages that takes 0.2 ms where ordinary ones take 4, and the
-/// first token afterwards a fifth of the page faults' time.
+/// Floats that are zero from the start without touching their memory. The key/value
+/// caches hold 8192 positions (512 MB in all), and most of that is never used. The
+/// recurrent states are used whole from the first token on and zeroed at every reset:
+/// that takes 0.2 ms in huge pages and 4 ms in ordinary ones, and the page faults of
+/// the first token afterwards take a fifth of the time.
 #pragma once
 
 #include <cstddef>
@@ -15,9 +15,9 @@
 
 namespace qwen35 {
 
-/// Floats in zero pages, as many as on construction. No vector: without an optimiser,
-/// or with a sanitizer, a vector visits each of its elements when it is made and when
-/// it goes, and a model's caches have 134 million.
+/// A fixed number of floats in zero pages. Not a std::vector: without an optimiser, or
+/// with a sanitizer, a vector visits each of its elements when it is made and when it
+/// goes, and a model's caches have 134 million.
 template <compat::PageUse kUse>
 class ZeroPageFloats {
  public:
@@ -31,9 +31,9 @@ class ZeroPageFloats {
     if (data_ == nullptr && count > 0) throw std::bad_alloc();
   }
   ~ZeroPageFloats() { compat::freeZeroPages(data_, bytes()); }
-  /// Moving leaves none behind.
+  /// Takes the floats of `other`, which is empty afterwards.
   ZeroPageFloats(ZeroPageFloats&& other) noexcept { swap(other); }
-  /// The same.
+  /// Takes the floats of `other`, which is empty afterwards, and frees its own.
   ZeroPageFloats& operator=(ZeroPageFloats&& other) noexcept {
     ZeroPageFloats(std::move(other)).swap(*this);
     return *this;
@@ -64,9 +64,9 @@ class ZeroPageFloats {
   size_t size_ = 0;
 };
 
-/// Floats that cost memory once they are written.
+/// Floats that cost memory only once they are written.
 using ZeroedFloats = ZeroPageFloats<compat::PageUse::Sparse>;
-/// The same for floats that are all written.
+/// Floats that are all written soon, in huge pages where the system has them.
 using DenseZeroedFloats = ZeroPageFloats<compat::PageUse::Dense>;
 
 }  // namespace qwen35

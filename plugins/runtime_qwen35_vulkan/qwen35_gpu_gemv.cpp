@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "kiv/quant/row_codec.h"
 #include "kiv/quant_k.h"
 #include "kiv/vulkan/vulkan_shaders.h"
 
@@ -35,15 +36,12 @@ bool createKernel(VulkanContext& ctx, const EmbeddedShader& shader, VulkanKernel
 
 uint64_t workgroupsFor(uint64_t rows) { return (rows + kRowsPerWorkgroup - 1) / kRowsPerWorkgroup; }
 
-bool isRunnable(DType type) {
-  return type == DType::Q4_K || type == DType::Q5_K || type == DType::Q6_K;
-}
-
 // Rows of a matrix with rows of `cols` elements; 0 when it is none that the
 // kernels can read. What the file says of its blocks need not be true: the rows
 // by bytes must be the rows by shape, for `y` has room for no others.
 uint64_t rowsOf(const GPUTensorView& w, uint64_t cols) {
-  if (!isRunnable(w.dtype) || w.ndim < 2 || w.shape[0] != cols || cols % kBlock256 != 0) return 0;
+  if (!kiv::isKQuant(w.dtype) || w.ndim < 2 || w.shape[0] != cols || cols % kBlock256 != 0)
+    return 0;
   const uint64_t blockBytes = kiv::dtypeBytes(w.dtype, kBlock256);
   if (w.quant.bytesPerBlock != 0 && w.quant.bytesPerBlock != blockBytes) return 0;
   const uint64_t rowBytes = w.rowBytes();

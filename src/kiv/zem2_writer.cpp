@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "compat/replacing_file.h"
+#include "kiv/math/checked.h"
 #include "kiv/quant_k.h"
 
 namespace kiv {
@@ -27,13 +28,6 @@ constexpr uint64_t kMaxFileBytes = std::numeric_limits<int64_t>::max();
 
 uint64_t alignUp(uint64_t n) {
   return (n + zem2::kAlignment - 1) / zem2::kAlignment * zem2::kAlignment;
-}
-
-// False when the product does not fit 64 bits.
-bool multiply(uint64_t a, uint64_t b, uint64_t& product) {
-  if (b != 0 && a > std::numeric_limits<uint64_t>::max() / b) return false;
-  product = a * b;
-  return true;
 }
 
 template <typename T>
@@ -262,7 +256,7 @@ void ZEM2Writer::Impl::addTensor(const std::string& name, Tensor tensor) {
   if (!tensor.shape.empty()) tensor.bytes = dtypeBytes(tensor.type, tensor.shape[0]);
   bool fits = tensor.bytes != 0;
   for (size_t i = 1; i < tensor.shape.size(); ++i) {
-    fits = fits && multiply(tensor.bytes, tensor.shape[i], tensor.bytes);
+    fits = fits && checkedMul(tensor.bytes, tensor.shape[i], tensor.bytes);
   }
   if (!fits || tensor.bytes > kMaxFileBytes) {
     return refuse("tensor " + quoted(name) + " is larger than a file can be");

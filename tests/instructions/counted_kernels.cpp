@@ -6,9 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "kernels/row_dots.h"
-#include "kernels/step_loops.h"
-#include "kernels/token_dots.h"
+#include "kernels/kernel_table.h"
+#include "kernels/packing.h"
 #include "kiv/tokenizer.h"
 #include "kiv/zem2.h"
 #include "qwen35_kernels.h"
@@ -42,37 +41,37 @@ std::string atLevel(const std::string& name, CpuLevel level) {
   return name + "/" + qwen35::cpuLevelName(level);
 }
 
-CountedKernel rowDots(DType type, CpuLevel level) {
+CountedKernel matvec(DType type, CpuLevel level) {
   const auto prepare = [=]() -> Work {
-    constexpr size_t kRows = qwen35::kRowDotsRows;
+    constexpr size_t kRows = 64;
     constexpr size_t kCols = 2560;
-    const qwen35::RowDots dots = qwen35::rowDotsOf(qwen35::rowDotsTable(level), type);
-    return [=, W = encodeRows(type, randomFloats(kRows * kCols, 1), kCols),
-            x = randomFloats(kCols, 2), out = std::vector<float>(kRows)]() mutable {
-      dots(W.data(), x.data(), kRows, kCols, out.data());
-      keptFloat = out[0];
+    return [=, kernel = qwen35::kernelTable(level).matvec[type],
+            W = encodeRows(type, randomFloats(kRows * kCols, 1), kCols), x = randomFloats(kCols, 2),
+            y = std::vector<float>(kRows)]() mutable {
+      kernel(W.data(), x.data(), kRows, kCols, y.data());
+      keptFloat = y[0];
     };
   };
-  return {atLevel(std::string("row_dots/") + kiv::dtypeName(type), level), level, prepare};
+  return {atLevel(std::string("matvec/") + kiv::dtypeName(type), level), level, prepare};
 }
 
-CountedKernel tokenDots(DType type, CpuLevel level) {
+CountedKernel matmul(DType type, CpuLevel level) {
   const auto prepare = [=]() -> Work {
     constexpr size_t kRows = 64;
     constexpr size_t kCols = 2560;
     constexpr size_t kTokens = 24;  // whole groups at every level
-    const qwen35::TokenDotsTable& table = qwen35::tokenDotsTable(level);
+    const qwen35::KernelTable& kernels = qwen35::kernelTable(level);
     std::vector<float> packed(kTokens * kCols);
     qwen35::packTokens(randomFloats(packed.size(), 2).data(), kCols, kTokens, kCols,
-                       table.groupTokens, 0, kCols, packed.data());
-    return [=, dots = qwen35::tokenDotsOf(table, type), packed = std::move(packed),
+                       kernels.groupTokens, 0, kCols, packed.data());
+    return [=, kernel = kernels.matmul[type], packed = std::move(packed),
             W = encodeRows(type, randomFloats(kRows * kCols, 1), kCols),
-            out = std::vector<float>(kTokens * kRows)]() mutable {
-      dots(W.data(), packed.data(), kTokens, kRows, kCols, out.data(), kRows);
-      keptFloat = out[0];
+            y = std::vector<float>(kTokens * kRows)]() mutable {
+      kernel(W.data(), packed.data(), kTokens, kRows, kCols, y.data(), kRows);
+      keptFloat = y[0];
     };
   };
-  return {atLevel(std::string("token_dots/") + kiv::dtypeName(type), level), level, prepare};
+  return {atLevel(std::string("matmul/") + kiv::dtypeName(type), level), level, prepare};
 }
 
 CountedKernel softmax(CpuLevel level) {
@@ -83,7 +82,7 @@ CountedKernel softmax(CpuLevel level) {
       std::vector<float> own = scores;
       float max[kHeads];
       float sum[kHeads];
-      qwen35::stepLoops(level).softmax(own.data(), kSlots, kHeads, max, sum);
+      qwen35::kernelTable(level).softmax(own.data(), kSlots, kHeads, max, sum);
       keptFloat = sum[0];
     };
   };
@@ -95,7 +94,7 @@ CountedKernel siluMul(CpuLevel level) {
     constexpr size_t kWidth = 9216;
     return [=, gate = randomFloats(kWidth, 1), x = randomFloats(kWidth, 2),
             out = std::vector<float>(kWidth)]() mutable {
-      qwen35::stepLoops(level).siluMul(gate.data(), x.data(), out.data(), kWidth);
+      qwen35::kernelTable(level).siluMul(gate.data(), x.data(), out.data(), kWidth);
       keptFloat = out[0];
     };
   };
@@ -196,8 +195,8 @@ std::vector<CountedKernel> countedKernels() {
   std::vector<CountedKernel> kernels = {rmsNorm(), crc64(), encode()};
   for (const CpuLevel level : {CpuLevel::Baseline, CpuLevel::Avx2}) {
     for (const DType type : {DType::Q4_K, DType::Q6_K, DType::Q8_0, DType::BF16}) {
-      kernels.push_back(rowDots(type, level));
-      kernels.push_back(tokenDots(type, level));
+      kernels.push_back(matvec(type, level));
+      kernels.push_back(matmul(type, level));
     }
     kernels.push_back(gdnStep(level));
     kernels.push_back(siluMul(level));

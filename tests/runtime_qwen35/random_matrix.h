@@ -1,5 +1,4 @@
-// Matrices of random bytes in every encoding, and what the plain loop makes of
-// them, for tests of the products at every instruction set of this machine.
+// Matrices of random bytes in every encoding, and the plain loop's sums of their rows.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +6,8 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
+#include <limits>
 #include <ostream>
 #include <random>
 #include <string>
@@ -14,8 +15,8 @@
 
 #include "kernels/reference.h"
 #include "kiv/quant_k.h"
-#include "matmul/product.h"
-#include "qwen35_cpu.h"
+#include "matmul/matrix.h"
+#include "runtime_qwen35/levels.h"
 #include "runtime_qwen35/open_model.h"
 
 namespace qwen35 {
@@ -25,17 +26,16 @@ using kiv::DType;
 inline constexpr DType kTypes[] = {DType::F32,  DType::BF16, DType::Q8_0,
                                    DType::Q4_K, DType::Q5_K, DType::Q6_K};
 
+// A level and an encoding.
 struct Case {
   CpuLevel level;
   DType type;
 };
 
+inline CpuLevel levelOf(const Case& c) { return c.level; }
+
 inline std::string caseName(const testing::TestParamInfo<Case>& info) {
   return std::string(cpuLevelName(info.param.level)) + "_" + kiv::dtypeName(info.param.type);
-}
-
-inline std::string levelName(const testing::TestParamInfo<CpuLevel>& info) {
-  return cpuLevelName(info.param);
 }
 
 inline void PrintTo(const Case& c, std::ostream* out) {
@@ -44,7 +44,7 @@ inline void PrintTo(const Case& c, std::ostream* out) {
 
 inline std::vector<Case> everyCase() {
   std::vector<Case> cases;
-  for (const CpuLevel level : cpuLevels()) {
+  for (const CpuLevel level : kEveryLevel) {
     for (const DType type : kTypes) cases.push_back({level, type});
   }
   return cases;
@@ -132,6 +132,33 @@ inline Floats randomVector(size_t n, uint32_t seed) {
   std::normal_distribution<float> normal;
   Floats x(n);
   for (float& v : x) v = normal(rng);
+  return x;
+}
+
+// Numbers of every size and sign, infinities and NaN.
+inline Floats hostileVector(size_t n, uint32_t seed) {
+  constexpr float kInf = std::numeric_limits<float>::infinity();
+  std::mt19937 rng(seed);
+  const float special[] = {0.0F,    -0.0F,
+                           kInf,    -kInf,
+                           88.8F,   -88.8F,
+                           103.9F,  -104.1F,
+                           3e38F,   std::numeric_limits<float>::denorm_min(),
+                           1e-30F,  std::numeric_limits<float>::quiet_NaN(),
+                           -1e-45F, 1.0F};
+  Floats x = randomVector(n, seed);
+  for (float& v : x) {
+    if (rng() % 4 == 0) v = special[rng() % std::size(special)];
+    if (rng() % 4 == 0) v *= 40;
+  }
+  return x;
+}
+
+// Bit patterns at random: numbers of every exponent.
+inline Floats anyFloats(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  Floats x(n);
+  for (float& v : x) v = std::bit_cast<float>(static_cast<uint32_t>(rng()));
   return x;
 }
 

@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "kiv/math/exact_math.h"
-#include "qwen35_kernels.h"
+#include "kiv/quant/bf16.h"
 
 namespace qwen35::reference {
 
@@ -56,7 +56,7 @@ float dotF32(const float* a, const float* b, size_t n) {
 
 float dotBf16(const uint16_t* w, const float* x, size_t n) {
   float sum = 0;
-  for (size_t i = 0; i < n; ++i) sum += bf16ToF32(w[i]) * x[i];
+  for (size_t i = 0; i < n; ++i) sum += kiv::bf16ToF32(w[i]) * x[i];
   return sum;
 }
 

@@ -1,10 +1,9 @@
 // The decoder's arithmetic as plain loops.
 //
-// These define the results. They are written to be read beside the formulas,
-// serial, and never replaced: every faster kernel is held equal to its loop
-// here, bit for bit. Sums are in float and from index 0 upward unless said
-// otherwise; a multiply and an add are separate unless std::fma is written.
-// In-place use (out == x) is fine for the element-wise ones.
+// These loops define the results and are never replaced: tests hold every faster kernel equal to
+// its loop here, bit for bit. Read them beside the formulas. They are serial. Sums are in float
+// and from index 0 upward unless said otherwise; a multiplication and an addition round apart
+// unless std::fma is written. The element-wise ones may work in place (out == x).
 #pragma once
 
 #include <cstddef>

@@ -9,7 +9,8 @@
 #include <cstddef>
 #include <vector>
 
-#include "matmul/product.h"
+#include "layers/trace.h"
+#include "matmul/matmul.h"
 #include "qwen35_model.h"
 
 namespace qwen35 {
@@ -17,7 +18,7 @@ namespace qwen35 {
 using Floats = std::vector<float>;
 
 // Tokens that go through the layers together. The more there are, the less each
-// pays for widening the weights; 48 fill whole groups at every level, and all
+// pays for decoding the weights; 48 fill whole groups at every level, and all
 // their buffers take 10 MB.
 inline constexpr size_t kBatchTokens = 48;
 
@@ -49,18 +50,22 @@ class RotaryAngles {
   Floats sines_;
 };
 
-// x and out: run.count x nEmb floats.
-void linearAttention(Model& m, Layer& L, const float* x, float* out, const TokenRun& run,
-                     size_t il);
+// x: the hidden states before the block's norm; out: what attention adds to them; run.count x
+// nEmb floats each. `out` is overwritten.
+void linearAttention(const Model& m, Layer& L, const float* x, float* out, const TokenRun& run,
+                     Trace& trace);
 // Throws std::length_error when the cache has too few free slots.
-void fullAttention(Model& m, Layer& L, const float* x, float* out, const TokenRun& run,
-                   const RotaryAngles& angles, size_t il);
-void feedForward(Model& m, const Layer& L, const float* xn, float* out, size_t tokens);
-
-// W times every token of x.
-Activations product(Model& m, const TensorView* W, const ProductInput& x);
+void fullAttention(const Model& m, Layer& L, const float* x, float* out, const TokenRun& run,
+                   const RotaryAngles& angles, Trace& trace);
+// xn is normalised already; `out` is overwritten.
+void feedForward(const Model& m, const Layer& L, const float* xn, float* out, size_t tokens);
 
 // out = rmsNorm of each of `tokens` vectors of `n` floats.
 void normTokens(const TensorView* weight, const float* x, float* out, size_t tokens, size_t n);
+
+GpuHook gpuOf(const Model& m);
+
+// W times every token of X.
+Activations project(const Model& m, const TensorView* W, const PackedTokens& X);
 
 }  // namespace qwen35

@@ -4,27 +4,23 @@
 #include <omp.h>
 
 #include <cstddef>
-#include <cstdint>
-
-#include "kernels/row_dots.h"
 
 namespace qwen35 {
 
 // Below this many weights, waking the team takes longer than the product.
 inline constexpr size_t kTeamWeights = 32768;
 
-// The same for loops over the elements of an activation.
+// As kTeamWeights, for loops over the elements of an activation.
 inline constexpr size_t kTeamElements = 4096;
 
-// Whether a team would have one member. It is not asked for then: the OpenMP runtime
-// sets up a team of one like any other, on Windows with kernel objects.
+// Whether a team would have one member. Loops then do without a team: the OpenMP runtime sets up
+// a team of one like any other, on Windows with kernel objects.
 inline bool isAlone() { return omp_get_max_threads() == 1; }
 
-// Calls work(thread, begin, end) on every member of the OpenMP team, which
-// between them cover units [0, units) in order: with T threads each gets
-// units / T consecutive ones and the first units % T one more. Without
-// `worthwhile` the team is one. `thread` is below omp_get_max_threads(). `work`
-// must not throw: nothing can catch it.
+// Calls work(thread, begin, end) on every member of the OpenMP team. Between them they cover
+// units [0, units) in order: of T threads each gets units / T consecutive units and the first
+// units % T one more. Without `worthwhile` the calling thread does all of it. `thread` is below
+// omp_get_max_threads(). `work` must not throw: an exception cannot leave a team.
 template <typename Work>
 void forEachShare(size_t units, bool worthwhile, const Work& work) {
   if (!worthwhile || isAlone()) {
@@ -70,22 +66,6 @@ void forEachUnitInTurn(size_t units, const Work& work) {
 template <typename Work>
 void forEachRowRange(size_t rows, size_t cols, const Work& work) {
   forEachShare(rows, rows * cols >= kTeamWeights, work);
-}
-
-// Calls use(row, dot product of the row with x) for every row of a matrix at
-// `W`, whose rows lie `stride` bytes apart, on the team.
-template <typename Use>
-void forEachRowDot(RowDots dotRows, const void* W, size_t stride, const float* x, size_t rows,
-                   size_t cols, const Use& use) {
-  const auto* base = static_cast<const uint8_t*>(W);
-  forEachRowRange(rows, cols, [&](size_t /*thread*/, size_t begin, size_t end) {
-    float dots[kRowDotsRows];
-    for (size_t r = begin; r < end; r += kRowDotsRows) {
-      const size_t count = end - r < kRowDotsRows ? end - r : kRowDotsRows;
-      dotRows(base + r * stride, x, count, cols, dots);
-      for (size_t i = 0; i < count; ++i) use(r + i, dots[i]);
-    }
-  });
 }
 
 }  // namespace qwen35

@@ -1,4 +1,4 @@
-// A copy of what a run of tokens changes in a model, to go back to.
+// Going back to the state of a model before a run of tokens.
 #pragma once
 
 #include <cstddef>
@@ -16,11 +16,11 @@ class Checkpoint {
  public:
   explicit Checkpoint(Model& m);
 
-  // Remembers the state as it is after `pos` tokens since resetModel; after none
-  // there is nothing to copy. The memory of the last call is used again.
+  // Remembers the state after `pos` tokens since resetModel; for 0 there is nothing to
+  // copy. Reuses the memory of the last call.
   void take(size_t pos);
-  // Makes the model's state what it was at the last take(). Cache slots that were
-  // filled since are zero again.
+  // Brings back the state of the last take(). Cache slots that were filled since are
+  // zero again.
   void restore() const;
 
  private:

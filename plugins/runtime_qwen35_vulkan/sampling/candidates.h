@@ -5,9 +5,12 @@
 #include <optional>
 #include <vector>
 
-#include "sampling/sampling_loops.h"
+#include "kernels/kernel_table.h"
 
 namespace qwen35rt {
+
+using qwen35::Extent;
+using qwen35::SamplingLoops;
 
 struct Candidate {
   float value;  // logit / temperature

@@ -97,14 +97,14 @@ int drawFromBest(const CandidateList& list, const Extent& extent, size_t count, 
 int argmax(const float* logits, size_t n) {
   // Nothing is larger than NaN, so that one in front stays.
   if (n < 2 || std::isnan(logits[0])) return 0;
-  return static_cast<int>(samplingLoops().extent(logits, n, 1.0F).firstLargest);
+  return static_cast<int>(qwen35::kernelTable().sampling.extent(logits, n, 1.0F).firstLargest);
 }
 
 int sampleNext(const float* logits, size_t n, float temperature, int topK, float topP,
                std::mt19937& rng) {
   if (temperature <= 0.0F || topK == 1) return argmax(logits, n);
 
-  const SamplingLoops& loops = samplingLoops();
+  const SamplingLoops& loops = qwen35::kernelTable().sampling;
   const double u = canonical(rng);
   const float scale = 1.0F / temperature;
   const bool cut = topK >= 1 && static_cast<size_t>(topK) < n;

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <limits>
 #include <unordered_set>
 #include <utility>
 
 #include "kiv/container/byte_cursor.h"
+#include "kiv/math/checked.h"
 
 namespace kiv {
 namespace {
@@ -88,12 +88,6 @@ bool readText(ByteCursor& cursor, std::string_view& out) {
 // For messages: a name may be of any length and hold any bytes.
 std::string quoted(std::string_view name) {
   return "'" + std::string(name.substr(0, 80)) + (name.size() > 80 ? "..." : "") + "'";
-}
-
-bool multiply(uint64_t a, uint64_t b, uint64_t& product) {
-  if (b != 0 && a > std::numeric_limits<uint64_t>::max() / b) return false;
-  product = a * b;
-  return true;
 }
 
 }  // namespace
@@ -259,7 +253,7 @@ bool GgufFile::Parser::parsePayload(GgufValue& value) {
   } else {
     uint64_t bytes = 0;
     const uint8_t* elements = nullptr;
-    if (!multiply(value.count, elementBytes(value.type), bytes)) return false;
+    if (!checkedMul(value.count, elementBytes(value.type), bytes)) return false;
     if (!cursor_.view(elements, bytes)) return false;
   }
   value.payload = textAt(begin_ + start, position() - start);
@@ -312,9 +306,9 @@ bool GgufFile::Parser::measure(GgufTensor& tensor) {
                 " elements, no multiple of the " + std::to_string(block) + " of a " +
                 ggufTypeName(tensor.type) + " block");
   }
-  bool fits = multiply(row / block, ggufBlockBytes(tensor.type), tensor.bytes);
+  bool fits = checkedMul(row / block, ggufBlockBytes(tensor.type), tensor.bytes);
   for (size_t i = 1; i < tensor.shape.size(); ++i) {
-    fits = fits && multiply(tensor.bytes, tensor.shape[i], tensor.bytes);
+    fits = fits && checkedMul(tensor.bytes, tensor.shape[i], tensor.bytes);
   }
   return fits || fail("tensor " + quoted(tensor.name) + " is larger than a file can be");
 }

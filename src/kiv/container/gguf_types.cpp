@@ -1,12 +1,12 @@
 #include "kiv/container/gguf_types.h"
 
 #include <array>
-#include <bit>
 #include <cstddef>
 #include <cstring>
 
 #include "kiv/dequant.h"
 #include "kiv/quant.h"
+#include "kiv/quant/bf16.h"
 #include "kiv/quant/quant_blocks.h"
 #include "kiv/quant_k.h"
 
@@ -180,15 +180,6 @@ void widenF16(const void* src, float* dst, uint64_t n) {
   }
 }
 
-void widenBF16(const void* src, float* dst, uint64_t n) {
-  const auto* from = static_cast<const uint8_t*>(src);
-  for (uint64_t i = 0; i < n; ++i) {
-    uint16_t half = 0;
-    std::memcpy(&half, from + 2 * i, sizeof half);
-    dst[i] = std::bit_cast<float>(static_cast<uint32_t>(half) << 16U);
-  }
-}
-
 struct Layout {
   const char* name;
   uint64_t elements;
@@ -270,7 +261,7 @@ void widenGguf(GgufType type, const void* src, float* dst, uint64_t n) {
     case GgufType::F16:
       return widenF16(src, dst, n);
     case GgufType::BF16:
-      return widenBF16(src, dst, n);
+      return widenBf16(src, n, dst);
     case GgufType::Q4_0:
       return decodeBlocks<Block40, 32>(src, dst, n, decode40);
     case GgufType::Q4_1:

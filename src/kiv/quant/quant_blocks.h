@@ -8,7 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <limits>
+
+#include "kiv/math/checked.h"
 
 namespace kiv::quant {
 
@@ -16,8 +17,8 @@ namespace kiv::quant {
 // when that does not fit 64 bits.
 constexpr uint64_t blocksBytes(uint64_t n, uint64_t elementsPerBlock, uint64_t bytesPerBlock) {
   const uint64_t blocks = n / elementsPerBlock + (n % elementsPerBlock != 0 ? 1 : 0);
-  return blocks <= std::numeric_limits<uint64_t>::max() / bytesPerBlock ? blocks * bytesPerBlock
-                                                                        : 0;
+  uint64_t bytes = 0;
+  return checkedMul(blocks, bytesPerBlock, bytes) ? bytes : 0;
 }
 
 // `x` as an integer code within [lo, hi], cut toward zero. The range check comes

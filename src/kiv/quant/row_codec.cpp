@@ -5,29 +5,18 @@
 #include <cstring>
 
 #include "kiv/dequant.h"
+#include "kiv/quant/bf16.h"
 #include "kiv/quant_k.h"
 
 namespace kiv {
 namespace {
 
-uint16_t toBf16(float x) {
-  const auto bits = std::bit_cast<uint32_t>(x);
-  if (x != x) return static_cast<uint16_t>(bits >> 16U | 0x40U);
-  return static_cast<uint16_t>((bits + 0x7FFF + (bits >> 16U & 1U)) >> 16U);
-}
-
 void encodeBf16(const float* src, uint64_t n, uint8_t* dst) {
   for (uint64_t i = 0; i < n; ++i) {
-    const uint16_t half = toBf16(src[i]);
+    const bool isNan = src[i] != src[i];
+    const auto upper = static_cast<uint16_t>(std::bit_cast<uint32_t>(src[i]) >> 16U);
+    const uint16_t half = isNan ? static_cast<uint16_t>(upper | 0x40U) : f32ToBf16(src[i]);
     std::memcpy(dst + 2 * i, &half, sizeof half);
-  }
-}
-
-void decodeBf16(const uint8_t* src, uint64_t n, float* dst) {
-  for (uint64_t i = 0; i < n; ++i) {
-    uint16_t half = 0;
-    std::memcpy(&half, src + 2 * i, sizeof half);
-    dst[i] = std::bit_cast<float>(static_cast<uint32_t>(half) << 16U);
   }
 }
 
@@ -64,6 +53,10 @@ bool hasRowCodec(DType type) {
   }
 }
 
+bool isKQuant(DType type) {
+  return type == DType::Q4_K || type == DType::Q5_K || type == DType::Q6_K;
+}
+
 void encodeRow(DType type, const float* src, uint64_t n, void* dst) {
   switch (type) {
     case DType::F32:
@@ -90,7 +83,7 @@ void decodeRow(DType type, const void* src, uint64_t n, float* dst) {
       std::memcpy(dst, src, n * sizeof(float));
       return;
     case DType::BF16:
-      return decodeBf16(static_cast<const uint8_t*>(src), n, dst);
+      return widenBf16(src, n, dst);
     case DType::Q8_0:
       return quant::dequantQ80(src, dst, n);
     case DType::Q4_K:

@@ -12,12 +12,16 @@ namespace kiv {
 /// multiplies with.
 bool hasRowCodec(DType type);
 
+/// Q4_K, Q5_K or Q6_K: the types that there are GPU products for.
+bool isKQuant(DType type);
+
 /// Stores `n` floats at `dst`, dtypeBytes(type, n) bytes of any alignment. BF16
 /// rounds to nearest, ties to even, and keeps a NaN one; the block types as in
 /// quant.h. REQUIRES: hasRowCodec(type).
 void encodeRow(DType type, const float* src, uint64_t n, void* dst);
 
-/// The way back.
+/// Widens `n` elements at `src`, of any alignment, to floats. Leaves `dst` as it was for types
+/// without a row codec.
 void decodeRow(DType type, const void* src, uint64_t n, float* dst);
 
 /// Whether the scales of the blocks of one row (or of several) are all finite; in

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,92 +6,18 @@
 #include <string>
 #include <vector>
 
-#include "kernels/reference.h"
 #include "kiv/math/exact_math.h"
-#include "matmul/product.h"
-#include "qwen35_kernels.h"
 #include "qwen35_model.h"
 #include "runtime_qwen35/open_model.h"
+#include "runtime_qwen35/plain_layers.h"
 #include "support/scoped_env.h"
 
 namespace qwen35 {
 namespace {
 
 using kiv::DType;
-using testing::HasSubstr;
 using zemtest::ScopedEnv;
 using zemtest::TinyModel;
-
-const float* floats(const TensorView* view) { return static_cast<const float*>(view->data); }
-
-Floats times(OpenModel& m, const TensorView* W, const Floats& x) {
-  Floats y(matrixRows(*W));
-  gemvRow(m.model, W, x.data(), y.data());
-  return y;
-}
-
-Floats norm(const TensorView* w, const Floats& x) {
-  Floats out(x.size());
-  rmsNorm(x.data(), floats(w), out.data(), x.size(), 1e-6F);
-  return out;
-}
-
-Floats attend(OpenModel& m, size_t layer, const Floats& x, size_t pos) {
-  Floats out(m.model.nEmb, 99.0F);
-  Layer& L = m.model.L[layer];
-  if (L.recr) {
-    linearAttnStep(m.model, L, x.data(), out.data(), layer, pos);
-  } else {
-    fullAttnStep(m.model, L, x.data(), out.data(), pos, layer);
-  }
-  return out;
-}
-
-// A linear layer spelled out from the formulas, one token, own copy of the state.
-class LinearLayer {
- public:
-  LinearLayer(OpenModel& m, size_t layer, bool decays = true)
-      : m_(m),
-        L_(m.model.L[layer]),
-        decays_(decays),
-        state_(size_t{32} * 128 * 128),
-        window_(size_t{8192} * 3) {}
-
-  Floats step(const Floats& x) {
-    const Floats xn = norm(L_.attn_norm, x);
-    const Floats qkv = times(m_, L_.wqkv, xn);
-    const Floats z = times(m_, L_.wqkv_gate, xn);
-    const Floats b = times(m_, L_.beta, xn);
-    const Floats a = times(m_, L_.alpha, xn);
-    Floats conv(8192);
-    reference::convStep(floats(L_.conv1d), L_.conv1d->shape[0], window_.data(), qkv.data(),
-                        conv.data(), 8192);
-    l2NormBlocks(conv.data(), conv.data(), 32, 128, 1e-6F);
-    Floats o(4096);
-    for (size_t h = 0; h < 32; ++h) head(h, conv, a[h], b[h], z.data() + h * 128, &o[h * 128]);
-    return times(m_, L_.ssm_out, o);
-  }
-
- private:
-  void head(size_t h, Floats& conv, float a, float b, const float* z, float* o) {
-    float g = a + floats(L_.dt)[h];
-    softplus(&g, &g, 1);
-    g = decays_ ? g * floats(L_.ssm_a)[h] : 0.0F;
-    const float beta = 1.0F / (kiv::math::expF32(-b) + 1.0F);
-    float* v = conv.data() + 4096 + h * 128;
-    const size_t key = h % 16 * 128;
-    gdnStep(&state_[h * 128 * 128], conv.data() + key, conv.data() + 2048 + key, v, beta, 128, g,
-            1.0F / std::sqrt(128.0F));
-    rmsNorm(v, floats(L_.ssm_norm), o, 128, 1e-6F);
-    for (size_t i = 0; i < 128; ++i) o[i] = (z[i] / (kiv::math::expF32(-z[i]) + 1.0F)) * o[i];
-  }
-
-  OpenModel& m_;
-  Layer& L_;
-  bool decays_;
-  Floats state_;
-  Floats window_;
-};
 
 TEST(LinearAttnStep, FollowsItsFormulasOverSeveralTokens) {
   OpenModel m{TinyModel()};
@@ -171,96 +96,6 @@ TEST(LinearAttnStep, FirstTokenAfterResetSeesAnEmptyWindow) {
   EXPECT_EQ(attend(m, 0, x, 0), first);
 }
 
-TEST(LinearAttnStep, TraceSwitchesPrintTheirLines) {
-  OpenModel m{TinyModel()};
-  const ScopedEnv dbg2("QWEN35_DBG2", "1");
-  const ScopedEnv dbg4("QWEN35_DBG4", "1");
-  testing::internal::CaptureStderr();
-  attend(m, 0, m.embedding(12), 0);
-  const std::string at0 = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(at0, HasSubstr("LIN S-pos=0 |S|tot "));
-  EXPECT_THAT(at0, HasSubstr("    lin: |qkv|="));
-  EXPECT_THAT(at0, HasSubstr("conv1d dtype=0 ndim=2 cc=8192 kk=4\n"));
-  EXPECT_THAT(at0, HasSubstr("      wr[3][0..3] = "));
-  testing::internal::CaptureStderr();
-  attend(m, 0, m.embedding(13), 1);
-  const std::string at1 = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(at1.find("LIN S-pos"), std::string::npos) << "only every eighth position";
-  EXPECT_THAT(at1, HasSubstr("    lin: |qkv|="));
-}
-
-// A full-attention layer spelled out from the formulas, with its own cache.
-class FullLayer {
- public:
-  FullLayer(OpenModel& m, size_t layer) : m_(m), L_(m.model.L[layer]) {}
-
-  Floats step(const Floats& x, size_t pos) {
-    const Floats xn = norm(L_.attn_norm, x);
-    Floats q = times(m_, L_.wq, xn);
-    Floats k = times(m_, L_.wk, xn);
-    Floats v = times(m_, L_.wv, xn);
-    if (L_.qb != nullptr) {
-      for (size_t i = 0; i < q.size(); ++i) q[i] += floats(L_.qb)[i];
-      for (size_t i = 0; i < k.size(); ++i) k[i] += floats(L_.kb)[i];
-      for (size_t i = 0; i < v.size(); ++i) v[i] += floats(L_.vb)[i];
-    }
-    for (size_t g = 0; g < 4; ++g) {
-      const Floats rotated = rotate(norm(L_.k_norm, slice(k, g * 256)), pos);
-      keys_[g].insert(keys_[g].end(), rotated.begin(), rotated.end());
-      const Floats raw = slice(v, g * 256);
-      values_[g].insert(values_[g].end(), raw.begin(), raw.end());
-    }
-    Floats o;
-    for (size_t h = 0; h < 16; ++h) {
-      const Floats query = rotate(norm(L_.q_norm, slice(q, h * 512)), pos);
-      const Floats out = head(query, slice(q, h * 512 + 256), h / 4);
-      o.insert(o.end(), out.begin(), out.end());
-    }
-    return times(m_, L_.wo, o);
-  }
-
- private:
-  static Floats slice(const Floats& x, size_t from) {
-    return {x.begin() + static_cast<ptrdiff_t>(from),
-            x.begin() + static_cast<ptrdiff_t>(from + 256)};
-  }
-
-  static Floats rotate(Floats x, size_t pos) {
-    Floats c(32);
-    Floats s(32);
-    reference::ropeAngles(64, pos, c.data(), s.data());
-    reference::ropeRotate(x.data(), 64, c.data(), s.data());
-    return x;
-  }
-
-  Floats head(const Floats& query, const Floats& gate, size_t g) const {
-    const size_t slots = keys_[g].size() / 256;
-    Floats score(slots);
-    float max = -1e30F;
-    for (size_t s = 0; s < slots; ++s) {
-      score[s] = dotF32(query.data(), keys_[g].data() + s * 256, 256) * 0.0625F;
-      max = std::max(max, score[s]);
-    }
-    float sum = 0;
-    for (size_t s = 0; s < slots; ++s) sum += kiv::math::expF32(score[s] - max);
-    const float inverse = 1.0F / sum;
-    Floats out(256);
-    for (size_t d = 0; d < 256; ++d) {
-      float a = 0;
-      for (size_t s = 0; s < slots; ++s) {
-        a += (kiv::math::expF32(score[s] - max) * inverse) * values_[g][s * 256 + d];
-      }
-      out[d] = a / (kiv::math::expF32(-gate[d]) + 1.0F);
-    }
-    return out;
-  }
-
-  OpenModel& m_;
-  Layer& L_;
-  Floats keys_[4];
-  Floats values_[4];
-};
-
 TinyModel withBiases() {
   TinyModel tiny;
   const auto add = [&](const char* name, size_t n) {
@@ -309,19 +144,6 @@ TEST(FullAttnStep, FullCacheIsRefused) {
   attend(m, 1, x, 1);
   EXPECT_THROW(attend(m, 1, x, 2), std::length_error);
   EXPECT_EQ(m.model.L[1].kvLen, 2U);
-}
-
-TEST(FullAttnStep, TracePrintsEveryEighthPositionOfLayerThree) {
-  OpenModel m{TinyModel()};
-  const ScopedEnv env("QWEN35_DBG3", "1");
-  testing::internal::CaptureStderr();
-  attend(m, 3, m.embedding(10), 0);
-  attend(m, 3, m.embedding(11), 1);
-  attend(m, 1, m.embedding(11), 0);
-  const std::string text = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(text, HasSubstr("FULL kvLen=0 qh0: max "));
-  EXPECT_THAT(text, HasSubstr(" nTok 1\n"));
-  EXPECT_EQ(text.find("FULL", 1), std::string::npos) << text;
 }
 
 TEST(FfnStep, IsSwiGlu) {

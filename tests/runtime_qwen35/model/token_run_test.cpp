@@ -10,9 +10,10 @@
 
 #include "kernels/reference.h"
 #include "layers/blocks.h"
-#include "matmul/product.h"
+#include "matmul/matmul.h"
 #include "model/checkpoint.h"
 #include "qwen35_model.h"
+#include "runtime_qwen35/levels.h"
 #include "runtime_qwen35/open_model.h"
 #include "runtime_qwen35/random_matrix.h"
 #include "support/scoped_env.h"
@@ -60,13 +61,9 @@ void expectSameState(const Model& a, const Model& b) {
   }
 }
 
-class TokenRuns : public testing::TestWithParam<CpuLevel> {
- protected:
-  ForcedCpuLevel level_{GetParam()};
-};
+class TokenRuns : public AtEveryLevel<CpuLevel> {};
 
-INSTANTIATE_TEST_SUITE_P(Levels, TokenRuns,
-                         testing::ValuesIn(cpuLevels().begin(), cpuLevels().end()), levelName);
+INSTANTIATE_TEST_SUITE_P(Levels, TokenRuns, testing::ValuesIn(kEveryLevel), levelName);
 
 TEST_P(TokenRuns, OfAnyLengthAreOneByOne) {
   const TinyModel tiny;
@@ -175,9 +172,9 @@ TEST_P(TokenRuns, ALongCacheIsReadInThePlainOrder) {
       reference::rmsNorm(x.data(), static_cast<const float*>(L.attn_norm->data), xn.data(),
                          xn.size(), 1e-6F);
       Floats q(matrixRows(*L.wq));
-      gemvRow(m.model, L.wq, xn.data(), q.data());
+      matvec({}, *L.wq, xn.data(), q);
       Floats want(m.model.nEmb);
-      gemvRow(m.model, L.wo, attendedByHand(m.model, L, q, before).data(), want.data());
+      matvec({}, *L.wo, attendedByHand(m.model, L, q, before).data(), want);
       EXPECT_EQ(got, want);
     }
   }
@@ -228,9 +225,9 @@ TEST_P(TokenRuns, OddHeadsAreReadInThePlainOrder) {
     Floats xn(20);
     reference::rmsNorm(x.data(), static_cast<const float*>(norm.view().data), xn.data(), 20, 1e-6F);
     Floats q(2 * 14 * 37);
-    gemvRow(m, L.wq, xn.data(), q.data());
+    matvec({}, *L.wq, xn.data(), q);
     Floats want(20);
-    gemvRow(m, L.wo, attendedByHand(m, L, q, pos).data(), want.data());
+    matvec({}, *L.wo, attendedByHand(m, L, q, pos).data(), want);
     ASSERT_EQ(got, want) << pos;
   }
 }

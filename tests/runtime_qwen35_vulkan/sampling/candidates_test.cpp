@@ -17,7 +17,6 @@
 #include "qwen35_cpu.h"
 #include "runtime_qwen35_vulkan/sampling/plain_sampling.h"
 #include "sampling/sampling.h"
-#include "sampling/sampling_loops.h"
 
 namespace qwen35rt {
 namespace {
@@ -87,7 +86,7 @@ std::vector<float> logitsOf(int kind, size_t n, uint32_t seed) {
 
 class LoopsTest : public ::testing::TestWithParam<CpuLevel> {
  protected:
-  const SamplingLoops& loops_ = samplingLoops(GetParam());
+  const SamplingLoops& loops_ = qwen35::kernelTable(GetParam()).sampling;
 };
 
 INSTANTIATE_TEST_SUITE_P(Levels, LoopsTest,
@@ -96,11 +95,12 @@ INSTANTIATE_TEST_SUITE_P(Levels, LoopsTest,
 
 TEST_P(LoopsTest, AForcedLevelIsTheOneThatIsUsed) {
   const ForcedCpuLevel forced(GetParam());
-  EXPECT_EQ(&samplingLoops(), &loops_);
+  EXPECT_EQ(&qwen35::kernelTable().sampling, &loops_);
 }
 
 TEST(SamplingLoopsTest, TheLevelsOfEveryProcessorDiffer) {
-  EXPECT_NE(&samplingLoops(CpuLevel::Avx2), &samplingLoops(CpuLevel::Baseline));
+  EXPECT_NE(&qwen35::kernelTable(CpuLevel::Avx2).sampling,
+            &qwen35::kernelTable(CpuLevel::Baseline).sampling);
 }
 
 Extent plainExtent(const std::vector<float>& x, float scale) {

@@ -1,18 +1,17 @@
 // How the lanes of a vector read the rows of a stored matrix, for each encoding.
 //
-// The text that all instruction sets share: every source of a level includes
-// this once, after its flags are set, and hands it a vector type V. Everything
-// has internal linkage, so that no level's code can be linked into another.
+// All instruction sets share this text: each level's source includes it once and hands it the
+// level's vector type V (lanes_*.h). Everything has internal linkage, so that no level's code can
+// be linked into another.
 //
-// Why the fused steps below are exact: a half-precision scale has 11 significant
-// bits, a sub-block's scale 6 to 8, a code 4 to 8, so their products fit the 24
-// bits of a float and multiplying them rounds nothing. `scale * code - min` in
-// one fused step then rounds once, exactly as the two steps of the plain loop.
-// For the same reason a code may stay where it lies in its word: the mask leaves
-// code * 2^k, and the scale is multiplied by 2^-k beforehand.
+// Why the fused steps below are exact: a half-precision scale has 11 significant bits, a
+// sub-block's scale 6 to 8, a code 4 to 8, so their products fit the 24 bits of a float and
+// multiplying them rounds nothing. `scale * code - min` in one fused step then rounds once, as
+// the two steps of the plain loop do together. For the same reason a code may stay where it lies
+// in its word: the mask leaves code * 2^k, and the scale is multiplied by 2^-k beforehand.
 //
-// A minus zero may become a plus zero on the way; a sum that starts at plus zero
-// never shows the difference.
+// A minus zero may become a plus zero on the way. The sums start at plus zero and come out the
+// same for both.
 #pragma once
 
 #include <cstddef>
@@ -37,7 +36,7 @@ constexpr int kFieldBit = 8 * static_cast<int>(kByte) + trailingZeros(kMask);
 template <size_t kByte, uint32_t kMask>
 constexpr bool kFieldIsTop = kByte == 3 && (kMask & 0x80) != 0;
 
-// Field of a word times fieldUnit is the field's value.
+// The masked field of a word as floats; times fieldUnit it is the field's value.
 template <class V, size_t kByte, uint32_t kMask>
 ZEM_INLINE typename V::F field(typename V::I word) {
   if constexpr (kFieldIsTop<kByte, kMask>) {
@@ -65,9 +64,8 @@ ZEM_INLINE typename V::I shift(typename V::I v) {
   }
 }
 
-// Rows of one tile: G groups of V::kLanes each. Two groups at a time fill the
-// wait of one group's chain of additions with the other's; the column's x is
-// broadcast once for both.
+// Rows of one tile: G groups of V::kLanes each. While one group waits for its chain of additions,
+// the other adds; the column's x is broadcast once for both.
 template <class V, size_t G>
 struct Tile {
   static constexpr size_t kRows = G * V::kLanes;
@@ -82,9 +80,9 @@ struct Tile {
   const uint8_t* rows[G][V::kLanes];
   const uint8_t* ahead;  // in the tile after this one, whose rows follow without a gap
 
-  // Asks for a kParts-th of as many bytes of that tile as one of `kRowBytes` a
-  // row has. Called evenly between the sums: a whole block's lines at once would
-  // fill the buffers that this block's own loads wait for.
+  // Prefetches one of kParts parts of the next tile's block, which has kRowBytes bytes a row.
+  // Formats call this evenly between the sums: prefetching a whole block at once would fill the
+  // buffers that this block's own loads wait for.
   template <size_t kRowBytes, size_t kParts>
   ZEM_INLINE void fetchAhead() {
     constexpr size_t kPiece = G * V::kLanes * kRowBytes / kParts;
@@ -106,7 +104,7 @@ struct Affine {
   typename V::F min[G];
 };
 
-// The six-bit scales, or minima, of four sub-blocks from the bytes of a word.
+// The six-bit scales, or minima, of four sub-blocks: one in each byte of a word.
 template <class V, size_t G>
 ZEM_INLINE void widenSixBits(typename V::I word, typename V::F d, size_t g,
                              typename V::F (Affine<V, G>::*part)[G], Affine<V, G>* affines) {
@@ -116,9 +114,8 @@ ZEM_INLINE void widenSixBits(typename V::I word, typename V::F d, size_t g,
   });
 }
 
-// Scales and minima of the eight sub-blocks of Q4_K and Q5_K, whose first 16
-// bytes are the same. See kiv::quant::getScaleMinK4, here for four sub-blocks
-// at once.
+// Scales and minima of the eight sub-blocks of Q4_K and Q5_K, which begin with the same 16 bytes.
+// See kiv::quant::getScaleMinK4; this takes four sub-blocks at once.
 template <class V, size_t G>
 ZEM_INLINE void loadAffines(const Tile<V, G>& tile, Affine<V, G>* affines) {
   using I = typename V::I;
@@ -141,8 +138,8 @@ ZEM_INLINE void loadAffines(const Tile<V, G>& tile, Affine<V, G>* affines) {
   }
 }
 
-// Words of 4 * N bytes a row, kept in the first-level cache while the low and
-// the high parts of their bytes are used: one transposition for both.
+// 4 * N bytes of each row as transposed words. They stay in the first-level cache while the low
+// and then the high parts of their bytes are used: one transposition serves both.
 template <class V, size_t G, size_t N>
 struct Words {
   typename V::I at[G][N];
@@ -152,7 +149,8 @@ struct Words {
   }
 };
 
-// Each format hands kColumns columns, stored in kBytes bytes a row, to a sink:
+// A row is stored in units of kBlockColumns columns in kBlockBytes bytes. Each format hands
+// kColumns columns, stored in kBytes bytes a row, to a sink:
 //   columns<mask>(words, wordOf, affine, column)
 //       4 * words quantised columns: the four bytes of word w hold, under the
 //       mask, the codes of columns 4w to 4w + 3; wordOf(group, w) gives the word
@@ -161,15 +159,16 @@ struct Words {
 //   widened(widen, tile, columns, column)
 //       columns that the library's block decoder has to widen, because the
 //       vector steps are not exact for them
-// `column` counts from the format's first. Columns arrive in order. `rest`, where
-// there is one, hands over what is left at the end of a row. kMostRows is how
-// many rows are read side by side for one vector.
+// `column` counts from the first of the kColumns. Columns arrive in order. `rest`, where there is
+// one, hands over what is left at the end of a row. matvec reads kMostRows rows side by side.
 inline constexpr size_t kBlockRows = 32;
 
 struct Q4K {
   static constexpr size_t kMostRows = kBlockRows;
   static constexpr size_t kColumns = kiv::quant::kBlock256;
   static constexpr size_t kBytes = sizeof(kiv::quant::Q4KBlock);
+  static constexpr size_t kBlockColumns = kColumns;
+  static constexpr size_t kBlockBytes = kBytes;
   static constexpr size_t kCodes = offsetof(kiv::quant::Q4KBlock, qs);
 
   template <class V, size_t G, class Sink>
@@ -192,6 +191,8 @@ struct Q5K {
   static constexpr size_t kMostRows = kBlockRows;
   static constexpr size_t kColumns = kiv::quant::kBlock256;
   static constexpr size_t kBytes = sizeof(kiv::quant::Q5KBlock);
+  static constexpr size_t kBlockColumns = kColumns;
+  static constexpr size_t kBlockBytes = kBytes;
   static constexpr size_t kFifthBits = offsetof(kiv::quant::Q5KBlock, qh);
   static constexpr size_t kCodes = offsetof(kiv::quant::Q5KBlock, qs);
 
@@ -226,12 +227,14 @@ struct Q6K {
   static constexpr size_t kMostRows = kBlockRows;
   static constexpr size_t kColumns = kiv::quant::kBlock256;
   static constexpr size_t kBytes = sizeof(kiv::quant::Q6KBlock);
+  static constexpr size_t kBlockColumns = kColumns;
+  static constexpr size_t kBlockBytes = kBytes;
   static constexpr size_t kHigh = offsetof(kiv::quant::Q6KBlock, qh);
   static constexpr size_t kScales = offsetof(kiv::quant::Q6KBlock, scales);
   static_assert(offsetof(kiv::quant::Q6KBlock, d) == kBytes - 2);
 
-  // Scales of the 16 sub-blocks, and 32 times each: what a code of zero stands
-  // for. False when a row's d is infinite or NaN, where that sum is not exact.
+  // Scales of the 16 sub-blocks, and as minima 32 times each, because codes stand for code - 32.
+  // False when a row's d is infinite or NaN: the fused step is not exact then.
   template <class V, size_t G>
   ZEM_INLINE static bool loadScales(const Tile<V, G>& tile, Affine<V, G>* affines) {
     const auto flip = V::setBits(0x80808080);
@@ -296,7 +299,7 @@ struct Q6K {
 
 struct Q80 {
   static constexpr size_t kMostRows = kBlockRows;
-  static constexpr size_t kBlocks = 8;  // whose scales are fetched together
+  static constexpr size_t kBlocks = 8;  // that load their scales together
   static constexpr size_t kBlockColumns = kiv::quant::kBlock32;
   static constexpr size_t kBlockBytes = sizeof(kiv::quant::Q80Block);
   static constexpr size_t kColumns = kBlocks * kBlockColumns;
@@ -349,15 +352,17 @@ struct Q80 {
   }
 };
 
-// Plain numbers are taken a cache line of each row at a time, from no more rows
-// than the processor's own prefetching follows and than share the sets of the
-// first-level cache when a row's length is a multiple of 1024 bytes: twice as
-// many rows ran at half the rate, and fetching ahead as for blocks lost too.
+// Plain numbers go a cache line of each row at a time, over 16 rows. The processor's own
+// prefetching follows that many, and their lines fit the first-level cache even when a row's
+// length is a multiple of 1024 bytes and all fall into the same sets. Tried and lost: 32 rows ran
+// at half the rate, and prefetching as for blocks was slower too.
 inline constexpr size_t kPlainRows = 16;
 struct Bf16 {
   static constexpr size_t kMostRows = kPlainRows;
   static constexpr size_t kColumns = 32;
   static constexpr size_t kBytes = 64;
+  static constexpr size_t kBlockColumns = 1;
+  static constexpr size_t kBlockBytes = 2;
 
   template <class V, size_t G, class Sink>
   ZEM_INLINE static void add(Tile<V, G>& tile, Sink& sink) {
@@ -399,6 +404,8 @@ struct F32 {
   static constexpr size_t kMostRows = kPlainRows;
   static constexpr size_t kColumns = 16;
   static constexpr size_t kBytes = 64;
+  static constexpr size_t kBlockColumns = 1;
+  static constexpr size_t kBlockBytes = 4;
 
   template <class V, size_t G, class Sink>
   ZEM_INLINE static void add(Tile<V, G>& tile, Sink& sink) {

@@ -1,5 +1,5 @@
-// The vector type of one level. Included by that level's source alone, which is
-// compiled with its flags.
+// The vector type of one level. Only that level's source, which is compiled with the level's
+// flags, includes this.
 #pragma once
 
 #include <immintrin.h>
@@ -12,7 +12,7 @@ namespace {
 
 struct Avx2 {
   static constexpr size_t kLanes = 8;
-  static constexpr size_t kTokens = 6;  // whose sums fill 12 of 16 registers
+  static constexpr size_t kTokens = 6;  // of one group: their sums fill 12 of 16 registers
   static constexpr size_t kStateVectors = 4;
   using F = __m256;
   using I = __m256i;

@@ -1,5 +1,5 @@
-// The vector type of one level. Included by that level's source alone, which is
-// compiled with its flags.
+// The vector type of one level. Only that level's source, which is compiled with the level's
+// flags, includes this.
 #pragma once
 
 #include <immintrin.h>
@@ -12,7 +12,7 @@ namespace {
 
 struct Avx512 {
   static constexpr size_t kLanes = 16;
-  static constexpr size_t kTokens = 8;  // whose sums fill 16 of 32 registers
+  static constexpr size_t kTokens = 8;  // of one group: their sums fill 16 of 32 registers
   static constexpr size_t kStateVectors = 8;
   using F = __m512;
   using I = __m512i;

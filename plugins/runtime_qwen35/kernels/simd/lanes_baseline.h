@@ -1,5 +1,5 @@
-// The vector type of one level. Included by that level's source alone, which is
-// compiled with its flags.
+// The vector type of one level. Only that level's source, which is compiled with the level's
+// flags, includes this.
 #pragma once
 
 #include <emmintrin.h>
@@ -13,7 +13,7 @@ namespace {
 // SSE2, which every x86-64 processor has.
 struct Baseline {
   static constexpr size_t kLanes = 4;
-  static constexpr size_t kTokens = 6;  // whose sums fill 12 of 16 registers
+  static constexpr size_t kTokens = 6;  // of one group: their sums fill 12 of 16 registers
   static constexpr size_t kStateVectors = 2;
   using F = __m128;
   using I = __m128i;

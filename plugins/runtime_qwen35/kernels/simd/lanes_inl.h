@@ -1,6 +1,5 @@
-// What all code over the lanes of a vector is written with. Included by the
-// sources of the levels alone; everything has internal linkage, so that no
-// level's code can be linked into another.
+// Tools for code over the lanes of a vector. Only the sources of the levels include this.
+// Everything has internal linkage, so that no level's code can be linked into another.
 #pragma once
 
 #include <cstddef>

@@ -1,15 +1,11 @@
-// Everything that is compiled for this level. Built with the level's own flags, so
-// it includes nothing whose inline functions another source could end up with,
-// and defines nothing but its tables.
+// All code of this level. It is built with the level's own flags, so it includes nothing with
+// inline functions that another source could end up with, and defines nothing but its table.
+#include "kernels/simd/kernel_table_inl.h"
 #include "kernels/simd/lanes_baseline.h"
-#include "kernels/simd/row_dots_inl.h"
-#include "kernels/simd/step_loops_inl.h"
-#include "kernels/simd/token_dots_inl.h"
 
 namespace qwen35 {
 
-constinit const RowDotsTable kRowDotsBaseline = rowDotsTableOf<Baseline>();
-constinit const TokenDotsTable kTokenDotsBaseline = tokenDotsTableOf<Baseline>();
-constinit const StepLoops kStepLoopsBaseline = stepLoopsOf<Baseline>();
+extern const KernelTable kKernelsBaseline;
+constinit const KernelTable kKernelsBaseline = kernelsOf<Baseline>();
 
 }  // namespace qwen35

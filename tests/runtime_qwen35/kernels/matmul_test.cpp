@@ -1,7 +1,5 @@
-// Products with many tokens against the plain loop over the widened row for each
-// of them, bit for bit, at every instruction set that this machine has.
-#include "kernels/token_dots.h"
-
+// A matrix times many tokens against the plain loop over the widened row for each of them, bit for
+// bit, at every level.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,8 +8,9 @@
 #include <random>
 #include <vector>
 
-#include "matmul/product.h"
-#include "runtime_qwen35/open_model.h"
+#include "kernels/kernel_table.h"
+#include "kernels/packing.h"
+#include "runtime_qwen35/levels.h"
 #include "runtime_qwen35/random_matrix.h"
 
 namespace qwen35 {
@@ -36,9 +35,9 @@ Floats plainSumsOfTokens(const RandomMatrix& W, const Floats& x, size_t tokens) 
   return all;
 }
 
-class TokensAtEveryLevel : public testing::TestWithParam<Case> {
+class MatmulAtEveryLevel : public AtEveryLevel<Case> {
  protected:
-  const TokenDotsTable& table() const { return tokenDotsTable(GetParam().level); }
+  const KernelTable& table() const { return kernelTable(GetParam().level); }
   DType type() const { return GetParam().type; }
   size_t block() const { return kiv::dtypeBlockSize(type()); }
 
@@ -47,14 +46,14 @@ class TokensAtEveryLevel : public testing::TestWithParam<Case> {
     const size_t cols = x.size() / tokens;
     const Floats in = packed(x, tokens, table().groupTokens);
     Floats out(tokens * rows + 1, -7.0F);
-    tokenDotsOf(table(), type())(W.view().data, in.data(), tokens, rows, cols, out.data(), rows);
+    table().matmul[type()](W.view().data, in.data(), tokens, rows, cols, out.data(), rows);
     EXPECT_EQ(out.back(), -7.0F) << "wrote beyond the last row";
     out.pop_back();
     EXPECT_TRUE(sameBits(out, plainSumsOfTokens(W, x, tokens)));
   }
 };
 
-TEST_P(TokensAtEveryLevel, AnyNumberOfTokens) {
+TEST_P(MatmulAtEveryLevel, AnyNumberOfTokens) {
   const size_t cols = 2 * std::max<size_t>(block(), 80);
   const RandomMatrix W(type(), 37, cols / block() * block(), 1);
   const size_t wholeCols = W.view().shape[0];
@@ -64,7 +63,7 @@ TEST_P(TokensAtEveryLevel, AnyNumberOfTokens) {
   }
 }
 
-TEST_P(TokensAtEveryLevel, RowsAroundEveryNumberOfLanes) {
+TEST_P(MatmulAtEveryLevel, RowsAroundEveryNumberOfLanes) {
   const size_t cols = std::max<size_t>(block(), 32);
   const Floats x = randomVector(9 * cols, 2);
   for (const size_t rows : {1, 2, 7, 8, 9, 15, 16, 17, 31, 32, 33, 63, 64, 65, 97}) {
@@ -75,7 +74,7 @@ TEST_P(TokensAtEveryLevel, RowsAroundEveryNumberOfLanes) {
 
 // Of whole panels, of parts of one, and of plain numbers that fill neither a
 // panel nor a vector.
-TEST_P(TokensAtEveryLevel, ColumnsOfEveryNumberOfBlocks) {
+TEST_P(MatmulAtEveryLevel, ColumnsOfEveryNumberOfBlocks) {
   std::vector<size_t> counts = {1, 2, 3, 4, 5, 7, 8, 9, 11, 12};
   if (block() == 1) counts = {1, 2, 15, 16, 17, 31, 32, 33, 100, 127, 128, 129, 160, 255, 256, 300};
   for (const size_t blocks : counts) {
@@ -85,7 +84,7 @@ TEST_P(TokensAtEveryLevel, ColumnsOfEveryNumberOfBlocks) {
   }
 }
 
-TEST_P(TokensAtEveryLevel, RandomShapes) {
+TEST_P(MatmulAtEveryLevel, RandomShapes) {
   std::mt19937 rng(5);
   for (uint32_t round = 0; round < 20; ++round) {
     const size_t rows = 1 + rng() % 80;
@@ -97,7 +96,7 @@ TEST_P(TokensAtEveryLevel, RandomShapes) {
   }
 }
 
-TEST_P(TokensAtEveryLevel, WeightsAtAnyAddress) {
+TEST_P(MatmulAtEveryLevel, WeightsAtAnyAddress) {
   const size_t cols = 3 * block();
   const Floats x = randomVector(7 * cols, 6);
   for (size_t misalignment = 1; misalignment < 17; misalignment += 3) {
@@ -107,7 +106,7 @@ TEST_P(TokensAtEveryLevel, WeightsAtAnyAddress) {
 }
 
 // Infinities, NaNs, subnormal scales.
-TEST_P(TokensAtEveryLevel, AnyBytesAtAll) {
+TEST_P(MatmulAtEveryLevel, AnyBytesAtAll) {
   for (uint32_t round = 0; round < 10; ++round) {
     const size_t cols = 5 * std::max<size_t>(block(), 32);
     expectPlainSums(RandomMatrix(type(), 40, cols, round, Scales::Any),
@@ -115,7 +114,7 @@ TEST_P(TokensAtEveryLevel, AnyBytesAtAll) {
   }
 }
 
-TEST_P(TokensAtEveryLevel, ASpecialNumberStaysInItsToken) {
+TEST_P(MatmulAtEveryLevel, ASpecialNumberStaysInItsToken) {
   const size_t cols = std::max<size_t>(block(), 64);
   const float inf = std::numeric_limits<float>::infinity();
   for (const float special : {inf, std::numeric_limits<float>::quiet_NaN(), -0.0F,
@@ -127,32 +126,12 @@ TEST_P(TokensAtEveryLevel, ASpecialNumberStaysInItsToken) {
   }
 }
 
-TEST_P(TokensAtEveryLevel, ProductsAreThoseOfOneTokenForAnyNumberOfThreads) {
-  const ForcedCpuLevel level(GetParam().level);
-  const size_t rows = 259;
-  const size_t tokens = 13;
-  const size_t stride = 300;  // of the tokens, farther apart than they are long
-  const RandomMatrix W(type(), rows, 256, 10);
-  const Floats x = randomVector(tokens * stride, 11);
-  Model m;
-  Floats want(tokens * rows);
-  for (size_t t = 0; t < tokens; ++t) {
-    gemvRow(m, &W.view(), x.data() + t * stride, want.data() + t * rows);
-  }
-  for (const int threads : {1, 2, 5}) {
-    const ThreadCount guard(threads);
-    Floats y(tokens * rows, 5.0F);
-    products(m, &W.view(), ProductInput(x.data(), stride, tokens, 256), y.data());
-    EXPECT_TRUE(sameBits(y, want)) << threads;
-  }
-}
+INSTANTIATE_TEST_SUITE_P(Levels, MatmulAtEveryLevel, testing::ValuesIn(everyCase()), caseName);
 
-INSTANTIATE_TEST_SUITE_P(TokenDots, TokensAtEveryLevel, testing::ValuesIn(everyCase()), caseName);
-
-class ColumnsAtEveryLevel : public testing::TestWithParam<CpuLevel> {};
+class ColumnsAtEveryLevel : public AtEveryLevel<CpuLevel> {};
 
 TEST_P(ColumnsAtEveryLevel, FloatsSideBySideAreAddedInOrder) {
-  const TokenDotsTable& table = tokenDotsTable(GetParam());
+  const KernelTable& table = kernelTable(GetParam());
   const size_t rows = 3 * table.tileRows;
   const size_t stride = rows + 5;
   for (size_t tokens = 1; tokens <= table.groupTokens; ++tokens) {
@@ -168,15 +147,14 @@ TEST_P(ColumnsAtEveryLevel, FloatsSideBySideAreAddedInOrder) {
           }
         }
       }
-      table.columnSums(columns.data(), stride, x.data(), tokens, count, rows, sums.data(),
+      table.addColumns(columns.data(), stride, x.data(), tokens, count, rows, sums.data(),
                        rows + 2);
       EXPECT_TRUE(sameBits(sums, want)) << tokens << " tokens, " << count << " columns";
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(TokenDots, ColumnsAtEveryLevel,
-                         testing::ValuesIn(cpuLevels().begin(), cpuLevels().end()), levelName);
+INSTANTIATE_TEST_SUITE_P(Levels, ColumnsAtEveryLevel, testing::ValuesIn(kEveryLevel), levelName);
 
 TEST(PackTokens, PutsTheTokensOfAGroupSideBySide) {
   // Three tokens of two columns, in groups of two: 0 1 | 10 11 | 20 21.
@@ -193,96 +171,6 @@ TEST(PackTokens, PartsOfTheColumnsMakeTheWhole) {
   packTokens(x.data(), 50, 7, 50, 6, 20, 20, parts.data());
   packTokens(x.data(), 50, 7, 50, 6, 20, 50, parts.data());
   EXPECT_EQ(parts, packed(x, 7, 6));
-}
-
-// Rows that end within a block have no fast way, and go token by token.
-TEST(Products, RowsThatShareABlockAreComputedToo) {
-  const RandomMatrix W(DType::Q8_0, 9, 64, 16);
-  TensorView odd = W.view();
-  odd.shape = {40, 9, 0, 0};
-  const Floats x = randomVector(3 * 40, 17);
-  Model m;
-  Floats y(27, 5.0F);
-  products(m, &odd, ProductInput(x.data(), 40, 3, 40), y.data());
-  for (size_t t = 0; t < 3; ++t) {
-    Floats want(9);
-    gemvRow(m, &odd, x.data() + t * 40, want.data());
-    EXPECT_EQ(Floats(y.begin() + static_cast<ptrdiff_t>(9 * t),
-                     y.begin() + static_cast<ptrdiff_t>(9 * t + 9)),
-              want);
-  }
-}
-
-TEST(Products, TypesThatAreNotComputedGiveZeros) {
-  const RandomMatrix bytes(DType::F32, 4, 64, 18);
-  TensorView W = bytes.view();
-  W.dtype = DType::F16;
-  const Floats x = randomVector(2 * 64, 19);
-  Model m;
-  Floats y(8, 5.0F);
-  products(m, &W, ProductInput(x.data(), 64, 2, 64), y.data());
-  EXPECT_EQ(y, Floats(8, 0.0F));
-}
-
-// A GPU that writes 100 * (its number of calls) into every row, and declines the
-// calls that it is told to.
-struct CountingGpu {
-  int calls = 0;
-  int declined = -1;
-
-  static bool product(void* self, const TensorView* W, const float* /*x*/, float* y) {
-    auto& gpu = *static_cast<CountingGpu*>(self);
-    if (gpu.calls++ == gpu.declined) return false;
-    std::fill_n(y, matrixRows(*W), 100.0F * static_cast<float>(gpu.calls));
-    return true;
-  }
-};
-
-struct GpuModel {
-  explicit GpuModel(CountingGpu& gpu) {
-    m.gpuCtx = &gpu;
-    m.gpuGemvRow = CountingGpu::product;
-  }
-  Model m;
-};
-
-TEST(Products, TheGpuIsOfferedEveryToken) {
-  const RandomMatrix W(DType::Q4_K, 2, 256, 20);
-  const Floats x = randomVector(3 * 256, 21);
-  CountingGpu gpu;
-  GpuModel model(gpu);
-  Floats y(6);
-  products(model.m, &W.view(), ProductInput(x.data(), 256, 3, 256), y.data());
-  EXPECT_EQ(y, (Floats{100, 100, 200, 200, 300, 300}));
-}
-
-TEST(Products, ATokenThatTheGpuDeclinesIsTheCpus) {
-  const RandomMatrix W(DType::Q4_K, 2, 256, 22);
-  const Floats x = randomVector(3 * 256, 23);
-  Model cpu;
-  Floats want(6);
-  products(cpu, &W.view(), ProductInput(x.data(), 256, 3, 256), want.data());
-  CountingGpu gpu;
-  gpu.declined = 1;
-  GpuModel model(gpu);
-  Floats y(6);
-  products(model.m, &W.view(), ProductInput(x.data(), 256, 3, 256), y.data());
-  EXPECT_EQ(y, (Floats{100, 100, want[2], want[3], 300, 300}));
-}
-
-TEST(Products, AGpuThatDeclinesTheFirstTokenIsNotAskedAgain) {
-  const RandomMatrix W(DType::Q4_K, 2, 256, 24);
-  const Floats x = randomVector(3 * 256, 25);
-  CountingGpu gpu;
-  gpu.declined = 0;
-  GpuModel model(gpu);
-  Floats y(6);
-  products(model.m, &W.view(), ProductInput(x.data(), 256, 3, 256), y.data());
-  EXPECT_EQ(gpu.calls, 1);
-  Model cpu;
-  Floats want(6);
-  products(cpu, &W.view(), ProductInput(x.data(), 256, 3, 256), want.data());
-  EXPECT_EQ(y, want);
 }
 
 }  // namespace

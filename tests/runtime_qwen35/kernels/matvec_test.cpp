@@ -1,7 +1,5 @@
-// Every instruction set that this machine has against the plain loop over the
-// widened row, bit for bit.
-#include "kernels/row_dots.h"
-
+// A matrix times a vector against the plain loop over the widened row, bit for bit, at every
+// level.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,26 +8,25 @@
 #include <initializer_list>
 #include <limits>
 #include <random>
-#include <string>
+#include <utility>
 #include <vector>
 
-#include "matmul/product.h"
-#include "qwen35_cpu.h"
-#include "runtime_qwen35/open_model.h"
+#include "kernels/kernel_table.h"
+#include "runtime_qwen35/levels.h"
 #include "runtime_qwen35/random_matrix.h"
 
 namespace qwen35 {
 namespace {
 
-class EveryLevelAndType : public testing::TestWithParam<Case> {
+class MatvecAtEveryLevel : public AtEveryLevel<Case> {
  protected:
-  RowDots dotRows() const { return rowDotsOf(rowDotsTable(GetParam().level), GetParam().type); }
+  Matvec kernel() const { return kernelTable(GetParam().level).matvec[type()]; }
   DType type() const { return GetParam().type; }
   size_t block() const { return kiv::dtypeBlockSize(type()); }
 
   Floats sums(const RandomMatrix& W, const Floats& x) const {
     Floats out(matrixRows(W.view()) + 1, -7.0F);
-    dotRows()(W.view().data, x.data(), out.size() - 1, x.size(), out.data());
+    kernel()(W.view().data, x.data(), out.size() - 1, x.size(), out.data());
     EXPECT_EQ(out.back(), -7.0F) << "wrote beyond the last row";
     out.pop_back();
     return out;
@@ -40,7 +37,7 @@ class EveryLevelAndType : public testing::TestWithParam<Case> {
   }
 };
 
-TEST_P(EveryLevelAndType, RowsAroundEveryNumberOfLanes) {
+TEST_P(MatvecAtEveryLevel, RowsAroundEveryNumberOfLanes) {
   const size_t cols = 2 * std::max<size_t>(block(), 32);
   const Floats x = randomVector(cols, 1);
   for (const size_t rows :
@@ -50,7 +47,7 @@ TEST_P(EveryLevelAndType, RowsAroundEveryNumberOfLanes) {
   }
 }
 
-TEST_P(EveryLevelAndType, ColumnsOfEveryNumberOfBlocks) {
+TEST_P(MatvecAtEveryLevel, ColumnsOfEveryNumberOfBlocks) {
   for (size_t blocks = 1; blocks <= 9; ++blocks) {
     SCOPED_TRACE(blocks);
     const size_t cols = blocks * block();
@@ -58,12 +55,12 @@ TEST_P(EveryLevelAndType, ColumnsOfEveryNumberOfBlocks) {
   }
 }
 
-TEST_P(EveryLevelAndType, LongRows) {
+TEST_P(MatvecAtEveryLevel, LongRows) {
   const size_t cols = 2560;
   expectPlainSums(RandomMatrix(type(), 37, cols, 4), randomVector(cols, 5));
 }
 
-TEST_P(EveryLevelAndType, RandomShapes) {
+TEST_P(MatvecAtEveryLevel, RandomShapes) {
   std::mt19937 rng(6);
   for (uint32_t round = 0; round < 40; ++round) {
     const size_t rows = 1 + rng() % 80;
@@ -73,7 +70,7 @@ TEST_P(EveryLevelAndType, RandomShapes) {
   }
 }
 
-TEST_P(EveryLevelAndType, WeightsAtAnyAddress) {
+TEST_P(MatvecAtEveryLevel, WeightsAtAnyAddress) {
   const size_t cols = 3 * block();
   const Floats x = randomVector(cols, 7);
   for (size_t misalignment = 1; misalignment < 17; ++misalignment) {
@@ -84,14 +81,14 @@ TEST_P(EveryLevelAndType, WeightsAtAnyAddress) {
 
 // Random exponents: infinities, NaNs, subnormal scales, and sums of one block
 // that are far larger than those of the next.
-TEST_P(EveryLevelAndType, AnyBytesAtAll) {
+TEST_P(MatvecAtEveryLevel, AnyBytesAtAll) {
   for (uint32_t round = 0; round < 20; ++round) {
     const size_t cols = 3 * std::max<size_t>(block(), 32);
     expectPlainSums(RandomMatrix(type(), 40, cols, round, Scales::Any), randomVector(cols, round));
   }
 }
 
-TEST_P(EveryLevelAndType, AnyNumbersInTheVector) {
+TEST_P(MatvecAtEveryLevel, AnyNumbersInTheVector) {
   const size_t cols = std::max<size_t>(block(), 64);
   const float inf = std::numeric_limits<float>::infinity();
   for (const float special :
@@ -104,58 +101,25 @@ TEST_P(EveryLevelAndType, AnyNumbersInTheVector) {
   }
 }
 
-TEST_P(EveryLevelAndType, NoColumnsGiveZeros) {
+TEST_P(MatvecAtEveryLevel, NoColumnsGiveZeros) {
   Floats out(5, 3.0F);
-  dotRows()(nullptr, nullptr, 5, 0, out.data());
+  kernel()(nullptr, nullptr, 5, 0, out.data());
   EXPECT_TRUE(sameBits(out, Floats(5, 0.0F)));
 }
 
-TEST_P(EveryLevelAndType, NoRowsWriteNothing) {
+TEST_P(MatvecAtEveryLevel, NoRowsWriteNothing) {
   float out = 3;
-  dotRows()(nullptr, nullptr, 0, 256, &out);
+  kernel()(nullptr, nullptr, 0, 256, &out);
   EXPECT_EQ(out, 3.0F);
 }
 
-TEST_P(EveryLevelAndType, ProductsAddToYForAnyNumberOfThreads) {
-  const ForcedCpuLevel level(GetParam().level);
-  const size_t rows = 259;  // enough weights for a team, and odd
-  const RandomMatrix W(type(), rows, 256, 11);
-  const Floats x = randomVector(256, 12);
-  const Floats before = randomVector(rows, 13);
-  Floats want = plainSums(W, x);
-  for (size_t r = 0; r < rows; ++r) want[r] = before[r] + want[r];
-  for (const int threads : {1, 2, 5}) {
-    const ThreadCount guard(threads);
-    Model m;
-    Floats y = before;
-    gemvRow(m, &W.view(), x.data(), y.data());
-    EXPECT_TRUE(sameBits(y, want)) << threads;
-  }
-}
+INSTANTIATE_TEST_SUITE_P(Levels, MatvecAtEveryLevel, testing::ValuesIn(everyCase()), caseName);
 
-TEST_P(EveryLevelAndType, TheHeadOverwrites) {
-  const ForcedCpuLevel level(GetParam().level);
-  const RandomMatrix W(type(), 300, 256, 14);
-  const Floats x = randomVector(256, 15);
-  for (const int threads : {1, 2, 5}) {
-    const ThreadCount guard(threads);
-    Model m;
-    m.emb = &W.view();
-    m.nEmb = 256;
-    m.nVocab = 300;
-    Floats logits(300, 9.0F);
-    headProduct(m, x.data(), logits.data());
-    EXPECT_TRUE(sameBits(logits, plainSums(W, x))) << threads;
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(RowDots, EveryLevelAndType, testing::ValuesIn(everyCase()), caseName);
-
-class EveryLevel : public testing::TestWithParam<CpuLevel> {};
+class ScalesAtEveryLevel : public AtEveryLevel<CpuLevel> {};
 
 // Every half-precision number as a scale, all 65,536 of them.
-TEST_P(EveryLevel, EveryHalfPrecisionScale) {
-  const RowDots dotRows = rowDotsTable(GetParam()).q80;
+TEST_P(ScalesAtEveryLevel, EveryHalfPrecisionScale) {
+  const Matvec kernel = kernelTable(GetParam()).matvec[DType::Q8_0];
   const size_t rows = 256;
   for (uint32_t upper = 0; upper < 256; ++upper) {
     RandomMatrix W(DType::Q8_0, rows, 32, upper, Scales::Any);
@@ -165,13 +129,38 @@ TEST_P(EveryLevel, EveryHalfPrecisionScale) {
     }
     const Floats x = randomVector(32, upper);
     Floats got(rows);
-    dotRows(W.view().data, x.data(), rows, 32, got.data());
+    kernel(W.view().data, x.data(), rows, 32, got.data());
     ASSERT_TRUE(sameBits(got, plainSums(W, x))) << upper;
   }
 }
 
+// The numbers of docs/kernels.md.
+TEST_P(ScalesAtEveryLevel, WorkedExample) {
+  std::vector<uint8_t> block(144);
+  const uint16_t d = 0x3400;     // 0.25
+  const uint16_t dmin = 0x3000;  // 0.125
+  std::memcpy(block.data(), &d, 2);
+  std::memcpy(block.data() + 2, &dmin, 2);
+  for (size_t j = 0; j < 4; ++j) {
+    block[4 + j] = 5;
+    block[8 + j] = 3;
+    block[12 + j] = 5 | 3 << 4;
+  }
+  block[16] = 0x2B;
+  block[17] = 0x70;
+  Floats x(256);
+  Floats sums;
+  for (const auto& [column, value] : {std::pair{0, 2.0F}, {1, 1.0F}, {32, 4.0F}, {33, -2.0F}}) {
+    x[static_cast<size_t>(column)] = value;
+    float sum = 0;
+    kernelTable(GetParam()).matvec[DType::Q4_K](block.data(), x.data(), 1, 256, &sum);
+    sums.push_back(sum);
+  }
+  EXPECT_EQ(sums, (Floats{26.75F, 26.375F, 34.875F, 18.125F}));
+}
+
 // Every pair of six-bit scale and minimum in every sub-block, every code.
-TEST_P(EveryLevel, EverySixBitScaleAndMinimum) {
+TEST_P(ScalesAtEveryLevel, EverySixBitScaleAndMinimum) {
   const size_t rows = 64;
   for (uint32_t scale = 0; scale < 64; ++scale) {
     RandomMatrix W(DType::Q4_K, rows, 256, scale);
@@ -186,14 +175,14 @@ TEST_P(EveryLevel, EverySixBitScaleAndMinimum) {
     }
     const Floats x = randomVector(256, scale);
     Floats got(rows);
-    rowDotsTable(GetParam()).q4k(W.view().data, x.data(), rows, 256, got.data());
+    kernelTable(GetParam()).matvec[DType::Q4_K](W.view().data, x.data(), rows, 256, got.data());
     ASSERT_TRUE(sameBits(got, plainSums(W, x))) << scale;
   }
 }
 
 // One infinite scale among finite ones: the other rows of its lanes, and the
 // blocks around it, keep their bits.
-TEST_P(EveryLevel, AnInfiniteScaleStaysInItsRow) {
+TEST_P(ScalesAtEveryLevel, AnInfiniteScaleStaysInItsRow) {
   for (const auto& [type, offset] : {std::pair{DType::Q6_K, size_t{208}},
                                      {DType::Q8_0, 0},
                                      {DType::Q4_K, 0},
@@ -208,7 +197,7 @@ TEST_P(EveryLevel, AnInfiniteScaleStaysInItsRow) {
       }
       const Floats x = randomVector(cols, 17);
       Floats got(35);
-      rowDotsOf(rowDotsTable(GetParam()), type)(W.view().data, x.data(), 35, cols, got.data());
+      kernelTable(GetParam()).matvec[type](W.view().data, x.data(), 35, cols, got.data());
       const Floats want = plainSums(W, x);
       EXPECT_TRUE(sameBits(got, want)) << kiv::dtypeName(type) << " " << half;
       EXPECT_FALSE(std::isfinite(want[3]));
@@ -219,7 +208,7 @@ TEST_P(EveryLevel, AnInfiniteScaleStaysInItsRow) {
 }
 
 // With codes of one sign nothing cancels: the sum is an infinity and not NaN.
-TEST_P(EveryLevel, AnInfiniteScaleGivesAnInfiniteSum) {
+TEST_P(ScalesAtEveryLevel, AnInfiniteScaleGivesAnInfiniteSum) {
   const float inf = std::numeric_limits<float>::infinity();
   for (const auto& [type, offset] : {std::pair{DType::Q6_K, size_t{208}},
                                      {DType::Q8_0, 0},
@@ -236,41 +225,39 @@ TEST_P(EveryLevel, AnInfiniteScaleGivesAnInfiniteSum) {
       std::memcpy(W.bytes() + 7 * stride + stride - block + offset, &half, 2);
       const Floats x(256, 0.25F);
       Floats got(20);
-      rowDotsOf(rowDotsTable(GetParam()), type)(W.view().data, x.data(), 20, 256, got.data());
+      kernelTable(GetParam()).matvec[type](W.view().data, x.data(), 20, 256, got.data());
       EXPECT_TRUE(sameBits(got, plainSums(W, x))) << kiv::dtypeName(type);
       EXPECT_EQ(got[7], half == 0x7C00 ? inf : -inf) << kiv::dtypeName(type);
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(RowDots, EveryLevel,
-                         testing::ValuesIn(cpuLevels().begin(), cpuLevels().end()),
-                         [](const auto& level) { return cpuLevelName(level.param); });
+INSTANTIATE_TEST_SUITE_P(Levels, ScalesAtEveryLevel, testing::ValuesIn(kEveryLevel), levelName);
 
-// Rows that end within a block overlap in the file; their products stay what
-// they are for whole blocks, sums over the widened row.
-TEST(RowsThatEndWithinABlock, AreSummedOverTheWidenedRow) {
-  const size_t cols = 300;
-  RandomMatrix W(DType::Q4_K, 7, 512, 18);
-  TensorView view = W.view();
-  view.shape = {cols, 7, 0, 0};
-  const Floats x = randomVector(cols, 19);
-  Model m;
-  Floats y(7);
-  gemvRow(m, &view, x.data(), y.data());
-  for (size_t r = 0; r < 7; ++r) {
-    Floats row(cols);
-    rowToF32(&view, r, cols, row.data());
-    EXPECT_EQ(y[r], reference::dotF32(row.data(), x.data(), cols));
+// A processor has every level's table, whether or not it can run it.
+TEST(KernelTables, HaveNoProductsForTypesThatAreNotComputed) {
+  for (const DType type : {DType::F16, DType::Q4_0, DType::Q8_K, DType::Q5_0, DType::Q5_1,
+                           static_cast<DType>(11), static_cast<DType>(0xFFFF)}) {
+    for (const CpuLevel level : kEveryLevel) {
+      EXPECT_EQ(kernelTable(level).matvec[type], nullptr);
+      EXPECT_EQ(kernelTable(level).matmul[type], nullptr);
+    }
   }
 }
 
-TEST(RowDotsOf, HasNothingForTypesThatAreNotComputed) {
-  for (const DType type : {DType::F16, DType::Q4_0, DType::Q8_K, DType::Q5_0, DType::Q5_1}) {
-    for (const CpuLevel level : cpuLevels()) {
-      EXPECT_EQ(rowDotsOf(rowDotsTable(level), type), nullptr);
+TEST(KernelTables, HaveAProductForEveryTypeThatIsComputed) {
+  for (const DType type : kTypes) {
+    for (const CpuLevel level : kEveryLevel) {
+      EXPECT_NE(kernelTable(level).matvec[type], nullptr);
+      EXPECT_NE(kernelTable(level).matmul[type], nullptr);
     }
   }
+}
+
+TEST(KernelTables, AreOneForEachLevel) {
+  EXPECT_NE(&kernelTable(CpuLevel::Avx512), &kernelTable(CpuLevel::Avx2));
+  EXPECT_NE(&kernelTable(CpuLevel::Avx2), &kernelTable(CpuLevel::Baseline));
+  EXPECT_NE(&kernelTable(CpuLevel::Avx512), &kernelTable(CpuLevel::Baseline));
 }
 
 }  // namespace

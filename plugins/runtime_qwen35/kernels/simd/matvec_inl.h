@@ -1,8 +1,10 @@
-// Dot products of rows with one vector, over the lanes of a vector type.
+// A matrix times one vector. Rows lie in the lanes of a vector: column after column, every lane
+// decodes its own row's weight, multiplies and adds, so that each row's sum has the order of the
+// plain loop and its bits.
 #pragma once
 
-#include "kernels/row_dots.h"
 #include "kernels/simd/formats_inl.h"
+#include "kernels/widened_rows.h"
 
 namespace qwen35 {
 namespace {
@@ -21,8 +23,8 @@ ZEM_INLINE void addColumns(size_t words, const WordOf& wordOf, const Affine<V, G
     min[g.value] = affine.min[g.value];
     sum[g.value] = sums[g.value];
   });
-  // Hides the number from the compiler: GCC 12 unrolls a loop of four whole, runs
-  // out of registers and loses a tenth of Q6_K.
+  // Hides the count from the compiler: GCC 12 unrolls a loop of four whole, runs out of registers
+  // and loses a tenth of Q6_K's speed.
   asm("" : "+r"(words));
   for (size_t w = 0; w < words; ++w) {
     typename V::I word[G];
@@ -39,8 +41,7 @@ ZEM_INLINE void addColumns(size_t words, const WordOf& wordOf, const Affine<V, G
   unrolled<G>([&](auto g) ZEM_INLINE_LAMBDA { sums[g.value] = sum[g.value]; });
 }
 
-// The same sums by way of the library's block decoders, for what the fast way
-// cannot do exactly.
+// SumSink::columns by way of the library's block decoders, where the vector steps are not exact.
 template <class V, size_t G>
 [[gnu::noinline]] void addWidened(WidenBlocks widen, const Tile<V, G>& tile, const float* x,
                                   size_t columns, typename V::F (&sums)[G]) {
@@ -52,10 +53,10 @@ template <class V, size_t G>
   }
 }
 
-// Multiplies each column by its x and adds it to the rows' sums. `x` belongs to
-// the format's first column.
+// Multiplies each column by its x and adds it to the rows' sums. `x` belongs to the first column
+// that the format hands over.
 template <class V, size_t G>
-struct DotSink {
+struct SumSink {
   const float* x;
   typename V::F (&sums)[G];
 
@@ -76,11 +77,10 @@ struct DotSink {
   }
 };
 
-// Dot products of `count` rows, at most G * V::kLanes; lanes beyond repeat the
-// last row.
+// The sums of `count` rows, at most G * V::kLanes; lanes beyond repeat the last row.
 template <class V, class Format, size_t G>
-void dotTile(const uint8_t* W, size_t stride, size_t count, const float* x, size_t cols,
-             float* dots) {
+void matvecTile(const uint8_t* W, size_t stride, size_t count, const float* x, size_t cols,
+                float* y) {
   constexpr size_t kRows = G * V::kLanes;
   Tile<V, G> tile(W, stride, count);
   typename V::F sums[G];
@@ -88,48 +88,39 @@ void dotTile(const uint8_t* W, size_t stride, size_t count, const float* x, size
 
   size_t c = 0;
   for (; c + Format::kColumns <= cols; c += Format::kColumns) {
-    DotSink<V, G> sink{x + c, sums};
+    SumSink<V, G> sink{x + c, sums};
     Format::template add<V, G>(tile, sink);
     tile.advance(Format::kBytes);
   }
-  if constexpr (requires { &Format::template rest<V, G, DotSink<V, G>>; }) {
-    DotSink<V, G> sink{x + c, sums};
+  if constexpr (requires { &Format::template rest<V, G, SumSink<V, G>>; }) {
+    SumSink<V, G> sink{x + c, sums};
     if (c < cols) Format::template rest<V, G>(tile, cols - c, sink);
   }
 
   float all[kRows];
   unrolled<G>([&](auto g)
                   ZEM_INLINE_LAMBDA { V::store(all + g.value * V::kLanes, sums[g.value]); });
-  std::memcpy(dots, all, count * sizeof(float));
+  std::memcpy(y, all, count * sizeof(float));
 }
 
-template <class V, class Format, size_t kBlockColumns, size_t kBlockBytes>
-void dotRows(const void* W, const float* x, size_t rows, size_t cols, float* dots) {
+// See Matvec.
+template <class V, class Format>
+void matvec(const void* W, const float* x, size_t rows, size_t cols, float* y) {
   constexpr size_t kGroups = Format::kMostRows < 2 * V::kLanes ? 1 : 2;
-  const size_t stride = cols / kBlockColumns * kBlockBytes;
+  const size_t stride = cols / Format::kBlockColumns * Format::kBlockBytes;
   const auto* base = static_cast<const uint8_t*>(W);
   while (rows > 0) {
     const size_t most = rows > V::kLanes ? kGroups * V::kLanes : V::kLanes;
     const size_t count = rows < most ? rows : most;
     if (count > V::kLanes) {
-      dotTile<V, Format, kGroups>(base, stride, count, x, cols, dots);
+      matvecTile<V, Format, kGroups>(base, stride, count, x, cols, y);
     } else {
-      dotTile<V, Format, 1>(base, stride, count, x, cols, dots);
+      matvecTile<V, Format, 1>(base, stride, count, x, cols, y);
     }
     base += count * stride;
-    dots += count;
+    y += count;
     rows -= count;
   }
-}
-
-template <class V>
-constexpr RowDotsTable rowDotsTableOf() {
-  return {dotRows<V, F32, 1, 4>,
-          dotRows<V, Bf16, 1, 2>,
-          dotRows<V, Q80, Q80::kBlockColumns, Q80::kBlockBytes>,
-          dotRows<V, Q4K, Q4K::kColumns, Q4K::kBytes>,
-          dotRows<V, Q5K, Q5K::kColumns, Q5K::kBytes>,
-          dotRows<V, Q6K, Q6K::kColumns, Q6K::kBytes>};
 }
 
 }  // namespace

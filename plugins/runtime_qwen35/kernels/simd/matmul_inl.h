@@ -1,12 +1,13 @@
-// Dot products of rows with many vectors, over the lanes of a vector type.
+// A matrix times many vectors.
 //
-// A tile of rows is widened into a panel of floats that stays in the first-level
-// cache, columns one after the other, rows side by side. Then the panel is run
-// through once for each group of tokens, whose sums stay in registers.
+// The kernel decodes a tile of rows into a panel of floats that stays in the first-level cache:
+// columns one after the other, rows side by side. Then each group of tokens runs through the
+// panel, its sums in registers. Rows lie in the lanes, as in matvec_inl.h, and every sum keeps
+// the plain loop's order.
 #pragma once
 
 #include "kernels/simd/formats_inl.h"
-#include "kernels/token_dots.h"
+#include "kernels/widened_rows.h"
 
 namespace qwen35 {
 namespace {
@@ -15,7 +16,7 @@ namespace {
 inline constexpr size_t kTileGroups = 2;
 // Of a panel. 128 columns of 32 rows are 16 KiB; a group's x takes 4 more.
 inline constexpr size_t kPanelColumns = 128;
-// Tokens that a tile is widened for at a time: the sums are kept beside the panel.
+// Tokens that one decoding of a tile serves: their sums are kept beside the panel.
 inline constexpr size_t kSumTokens = 48;
 
 // Adds `count` columns to the sums of one tile and T tokens. Column c of the
@@ -148,8 +149,8 @@ struct PanelSink {
 
 // `count` rows, at most one tile, with the sink's tokens.
 template <class V, class Format>
-void dotTokensTile(const uint8_t* W, size_t stride, size_t count, size_t cols, PanelSink<V>& sink,
-                   float* out, size_t outStride) {
+void matmulTile(const uint8_t* W, size_t stride, size_t count, size_t cols, PanelSink<V>& sink,
+                float* y, size_t yStride) {
   constexpr size_t kRows = PanelSink<V>::kRows;
   Tile<V, kTileGroups> tile(W, stride, count);
   std::memset(sink.sums, 0, sink.tokens * kRows * sizeof(float));
@@ -168,49 +169,38 @@ void dotTokensTile(const uint8_t* W, size_t stride, size_t count, size_t cols, P
   }
   if (cols % kPanelColumns != 0) sink.add(cols, cols % kPanelColumns);
   for (size_t t = 0; t < sink.tokens; ++t) {
-    std::memcpy(out + t * outStride, sink.sums + t * kRows, count * sizeof(float));
+    std::memcpy(y + t * yStride, sink.sums + t * kRows, count * sizeof(float));
   }
 }
 
-template <class V, class Format, size_t kBlockColumns, size_t kBlockBytes>
-void dotTokens(const void* W, const float* packed, size_t tokens, size_t rows, size_t cols,
-               float* out, size_t outStride) {
+// See Matmul.
+template <class V, class Format>
+void matmul(const void* W, const float* packed, size_t tokens, size_t rows, size_t cols, float* y,
+            size_t yStride) {
   static_assert(kSumTokens % V::kTokens == 0);
   constexpr size_t kRows = PanelSink<V>::kRows;
-  const size_t stride = cols / kBlockColumns * kBlockBytes;
+  const size_t stride = cols / Format::kBlockColumns * Format::kBlockBytes;
   const auto* base = static_cast<const uint8_t*>(W);
   for (size_t first = 0; first < tokens; first += kSumTokens) {
     const size_t some = tokens - first < kSumTokens ? tokens - first : kSumTokens;
     PanelSink<V> sink(packed + first * cols, some, cols);
     for (size_t r = 0; r < rows; r += kRows) {
       const size_t count = rows - r < kRows ? rows - r : kRows;
-      dotTokensTile<V, Format>(base + r * stride, stride, count, cols, sink,
-                               out + first * outStride + r, outStride);
+      matmulTile<V, Format>(base + r * stride, stride, count, cols, sink, y + first * yStride + r,
+                            yStride);
     }
   }
 }
 
+// See AddColumns.
 template <class V>
-void addColumnSums(const float* columns, size_t stride, const float* packed, size_t tokens,
-                   size_t count, size_t rows, float* sums, size_t sumStride) {
+void addColumns(const float* columns, size_t stride, const float* packed, size_t tokens,
+                size_t count, size_t rows, float* sums, size_t sumStride) {
   constexpr size_t kRows = kTileGroups * V::kLanes;
   const AddPanel add = addPanelFor<V>(tokens);
   for (size_t r = 0; r < rows; r += kRows) {
     add(columns + r, stride, packed, count, sums + r, sumStride);
   }
-}
-
-template <class V>
-constexpr TokenDotsTable tokenDotsTableOf() {
-  return {V::kTokens,
-          kTileGroups * V::kLanes,
-          dotTokens<V, F32, 1, 4>,
-          dotTokens<V, Bf16, 1, 2>,
-          dotTokens<V, Q80, Q80::kBlockColumns, Q80::kBlockBytes>,
-          dotTokens<V, Q4K, Q4K::kColumns, Q4K::kBytes>,
-          dotTokens<V, Q5K, Q5K::kColumns, Q5K::kBytes>,
-          dotTokens<V, Q6K, Q6K::kColumns, Q6K::kBytes>,
-          addColumnSums<V>};
 }
 
 }  // namespace

@@ -1,0 +1,95 @@
+#include "matmul/matmul.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdint>
+
+#include "kernels/packing.h"
+#include "kernels/reference.h"
+#include "kiv/quant/row_codec.h"
+#include "matmul/team.h"
+
+namespace qwen35 {
+namespace {
+
+bool offer(const GpuHook& gpu, const TensorView& W, const float* x, float* y) {
+  return gpu.run != nullptr && gpu.ctx != nullptr && kiv::isKQuant(W.dtype) &&
+         gpu.run(gpu.ctx, &W, x, y);
+}
+
+bool hasWholeBlocks(const TensorView& W) {
+  return matrixCols(W) % kiv::dtypeBlockSize(W.dtype) == 0;
+}
+
+const uint8_t* rowAt(const TensorView& W, size_t row) {
+  return static_cast<const uint8_t*>(W.data) + row * kiv::dtypeBytes(W.dtype, matrixCols(W));
+}
+
+// Rows that end within a block go through the plain loop. The format allows them, converters do
+// not write them.
+void matvecOfWidenedRows(const TensorView& W, const float* x, std::span<float> y) {
+  const size_t cols = matrixCols(W);
+  std::vector<float> scratch(static_cast<size_t>(omp_get_max_threads()) * cols);
+  forEachRowRange(y.size(), cols, [&](size_t thread, size_t begin, size_t end) {
+    float* row = scratch.data() + thread * cols;
+    for (size_t r = begin; r < end; ++r) {
+      rowToF32(&W, r, cols, row);
+      y[r] = reference::dotF32(row, x, cols);
+    }
+  });
+}
+
+void matmulOfTiles(const TensorView& W, const PackedTokens& X, float* y) {
+  const KernelTable& kernels = X.kernels();
+  const size_t cols = matrixCols(W);
+  const size_t rows = matrixRows(W);
+  const size_t tiles = (rows + kernels.tileRows - 1) / kernels.tileRows;
+  forEachShare(tiles, rows * cols * X.tokens() >= kTeamWeights,
+               [&](size_t /*thread*/, size_t begin, size_t end) {
+                 const size_t first = begin * kernels.tileRows;
+                 const size_t last = std::min(end * kernels.tileRows, rows);
+                 kernels.matmul[W.dtype](rowAt(W, first), X.packed(), X.tokens(), last - first,
+                                         cols, y + first, rows);
+               });
+}
+
+}  // namespace
+
+void matvec(const GpuHook& gpu, const TensorView& W, const float* x, std::span<float> y) {
+  if (offer(gpu, W, x, y.data())) return;
+  const Matvec kernel = kernelTable().matvec[W.dtype];
+  if (kernel == nullptr) {
+    std::ranges::fill(y, 0.0F);
+  } else if (hasWholeBlocks(W)) {
+    const size_t cols = matrixCols(W);
+    forEachRowRange(y.size(), cols, [&](size_t /*thread*/, size_t begin, size_t end) {
+      kernel(rowAt(W, begin), x, end - begin, cols, y.data() + begin);
+    });
+  } else {
+    matvecOfWidenedRows(W, x, y);
+  }
+}
+
+PackedTokens::PackedTokens(const float* x, size_t stride, size_t tokens, size_t cols)
+    : x_(x), stride_(stride), tokens_(tokens), kernels_(kernelTable()) {
+  if (tokens == 1) return;
+  packed_.resize(tokens * cols);
+  forEachShare(
+      cols, packed_.size() >= kTeamWeights, [&](size_t /*thread*/, size_t begin, size_t end) {
+        packTokens(x, stride, tokens, cols, kernels_.groupTokens, begin, end, packed_.data());
+      });
+}
+
+void matmul(const GpuHook& gpu, const TensorView& W, const PackedTokens& X, float* y) {
+  const size_t rows = matrixRows(W);
+  const bool fast = X.kernels().matmul[W.dtype] != nullptr && hasWholeBlocks(W);
+  const bool together = X.tokens() > 1 && fast;
+  if (together && !offer(gpu, W, X.token(0), y)) return matmulOfTiles(W, X, y);
+  // When the GPU took the first token, the others follow one by one.
+  for (size_t t = together ? 1 : 0; t < X.tokens(); ++t) {
+    matvec(gpu, W, X.token(t), {y + t * rows, rows});
+  }
+}
+
+}  // namespace qwen35
