@@ -21,7 +21,6 @@ constexpr char kDense[] = "qwen35";
 constexpr char kMixtureOfExperts[] = "qwen35moe";
 constexpr char kExtension[] = ".zem";
 constexpr int kConfidence = 95;
-constexpr uint64_t kAnyDevice = ~uint64_t{0};
 
 // The architecture of the model in the file, or null for a file that is not ours.
 const char* architectureOf(const char* path) {
@@ -36,7 +35,7 @@ const char* architectureOf(const char* path) {
 
 bool deviceAvailable() {
   kiv::vulkan::VulkanContext context;
-  return context.init(kAnyDevice).ok();
+  return context.init(kiv::vulkan::kAnyDevice).ok();
 }
 
 int qwen35Probe(const char* path, ZEMRuntimeProbe* out) noexcept {

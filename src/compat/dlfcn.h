@@ -5,7 +5,7 @@
 
 #ifdef _WIN32
 
-/* Accepted, and ignored: a library's symbols are bound at once and are found
+/* Accepted and ignored. Windows binds a library's symbols at once, and finds them
  * through its handle alone. */
 #define RTLD_LAZY 0x1
 #define RTLD_NOW 0x2
@@ -17,9 +17,9 @@
 extern "C" {
 #endif
 
-/* Loads a library by its UTF-8 name; null or "" gives the program itself. What
- * the library needs is looked for beside it and in the default folders, then in
- * the system's usual order. Null on failure. */
+/* Loads a library by its UTF-8 name; null or "" gives the program itself. Libraries
+ * that it needs are searched for beside it and in the default folders, then in the
+ * system's usual order. Null on failure. */
 void* dlopen(const char* filename, int flag);
 
 /* An exported symbol's address, of the program when `handle` is null; null when
@@ -29,9 +29,9 @@ void* dlsym(void* handle, const char* symbol);
 /* 0 for success, and for a null handle; 1 for failure. */
 int dlclose(void* handle);
 
-/* The system's text, ended with its line break, for the calling thread's last
- * error, whoever caused it: ask right after a failed call. Never null. The
- * thread's next call overwrites the text. */
+/* The system's text, with its line break, for the calling thread's last error. Any
+ * call may set that error, so ask right after the failed call. Never null. The thread's
+ * next call overwrites the text. */
 const char* dlerror(void);
 
 #ifdef __cplusplus

@@ -14,8 +14,8 @@ HMODULE moduleOf(void* handle) {
   return handle == nullptr ? GetModuleHandleW(nullptr) : static_cast<HMODULE>(handle);
 }
 
-// Not inlined: finding the thread's buffer makes system calls of its own, and none
-// may come before the caller has read the error.
+// Not inlined: finding the thread's buffer makes system calls, and the caller must read the
+// error before any other call.
 [[gnu::noinline]] const char* messageOf(DWORD code) {
   thread_local char message[kMessageBytes];
   wchar_t text[kMaxMessageChars];
@@ -56,6 +56,6 @@ int dlclose(void* handle) {
 const char* dlerror() {
   const DWORD code = GetLastError();
   const char* message = messageOf(code);
-  SetLastError(code);  // may be asked about again
+  SetLastError(code);  // the caller may ask again
   return message;
 }

@@ -1,5 +1,5 @@
-// Environment variables of this process, and of the libraries in it that ask for
-// them later. Values are UTF-8 on every system.
+// Environment variables of this process, as its libraries see them too. Values are UTF-8 on
+// every system.
 #pragma once
 
 #include <optional>
@@ -9,8 +9,8 @@ namespace compat {
 
 std::optional<std::string> environmentVariable(const char* name);
 
-// Not while another thread reads the environment. On Windows an empty value
-// unsets the variable: that system has no empty ones.
+// No other thread may read the environment meanwhile. On Windows an empty value unsets the
+// variable, because that system has no empty ones.
 void setEnvironmentVariable(const char* name, const std::string& value);
 void unsetEnvironmentVariable(const char* name);
 

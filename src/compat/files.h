@@ -1,5 +1,5 @@
-// Files by name. A name is UTF-8 on every system and in both directions; the
-// narrow names of Windows, which depend on its settings, are never used.
+// Files by name. Names are UTF-8 on every system, as arguments and as results. The narrow
+// names of Windows depend on its settings and are never used.
 #pragma once
 
 #include <cstddef>
@@ -11,16 +11,16 @@
 
 namespace compat {
 
-// Between names and the standard library's paths.
+// Converts between names and the standard library's paths.
 std::filesystem::path pathOf(std::string_view name);
 std::string nameOf(const std::filesystem::path& path);
 
-// What `name` is: not_found when there is nothing, none when the system does not tell.
+// The type of the file: not_found when there is none, none when the system does not tell.
 std::filesystem::file_type typeOf(const char* name);
 
-// Opens a file for reading bytes and returns its descriptor, which no child
-// process inherits; close() closes it. Does not wait for the other end of a
-// pipe. -1 on failure, with the reason in errno, as for all that follow.
+// Opens a file for reading bytes and returns its descriptor, which child processes do not
+// inherit. close() closes it. Does not wait for the other end of a pipe. -1 on failure. This
+// function and all that follow leave the reason in errno.
 int openToRead(const char* name);
 
 // fopen().
@@ -32,8 +32,8 @@ int createToWrite(const char* name);
 bool writeAt(int file, const void* bytes, size_t count, uint64_t offset);
 // Returns when the file's bytes are on the disk.
 bool syncToDisk(int file);
-// Renames a file, which replaces one of the new name, and puts the change on the
-// disk where the file system can.
+// Renames a file, replaces a file of the new name, and puts the change on the disk if the
+// file system can.
 bool moveOver(const char* from, const char* to);
 bool removeFile(const char* name);
 

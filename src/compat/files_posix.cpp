@@ -14,8 +14,8 @@ namespace {
 // Linux writes at most 2 GiB - 4096 a call; smaller pieces keep signals prompt.
 constexpr size_t kMaxWrite = size_t{64} << 20;
 
-// Makes a rename survive a power cut. The file is whole either way, so a file
-// system that cannot do this to a folder is no failure.
+// Makes a rename survive a power cut. Some file systems cannot do this to a folder; that is
+// not a failure, because the file is whole either way.
 void syncFolder(const std::filesystem::path& folder) {
   const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
@@ -68,7 +68,7 @@ bool moveOver(const char* from, const char* to) {
   std::filesystem::path folder = std::filesystem::path(to).parent_path();
   if (folder.empty()) folder = ".";
   if (std::rename(from, to) != 0) return false;
-  syncFolder(folder);  // nothing that can fail: the file is in its place
+  syncFolder(folder);  // the file is in its place already, so this cannot fail
   return true;
 }
 

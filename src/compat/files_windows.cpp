@@ -68,7 +68,7 @@ bool convertName(const char* name, std::wstring& wide) {
   return false;
 }
 
-// Others may rename and remove the file while it is open, as on other systems.
+// Other programs may rename and remove the file while it is open, as on other systems.
 int openDescriptor(const char* name, DWORD access, DWORD disposition, int flags) {
   std::wstring wide;
   if (!convertName(name, wide)) return -1;
@@ -90,7 +90,7 @@ std::filesystem::path pathOf(std::string_view name) { return toWide(name); }
 
 std::string nameOf(const std::filesystem::path& path) { return toUtf8(path.native()); }
 
-// The standard library takes devices for files.
+// The standard library would call a device a file.
 std::filesystem::file_type typeOf(const char* name) {
   using Type = std::filesystem::file_type;
   std::wstring wide;

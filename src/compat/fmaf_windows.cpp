@@ -1,6 +1,6 @@
-// fmaf() with one rounding. The C library's own of mingw-w64 rounds more than once
-// where the processor's instruction is not used, and the decoder's results must be
-// the same bits on every processor and system.
+// fmaf() with one rounding. The function of mingw-w64's C library rounds more than once when
+// it does not use the processor's instruction. The decoder's results must be the same bits on
+// every processor and system.
 #include <bit>
 #include <cmath>
 #include <cstdint>

@@ -1,4 +1,4 @@
-// For sources that are compiled for Windows.
+// Handles of files. Only sources for Windows include it.
 #pragma once
 
 #include <io.h>
@@ -9,8 +9,7 @@
 
 namespace compat {
 
-// The system's handle of a file descriptor of the C library; INVALID_HANDLE_VALUE
-// where there is none.
+// The system's handle of a file descriptor of the C library, or INVALID_HANDLE_VALUE.
 inline HANDLE handleOf(int file) {
   const intptr_t handle = _get_osfhandle(file);
   // -2: a stream that the process was started without.

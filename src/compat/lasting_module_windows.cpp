@@ -1,5 +1,5 @@
-// In a module that holds this source, the module stays mapped once it is loaded:
-// threads that it started may still be asleep in its code when its host lets go.
+// Keeps the module that this source is part of mapped once it is loaded. Threads that the
+// module started may still sleep in its code when its host closes it.
 #include <windows.h>
 
 namespace {

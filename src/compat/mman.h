@@ -1,7 +1,5 @@
-// Mapping files in POSIX words: fstat, close, mmap, munmap, madvise. Code that
-// maps files includes this header instead of the system's own, so that what a
-// platform needs in their place has one home. Files are opened with
-// compat/files.h.
+// Mapping files in POSIX words: fstat, close, mmap, munmap, madvise. Code that maps files
+// includes this header in place of the system's own. compat/files.h opens files.
 #pragma once
 
 #include <fcntl.h>
@@ -28,16 +26,15 @@ static_assert(sizeof(off_t) == 8, "models are larger than 4 GiB: build with 64-b
 
 extern "C" {
 
-// Maps `length` bytes of the open file `fd` from `offset` on, a multiple of the
-// system's allocation granularity (64 KiB). `addr`, `prot` and `flags` are
-// ignored: every mapping is read-only and lies where the system puts it. The
-// mapping outlives the descriptor. Returns MAP_FAILED, without setting errno,
-// when `length` is 0, `fd` is no open file, or the file is shorter than asked.
-// Any thread may call it.
+// Maps `length` bytes of the open file `fd` from `offset` on, a multiple of the system's
+// allocation granularity (64 KiB). `addr`, `prot` and `flags` are ignored: every mapping is
+// read-only, at an address that the system chooses. The mapping outlives the descriptor.
+// Returns MAP_FAILED, without setting errno, when `length` is 0, `fd` is not an open file, or
+// the file is shorter than the mapping. Any thread may call it.
 void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset);
 
-// Ends the mapping that begins at `addr`, all of it whatever `length` says.
-// Other addresses are ignored. Returns 0.
+// Ends the whole mapping that begins at `addr`; `length` does not matter. Other addresses are
+// ignored. Returns 0.
 int munmap(void* addr, size_t length);
 
 // Does nothing and returns 0.

@@ -1,4 +1,4 @@
-// What a module shows to whoever loads it, in front of a function.
+// Stands in front of a function that a module exports.
 #pragma once
 
 #ifdef _WIN32

@@ -8,18 +8,17 @@
 
 namespace compat {
 
-// Bytes go to "<path>.partial-<pid>-<n>" in the same folder, a name that no
-// other writer has; commit() puts them on the disk and renames the file to
-// `path`. Until then a file of that name stays as it was, and without a
-// commit() that succeeded nothing is left behind. Two writers to one path do
-// not disturb each other: the last commit wins.
+// Writes to "<path>.partial-<pid>-<n>" in the same folder, a name that no other writer has.
+// commit() puts the bytes on the disk and renames the file to `path`. Until then an older file
+// of that name stays as it was. The partial file is removed unless commit() succeeds. Two
+// writers to one path do not disturb each other: the last commit wins.
 //
-// A symbolic link at `path` is followed (on Windows: replaced). Anything else that
-// is no regular file (a folder, a device) is refused. On Windows a file that
-// somebody has mapped, a model in use, cannot be replaced: commit() fails.
+// A symbolic link at `path` is followed (on Windows: replaced). A folder, a device or another
+// irregular file is refused. On Windows commit() fails when a process has mapped the older
+// file, as it does with a model in use.
 //
-// Calls return false on failure, after which error() names the file and the
-// system's reason and only discard() makes sense. One thread.
+// Calls return false on failure. error() then names the file and the system's reason, and
+// discard() is the only useful call. One thread.
 class ReplacingFile {
  public:
   ReplacingFile() = default;
@@ -29,7 +28,7 @@ class ReplacingFile {
 
   bool open(const std::string& path);
   bool append(const void* bytes, size_t count);
-  bool flush();  // to the system; for errors to show now and not later
+  bool flush();  // hands the bytes to the system, so that errors show now
   // Replaces bytes that were appended before.
   bool overwrite(uint64_t offset, const void* bytes, size_t count);
   bool commit();

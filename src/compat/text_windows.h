@@ -1,4 +1,4 @@
-// Text as Windows takes it. For sources that are compiled for Windows.
+// Text in the encoding of Windows. Only sources for Windows include it.
 #pragma once
 
 #include <string>
@@ -6,12 +6,12 @@
 
 namespace compat {
 
-// What is not UTF-8, or not UTF-16, becomes U+FFFD.
+// Parts that are not UTF-8, or not UTF-16, become U+FFFD.
 std::wstring toWide(std::string_view utf8);
 std::string toUtf8(std::wstring_view utf16);
 
-// A file name for the system's calls: of any length, as an absolute "\\?\" name
-// where the plain one would be too long. False when `name` is not UTF-8.
+// A file name for the system's calls. A name that is too long for them becomes an absolute
+// "\\?\" name. False when `name` is not UTF-8.
 bool toWideName(std::string_view name, std::wstring& wide);
 
 }  // namespace compat

@@ -8,9 +8,9 @@
 extern "C" {
 #endif
 
-/* The current folder as NUL-terminated UTF-8. 0 for success, -1 when it does not
- * fit. Pass a `size` one smaller than the buffer: on Windows the terminator may
- * land right behind `size` bytes. */
+/* The current folder as NUL-terminated UTF-8. 0 for success, -1 when it does not fit.
+ * The buffer must be one byte larger than `size`: on Windows the terminator may stand
+ * right behind `size` bytes. */
 int zemCompatGetcwd(char* buf, size_t size);
 
 /* Non-zero when the descriptor is a terminal. */

@@ -17,7 +17,7 @@ int zemCompatGetcwd(char* buf, size_t size) {
   const DWORD length = GetCurrentDirectoryW(kMaxFolderChars, folder);
   if (length == 0 || length >= kMaxFolderChars) return -1;
   constexpr size_t kMaxInt = std::numeric_limits<int>::max();
-  // Of no room at all Windows would tell how much is needed, and write nothing.
+  // With a size of 0 Windows would write nothing and return the size that it needs.
   const int room = static_cast<int>(std::min(size, kMaxInt));
   if (room == 0) return -1;
   const int written = WideCharToMultiByte(CP_UTF8, 0, folder, static_cast<int>(length), buf, room,

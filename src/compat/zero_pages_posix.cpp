@@ -9,10 +9,10 @@
 namespace compat {
 namespace {
 
-// Of x86-64: ordinary ones, and those of one page table entry of the level above.
+// The page sizes of x86-64: ordinary pages, and those of the next level of the page table.
 constexpr size_t kPage = 4096;
 constexpr size_t kHugePage = size_t{2} << 20;
-// Dropping pages and taking new ones costs more than writing over so few.
+// Up to so many bytes, writing zeros costs less than dropping the pages and taking new ones.
 constexpr size_t kFewBytes = size_t{256} << 10;
 
 void* map(size_t bytes) {
@@ -21,8 +21,8 @@ void* map(size_t bytes) {
   return block == MAP_FAILED ? nullptr : block;
 }
 
-// `bytes` from an address that a huge page can have, which they get where the
-// system hands them out on request; elsewhere they are ordinary pages.
+// `bytes` from an address that a huge page can have. The system gives huge pages if it hands
+// them out on request, else ordinary ones.
 void* mapHuge(size_t bytes) {
   if (bytes > std::numeric_limits<size_t>::max() - kHugePage) return nullptr;
   auto* whole = static_cast<char*>(map(bytes + kHugePage));

@@ -12,10 +12,9 @@ constexpr size_t kBatch = 512;  // addresses asked for in one call
 
 }  // namespace
 
-// Of a sparse block the system lists the pages that were written to, so that
-// clearing it need not touch the others. Giving the pages back and asking for new
-// ones would do as well, until the day the second call fails. Large pages need a
-// privilege that few users have.
+// The system lists the pages of a sparse block that were written to, so that clearing it need
+// not touch the others. Giving the pages back and asking for new ones would clear them too, but
+// the second call may fail. Large pages need a privilege that few users have.
 void* allocateZeroPages(size_t bytes, PageUse use) {
   if (bytes == 0) return nullptr;
   const DWORD watch = use == PageUse::Sparse ? MEM_WRITE_WATCH : 0;
@@ -36,7 +35,7 @@ void clearZeroPages(void* block, size_t bytes) {
     DWORD pageBytes = 0;
     const auto left = static_cast<SIZE_T>(end - from);
     if (GetWriteWatch(0, from, left, pages.data(), &count, &pageBytes) != 0) {
-      std::memset(block, 0, bytes);  // nobody has watched
+      std::memset(block, 0, bytes);  // the system does not know which pages were written
       return;
     }
     if (count == 0) break;

@@ -28,7 +28,7 @@ using kiv::test::makeKMatrix;
 using kiv::test::randomVector;
 using kiv::test::Weights;
 
-constexpr uint64_t kAnyDevice = std::numeric_limits<uint64_t>::max();
+using kiv::vulkan::kAnyDevice;
 constexpr float kUntouched = -777.0F;
 
 zemtest::Bytes storedBytes(const KMatrix& m) {

@@ -1,6 +1,4 @@
 // zem: the command-line host. Each subcommand is a source file of its name.
-#include <CLI/CLI.hpp>
-#include <algorithm>
 #include <exception>
 #include <string>
 #include <vector>
@@ -27,54 +25,43 @@ std::string versionText() {
   return text;
 }
 
-// CLI11 takes "-sys" for the flags s, y and s.
+// Without the program's name. The parser would take "-sys" for the flags -s, -y and -s.
 std::vector<std::string> readArguments(std::vector<std::string> arguments) {
-  if (!arguments.empty()) arguments.erase(arguments.begin());  // the program's own name
+  if (!arguments.empty()) arguments.erase(arguments.begin());
   for (std::string& argument : arguments) {
     if (argument == "--") break;
     if (argument == "-sys" || argument.starts_with("-sys=")) {
       argument.replace(0, 4, "--system-prompt");
     }
   }
-  std::reverse(arguments.begin(), arguments.end());  // as CLI11 wants a vector
   return arguments;
 }
 
-int complainOfUsage(const CLI::App& app, const std::string& message) {
-  std::string command = app.get_name();
-  for (const CLI::App* chosen : app.get_subcommands()) command += " " + chosen->get_name();
-  complain(message + " (see `" + command + " --help`)");
-  return 2;
-}
-
 int runProgram(const std::vector<std::string>& arguments) {
-  CLI::App app;
-  bool version = false;
-  int status = 0;
-  declareCommandLine(app, status, version);
+  ZemCommandLine line;
+  auto outcome = CommandLine::Outcome::Nothing;
   try {
-    app.parse(readArguments(arguments));
-  } catch (const CLI::CallForHelp&) {
-    return guarded([&] { writeOut(app.help()); });
-  } catch (const CLI::ParseError& error) {
-    return complainOfUsage(app, error.what());
+    outcome = line.parse(readArguments(arguments));
   } catch (const UsageError& error) {
-    return complainOfUsage(app, error.what());
+    complain(std::string(error.what()) + " (see `" + line.chosen() + " --help`)");
+    return 2;
   }
-  if (version) return guarded([] { writeOut(versionText()); });
-  if (app.get_subcommands().empty()) return guarded([&] { writeOut(app.help()); });
-  return status;
+  if (outcome == CommandLine::Outcome::Help) return guarded([&] { writeOut(line.help()); });
+  if (line.version) return guarded([] { writeOut(versionText()); });
+  if (outcome == CommandLine::Outcome::Nothing) return guarded([&] { writeOut(line.help()); });
+  return line.status;
 }
 
 }  // namespace
-}  // namespace zemtool
 
-int compat::programMain(const std::vector<std::string>& arguments) {
+int programMain(const std::vector<std::string>& arguments) {
   const StandardStreams streams;
   try {
-    return zemtool::runProgram(arguments);
+    return runProgram(arguments);
   } catch (const std::exception& error) {
-    zemtool::complain(error.what());
+    complain(error.what());
     return 1;
   }
 }
+
+}  // namespace zemtool

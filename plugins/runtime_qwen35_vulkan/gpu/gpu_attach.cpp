@@ -1,14 +1,12 @@
 #include "gpu/gpu_attach.h"
 
-#include <limits>
-
+#include "kiv/vulkan/vulkan_context.h"
 #include "session/boundary.h"
 
 namespace qwen35rt {
 namespace {
 
-// Past the end of any machine's devices: the automatic choice.
-constexpr uint64_t kAnyDevice = std::numeric_limits<uint64_t>::max();
+using kiv::vulkan::kAnyDevice;
 
 bool bringUp(Qwen35Session& s, const CreateHintOpts& hint) {
   s.gpu = std::make_unique<kiv::GPUModelLoader>();

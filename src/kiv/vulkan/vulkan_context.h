@@ -11,6 +11,9 @@
 
 namespace kiv::vulkan {
 
+/// A device index past the end of every machine's devices: the automatic choice.
+inline constexpr uint64_t kAnyDevice = ~uint64_t{0};
+
 /// Empty, or ready after init(). All GPU work is synchronous: beginCommand,
 /// record, submitAndWait. One thread at a time; there is one fence and one pool.
 /// Other GPU objects keep a plain pointer to the context and must go first.

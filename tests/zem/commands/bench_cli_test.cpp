@@ -87,6 +87,17 @@ TEST_F(Bench, ATextThatEndsAtOnceIsAFailure) {
   EXPECT_THAT(result.err, HasSubstr("ends its text at once"));
 }
 
+TEST_F(Bench, AsManyTokensAsTheRuntimesLoopHasAreMeasured) {
+  EXPECT_THAT(run("m.zem", {"-n", "4095"}).out, HasSubstr("| tg4095 | 500.00"));
+}
+
+TEST_F(Bench, ARuntimeThatCannotMeasureIsAFailure) {
+  const ProcessResult result = run("jammed.zem");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "zem: the benchmark failed: the model cannot process its prompt\n");
+}
+
 TEST_F(Bench, ASpeedBeyondTheLastStepsIsDoubted) {
   EXPECT_THAT(run("short.zem", {"-n", "2000"}).err, HasSubstr("end its text early"));
 }
@@ -335,9 +346,11 @@ TEST_F(Bench, RooflineAddsColumns) {
 
 TEST_F(Bench, TheShareIsOfTheReadSpeed) {
   const auto result = json("m.zem", {"--roofline"});
+  constexpr double kGigabytes = 500 * 144 / 1e9;  // 500 tokens a second of 144 bytes each
   const double read = result["read_gigabytes_per_second"];
-  EXPECT_GT(read, 0.0);
-  EXPECT_DOUBLE_EQ(result["read_share"], result["gigabytes_per_second"].get<double>() / read);
+  EXPECT_GT(read, 0.01);
+  EXPECT_DOUBLE_EQ(result["gigabytes_per_second"], kGigabytes);
+  EXPECT_DOUBLE_EQ(result["read_share"], kGigabytes / read);
   EXPECT_EQ(result["tests"][0]["read_share"], result["read_share"]);
 }
 
@@ -354,7 +367,7 @@ TEST_F(Bench, WithoutRooflineThereIsNoReadSpeed) {
 
 TEST_F(Bench, ADeviceHasNoShareOfTheProcessorsMemory) {
   ZEM_NEEDS_SOFTWARE_DEVICE();
-  const std::string model = folder_.write("layers.zem", smallContainer().build());
+  const std::string model = folder_.write("m.zem", smallContainer().build());
   const ProcessResult result =
       zem({"bench", "-m", model, "--plan", "gpu:all", "--roofline", "-o", "json", "-t", "1,2"}, "",
           kSoftwareDevice);

@@ -9,7 +9,8 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-const Arguments kCommands = {"chat", "run", "info", "probe", "bench", "tokenize", "devices"};
+const Arguments kCommands = {"chat",     "run",     "info",      "probe",   "bench",
+                             "tokenize", "devices", "make-demo", "convert", "compare"};
 
 TEST(Usage, BareZemPrintsHelp) {
   const ProcessResult result = zem({});
@@ -102,6 +103,21 @@ INSTANTIATE_TEST_SUITE_P(
                  {"bench", "-m", "m", "-d", "0,1", "-p", "1,8192"},
                  "pp8192 @ d1 needs 8193 positions"},
         BadUsage{"BenchInNoFormat", {"bench", "-m", "m", "-o", "xml"}, "--output"},
+        BadUsage{"DemoWithoutName", {"make-demo"}, "output is required (see `zem make-demo"},
+        BadUsage{"DemoOfNoSize", {"make-demo", "d.zem", "--size", "huge"}, "--size: huge not in"},
+        BadUsage{"DemoOfNoType", {"make-demo", "d.zem", "--type", "q5_k_m"}, "--type: q5_k_m not"},
+        BadUsage{"DemoOfANegativeSeed",
+                 {"make-demo", "d.zem", "--seed", "-1"},
+                 "--seed: \"-1\" is not a seed: a whole number from 0"},
+        BadUsage{"ConvertWithoutInput", {"convert", "-o", "m.zem"}, "input is required"},
+        BadUsage{"ConvertWithoutOutput", {"convert", "folder"}, "--output is required"},
+        BadUsage{"ConvertToNoType", {"convert", "f", "-o", "m", "--type", "q3"}, "--type: q3 not"},
+        BadUsage{"ConvertOnNoThreads", {"convert", "f", "-o", "m", "-t", "0"}, "--threads"},
+        BadUsage{"CompareOne", {"compare", "a.zem"}, "second is required"},
+        BadUsage{"CompareThree", {"compare", "a", "b", "c"}, "c"},
+        BadUsage{"CompareTwoTexts", {"compare", "a", "b", "-p", "x", "-f", "y"}, "excludes"},
+        BadUsage{"OneOptionWithoutItsValue", {"run", "-m"}, "--model"},
+        BadUsage{"AnotherCommandAfterOne", {"devices", "run"}, "run"},
         BadUsage{"IdsAndJson", {"tokenize", "-m", "m", "-p", "x", "--ids", "--json"}, "--json"}),
     [](const auto& test) { return test.param.name; });
 

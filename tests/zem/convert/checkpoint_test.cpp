@@ -67,9 +67,28 @@ class CheckpointTest : public testing::Test {
     const kiv::TensorView* view = loader_.findTensor(name);
     EXPECT_NE(view, nullptr) << name;
     if (view == nullptr) return {};
+    EXPECT_GT(view->size, 0U) << name;
     std::vector<float> values(view->size / sizeof(float));
     std::memcpy(values.data(), view->data, view->size);
     return values;
+  }
+
+  // Converts it with an embedding that begins with 1, 2, 3, and looks for all of it.
+  void expectWhole(CheckpointBuilder& checkpoint) {
+    zemtest::Bytes& embedding = checkpoint.tensor("embed_tokens.weight").data;
+    embedding.clear();
+    for (const float value : {1.0F, 2.0F, 3.0F}) zemtest::putF32(embedding, value);
+    const ConversionReport report = convert(checkpoint);
+    EXPECT_EQ(report.architecture.width, 8U);
+    EXPECT_EQ(report.architecture.feedForward, 12U);
+    EXPECT_EQ(report.architecture.vocabulary, 300U);
+    EXPECT_EQ(report.weights.types.at("F32").tensors, 24U * 14 + 8 * 11 + 2);
+    EXPECT_THAT(report.leftOut.others, IsEmpty());
+    open();
+    const std::vector<float> stored = floats("token_embd.weight");
+    ASSERT_EQ(stored.size(), 8U * 300);
+    EXPECT_THAT(std::vector<float>(stored.begin(), stored.begin() + 4), ElementsAre(1, 2, 3, 0));
+    loader_.close();
   }
 
   std::string in(const std::string& name) const { return folder_.path("in/" + name); }
@@ -100,15 +119,15 @@ TEST_F(CheckpointTest, BothWrappersAndPrefixesAreRead) {
   options.prefix = "model.";
   CheckpointBuilder text(options);
   text.config() = text.config()["text_config"];
-  convert(text);
+  expectWhole(text);
   text.config()["model_type"] = "qwen3_5";
-  convert(text);
+  expectWhole(text);
   CheckpointBuilder wrapped;
   wrapped.config()["text_config"].erase("model_type");
-  convert(wrapped);
+  expectWhole(wrapped);
   wrapped.config()["text_config"]["model_type"] = "qwen3_5_text";
   wrapped.config().erase("model_type");
-  convert(wrapped);
+  expectWhole(wrapped);
 }
 
 TEST_F(CheckpointTest, ShardsAreReadThroughTheirIndex) {
@@ -368,7 +387,7 @@ TEST_F(CheckpointTest, OtherConfigurationsAreRefusedByKey) {
 TEST_F(CheckpointTest, AbsentKeysAreLeftToTheTensors) {
   CheckpointBuilder checkpoint;
   checkpoint.config() = {{"model_type", "qwen3_5_text"}};
-  convert(checkpoint);
+  expectWhole(checkpoint);
 }
 
 TEST_F(CheckpointTest, MissingTensorsAreNamed) {

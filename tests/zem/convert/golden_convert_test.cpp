@@ -184,7 +184,7 @@ constexpr Ceiling kCeilings[] = {
 
 TEST_F(GoldenConvert, EveryTypeIsAsCloseAsItWas) {
   for (const Ceiling& ceiling : kCeilings) {
-    SCOPED_TRACE(weightMixName(ceiling.mix));
+    SCOPED_TRACE(kiv::weightMixName(ceiling.mix));
     const std::string path = folder_->path("typed.zem");
     const ConversionReport report = convert(ceiling.mix, path);
     const Distance distance = distanceToGolden(path, 8);

@@ -22,6 +22,7 @@ namespace zemtool {
 namespace {
 
 using kiv::DType;
+using kiv::WeightMix;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -192,7 +193,7 @@ const DemoTensor& tensorOf(const DemoModel& model, const std::string& name) {
 }
 
 const DemoModel& tiny() {
-  static const DemoModel model = planDemoModel(DemoSize::Tiny, DemoType::Q4_K, 1);
+  static const DemoModel model = planDemoModel(DemoSize::Tiny, WeightMix::Q4_K, 1);
   return model;
 }
 
@@ -231,7 +232,7 @@ void expectMatrices(const DemoModel& model, const std::string& prefix, bool full
 }
 
 TEST(DemoModelTest, FourBillionPlanHasItsShapesInEveryLayer) {
-  const DemoModel model = planDemoModel(DemoSize::Full4B, DemoType::Q4_K_M, 1);
+  const DemoModel model = planDemoModel(DemoSize::Full4B, WeightMix::Q4_K_M, 1);
   EXPECT_EQ(model.tokenizer.tokens.size(), 248320U);
   EXPECT_THAT(tensorOf(model, "token_embd.weight").shape, ElementsAre(2560, 248320));
   EXPECT_TRUE(model.aliases.empty());
@@ -242,7 +243,7 @@ TEST(DemoModelTest, FourBillionPlanHasItsShapesInEveryLayer) {
 }
 
 TEST(DemoModelTest, FourBillionPlanHasItsSize) {
-  const DemoModel model = planDemoModel(DemoSize::Full4B, DemoType::Q4_K_M, 1);
+  const DemoModel model = planDemoModel(DemoSize::Full4B, WeightMix::Q4_K_M, 1);
   const zemtest::TempFile file;
   kiv::ZEM2Writer writer;
   declareDemoModel(model, "test", writer);
@@ -267,7 +268,7 @@ TEST(DemoModelTest, TinyPlanHasTwoLayersAndNamesForThirtyTwo) {
 }
 
 TEST(DemoModelTest, VectorsHaveTheirShapesAndAreF32InEveryType) {
-  for (const DemoType type : kDemoTypes) {
+  for (const WeightMix type : kDemoTypes) {
     const DemoModel model = planDemoModel(DemoSize::Tiny, type, 1);
     const std::pair<const char*, std::vector<uint64_t>> vectors[] = {
         {"blk.0.attn_norm.weight", {256}},
@@ -302,7 +303,7 @@ TEST(DemoModelTest, PureTypesHoldForEveryMatrix) {
 }
 
 TEST(DemoModelTest, MixUsesFinerTypesWhereItSays) {
-  const DemoModel model = planDemoModel(DemoSize::Tiny, DemoType::Q4_K_M, 1);
+  const DemoModel model = planDemoModel(DemoSize::Tiny, WeightMix::Q4_K_M, 1);
   for (const char* name : {"blk.3.attn_v.weight", "blk.0.ffn_down.weight", "blk.3.ffn_down.weight",
                            "token_embd.weight"}) {
     EXPECT_EQ(tensorOf(model, name).type, DType::Q6_K) << name;
@@ -350,7 +351,7 @@ TEST(DemoWeightsTest, RowsDoNotDependOnHowTheyAreCut) {
 }
 
 TEST(DemoWeightsTest, SeedNameAndRowAllMatter) {
-  const DemoModel other = planDemoModel(DemoSize::Tiny, DemoType::Q4_K, 2);
+  const DemoModel other = planDemoModel(DemoSize::Tiny, WeightMix::Q4_K, 2);
   const std::vector<float> base = floatsOf(tiny(), "blk.0.ffn_gate.weight", 0, 1);
   EXPECT_NE(floatsOf(other, "blk.0.ffn_gate.weight", 0, 1), base);
   EXPECT_NE(floatsOf(tiny(), "blk.0.ffn_up.weight", 0, 1), base);

@@ -1,5 +1,4 @@
-// What the tool asks of the GPU, on scripted machines, and what it makes of the
-// runtime's lines.
+// What the tool asks of the GPU, and what it calls the back end, on scripted machines.
 #include "host/gpu_choice.h"
 
 #include <gmock/gmock.h>
@@ -18,8 +17,6 @@ using ::kiv::test::FakeVulkan;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-
-constexpr const char* kNoGpuPath = "[qwen35-vulkan] GPU path unavailable - running CPU-only\n";
 
 FakeDevice device(const std::string& name, VkPhysicalDeviceType type) {
   FakeDevice made;
@@ -97,54 +94,46 @@ TEST(SettleGpu, NoGpuSwitchesVulkanOffBeforeAnythingAsksForIt) {
   EXPECT_EQ(settle(options), "");
   EXPECT_EQ(options.plan, "");
   EXPECT_TRUE(kiv::vulkan::vulkanSwitchedOff());
-  EXPECT_EQ(automaticDevice(), "");
+  EXPECT_EQ(usableDevice(), "");
   EXPECT_EQ(vulkan.calls("vkCreateInstance"), 0);
 }
 
-TEST(AutomaticDevice, IsNamed) {
+TEST(UsableDevice, IsTheOneThatTheRuntimeChooses) {
   const FakeVulkan vulkan({kIntegrated, kDiscrete});
-  EXPECT_EQ(automaticDevice(), "a card");
+  EXPECT_EQ(usableDevice(), "a card");
+  EXPECT_EQ(vulkan.live(), 0U);
 }
 
-TEST(AutomaticDevice, IsNobodyWithoutADevice) {
+TEST(UsableDevice, IsEmptyWithoutADevice) {
   const FakeVulkan vulkan({});
-  EXPECT_EQ(automaticDevice(), "");
+  EXPECT_EQ(usableDevice(), "");
 }
 
-TEST(BackendName, ASilentRuntimeComputesOnTheDeviceIfThereIsOne) {
-  EXPECT_EQ(backendName("card", "", ""), "Vulkan: card");
-  EXPECT_EQ(backendName("card", "", "[qwen35-vulkan] something else\n"), "Vulkan: card");
-  EXPECT_EQ(backendName("", "", ""), "CPU");
-  EXPECT_EQ(backendName("", "gpu:all", "[qwen35-gpu] layer plan: 4 gpu / 0 cpu layers\n"), "CPU");
+TEST(UsableDevice, IsEmptyWhereTheDeviceCannotBeSetUp) {
+  for (const char* call : {"vkCreateInstance", "vkCreateDevice", "vkCreateCommandPool"}) {
+    FakeVulkan vulkan({kDiscrete});
+    vulkan.fail(call, VK_ERROR_INITIALIZATION_FAILED);
+    EXPECT_EQ(usableDevice(), "") << call;
+  }
 }
 
-TEST(BackendName, ALostGpuPathIsTheCpuWhereverTheLineStands) {
-  EXPECT_EQ(backendName("card", "", kNoGpuPath), "CPU");
-  EXPECT_EQ(backendName("card", "gpu:all", std::string("before\n") + kNoGpuPath + "after\n"),
-            "CPU");
-  EXPECT_EQ(backendName("card", "", std::string("not ") + kNoGpuPath), "Vulkan: card");
+TEST(BackendName, WithoutADeviceItIsTheCpuWhateverThePlan) {
+  for (const char* plan : {"", "gpu:all", "gpu:1,cpu:all"}) EXPECT_EQ(backendName("", plan), "CPU");
 }
 
-TEST(BackendName, APlanCountsAsTheRuntimeTookIt) {
-  const auto named = [](const std::string& counts) {
-    return backendName("card", "PLAN",
-                       "bad plan token\n[qwen35-gpu] layer plan: " + counts + " cpu layers\n");
-  };
-  EXPECT_EQ(named("0 gpu / 32"), "CPU");
-  EXPECT_EQ(named("32 gpu / 0"), "Vulkan: card");
-  EXPECT_EQ(named("10 gpu / 22"), "Vulkan: card, plan PLAN");
-  EXPECT_EQ(named("1 gpu / 1"), "Vulkan: card, plan PLAN");
+TEST(BackendName, WithoutAPlanTheDeviceComputesAllLayers) {
+  EXPECT_EQ(backendName("card", ""), "Vulkan: card");
 }
 
-TEST(BackendName, APlanThatTheRuntimeDidNotTakePutsNothingOnTheGpu) {
-  EXPECT_EQ(backendName("card", "gpu:all", ""), "CPU");
-  EXPECT_EQ(backendName("card", "gpu:all", "[qwen35-gpu] layer plan: many gpu / 0 cpu layers\n"),
-            "CPU");
-}
-
-TEST(BackendName, TextWithoutALastLineFeedIsRead) {
-  EXPECT_EQ(backendName("card", "p", "[qwen35-gpu] layer plan: 2 gpu / 0 cpu layers"),
-            "Vulkan: card");
+TEST(BackendName, APlanCountsByItsLayers) {
+  for (const char* plan : {"gpu:all", "gpu:32,cpu:all", "gpu:1"}) {
+    EXPECT_EQ(backendName("card", plan), "Vulkan: card") << plan;
+  }
+  for (const char* plan : {"cpu:all", "gpu:0,cpu:all", "cpu:32,gpu:all", "nonsense"}) {
+    EXPECT_EQ(backendName("card", plan), "CPU") << plan;
+  }
+  EXPECT_EQ(backendName("card", "gpu:31,cpu:all"), "Vulkan: card, plan gpu:31,cpu:all");
+  EXPECT_EQ(backendName("card", "cpu:31,gpu:1"), "Vulkan: card, plan cpu:31,gpu:1");
 }
 
 }  // namespace

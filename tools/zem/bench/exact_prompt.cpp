@@ -46,15 +46,15 @@ bool isWord(const std::string& text) {
          std::all_of(text.begin() + 1, text.end(), [](char c) { return c >= 'a' && c <= 'z'; });
 }
 
-// One token alone and two when it comes twice: it merges neither with a line's
-// beginning nor with itself.
+// Whether the text is one token alone, and two when it comes twice. Such a text merges
+// neither with the beginning of a line nor with itself.
 bool staysItself(const kiv::Tokenizer& tokenizer, const std::string& text) {
   return countTokens(tokenizer, text, false) == 1 &&
          countTokens(tokenizer, text + text, false) == 2;
 }
 
-// Up to `limit` texts of single tokens, in the order of their ids, which in most
-// vocabularies is from the frequent to the rare.
+// Up to `limit` texts of single tokens, in the order of their ids. In most vocabularies
+// frequent tokens come first.
 template <typename Suits>
 std::vector<std::string> findTexts(const kiv::Tokenizer& tokenizer, size_t limit, Suits suits) {
   std::vector<std::string> texts;
@@ -94,8 +94,8 @@ size_t ExactPrompt::frameTokens() const {
   return countTokens(tokenizer_, std::string(kBeforeUser) + kAfterUser, true);
 }
 
-// Words may merge with the frame or with each other; what is then missing or too
-// much is made good with other words.
+// Words may merge with the frame or with each other. Each attempt then adds or drops words
+// until the number is right.
 std::string ExactPrompt::fit(size_t tokens, const std::string& before,
                              const std::string& after) const {
   std::string text;

@@ -1,5 +1,5 @@
-// Texts of an exact number of tokens, for benchmarks: the runtime takes text, and
-// what is to be measured is tokens.
+// Texts of an exact number of tokens. The runtime takes text, and a benchmark measures
+// tokens.
 #pragma once
 
 #include <cstddef>
@@ -10,18 +10,18 @@
 
 namespace zemtool {
 
-// Makes texts of frequent words of a vocabulary, always the same ones.
+// Makes texts of frequent words of a vocabulary. Equal calls give equal texts.
 class ExactPrompt {
  public:
   // Throws Failure when no token of the vocabulary stays itself when repeated.
   explicit ExactPrompt(kiv::Tokenizer tokenizer);
 
-  // A prompt that becomes `tokens` tokens, the beginning of sequence included
-  // that a runtime puts in front. Throws Failure when there is none.
+  // A prompt that becomes `tokens` tokens, with the beginning-of-sequence token that a
+  // runtime puts in front. Throws Failure when there is no such prompt.
   std::string prompt(size_t tokens) const;
 
-  // A user's text that becomes `tokens` tokens together with the frame that the
-  // runtime puts around a turn. Throws Failure below frameTokens().
+  // A user's text that becomes `tokens` tokens with the frame that the runtime puts around a
+  // turn. Throws Failure below frameTokens().
   std::string turn(size_t tokens) const;
   size_t frameTokens() const;
 

@@ -17,8 +17,7 @@ constexpr int kOwnPromptTokens = 3;
 constexpr int kWarmUpTokens = 64;
 // A turn's first token comes without a step that could be timed.
 constexpr int kStepsPerTurn = kTokenBudget - 1;
-// Replies of a token or none in a row, after which a model is taken to have
-// nothing more to say.
+// So many replies in a row of at most one token mean that the model has nothing more to say.
 constexpr int kIdleTurns = 3;
 
 std::string decodedTokens(int tokens) {
@@ -54,8 +53,8 @@ void notePiece(const char* /*piece*/, uint32_t /*length*/, void* user) {
   if (reply.pieces >= reply.wanted) reply.cancel = 1;
 }
 
-// A run that ended early shows a mean far below its own last step; noise does
-// not do that in every repetition.
+// In a run that ended early the mean is far below its own last step. Noise does not do that
+// in every repetition.
 void warnIfCutShort(const std::vector<double>& ratios) {
   if (*std::max_element(ratios.begin(), ratios.end()) < 0.5) {
     complain("warning: the model seems to end its text early; the speed is overstated (try -n 64)");
@@ -136,8 +135,8 @@ void BenchRunner::show(const BenchTest& test, int repetition, int repetitions) c
                  std::to_string(repetitions));
 }
 
-// A context that ends with the prompt: the runtime samples one token and takes no
-// step with it, so that its time in steps is the prompt's.
+// The context ends with the prompt. The runtime samples one token and takes no step with it,
+// so its time in steps is the prompt's.
 double BenchRunner::promptRate(const PreparedTest& prepared) {
   setContext(prepared.test.tokens);
   session_.generate(prepared.text, sessionRecord({}));
@@ -160,9 +159,9 @@ double BenchRunner::deepPromptRate(const PreparedTest& prepared) {
   return 1000.0 * prepared.test.tokens / (session_.stats().generation_ms - before);
 }
 
-// The runtime's benchmark divides by the tokens asked for, however early the
-// model ended its text. So the same greedy text is generated first, which also
-// warms up, to see how many of them the model is known to produce.
+// The runtime's benchmark divides by the tokens that were asked for, even if the model ended
+// its text early. Generating the same greedy text first shows how many tokens it has, and
+// warms up.
 void BenchRunner::shortenToText(BenchTest& test) {
   const int enough = test.tokens + 1;
   setContext(std::min(enough + kOwnPromptTokens, kPositions));
@@ -222,9 +221,9 @@ std::vector<double> BenchRunner::decodeAtDepth(PreparedTest& prepared, int repet
   return rates;
 }
 
-// Replies from the end of the filled depth on, each timed from its first piece to
-// its last. Where one ends before all tokens are decoded, at the runtime's 96 or
-// by the model's will, another turn goes on from there; its frame is not timed.
+// Times replies from the end of the filled depth on, each from its first piece to its last. A
+// reply may end before all tokens are decoded, at the runtime's limit or at the model's end of
+// text. Another turn then continues; its frame is not timed.
 BenchRunner::Decoded BenchRunner::decodeTurns(const PreparedTest& prepared) {
   Decoded decoded;
   int position = 0;
@@ -237,7 +236,7 @@ BenchRunner::Decoded BenchRunner::decodeTurns(const PreparedTest& prepared) {
     Reply reply;
     reply.wanted = std::min(prepared.test.tokens - decoded.steps + 1, kTokenBudget);
     session_.chatTurn(first ? prepared.before : "", notePiece, &reply, &reply.cancel);
-    // The last piece is fed only where the model ended the reply.
+    // The runtime feeds the last piece only when the model ended the reply.
     position += prompt + reply.pieces - (reply.pieces == reply.wanted ? 1 : 0);
     idle = reply.pieces < 2 ? idle + 1 : 0;
     decoded.steps += std::max(reply.pieces - 1, 0);

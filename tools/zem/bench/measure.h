@@ -27,7 +27,7 @@ struct BenchTest {
 // A test with the texts that it feeds.
 struct PreparedTest {
   BenchTest test;
-  std::string before;  // what is fed untimed: a short prompt, or the turn that fills the depth
+  std::string before;  // fed untimed: a short prompt, or the turn that fills the depth
   std::string text;    // the prompt or turn; unused where the runtime has its own
   int frame = 0;       // tokens around a turn without text
 };
@@ -37,8 +37,8 @@ void requireRoom(const BenchTest& test);
 
 bool needsTexts(const BenchTest& test);
 
-// As requireRoom, with the frames of turns counted; throws Failure for a length
-// that no text has. `maker` may be null where the test needs no texts.
+// Throws UsageError for a test that goes beyond kPositions with the frames of its turns, and
+// Failure when no text has the length. `maker` may be null when the test needs no texts.
 PreparedTest prepare(const BenchTest& test, const ExactPrompt* maker);
 
 // Runs tests on one session. Methods throw Failure when the runtime reports one.
@@ -47,9 +47,8 @@ class BenchRunner {
   BenchRunner(Session& session, const ProgressLine& progress)
       : session_(session), progress_(progress) {}
 
-  // Tokens a second, one number a repetition. Where the model ends its text too
-  // early, the test's tokens become those that were decoded, and one line on
-  // standard error says so.
+  // Tokens per second, one number for each repetition. When the model ends its text too
+  // early, the test's tokens become those that were decoded, and a line on stderr says so.
   std::vector<double> run(PreparedTest& prepared, int repetitions);
 
  private:

@@ -46,8 +46,8 @@ size_t countListed(const std::string& list) {
   return count;
 }
 
-// All last-level caches together, as the first processor's describes them; 0
-// where the system does not say.
+// The size of all last-level caches together, if all are like the first processor's. 0 when
+// the system does not tell.
 size_t lastLevelCacheBytes() {
   size_t bytes = 0;
   size_t sharing = 1;
@@ -72,8 +72,8 @@ size_t lastLevelCacheBytes() {
 
 using Words = uint64_t __attribute__((vector_size(16)));
 
-// The sum of the words in `bytes` bytes, a multiple of kStepBytes. Every word is
-// read once; sums apart, so that no addition waits for the one before it.
+// The sum of the words in `bytes` bytes, a multiple of kStepBytes. Reads every word once, into
+// several sums, so that no addition waits for the one before it.
 template <bool kAhead>
 uint64_t sumWords(const unsigned char* data, size_t bytes) {
   constexpr size_t kSums = kStepBytes / sizeof(Words);
@@ -95,7 +95,7 @@ uint64_t sumWords(const unsigned char* data, size_t bytes) {
   return total;
 }
 
-// One thread's part of the buffer, whose words count from 0 upward.
+// One thread's part of the buffer. Its words count from 0 upward.
 class Part {
  public:
   explicit Part(size_t bytes) : bytes_(bytes), data_(new unsigned char[bytes]) {
@@ -104,7 +104,7 @@ class Part {
     }
   }
 
-  // Reads everything; whether it was what had been written.
+  // Reads everything. Whether it is what was written.
   bool read(bool ahead) const {
     const uint64_t sum =
         ahead ? sumWords<true>(data_.get(), bytes_) : sumWords<false>(data_.get(), bytes_);
@@ -117,8 +117,8 @@ class Part {
   std::unique_ptr<unsigned char[]> data_;
 };
 
-// Where threads wait for each other, time and again. (std::barrier loses wake-ups
-// where the C++ library has no futex, as on Windows.)
+// A barrier that threads pass many times. (std::barrier loses wake-ups where the C++ library
+// has no futex, as on Windows.)
 class MeetingPoint {
  public:
   explicit MeetingPoint(size_t expected) : expected_(expected) {}

@@ -21,14 +21,14 @@ double deviation(const std::vector<double>& numbers) {
   return std::sqrt(squares / static_cast<double>(numbers.size() - 1));
 }
 
-// Bytes of weights a second. A prompt's tokens share their reading of the weights,
-// so that there is no such number for them.
+// Bytes of weights per second. The tokens of a prompt may share one reading of the weights, so
+// a prompt has no such number.
 std::optional<double> weightRate(const BenchSubject& subject, const BenchRow& row) {
   if (row.test.kind == BenchTest::Kind::Prompt) return std::nullopt;
   return mean(row.rates) * static_cast<double>(subject.weights.bytesPerToken);
 }
 
-// Of the memory's read speed. A device reads its own memory.
+// The share of the memory's read speed. A device reads its own memory, so it has none.
 std::optional<double> readShare(const BenchSubject& subject, const BenchRow& row) {
   const std::optional<double> rate = weightRate(subject, row);
   if (!rate || !row.readSpeed || subject.backend != "CPU") return std::nullopt;
@@ -158,8 +158,7 @@ void BenchReport::add(const BenchSubject& subject, const BenchRow& row) {
   rows_.emplace_back(subject, row);
 }
 
-// The first row's fields stand at the top as well, where those of the only row
-// have always been.
+// The first row's fields stand at the top too, for readers that know a single row.
 void BenchReport::finish() {
   if (format_ != "json") return;
   const auto& [subject, first] = rows_.front();

@@ -1,4 +1,4 @@
-// What `zem bench` prints: a table row a measurement, in three formats.
+// The report of `zem bench`: one row for each measurement, in three formats.
 #pragma once
 
 #include <optional>
@@ -11,7 +11,7 @@
 
 namespace zemtool {
 
-// What all rows share.
+// The facts that all rows share.
 struct BenchSubject {
   std::string model;
   WeightTotals weights;
@@ -27,7 +27,7 @@ struct BenchRow {
   std::optional<double> readSpeed;  // bytes a second
 };
 
-// Rows of a table appear as they are added, JSON as a whole with finish().
+// Rows of a table are printed as they are added; JSON is printed by finish().
 class BenchReport {
  public:
   // "md", "json" or "csv".

@@ -1,6 +1,5 @@
 // zem bench: how fast prompts are processed and tokens decoded, as a table to
 // paste into a report.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 #include <optional>
@@ -18,13 +17,11 @@
 #include "host/gpu_choice.h"
 #include "host/model_file.h"
 #include "host/plugin_host.h"
-#include "host/stderr_tap.h"
 
 namespace zemtool {
 namespace {
 
-constexpr int kMaxTokens = 4095;  // the runtime's loop ends there
-constexpr int kMaxThreads = 1024;
+constexpr int kMaxTokens = 4095;  // steps that the runtime's benchmark takes at most
 constexpr int kDefaultTokens = 64;
 
 struct BenchOptions {
@@ -60,14 +57,14 @@ std::vector<PreparedTest> prepareAll(const std::vector<BenchTest>& tests,
   return prepared;
 }
 
-BenchSubject describe(const BenchOptions& options, const std::string& printed) {
+BenchSubject describe(const BenchOptions& options) {
   BenchSubject subject;
   kiv::ZEM2Reader reader;
   openContainer(reader, options.session.model);
   subject.model = modelName(reader, options.session.model);
   subject.weights = weightTotals(reader);
   subject.plan = options.session.plan;
-  subject.backend = backendName(automaticDevice(), subject.plan, printed);
+  subject.backend = backendName(usableDevice(), subject.plan);
   subject.roofline = options.roofline;
   return subject;
 }
@@ -82,7 +79,7 @@ void bench(BenchOptions options) {
   const std::vector<BenchTest> tests = testsOf(options);
   for (const BenchTest& test : tests) requireRoom(test);
   if (!options.threads.empty()) options.session.threads = options.threads.front();
-  applyThreads(options.session);
+  applyThreads(options.session.threads);
   settleGpu(options.session);
   const PluginHost host(findPlugin(options.session.plugin));
   const std::vector<PreparedTest> prepared = prepareAll(tests, options.session.model);
@@ -91,6 +88,7 @@ void bench(BenchOptions options) {
 
   const ProgressLine progress;
   BenchReport report(options.format);
+  std::optional<BenchSubject> subject;
   for (const int threads : options.threads) {
     if (several) host.setThreads(threads);
     std::optional<double> readSpeed;
@@ -99,20 +97,21 @@ void bench(BenchOptions options) {
       readSpeed = measureReadSpeed(threads);
       progress.clear();
     }
-    StderrTap tap;
     Session session(host, options.session);
-    const BenchSubject subject = describe(options, tap.finish());
-    if (threads == options.threads.front()) warnOfOtherMemory(subject);
+    if (!subject) {
+      subject = describe(options);
+      warnOfOtherMemory(*subject);
+    }
     BenchRunner runner(session, progress);
     for (PreparedTest test : prepared) {
       const std::vector<double> rates = runner.run(test, options.repetitions);
-      report.add(subject, {test.test, threads, rates, readSpeed});
+      report.add(*subject, {test.test, threads, rates, readSpeed});
     }
   }
   report.finish();
 }
 
-void addTestOptions(CLI::App& command, BenchOptions& options) {
+void addTestOptions(Command& command, BenchOptions& options) {
   addNumberList(command, "-p,--prompt", "Prompts to process, of 1 to 8192 tokens", 1, kPositions,
                 options.prompts);
   addNumberList(command, "-n,--tokens",
@@ -122,15 +121,14 @@ void addTestOptions(CLI::App& command, BenchOptions& options) {
                 kPositions - 1, options.depths);
   addNumberList(command, "-t,--threads", "CPU threads (default: one a processor)", 1, kMaxThreads,
                 options.threads);
-  command.add_option("-r,--repetitions", options.repetitions, "Repetitions (default: 5)")
-      ->check(CLI::Range(1, 1000).description(""))
-      ->type_name("N");
-  command.add_flag(
-      "--roofline", options.roofline,
-      "Measure the memory's read speed too, and the share of it that decoding reaches");
-  command.add_option("-o,--output", options.format, "md, json or csv (default: md)")
-      ->check(CLI::IsMember({"md", "json", "csv"}).description(""))
-      ->type_name("FORMAT");
+  command.option("-r,--repetitions", options.repetitions, "Repetitions (default: 5)")
+      .wholeNumber(1, 1000)
+      .valueName("N");
+  command.flag("--roofline", options.roofline,
+               "Measure the memory's read speed too, and the share of it that decoding reaches");
+  command.option("-o,--output", options.format, "md, json or csv (default: md)")
+      .oneOf({"md", "json", "csv"})
+      .valueName("FORMAT");
 }
 
 constexpr const char* kFooter =
@@ -160,13 +158,13 @@ constexpr const char* kFooter =
 
 }  // namespace
 
-void addBench(CLI::App& app, int& status) {
+void addBench(Command& program, int& status) {
   auto options = std::make_shared<BenchOptions>();
-  CLI::App* command = app.add_subcommand("bench", "Measure the speed of prompts and of decoding");
-  addRuntimeOptions(*command, options->session);
-  addTestOptions(*command, *options);
-  command->footer(kFooter);
-  command->callback([options, &status] { status = guarded([&] { bench(*options); }); });
+  Command command = program.command("bench", "Measure the speed of prompts and of decoding");
+  addRuntimeOptions(command, options->session);
+  addTestOptions(command, *options);
+  command.footer(kFooter);
+  command.action([options, &status] { status = guarded([&] { bench(*options); }); });
 }
 
 }  // namespace zemtool

@@ -1,5 +1,4 @@
 // zem chat: a conversation, on a terminal or line by line through pipes.
-#include <CLI/CLI.hpp>
 #include <exception>
 #include <memory>
 #include <string>
@@ -22,7 +21,7 @@ std::string commands() {
          "/stats          tokens and speed since the last /clear\n"
          "/help           this list\n"
          "/quit           end the program (so does " +
-         std::string(compat::kEndKeys) + ")";
+         std::string(kEndKeys) + ")";
 }
 
 struct ChatOptions {
@@ -36,8 +35,8 @@ class ReplyPrinter {
  public:
   int pieces() const { return pieces_; }
 
-  // A ZEMChatTokenFn; `user` is a ReplyPrinter. What goes wrong must not pass
-  // through the runtime's frames: it ends the turn and finish() throws it.
+  // A ZEMChatTokenFn; `user` is a ReplyPrinter. An exception must not pass through the
+  // runtime's frames: it ends the turn, and finish() throws it again.
   static void onPiece(const char* piece, uint32_t length, void* user) noexcept {
     auto* self = static_cast<ReplyPrinter*>(user);
     ++self->pieces_;
@@ -166,7 +165,7 @@ class Conversation {
 void chatOnTerminal(Conversation& conversation) {
   const InterruptGuard guard;
   LineEditor editor(defaultHistoryPath());
-  remark(std::string("Ctrl-C stops a reply, ") + compat::kEndKeys +
+  remark(std::string("Ctrl-C stops a reply, ") + kEndKeys +
          " ends the conversation, /help lists the commands.");
   bool interrupted = false;
   for (bool open = true; open;) {
@@ -176,8 +175,7 @@ void chatOnTerminal(Conversation& conversation) {
         remark("");
         return;
       case LineEditor::Event::Interrupted:
-        remark(interrupted ? "^C"
-                           : "^C (again, or " + std::string(compat::kEndKeys) + ", to quit)");
+        remark(interrupted ? "^C" : "^C (again, or " + std::string(kEndKeys) + ", to quit)");
         if (interrupted) return;
         interrupted = true;
         break;
@@ -195,7 +193,7 @@ void chatOnTerminal(Conversation& conversation) {
 
 void chatThroughPipes(Conversation& conversation) {
   std::string line;
-  for (size_t number = 1; compat::readLine(line) == compat::Input::Line; ++number) {
+  for (size_t number = 1; readLine(line) == Input::Line; ++number) {
     if (line.ends_with('\r')) line.pop_back();
     requireText(line, "line " + std::to_string(number));
     if (!conversation.take(line)) return;
@@ -203,7 +201,7 @@ void chatThroughPipes(Conversation& conversation) {
 }
 
 void chat(ChatOptions options) {
-  applyThreads(options.session);
+  applyThreads(options.session.threads);
   settleGpu(options.session);
   const PluginHost host(findPlugin(options.session.plugin));
   Conversation conversation(host, options);
@@ -216,24 +214,24 @@ void chat(ChatOptions options) {
 
 }  // namespace
 
-void addChat(CLI::App& app, int& status) {
+void addChat(Command& program, int& status) {
   auto options = std::make_shared<ChatOptions>();
-  CLI::App* command = app.add_subcommand("chat", "Hold a conversation");
-  addSessionOptions(*command, options->session);
-  addContextOption(*command, options->session);
+  Command command = program.command("chat", "Hold a conversation");
+  addSessionOptions(command, options->session);
+  addContextOption(command, options->session);
   command
-      ->add_option("--system-prompt", options->system,
-                   "System prompt of the conversation; -sys for short")
-      ->type_name("TEXT");
-  addSamplingOptions(*command, options->sampling);
-  command->footer(std::string("Replies, of up to 96 tokens, go to standard output, all else to "
-                              "standard error. Without a\nterminal each line of standard input is "
-                              "a turn. Commands, with and without a terminal:\n") +
-                  commands() +
-                  "\n\nExamples:\n"
-                  "  zem chat -m model.zem -sys \"Answer in one sentence.\"\n"
-                  "  echo \"Why is the sky blue?\" | zem chat -m model.zem");
-  command->callback([options, &status] { status = guarded([&] { chat(*options); }); });
+      .option("--system-prompt", options->system,
+              "System prompt of the conversation; -sys for short")
+      .valueName("TEXT");
+  addSamplingOptions(command, options->sampling);
+  command.footer(std::string("Replies, of up to 96 tokens, go to standard output, all else to "
+                             "standard error. Without a\nterminal each line of standard input is "
+                             "a turn. Commands, with and without a terminal:\n") +
+                 commands() +
+                 "\n\nExamples:\n"
+                 "  zem chat -m model.zem -sys \"Answer in one sentence.\"\n"
+                 "  echo \"Why is the sky blue?\" | zem chat -m model.zem");
+  command.action([options, &status] { status = guarded([&] { chat(*options); }); });
 }
 
 }  // namespace zemtool

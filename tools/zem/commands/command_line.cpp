@@ -1,7 +1,5 @@
 #include "commands/command_line.h"
 
-#include <CLI/CLI.hpp>
-
 #include "commands/commands.h"
 
 namespace zemtool {
@@ -19,23 +17,14 @@ constexpr const char* kFooter =
 
 }  // namespace
 
-void declareCommandLine(CLI::App& app, int& status, bool& version) {
-  app.name("zem");
-  app.description("Runs Qwen3.5 hybrid language models through a runtime plug-in.");
-  app.footer(kFooter);
-  app.require_subcommand(0, 1);
-  app.allow_windows_style_options(false);  // "/models/a.zem" is a file on Windows, too
-  app.add_flag("--version", version, "Print the versions of this program and of the plug-in");
-  addChat(app, status);
-  addRun(app, status);
-  addInfo(app, status);
-  addProbe(app, status);
-  addBench(app, status);
-  addTokenize(app, status);
-  addDevices(app, status);
-  addMakeDemo(app, status);
-  addConvert(app, status);
-  addCompare(app, status);
+ZemCommandLine::ZemCommandLine()
+    : CommandLine("zem", "Runs Qwen3.5 hybrid language models through a runtime plug-in.") {
+  footer(kFooter);
+  flag("--version", version, "Print the versions of this program and of the plug-in");
+  for (const auto add : {addChat, addRun, addInfo, addProbe, addBench, addTokenize, addDevices,
+                         addMakeDemo, addConvert, addCompare}) {
+    add(*this, status);
+  }
 }
 
 }  // namespace zemtool

@@ -1,16 +1,18 @@
-// What `zem` understands: its options and subcommands, for the program itself and
-// for the pages that describe it.
+// The options and subcommands of `zem`, for the program itself and for the pages that
+// describe it.
 #pragma once
 
-namespace CLI {
-class App;
-}
+#include "commands/arguments.h"
 
 namespace zemtool {
 
-// Name, description, footer and subcommands of the program. A subcommand that runs
-// leaves its exit status in `status`, which must outlive `app`'s parsing; `version`
-// becomes true when the versions are asked for.
-void declareCommandLine(CLI::App& app, int& status, bool& version);
+// The command line of `zem`.
+class ZemCommandLine : public CommandLine {
+ public:
+  ZemCommandLine();
+
+  int status = 0;        // of the subcommand that ran
+  bool version = false;  // the versions were asked for
+};
 
 }  // namespace zemtool

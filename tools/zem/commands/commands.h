@@ -1,24 +1,21 @@
-// The subcommands of `zem`, one source file each. An add function declares the
-// subcommand's options on `app` and runs it from CLI11's callback; the exit
-// status goes into `status`: 0, 1 (it failed, and one line on stderr said what
-// and why). Bad usage is CLI11's to report, with status 2.
+// The subcommands of `zem`, one source file each. An add function declares the subcommand
+// and its options. When the subcommand runs it leaves its exit status in `status`: 0, or 1
+// after a failure that one line on stderr has explained. Bad usage throws UsageError.
 #pragma once
 
-namespace CLI {
-class App;
-}
+#include "commands/arguments.h"
 
 namespace zemtool {
 
-void addInfo(CLI::App& app, int& status);
-void addProbe(CLI::App& app, int& status);
-void addRun(CLI::App& app, int& status);
-void addChat(CLI::App& app, int& status);
-void addBench(CLI::App& app, int& status);
-void addTokenize(CLI::App& app, int& status);
-void addDevices(CLI::App& app, int& status);
-void addMakeDemo(CLI::App& app, int& status);
-void addConvert(CLI::App& app, int& status);
-void addCompare(CLI::App& app, int& status);
+void addInfo(Command& program, int& status);
+void addProbe(Command& program, int& status);
+void addRun(Command& program, int& status);
+void addChat(Command& program, int& status);
+void addBench(Command& program, int& status);
+void addTokenize(Command& program, int& status);
+void addDevices(Command& program, int& status);
+void addMakeDemo(Command& program, int& status);
+void addConvert(Command& program, int& status);
+void addCompare(Command& program, int& status);
 
 }  // namespace zemtool

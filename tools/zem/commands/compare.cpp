@@ -1,6 +1,5 @@
 // zem compare: how far two model files are apart, weight by weight and in what
 // they say.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -32,7 +31,7 @@ struct CompareOptions {
   std::string first;
   std::string second;
   PromptOptions prompt;
-  SessionOptions session;  // threads
+  int threads = 0;  // 0: one a processor
   bool all = false;
   bool json = false;
 };
@@ -69,7 +68,7 @@ uint64_t rowsOf(const kiv::TensorView& view) {
   return rows;
 }
 
-// Why the weights of this tensor cannot be read; empty when they can.
+// Why the weights of this tensor cannot be read; empty when they can be.
 std::string unreadable(const kiv::ZEMLoader& loader, const kiv::TensorView& view) {
   if (!kiv::hasRowCodec(view.dtype)) {
     return std::string("weights of type ") + kiv::dtypeName(view.dtype) + " cannot be read";
@@ -184,7 +183,7 @@ std::vector<int32_t> tokensOf(const kiv::ZEMLoader& first, const kiv::ZEMLoader&
 }
 
 TextDifference compareText(const CompareOptions& options, const std::vector<int32_t>& ids) {
-  applyThreads(options.session);
+  applyThreads(options.threads);
   Decoder first(options.first, ids.size());
   Decoder second(options.second, ids.size());
   if (first.vocabulary() != second.vocabulary()) {
@@ -277,9 +276,8 @@ void compare(const CompareOptions& options) {
   if (options.prompt.hasText || !options.prompt.file.empty()) {
     ids = tokensOf(first, second, readPrompt(options.prompt));
   }
-  const size_t threads = options.session.threads > 0
-                             ? static_cast<size_t>(options.session.threads)
-                             : std::max(1U, std::thread::hardware_concurrency());
+  const size_t threads = options.threads > 0 ? static_cast<size_t>(options.threads)
+                                             : std::max(1U, std::thread::hardware_concurrency());
   const std::vector<TensorDifference> tensors = compareTensors(first, second, threads);
   std::optional<TextDifference> text;
   if (!ids.empty()) text = compareText(options, ids);
@@ -290,27 +288,24 @@ void compare(const CompareOptions& options) {
 
 }  // namespace
 
-void addCompare(CLI::App& app, int& status) {
+void addCompare(Command& program, int& status) {
   auto options = std::make_shared<CompareOptions>();
-  CLI::App* command = app.add_subcommand("compare", "Show how far two model files are apart");
-  command->add_option("first", options->first, "Model file (.zem); the reference")
-      ->type_name("A")
-      ->required();
-  command->add_option("second", options->second, "Model file (.zem)")->type_name("B")->required();
-  addPromptOptions(*command, options->prompt);
-  command
-      ->add_option("-t,--threads", options->session.threads, "Threads (default: one a processor)")
-      ->check(CLI::Range(1, 1024).description(""))
-      ->type_name("N");
-  command->add_flag("--all", options->all, "List tensors with the same bytes too");
-  command->add_flag("--json", options->json, "Print JSON");
-  command->footer(
+  Command command = program.command("compare", "Show how far two model files are apart");
+  command.option("first", options->first, "Model file (.zem); the reference")
+      .valueName("A")
+      .required();
+  command.option("second", options->second, "Model file (.zem)").valueName("B").required();
+  addPromptOptions(command, options->prompt);
+  addThreadsOption(command, options->threads, "Threads (default: one a processor)");
+  command.flag("--all", options->all, "List tensors with the same bytes too");
+  command.flag("--json", options->json, "Print JSON");
+  command.footer(
       "Prints for every tensor the root mean square of the differences, relative to A's weights,\n"
       "and the largest difference. With a text, both models read it on the CPU, and the logits\n"
       "behind each token are compared: the mean KL divergence of B's from A's, in nats, and how\n"
       "often both think the same token the best.\n"
       "\nExample:\n  zem compare f32.zem q4.zem -f page.txt");
-  command->callback([options, &status] { status = guarded([&] { compare(*options); }); });
+  command.action([options, &status] { status = guarded([&] { compare(*options); }); });
 }
 
 }  // namespace zemtool

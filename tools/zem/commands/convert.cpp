@@ -1,5 +1,4 @@
 // zem convert: a published model becomes a container.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -7,6 +6,7 @@
 #include <thread>
 
 #include "commands/commands.h"
+#include "commands/options.h"
 #include "console/long_work.h"
 #include "console/terminal.h"
 #include "console/text.h"
@@ -19,20 +19,21 @@ using Json = nlohmann::ordered_json;
 
 struct ConvertOptions {
   ConversionOptions conversion;
-  std::string type = weightMixName(WeightMix::Q4_K_M);
+  std::string type = kiv::weightMixName(WeightMix::Q4_K_M);
   int threads = 0;  // 0: one a processor
   bool json = false;
 };
 
 std::vector<std::string> mixNames() {
-  std::vector<std::string> names(kWeightMixes.size());
-  std::transform(kWeightMixes.begin(), kWeightMixes.end(), names.begin(), weightMixName);
+  std::vector<std::string> names(kiv::kWeightMixes.size());
+  std::transform(kiv::kWeightMixes.begin(), kiv::kWeightMixes.end(), names.begin(),
+                 kiv::weightMixName);
   return names;
 }
 
 WeightMix mixNamed(const std::string& name) {
-  return *std::find_if(kWeightMixes.begin(), kWeightMixes.end(),
-                       [&](WeightMix mix) { return name == weightMixName(mix); });
+  return *std::find_if(kiv::kWeightMixes.begin(), kiv::kWeightMixes.end(),
+                       [&](WeightMix mix) { return name == kiv::weightMixName(mix); });
 }
 
 std::string shownError(double error) { return error == 0 ? "0" : formatNumber(error, 6); }
@@ -73,9 +74,9 @@ void printJson(const ConvertOptions& options, const ConversionReport& report) {
              {"format", report.format},
              {"files", report.files},
              {"type", options.type},
-             {"embedding_length", report.widths.width},
-             {"feed_forward_length", report.widths.feedForward},
-             {"vocabulary_size", report.widths.vocabulary},
+             {"embedding_length", report.architecture.width},
+             {"feed_forward_length", report.architecture.feedForward},
+             {"vocabulary_size", report.architecture.vocabulary},
              {"left_out",
               {{"vision", report.leftOut.vision},
                {"prediction", report.leftOut.prediction},
@@ -195,31 +196,29 @@ void convert(ConvertOptions options) {
 
 }  // namespace
 
-void addConvert(CLI::App& app, int& status) {
+void addConvert(Command& program, int& status) {
   auto options = std::make_shared<ConvertOptions>();
   ConversionOptions& conversion = options->conversion;
-  CLI::App* command =
-      app.add_subcommand("convert", "Turn a published checkpoint or a GGUF file into a model file");
-  command->add_option("input", conversion.input, "Folder of a checkpoint, or GGUF file")
-      ->type_name("INPUT")
-      ->required();
-  command->add_option("-o,--output", conversion.output, "The model file to write (.zem)")
-      ->type_name("FILE")
-      ->required();
-  command->add_option("--type", options->type, "Type of the matrices, see below")
-      ->type_name("TYPE")
-      ->check(CLI::IsMember(mixNames()).description(""))
-      ->capture_default_str();
-  command->add_option("-t,--threads", options->threads, "Threads (default: one a processor)")
-      ->type_name("N")
-      ->check(CLI::Range(1, 1024).description(""));
-  command->add_flag("--requantize", conversion.recode,
-                    "Encode a GGUF file's matrices to --type, also those that could be copied");
-  command->add_flag("--verify,!--no-verify", conversion.verify,
-                    "Measure the error of what was encoded (the default)");
-  command->add_flag("--force", conversion.force, "Replace a file that exists");
-  command->add_flag("--json", options->json, "Print the report as JSON");
-  command->footer(
+  Command command =
+      program.command("convert", "Turn a published checkpoint or a GGUF file into a model file");
+  command.option("input", conversion.input, "Folder of a checkpoint, or GGUF file")
+      .valueName("INPUT")
+      .required();
+  command.option("-o,--output", conversion.output, "The model file to write (.zem)")
+      .valueName("FILE")
+      .required();
+  command.option("--type", options->type, "Type of the matrices, see below")
+      .valueName("TYPE")
+      .oneOf(mixNames())
+      .showDefault();
+  addThreadsOption(command, options->threads, "Threads (default: one a processor)");
+  command.flag("--requantize", conversion.recode,
+               "Encode a GGUF file's matrices to --type, also those that could be copied");
+  command.flag("--verify,!--no-verify", conversion.verify,
+               "Measure the error of what was encoded (the default)");
+  command.flag("--force", conversion.force, "Replace a file that exists");
+  command.flag("--json", options->json, "Print the report as JSON");
+  command.footer(
       "INPUT is a folder with config.json, tokenizer.json and safetensors files, or a GGUF file "
       "of\n"
       "the architecture qwen35. Vision and prediction tensors are left out. Of a GGUF file, "
@@ -231,7 +230,7 @@ void addConvert(CLI::App& app, int& status) {
       "and the convolution are f32.\n"
       "\n"
       "Example:\n  zem convert ~/models/Qwen3.5-4B -o qwen.zem\n  zem chat -m qwen.zem");
-  command->callback([options, &status] { status = guarded([&] { convert(*options); }); });
+  command.action([options, &status] { status = guarded([&] { convert(*options); }); });
 }
 
 }  // namespace zemtool

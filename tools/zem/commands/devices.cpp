@@ -1,5 +1,4 @@
 // zem devices: the Vulkan devices of this machine.
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -72,15 +71,15 @@ void listDevices(bool json) {
 
 }  // namespace
 
-void addDevices(CLI::App& app, int& status) {
+void addDevices(Command& program, int& status) {
   auto json = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand("devices", "List the Vulkan devices of this machine");
-  command->add_flag("--json", *json, "Print JSON");
-  command->footer(
+  Command command = program.command("devices", "List the Vulkan devices of this machine");
+  command.flag("--json", *json, "Print JSON");
+  command.footer(
       "The order is the one in which a device index selects them. A device with native storage\n"
       "reads 8- and 16-bit numbers from buffers directly.\n"
       "\nExample:\n  zem devices --json");
-  command->callback([json, &status] { status = guarded([&] { listDevices(*json); }); });
+  command.action([json, &status] { status = guarded([&] { listDevices(*json); }); });
 }
 
 }  // namespace zemtool

@@ -1,5 +1,4 @@
 // zem info: what a container file holds, whether or not a runtime would open it.
-#include <CLI/CLI.hpp>
 #include <array>
 #include <filesystem>
 #include <limits>
@@ -317,18 +316,18 @@ void info(const InfoOptions& options) {
 
 }  // namespace
 
-void addInfo(CLI::App& app, int& status) {
+void addInfo(Command& program, int& status) {
   auto options = std::make_shared<InfoOptions>();
-  CLI::App* command = app.add_subcommand("info", "Show what a model file holds");
-  command->add_option("file", options->file, "Model file (.zem)")->required()->type_name("FILE");
-  command->add_flag("--tensors", options->tensors, "List every tensor");
-  command->add_flag("--json", options->json, "Print JSON");
-  command->footer(
+  Command command = program.command("info", "Show what a model file holds");
+  command.option("file", options->file, "Model file (.zem)").required().valueName("FILE");
+  command.flag("--tensors", options->tensors, "List every tensor");
+  command.flag("--json", options->json, "Print JSON");
+  command.footer(
       "Reads the file only, so it works on files that a runtime refuses. Extents of a shape are\n"
       "given from the innermost, contiguous one; offsets of tensors count from the start of the\n"
       "weight data.\n"
       "\nExample:\n  zem info model.zem --tensors");
-  command->callback([options, &status] { status = guarded([&] { info(*options); }); });
+  command.action([options, &status] { status = guarded([&] { info(*options); }); });
 }
 
 }  // namespace zemtool

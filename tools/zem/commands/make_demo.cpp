@@ -1,5 +1,4 @@
 // zem make-demo: writes a model with random weights, to try and to measure with.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <filesystem>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "commands/commands.h"
+#include "commands/options.h"
 #include "compat/files.h"
 #include "console/long_work.h"
 #include "console/terminal.h"
@@ -18,6 +18,8 @@
 
 namespace zemtool {
 namespace {
+
+using kiv::WeightMix;
 
 constexpr uint64_t kJobWeights = uint64_t{1} << 18;  // about; a job has whole rows
 
@@ -68,11 +70,11 @@ void writeWeights(const DemoModel& model, const std::string& path, kiv::ZEM2Writ
       });
 }
 
-DemoType defaultType(DemoSize size) {
-  return size == DemoSize::Tiny ? DemoType::Q4_K : DemoType::Q4_K_M;
+WeightMix defaultType(DemoSize size) {
+  return size == DemoSize::Tiny ? WeightMix::Q4_K : WeightMix::Q4_K_M;
 }
 
-// `name` is one of the names: the option's check has seen to it.
+// `name` is one of the names: the option's check refused others.
 template <typename Enum, size_t kCount>
 Enum valueNamed(const std::array<Enum, kCount>& values, const char* (*nameOf)(Enum),
                 const std::string& name) {
@@ -86,8 +88,9 @@ void makeDemo(const MakeDemoOptions& options) {
   }
   const StopGuard guard;
   const DemoSize size = valueNamed(kDemoSizes, demoSizeName, options.size);
-  const DemoType type =
-      options.type.empty() ? defaultType(size) : valueNamed(kDemoTypes, demoTypeName, options.type);
+  const WeightMix type = options.type.empty()
+                             ? defaultType(size)
+                             : valueNamed(kDemoTypes, kiv::weightMixName, options.type);
   const DemoModel model = planDemoModel(size, type, options.seed);
   kiv::ZEM2Writer writer;
   declareDemoModel(model, "zem " ZEM_VERSION, writer);
@@ -104,33 +107,25 @@ std::vector<std::string> namesOf(const std::array<Enum, kCount>& values,
   return names;
 }
 
-// CLI11 takes "-1" for the largest unsigned number.
-std::string refuseSign(const std::string& text) {
-  return text.starts_with('-') ? "\"" + text + "\" is not a seed: a whole number from 0" : "";
-}
-
 }  // namespace
 
-void addMakeDemo(CLI::App& app, int& status) {
+void addMakeDemo(Command& program, int& status) {
   auto options = std::make_shared<MakeDemoOptions>();
-  CLI::App* command =
-      app.add_subcommand("make-demo", "Write a model with random weights, to try and measure with");
-  command->add_option("output,-o,--output", options->output, "The file to write")
-      ->type_name("FILE")
-      ->required();
-  command->add_option("--size", options->size, "tiny or 4b")
-      ->type_name("SIZE")
-      ->check(CLI::IsMember(namesOf(kDemoSizes, demoSizeName)).description(""))
-      ->capture_default_str();
-  command->add_option("--type", options->type, "Type of the matrices, see below")
-      ->type_name("TYPE")
-      ->check(CLI::IsMember(namesOf(kDemoTypes, demoTypeName)).description(""));
-  command->add_option("--seed", options->seed, "Seed of the weights")
-      ->check(refuseSign, "")
-      ->type_name("N")
-      ->capture_default_str();
-  command->add_flag("--force", options->force, "Replace a file that exists");
-  command->footer(
+  Command command =
+      program.command("make-demo", "Write a model with random weights, to try and measure with");
+  command.option("output,-o,--output", options->output, "The file to write")
+      .valueName("FILE")
+      .required();
+  command.option("--size", options->size, "tiny or 4b")
+      .valueName("SIZE")
+      .oneOf(namesOf(kDemoSizes, demoSizeName))
+      .showDefault();
+  command.option("--type", options->type, "Type of the matrices, see below")
+      .valueName("TYPE")
+      .oneOf(namesOf(kDemoTypes, kiv::weightMixName));
+  addSeedOption(command, "--seed", options->seed, "Seed of the weights").showDefault();
+  command.flag("--force", options->force, "Replace a file that exists");
+  command.footer(
       "The model has the names, shapes and metadata of a real one and knows nothing: its output\n"
       "is a stream of words. The same seed gives the same file on every machine.\n"
       "\n"
@@ -145,7 +140,7 @@ void addMakeDemo(CLI::App& app, int& status) {
       "unchanged; controls other than tab and line ends, and rarer planes, are dropped.\n"
       "\n"
       "Example:\n  zem make-demo demo.zem");
-  command->callback([options, &status] { status = guarded([&] { makeDemo(*options); }); });
+  command.action([options, &status] { status = guarded([&] { makeDemo(*options); }); });
 }
 
 }  // namespace zemtool

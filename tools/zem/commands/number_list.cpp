@@ -1,9 +1,9 @@
 #include "commands/number_list.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <system_error>
+#include <utility>
 
 namespace zemtool {
 namespace {
@@ -14,8 +14,9 @@ bool readNumber(const std::string& text, int low, int high, int& number) {
   return error == std::errc() && stop == end && number >= low && number <= high;
 }
 
-std::vector<int> readList(const std::string& option, const std::string& text, int low, int high) {
-  std::vector<int> numbers;
+// Returns what is wrong with `text`; `numbers` has changed only if nothing is.
+std::string readList(const std::string& text, int low, int high, std::vector<int>& numbers) {
+  std::vector<int> list;
   for (size_t at = 0; at <= text.size();) {
     const size_t comma = std::min(text.find(',', at), text.size());
     const std::string item = text.substr(at, comma - at);
@@ -25,26 +26,23 @@ std::vector<int> readList(const std::string& option, const std::string& text, in
       if (item != text) message += " in \"" + text + "\"";
       message += " is not a whole number from " + std::to_string(low);
       message += " to " + std::to_string(high);
-      throw CLI::ValidationError(option,
-                                 message + "; several are separated by commas, as in 1,2,4");
+      return message + "; several are separated by commas, as in 1,2,4";
     }
-    numbers.push_back(number);
+    list.push_back(number);
     at = comma + 1;
   }
-  return numbers;
+  numbers = std::move(list);
+  return {};
 }
 
 }  // namespace
 
-void addNumberList(CLI::App& command, const std::string& names, const std::string& description,
+void addNumberList(Command& command, const std::string& names, const std::string& description,
                    int low, int high, std::vector<int>& numbers) {
-  const std::string option = names.substr(names.find("--"));
-  command
-      .add_option_function<std::string>(
-          names,
-          [=, &numbers](const std::string& text) { numbers = readList(option, text, low, high); },
-          description)
-      ->type_name("N,...");
+  const auto take = [=, &numbers](const std::string& text) {
+    return readList(text, low, high, numbers);
+  };
+  command.option(names, take, description).valueName("N,...");
 }
 
 }  // namespace zemtool

@@ -4,16 +4,14 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-}
+#include "commands/arguments.h"
 
 namespace zemtool {
 
-// Adds an option whose value is a list of whole numbers from `low` to `high`,
-// separated by commas; `names` ends in the long one. `numbers` keeps what it holds unless the
-// option is given. Another value is bad usage, and the message says what is expected.
-void addNumberList(CLI::App& command, const std::string& names, const std::string& description,
+// Adds an option that takes a list of whole numbers from `low` to `high`, separated by commas.
+// `names` ends in the long name. `numbers` changes only when the option is given. Any other
+// value is bad usage, and the message says what is expected.
+void addNumberList(Command& command, const std::string& names, const std::string& description,
                    int low, int high, std::vector<int>& numbers);
 
 }  // namespace zemtool

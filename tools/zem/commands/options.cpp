@@ -1,17 +1,12 @@
 #include "commands/options.h"
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
 
-#include "compat/environment.h"
 #include "compat/files.h"
-#include "console/program.h"
 #include "console/streams.h"
 #include "console/terminal.h"
 
@@ -20,31 +15,15 @@ namespace {
 
 constexpr int kMaxContext = 8192;
 
-// CLI::Range lets a NaN pass.
-CLI::Validator inRange(float low, float high, const std::string& description) {
-  return {[=](std::string& text) -> std::string {
-            float value = 0;
-            if (CLI::detail::lexical_cast(text, value) && value >= low && value <= high) return {};
-            return "\"" + text + "\" is not " + description;
-          },
-          ""};
+// A negative number would be read as a large one.
+std::string complaintOfSeed(const std::string& text) {
+  if (!text.starts_with('-')) return {};
+  return "\"" + text + "\" is not a seed: a whole number from 0";
 }
 
-// CLI11 wraps a negative number around.
-CLI::Validator withoutSign() {
-  return {[](std::string& text) -> std::string {
-            if (!text.starts_with('-')) return {};
-            return "\"" + text + "\" is not a seed: a whole number from 0";
-          },
-          ""};
-}
-
-CLI::Validator withoutSemicolon() {
-  return {[](std::string& text) -> std::string {
-            if (text.find(';') == std::string::npos) return {};
-            return "a plan cannot hold ';', which separates the fields of the option text";
-          },
-          ""};
+std::string complaintOfPlan(const std::string& text) {
+  if (text.find(';') == std::string::npos) return {};
+  return "a plan cannot hold ';', which separates the fields of the option text";
 }
 
 std::string readAll(std::FILE* file, const std::string& where) {
@@ -67,7 +46,7 @@ std::string readFile(const std::string& path) {
 
 std::string readStandardInput() {
   std::string text;
-  if (!compat::readInput(text)) {
+  if (!readInput(text)) {
     throw Failure(std::string("cannot read standard input: ") + std::strerror(errno));
   }
   return text;
@@ -79,90 +58,83 @@ std::string withoutLastLineFeed(std::string text) {
   return text;
 }
 
-// By default libgomp's threads spin for milliseconds before they sleep, and where
-// other programs want the processors, each barrier of a token waits that long for
-// a thread that is not running. So many rounds outlast the gaps between products
-// and no more.
-void limitSpinning() {
-  if (compat::environmentVariable("OMP_WAIT_POLICY")) return;
-  if (compat::environmentVariable("GOMP_SPINCOUNT")) return;
-  compat::setEnvironmentVariable("GOMP_SPINCOUNT", "10000");
-}
-
 }  // namespace
 
-void addModelOption(CLI::App& command, std::string& model) {
-  command.add_option("-m,--model", model, "Model file (.zem)")->required()->type_name("FILE");
+void addModelOption(Command& command, std::string& model) {
+  command.option("-m,--model", model, "Model file (.zem)").required().valueName("FILE");
 }
 
-void addPluginOption(CLI::App& command, std::string& plugin) {
+void addPluginOption(Command& command, std::string& plugin) {
   command
-      .add_option("--plugin", plugin,
-                  "Runtime plug-in (else $ZEM_PLUGIN, else the one that came with this program)")
-      ->type_name("FILE");
+      .option("--plugin", plugin,
+              "Runtime plug-in (else $ZEM_PLUGIN, else the one that came with this program)")
+      .valueName("FILE");
 }
 
-void addRuntimeOptions(CLI::App& command, SessionOptions& options) {
+void addRuntimeOptions(Command& command, SessionOptions& options) {
   addModelOption(command, options.model);
   addPluginOption(command, options.plugin);
-  CLI::Option* plan = command
-                          .add_option("--plan", options.plan,
-                                      "Which layers the GPU computes: gpu:all (default), cpu:all, "
-                                      "gpu:8,cpu:all, ...")
-                          ->check(withoutSemicolon())
-                          ->type_name("TEXT");
-  plan->each([&options](const std::string&) { options.hasPlan = true; });
-  command.add_flag("--no-gpu", options.noGpu, "Compute on the CPU, without ever loading Vulkan")
-      ->excludes(plan);
+  const Option plan =
+      command
+          .option("--plan", options.plan,
+                  "Which layers the GPU computes: gpu:all (default), cpu:all, gpu:8,cpu:all, ...")
+          .check(complaintOfPlan)
+          .valueName("TEXT")
+          .noteIn(options.hasPlan);
+  command.flag("--no-gpu", options.noGpu, "Compute on the CPU, without ever loading Vulkan")
+      .excludes(plan);
 }
 
-void addSessionOptions(CLI::App& command, SessionOptions& options) {
+void addThreadsOption(Command& command, int& threads, const std::string& description) {
+  command.option("-t,--threads", threads, description).wholeNumber(1, kMaxThreads).valueName("N");
+}
+
+void addSessionOptions(Command& command, SessionOptions& options) {
   addRuntimeOptions(command, options);
-  command.add_option("-t,--threads", options.threads, "CPU threads (default: one a processor)")
-      ->check(CLI::Range(1, 1024).description(""))
-      ->type_name("N");
+  addThreadsOption(command, options.threads, "CPU threads (default: one a processor)");
 }
 
-void addContextOption(CLI::App& command, SessionOptions& options) {
+void addContextOption(Command& command, SessionOptions& options) {
   command
-      .add_option("-c,--ctx-size", options.ctx,
-                  "Positions a conversation may reach, 1 to 8192 (default: 8192)")
-      ->check(CLI::Range(1, kMaxContext).description(""))
-      ->type_name("N");
+      .option("-c,--ctx-size", options.ctx,
+              "Positions a conversation may reach, 1 to 8192 (default: 8192)")
+      .wholeNumber(1, kMaxContext)
+      .valueName("N");
 }
 
-void addSamplingOptions(CLI::App& command, SamplingOptions& options) {
+Option addSeedOption(Command& command, const std::string& names, uint64_t& seed,
+                     const std::string& description) {
+  return command.option(names, seed, description).check(complaintOfSeed).valueName("N");
+}
+
+void addSamplingOptions(Command& command, SamplingOptions& options) {
   constexpr float kHuge = 1e30F;
   command
-      .add_option("--temp", options.temperature,
-                  "Temperature; 0 takes the likeliest token (default: 0)")
-      ->check(inRange(0, kHuge, "a temperature: a number from 0"))
-      ->type_name("X");
-  command.add_option("--top-k", options.topK, "Choose among the K likeliest; 0: no cut (default)")
-      ->check(CLI::Range(0, std::numeric_limits<int>::max()).description(""))
-      ->type_name("K");
+      .option("--temp", options.temperature,
+              "Temperature; 0 takes the likeliest token (default: 0)")
+      .number(0, kHuge, "a temperature: a number from 0")
+      .valueName("X");
+  command.option("--top-k", options.topK, "Choose among the K likeliest; 0: no cut (default)")
+      .wholeNumber(0, std::numeric_limits<int>::max())
+      .valueName("K");
   command
-      .add_option("--top-p", options.topP,
-                  "Choose among the likeliest up to probability P; 0: no cut (default)")
-      ->check(inRange(0, 1, "a probability: a number from 0 to 1"))
-      ->type_name("P");
-  command
-      .add_option(
-          "-s,--seed", options.seed,
-          "Seed of the random numbers, its low 32 bits; 0 keeps the runtime's own (default)")
-      ->check(withoutSign())
-      ->type_name("N");
+      .option("--top-p", options.topP,
+              "Choose among the likeliest up to probability P; 0: no cut (default)")
+      .number(0, 1, "a probability: a number from 0 to 1")
+      .valueName("P");
+  addSeedOption(command, "-s,--seed", options.seed,
+                "Seed of the random numbers, its low 32 bits; 0 keeps the runtime's own (default)");
 }
 
-void addPromptOptions(CLI::App& command, PromptOptions& options) {
-  CLI::Option* text =
-      command.add_option("-p,--prompt", options.text, "Prompt text")->type_name("TEXT");
-  text->each([&options](const std::string&) { options.hasText = true; });
+void addPromptOptions(Command& command, PromptOptions& options) {
+  const Option text = command.option("-p,--prompt", options.text, "Prompt text")
+                          .valueName("TEXT")
+                          .noteIn(options.hasText);
   command
-      .add_option("-f,--file", options.file,
-                  "Prompt file, - for standard input; without -p and -f a pipe is read")
-      ->excludes(text)
-      ->type_name("FILE");
+      .option("-f,--file", options.file,
+              "Prompt file, - for standard input; without -p and -f a pipe is read")
+      .excludes(text)
+      .valueName("FILE");
 }
 
 std::string readPrompt(const PromptOptions& options) {
@@ -182,37 +154,6 @@ void requireText(const std::string& text, const std::string& where) {
   if (at == std::string::npos) return;
   throw Failure("the prompt from " + where + " holds a NUL byte at offset " + std::to_string(at) +
                 "; a prompt is text");
-}
-
-std::string createHint(const SessionOptions& options) {
-  std::string hint = "zem";
-  if (options.ctx > 0) hint += ";ctx=" + std::to_string(options.ctx);
-  if (!options.plan.empty()) hint += ";plan=" + options.plan;
-  return hint;
-}
-
-ZEMSessionOptions sessionRecord(const SamplingOptions& options) {
-  ZEMSessionOptions record{};
-  record.struct_size = sizeof record;
-  record.temperature = options.temperature;
-  record.top_k = options.topK;
-  record.top_p = options.topP;
-  record.seed = options.seed;
-  return record;
-}
-
-void applyThreads(const SessionOptions& options) {
-  limitSpinning();
-  if (options.threads <= 0) return;
-  compat::setEnvironmentVariable("OMP_NUM_THREADS", std::to_string(options.threads));
-}
-
-int effectiveThreads() {
-  if (const char* given = std::getenv("OMP_NUM_THREADS")) {
-    const int threads = std::atoi(given);
-    if (threads > 0) return threads;
-  }
-  return compat::usableProcessors();
 }
 
 }  // namespace zemtool

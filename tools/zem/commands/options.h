@@ -4,65 +4,40 @@
 #include <cstdint>
 #include <string>
 
-#include "zem/plugin.h"
-
-namespace CLI {
-class App;
-}
+#include "commands/arguments.h"
+#include "host/session_options.h"
 
 namespace zemtool {
-
-struct SessionOptions {
-  std::string model;
-  std::string plugin;
-  std::string plan;
-  bool hasPlan = false;  // even an empty one
-  bool noGpu = false;
-  int ctx = 0;      // 0: the runtime's own
-  int threads = 0;  // 0: one a processor
-};
-
-struct SamplingOptions {
-  float temperature = -1;  // negative: the runtime's own
-  int32_t topK = 0;
-  float topP = 0;
-  uint64_t seed = 0;
-};
 
 struct PromptOptions {
   std::string text;
   std::string file;
-  bool hasText = false;
+  bool hasText = false;  // a text was given, perhaps an empty one
 };
 
-void addModelOption(CLI::App& command, std::string& model);
-void addPluginOption(CLI::App& command, std::string& plugin);
-// Model, plug-in, plan or no GPU.
-void addRuntimeOptions(CLI::App& command, SessionOptions& options);
-// These, and threads.
-void addSessionOptions(CLI::App& command, SessionOptions& options);
-void addContextOption(CLI::App& command, SessionOptions& options);
-void addSamplingOptions(CLI::App& command, SamplingOptions& options);
-// -p, -f, or a pipe on stdin.
-void addPromptOptions(CLI::App& command, PromptOptions& options);
+// Most threads that an option can ask for.
+inline constexpr int kMaxThreads = 1024;
 
-// The text that the options name. Of a file or a pipe one line feed at the very
-// end is dropped: it belongs to the file, not to the prompt. Throws Failure for
-// what cannot be read or holds a NUL byte, UsageError when nothing was given.
+void addModelOption(Command& command, std::string& model);
+void addPluginOption(Command& command, std::string& plugin);
+void addThreadsOption(Command& command, int& threads, const std::string& description);
+Option addSeedOption(Command& command, const std::string& names, uint64_t& seed,
+                     const std::string& description);
+// --model, --plugin, and --plan or --no-gpu.
+void addRuntimeOptions(Command& command, SessionOptions& options);
+// The options of addRuntimeOptions(), and --threads.
+void addSessionOptions(Command& command, SessionOptions& options);
+void addContextOption(Command& command, SessionOptions& options);
+void addSamplingOptions(Command& command, SamplingOptions& options);
+// --prompt and --file; readPrompt() reads standard input where neither is given.
+void addPromptOptions(Command& command, PromptOptions& options);
+
+// The prompt that the options name, or standard input where that is no terminal. A line
+// feed at the very end of a file or a pipe is dropped. Throws Failure when the prompt
+// cannot be read or holds a NUL byte, and UsageError when there is none.
 std::string readPrompt(const PromptOptions& options);
 
 // Throws Failure when `text`, which came from `where`, holds a NUL byte.
 void requireText(const std::string& text, const std::string& where);
-
-// The create hint: "zem;ctx=N;plan=TEXT" with the fields that were given.
-std::string createHint(const SessionOptions& options);
-
-// A full-size record; what was not given keeps the session's setting.
-ZEMSessionOptions sessionRecord(const SamplingOptions& options);
-
-// Takes effect on plug-ins that are loaded afterwards.
-void applyThreads(const SessionOptions& options);
-// Threads that a plug-in loaded now will use.
-int effectiveThreads();
 
 }  // namespace zemtool

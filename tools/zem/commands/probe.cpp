@@ -1,5 +1,4 @@
 // zem probe: whether the plug-in would take a model file.
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -54,16 +53,16 @@ void probe(const ProbeOptions& options) {
 
 }  // namespace
 
-void addProbe(CLI::App& app, int& status) {
+void addProbe(Command& program, int& status) {
   auto options = std::make_shared<ProbeOptions>();
-  CLI::App* command = app.add_subcommand("probe", "Ask the plug-in whether a model file suits it");
-  command->add_option("file", options->file, "Model file (.zem)")->required()->type_name("FILE");
-  addPluginOption(*command, options->plugin);
-  command->add_flag("--json", options->json, "Print JSON");
-  command->footer(
+  Command command = program.command("probe", "Ask the plug-in whether a model file suits it");
+  command.option("file", options->file, "Model file (.zem)").required().valueName("FILE");
+  addPluginOption(command, options->plugin);
+  command.flag("--json", options->json, "Print JSON");
+  command.footer(
       "Confidence is 0 (not a model for this runtime here) to 100. Either is an answer: the exit\n"
       "status is 1 only when the file cannot be read.\n\nExample:\n  zem probe model.zem");
-  command->callback([options, &status] { status = guarded([&] { probe(*options); }); });
+  command.action([options, &status] { status = guarded([&] { probe(*options); }); });
 }
 
 }  // namespace zemtool

@@ -1,5 +1,4 @@
 // zem run: one completion.
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -39,7 +38,7 @@ void printJson(const std::string& text, const ZEMRuntimeStats& stats) {
 
 void run(RunOptions options) {
   const std::string prompt = readPrompt(options.prompt);
-  applyThreads(options.session);
+  applyThreads(options.session.threads);
   settleGpu(options.session);
   const PluginHost host(findPlugin(options.session.plugin));
   Session session(host, options.session);
@@ -55,22 +54,22 @@ void run(RunOptions options) {
 
 }  // namespace
 
-void addRun(CLI::App& app, int& status) {
+void addRun(Command& program, int& status) {
   auto options = std::make_shared<RunOptions>();
-  CLI::App* command = app.add_subcommand("run", "Complete a prompt");
-  addSessionOptions(*command, options->session);
-  addContextOption(*command, options->session);
-  addPromptOptions(*command, options->prompt);
-  addSamplingOptions(*command, options->sampling);
-  command->add_flag("--json", options->json, "Print the text and the timings as JSON");
-  command->footer(
+  Command command = program.command("run", "Complete a prompt");
+  addSessionOptions(command, options->session);
+  addContextOption(command, options->session);
+  addPromptOptions(command, options->prompt);
+  addSamplingOptions(command, options->sampling);
+  command.flag("--json", options->json, "Print the text and the timings as JSON");
+  command.footer(
       "The completion, of up to 96 tokens, goes to standard output and the timings to standard\n"
       "error. The prompt is completed as it stands; `zem chat` frames it as a conversation. One\n"
       "line feed at the end of a file or pipe is not part of the prompt.\n"
       "\nExamples:\n"
       "  zem run -m model.zem -p \"The capital of France is\"\n"
       "  zem run -m model.zem -f prompt.txt --temp 0.8 --top-k 40 -s 7");
-  command->callback([options, &status] { status = guarded([&] { run(*options); }); });
+  command.action([options, &status] { status = guarded([&] { run(*options); }); });
 }
 
 }  // namespace zemtool

@@ -1,5 +1,4 @@
 // zem tokenize: a text as the ids and pieces of a model's vocabulary.
-#include <CLI/CLI.hpp>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -80,19 +79,19 @@ void tokenize(const TokenizeOptions& options) {
 
 }  // namespace
 
-void addTokenize(CLI::App& app, int& status) {
+void addTokenize(Command& program, int& status) {
   auto options = std::make_shared<TokenizeOptions>();
-  CLI::App* command = app.add_subcommand("tokenize", "Show a text as a model's tokens");
-  addModelOption(*command, options->model);
-  addPromptOptions(*command, options->prompt);
-  CLI::Option* ids = command->add_flag("--ids", options->ids, "Print only the ids, on one line");
-  command->add_flag("--json", options->json, "Print JSON")->excludes(ids);
-  command->footer(
+  Command command = program.command("tokenize", "Show a text as a model's tokens");
+  addModelOption(command, options->model);
+  addPromptOptions(command, options->prompt);
+  const Option ids = command.flag("--ids", options->ids, "Print only the ids, on one line");
+  command.flag("--json", options->json, "Print JSON").excludes(ids);
+  command.footer(
       "Prints what a session feeds to the model for this text: one id and piece a line, with the\n"
       "beginning-of-sequence token in front when the vocabulary has one. Pieces are shown as the\n"
       "vocabulary stores them.\n"
       "\nExample:\n  zem tokenize -m model.zem -p \"Hello there\"");
-  command->callback([options, &status] { status = guarded([&] { tokenize(*options); }); });
+  command.action([options, &status] { status = guarded([&] { tokenize(*options); }); });
 }
 
 }  // namespace zemtool

@@ -1,11 +1,11 @@
-// What asks a program to stop: Ctrl-C, a closed terminal, the system.
+// Requests to stop: Ctrl-C, a closed terminal, the system.
 #pragma once
 
-namespace compat {
+namespace zemtool {
 
-// While one lives, Ctrl-C calls `handle` and does nothing else; a read from the
-// terminal that waits returns. `handle` runs in a signal handler or on a thread of
-// the system's: let it set a flag. One at a time.
+// While one lives, Ctrl-C calls `handle` and does nothing else. A read that waits for the
+// terminal returns. `handle` runs in a signal handler or on a thread of the system, so it
+// should only set a flag. One at a time.
 class InterruptHandler {
  public:
   explicit InterruptHandler(void (*handle)());
@@ -14,10 +14,10 @@ class InterruptHandler {
   InterruptHandler& operator=(const InterruptHandler&) = delete;
 };
 
-// While one lives, all that would end the process from outside calls `handle`
-// instead, except what the program was started to ignore. A file that outgrows
-// the process's limit becomes an error of the write. One at a time. Windows ends
-// the process five seconds after its console was closed, whatever it does.
+// While one lives, a request that would end the process calls `handle` instead, unless the
+// program was started to ignore it. A file that outgrows the process's limit becomes an error
+// of the write. Windows still ends the process five seconds after its console was closed. One
+// at a time.
 class StopHandler {
  public:
   explicit StopHandler(void (*handle)());
@@ -26,4 +26,4 @@ class StopHandler {
   StopHandler& operator=(const StopHandler&) = delete;
 };
 
-}  // namespace compat
+}  // namespace zemtool

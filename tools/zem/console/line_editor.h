@@ -1,5 +1,5 @@
-// A prompt on the terminal: line editing with a history that outlives the program,
-// except on Windows, where both are the console's.
+// A prompt on the terminal, with line editing and a history that outlives the program. On
+// Windows the console does both, and its history ends with the program.
 #pragma once
 
 #include <memory>
@@ -7,12 +7,12 @@
 
 namespace zemtool {
 
-// $XDG_STATE_HOME/zem/history, else ~/.local/state/zem/history; empty when
-// neither folder is known, and on Windows.
+// $XDG_STATE_HOME/zem/history, else ~/.local/state/zem/history. Empty on Windows, and when
+// neither folder is known.
 std::string defaultHistoryPath();
 
-// Edits on stdin and stderr, so that stdout is free for answers. One at a time,
-// and under an InterruptGuard: an interrupt ends the line being read.
+// Edits on stdin and stderr, so that stdout is free for answers. Needs an InterruptGuard: an
+// interrupt ends the line that is being read. One at a time.
 class LineEditor {
  public:
   enum class Event { Line, Interrupted, End };
@@ -23,8 +23,8 @@ class LineEditor {
   LineEditor(const LineEditor&) = delete;
   LineEditor& operator=(const LineEditor&) = delete;
 
-  // Reads one line, without its line feed; `line` is empty after any other
-  // event. The terminal is left as it was found.
+  // Reads one line, without its line feed. `line` is empty after any other event. Leaves the
+  // terminal as it was.
   Event read(std::string& line);
 
  private:

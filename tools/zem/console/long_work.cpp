@@ -14,21 +14,21 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-volatile std::sig_atomic_t stopWished = 0;
+volatile std::sig_atomic_t stopRequested = 0;
 
-// What notes them from now on.
-auto noteOfStops() {
-  stopWished = 0;
-  return [] { stopWished = 1; };
+// Forgets earlier requests, and returns the function that notes the next one.
+auto newStopHandler() {
+  stopRequested = 0;
+  return [] { stopRequested = 1; };
 }
 
 constexpr int kWidth = 24;
 
 }  // namespace
 
-StopGuard::StopGuard() : handler_(noteOfStops()) {}
+StopGuard::StopGuard() : handler_(newStopHandler()) {}
 
-bool StopGuard::stopped() { return stopWished != 0; }
+bool StopGuard::stopped() { return stopRequested != 0; }
 
 ProgressBar::ProgressBar(uint64_t total, Lines lines)
     : total_(total),

@@ -1,5 +1,4 @@
-// What commands that write for minutes share: an end on demand that leaves
-// nothing behind, and a sign of life.
+// For commands that write for minutes: stopping them cleanly, and showing their progress.
 #pragma once
 
 #include <chrono>
@@ -9,17 +8,17 @@
 
 namespace zemtool {
 
-// While one lives, what would end the process from outside is noted instead, so
-// that the partial file can be removed first. A file that outgrows the process's
-// limit becomes an error of the write. One at a time.
+// While one lives, a request that would end the process is only noted, so that the command
+// can remove its partial file first. A file that outgrows the process's limit becomes an error
+// of the write. One at a time.
 class StopGuard {
  public:
   StopGuard();
 
-  static bool stopped();  // such a wish has come
+  static bool stopped();  // a request has come
 
  private:
-  compat::StopHandler handler_;
+  StopHandler handler_;
 };
 
 // A bar on stderr while a file grows, with rate and time left. Where stderr is no

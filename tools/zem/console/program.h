@@ -1,22 +1,22 @@
-// Where a program begins, and where it lies.
+// The start of a program, and facts about the process.
 #pragma once
 
 #include <string>
 #include <vector>
 
-namespace compat {
+namespace zemtool {
 
-// What main() is elsewhere: defined by the program, called with the arguments, the
-// program's own name first, as UTF-8 on every system.
+// The program defines it in place of main(). The arguments are UTF-8 on every system, and the
+// first one is the program's own name.
 int programMain(const std::vector<std::string>& arguments);
 
-// The file that this program was started from; empty when the system does not tell.
+// The program's own file; empty when the system does not tell.
 std::string programPath();
 
-// Processors that this process may run on.
+// The number of processors that this process may run on.
 int usableProcessors();
 
-// What the names of modules end in: ".so" or ".dll".
+// The ending of a module's file name: ".so" or ".dll".
 extern const char* const kModuleSuffix;
 
-}  // namespace compat
+}  // namespace zemtool

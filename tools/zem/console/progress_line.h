@@ -1,13 +1,13 @@
-// One line on a terminal's standard error that says how far a long measurement is.
+// A line on the terminal that says how far a long measurement is.
 #pragma once
 
 #include <string>
 
 namespace zemtool {
 
-// Shows nothing where standard error is no terminal. The line is gone when the
-// object is, or when a signal ends the process, which it does at once: a runtime's
-// call cannot be interrupted, and nothing is left behind. One at a time.
+// Shows nothing unless standard error is a terminal. The destructor erases the line. So do
+// SIGINT and SIGTERM, which end the process at once, because a runtime's call cannot be
+// interrupted. One at a time.
 class ProgressLine {
  public:
   using Handler = void (*)(int);  // of a signal

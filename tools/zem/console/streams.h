@@ -1,35 +1,36 @@
-// The process's standard streams, 0, 1 and 2: text is UTF-8 and bytes pass
-// unchanged, on a console of Windows too.
+// The process's standard streams 0, 1 and 2. Text is UTF-8, and bytes pass unchanged, on
+// every system.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-namespace compat {
+namespace zemtool {
 
-// Make one first thing in a program and keep it to the end. A stream that the
-// caller closed stays an error to use, but its number is taken: no file gets it
-// and is written messages into. A console is put back as it was found.
+// Prepares the streams. A program makes one before anything else and keeps it to its end.
+//
+// A program may be started with a stream closed. The system would give the stream's number
+// to the next file that is opened, and messages would end up in that file. This object takes
+// such a number, and using the stream stays an error. The destructor gives a console its
+// settings back.
 class StandardStreams {
  public:
   StandardStreams();
-  // Does something on Windows alone. NOLINTNEXTLINE(performance-trivially-destructible)
+  // Empty except on Windows. NOLINTNEXTLINE(performance-trivially-destructible)
   ~StandardStreams();
   StandardStreams(const StandardStreams&) = delete;
   StandardStreams& operator=(const StandardStreams&) = delete;
 };
 
 bool isTerminal(int stream);
-// Whether it is a terminal that obeys escape sequences.
+// Whether the stream is a terminal that obeys escape sequences.
 bool obeysEscapes(int stream);
 
-// Writes to stream 1 or 2 behind what C's stdout and stderr hold; flushing those is
-// the caller's. `text` holds whole characters. False on failure, with errno set as by
-// flushOutput().
+// Appends whole characters to C's stdout (stream 1) or stderr (2); the caller flushes. False
+// on failure, with errno set as flushOutput() sets it.
 bool writeText(int stream, std::string_view text);
 
-// Writes what C's stdout holds. False on failure, with errno set: EPIPE when nobody
-// reads any more.
+// Flushes C's stdout. False on failure, with errno set: EPIPE when the reader has gone.
 bool flushOutput();
 
 // The keys that end standard input on a terminal.
@@ -37,11 +38,11 @@ extern const char* const kEndKeys;
 
 enum class Input { Line, Interrupted, End };
 
-// One line of standard input, without its line feed; empty after any other event.
-// Interrupted is what a console of Windows tells; elsewhere signals do.
+// Reads one line of standard input, without its line feed. `line` is empty after any other
+// event. Only a console of Windows gives Interrupted; other systems send a signal.
 Input readLine(std::string& line);
 
-// Appends all of standard input; false when reading failed, with errno set.
+// Appends all of standard input to `text`. False when reading failed, with errno set.
 bool readInput(std::string& text);
 
-}  // namespace compat
+}  // namespace zemtool

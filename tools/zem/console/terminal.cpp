@@ -27,17 +27,17 @@ void checkOutput(bool written) {
 }
 
 void flushQuietly() {
-  if (!compat::flushOutput() && outputError == 0) outputError = errno;
+  if (!flushOutput() && outputError == 0) outputError = errno;
 }
 
 bool stderrIsStyled() {
   const char* noColor = std::getenv("NO_COLOR");
-  return (noColor == nullptr || *noColor == '\0') && compat::obeysEscapes(kStderr);
+  return (noColor == nullptr || *noColor == '\0') && obeysEscapes(kStderr);
 }
 
 // In one piece, so that lines of several threads do not mix and no character is
 // torn apart on its way to a console.
-void writeError(const std::string& text) { compat::writeText(kStderr, text); }
+void writeError(const std::string& text) { writeText(kStderr, text); }
 
 }  // namespace
 
@@ -51,20 +51,20 @@ int guarded(const std::function<void()>& command) {
   } catch (const Failure& failure) {
     complain(failure.what());
   } catch (const ClosedPipe&) {
-    // Said by the status alone.
+    // The status alone says it.
   } catch (const std::bad_alloc&) {
     complain("out of memory");
   }
   return 1;
 }
 
-bool stdinIsTerminal() { return compat::isTerminal(kStdin); }
-bool stdoutIsTerminal() { return compat::isTerminal(kStdout); }
-bool stderrIsTerminal() { return compat::isTerminal(kStderr); }
+bool stdinIsTerminal() { return isTerminal(kStdin); }
+bool stdoutIsTerminal() { return isTerminal(kStdout); }
+bool stderrIsTerminal() { return isTerminal(kStderr); }
 
-void writeOut(std::string_view text) { checkOutput(compat::writeText(kStdout, text)); }
+void writeOut(std::string_view text) { checkOutput(writeText(kStdout, text)); }
 
-void flushOut() { checkOutput(compat::flushOutput()); }
+void flushOut() { checkOutput(flushOutput()); }
 
 void writeJson(const nlohmann::ordered_json& value) {
   // A terminal would obey some of the characters beyond ASCII.

@@ -1,5 +1,4 @@
-// The process's three streams: what they are, how to write to them, and what
-// Ctrl-C does.
+// What commands write and how they fail: standard output, messages, Ctrl-C.
 #pragma once
 
 #include <functional>
@@ -19,31 +18,32 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Ends the program with status 2, as an option that does not parse would.
+// Ends the program with status 2: the command line is wrong.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// The reader of stdout has gone: nothing is left to say to anybody.
+// Ends a command with status 1 and without a message: the reader of stdout has gone.
 class ClosedPipe : public std::exception {};
 
-// Runs a command and returns its exit status; a Failure has then been printed.
+// Runs a command, prints the Failure that it throws, and returns its exit status.
 int guarded(const std::function<void()>& command);
 
 bool stdinIsTerminal();
 bool stdoutIsTerminal();
 bool stderrIsTerminal();
 
-// To stdout, unbuffered by us until flushOut() or the end; throws Failure or ClosedPipe.
+// Writes to stdout, which is flushed by flushOut() or at the program's end. Both throw
+// Failure or ClosedPipe.
 void writeOut(std::string_view text);
 void flushOut();
-// A value to stdout, with a line feed; text that is no UTF-8 is replaced.
+// Writes the value and a line feed to stdout. Bytes that are not UTF-8 are replaced.
 void writeJson(const nlohmann::ordered_json& value);
 
-// The line "zem: MESSAGE" to stderr, controls escaped.
+// Writes the line "zem: MESSAGE" to stderr, with control characters spelled out.
 void complain(std::string_view message);
-// A remark to stderr: lines without a prefix, dim on a terminal.
+// Writes lines without a prefix to stderr, dim on a terminal.
 void remark(std::string_view text);
 
 // While one lives, Ctrl-C sets interruptFlag and does nothing else. One at a time.
@@ -52,10 +52,10 @@ class InterruptGuard {
   InterruptGuard();
 
  private:
-  compat::InterruptHandler handler_;
+  InterruptHandler handler_;
 };
 
-// Non-zero after an interrupt; whoever waits for the next one sets it to 0.
+// Non-zero after an interrupt. Code that waits for the next one sets it to 0.
 extern volatile int interruptFlag;
 
 }  // namespace zemtool

@@ -1,5 +1,5 @@
-// Bytes from a model or a file, made fit to be shown: whole UTF-8 characters,
-// no control sequences, columns in line.
+// Makes bytes from a model or a file fit to be shown: whole UTF-8 characters, no control
+// sequences, aligned columns.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace zemtool {
 
-// Joins pieces whose borders may split a character. Bytes that are no UTF-8
-// become U+FFFD, one for each longest part that could have begun a character.
+// Joins pieces of text where the border of two pieces may split a character. Bytes that are
+// not UTF-8 become U+FFFD, one for each longest part that could have begun a character.
 class Utf8Joiner {
  public:
   // Takes the next bytes; returns the whole characters that are now complete.
@@ -28,7 +28,7 @@ class Utf8Joiner {
 // U+009F) outside `keep` are spelled out: "\n", "\t", "\r", else "\x1b".
 std::string escapeControls(std::string_view bytes, std::string_view keep = {});
 
-// Characters of valid UTF-8 text.
+// The number of characters of valid UTF-8 text.
 size_t countCharacters(std::string_view text);
 
 // "512 B", "1.50 KiB", "4.13 GiB".
@@ -36,8 +36,8 @@ std::string formatBytes(uint64_t bytes);
 // printf's "%.*f".
 std::string formatNumber(double value, int decimals);
 
-// Rows of cells in columns two spaces apart, each line indented by two; columns
-// named in `right` are flush right. The cells are escaped text already.
+// Aligns rows of cells in columns. Two spaces stand in front of each column; the columns in
+// `right` are flush right. The cells are already escaped.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows,
                         const std::vector<size_t>& right = {});
 

@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "console/terminal.h"
-#include "convert/model_shape.h"
+#include "kiv/model/architecture.h"
 
 namespace zemtool {
 namespace {
@@ -32,20 +32,20 @@ class ConfigReader {
 
   CheckpointConfig read() {
     checkModelType();
-    checkWhole("num_hidden_layers", kLayers);
-    checkWhole("num_attention_heads", kHeads);
-    checkWhole("num_key_value_heads", kKvHeads);
-    checkWhole("head_dim", kHeadSize);
-    checkWhole("linear_num_key_heads", kKeyHeads);
-    checkWhole("linear_num_value_heads", kValueHeads);
-    checkWhole("linear_key_head_dim", kStateSize);
-    checkWhole("linear_value_head_dim", kStateSize);
-    checkWhole("linear_conv_kernel_dim", kTaps);
-    checkWhole("full_attention_interval", kFullEvery);
+    checkWhole("num_hidden_layers", needed_.layers);
+    checkWhole("num_attention_heads", needed_.heads);
+    checkWhole("num_key_value_heads", needed_.kvHeads);
+    checkWhole("head_dim", needed_.headSize);
+    checkWhole("linear_num_key_heads", needed_.keyHeads);
+    checkWhole("linear_num_value_heads", needed_.valueHeads);
+    checkWhole("linear_key_head_dim", needed_.stateSize);
+    checkWhole("linear_value_head_dim", needed_.stateSize);
+    checkWhole("linear_conv_kernel_dim", needed_.taps);
+    checkWhole("full_attention_interval", needed_.fullEvery);
     checkWhole("num_experts", 0);
     checkLayerTypes();
     checkText("hidden_act", "silu");
-    checkNumber(text_, prefix_, "rms_norm_eps", kNormEpsilon);
+    checkNumber(text_, prefix_, "rms_norm_eps", needed_.normEpsilon);
     checkRotary();
     checkTrue("attn_output_gate");
     checkTied();
@@ -109,11 +109,11 @@ class ConfigReader {
   void checkLayerTypes() const {
     const json* types = member(text_, "layer_types");
     if (types == nullptr) return;
-    if (!types->is_array() || types->size() != kLayers) {
-      fail("layer_types", *types, "a list of " + std::to_string(kLayers));
+    if (!types->is_array() || types->size() != needed_.layers) {
+      fail("layer_types", *types, "a list of " + std::to_string(needed_.layers));
     }
-    for (uint32_t i = 0; i < kLayers; ++i) {
-      const char* needed = isFullAttention(i) ? "full_attention" : "linear_attention";
+    for (uint32_t i = 0; i < needed_.layers; ++i) {
+      const char* needed = needed_.isFull(i) ? "full_attention" : "linear_attention";
       if ((*types)[i] != needed) {
         fail("layer_types[" + std::to_string(i) + "]", (*types)[i],
              "\"" + std::string(needed) + "\"");
@@ -138,9 +138,9 @@ class ConfigReader {
   }
 
   void checkRotaryValues(const json& object, const std::string& prefix) const {
-    checkNumber(object, prefix, "rope_theta", kRotaryBase);
+    checkNumber(object, prefix, "rope_theta", needed_.rotaryBase);
     checkNumber(object, prefix, "partial_rotary_factor",
-                static_cast<double>(kRotarySize) / static_cast<double>(kHeadSize));
+                static_cast<double>(needed_.rotarySize) / static_cast<double>(needed_.headSize));
   }
 
   void checkTied() const {
@@ -183,6 +183,7 @@ class ConfigReader {
     return config;
   }
 
+  const kiv::Architecture needed_;
   const json& root_;
   json text_;  // the object with the values
   std::string path_;

@@ -1,4 +1,4 @@
-// The facts of a published checkpoint's JSON files, tokenizer apart.
+// The facts of a published checkpoint's JSON files, without its tokenizer.
 #pragma once
 
 #include <optional>
@@ -12,16 +12,15 @@ namespace zemtool {
 struct CheckpointConfig {
   uint32_t contextLength = 0;  // 0: not stated
   int32_t eosId = -1;          // negative: not stated
-  // As stated, to be held against the tensors.
+  // As stated; the tensors must agree.
   std::optional<uint64_t> width;
   std::optional<uint64_t> feedForward;
   std::optional<uint64_t> vocabulary;
 };
 
-// Reads config.json, with the values at the root or under "text_config". A key
-// that is there must have the one value that the decoder computes with; a key that
-// is not is left to the tensors. Throws Failure, which names the key, what was
-// found and what is needed.
+// Reads config.json, with the values at the root or under "text_config". A key that is present
+// must have the one value that the decoder computes with. The tensors decide about a key that
+// is absent. Throws Failure, which names the key, what was found and what is needed.
 CheckpointConfig readCheckpointConfig(const std::string& folder);
 
 // generation_config.json, if there is one.

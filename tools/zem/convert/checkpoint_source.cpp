@@ -38,8 +38,8 @@ bool startsWithAny(std::string_view text, std::initializer_list<std::string_view
 // Checkpoint names without prefix to the container's.
 std::map<std::string, std::string, std::less<>> containerNames() {
   std::map<std::string, std::string, std::less<>> names;
-  for (const ExpectedTensor& tensor : expectedTensors({1, 1, 1})) {
-    names.emplace(checkpointName(tensor.name), tensor.name);
+  for (const kiv::ArchitectureTensor& tensor : kiv::tensorsOf({})) {
+    names.emplace(checkpointName(tensor.role, tensor.layer), tensor.name);
   }
   return names;
 }
@@ -78,8 +78,7 @@ class FolderReader {
     checkIndex();
     checkHead();
     checkWidths(config);
-    const ModelWidths widths = widthsOf(source_);
-    source_.tokenizer = readJsonTokenizer(folder_, widths.vocabulary);
+    source_.tokenizer = readJsonTokenizer(folder_, architectureOf(source_).vocabulary);
     chooseStop(config);
     return std::move(source_);
   }
@@ -154,7 +153,7 @@ class FolderReader {
       ++source_.leftOut.prediction;
       return;
     }
-    if (name.ends_with("lm_head.weight")) {
+    if (name.ends_with(checkpointName(kiv::TensorRole::OutputHead, 0))) {
       head_ = std::move(tensor);
       return;
     }
@@ -197,7 +196,7 @@ class FolderReader {
   // Some checkpoints store a tied head all the same.
   void checkHead() {
     if (head_.name.empty()) return;
-    const auto embedding = source_.tensors.find("token_embd.weight");
+    const auto embedding = source_.tensors.find(kiv::tensorName(kiv::TensorRole::Embedding));
     if (embedding == source_.tensors.end()) return;
     const SourceTensor& table = embedding->second;
     if (head_.type != table.type || head_.bytes != table.bytes ||
@@ -210,15 +209,15 @@ class FolderReader {
   }
 
   void checkWidths(const CheckpointConfig& config) const {
-    const ModelWidths widths = widthsOf(source_);
-    const auto check = [&](const char* key, std::optional<uint64_t> stated, uint64_t found) {
-      if (!stated || *stated == found) return;
+    const kiv::Architecture found = architectureOf(source_);
+    const auto check = [&](const char* key, std::optional<uint64_t> stated, uint64_t has) {
+      if (!stated || *stated == has) return;
       throw Failure(path("config.json") + ": " + key + " is " + std::to_string(*stated) +
-                    ", the tensors have " + std::to_string(found));
+                    ", the tensors have " + std::to_string(has));
     };
-    check("hidden_size", config.width, widths.width);
-    check("intermediate_size", config.feedForward, widths.feedForward);
-    check("vocab_size", config.vocabulary, widths.vocabulary);
+    check("hidden_size", config.width, found.width);
+    check("intermediate_size", config.feedForward, found.feedForward);
+    check("vocab_size", config.vocabulary, found.vocabulary);
   }
 
   // The tokenizer's own statement is the weakest.

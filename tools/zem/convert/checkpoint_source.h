@@ -8,9 +8,9 @@
 
 namespace zemtool {
 
-// Opens the folder's files and checks them and the configuration; tensors are
-// named but not compared with the architecture (planConversion does that). Vision
-// and prediction tensors are left out. Throws Failure.
+// Opens the folder's files and checks them and the configuration. Names the tensors but does
+// not compare them with the architecture; planConversion() does that. Leaves vision and
+// prediction tensors out. Throws Failure.
 ModelSource openCheckpoint(const std::string& folder);
 
 }  // namespace zemtool

@@ -76,28 +76,6 @@ void checkSpace(const std::string& output, uint64_t needed) {
                 output + " needs " + formatBytes(needed));
 }
 
-void addModelFacts(const ModelSource& source, const ConversionPlan& plan, kiv::ZEM2Writer& writer) {
-  const auto u32 = [&](const char* key, uint64_t value) {
-    writer.addMetaU32(std::string("qwen35.") + key, static_cast<uint32_t>(value));
-  };
-  u32("block_count", kLayers);
-  if (source.contextLength != 0) u32("context_length", source.contextLength);
-  u32("embedding_length", plan.widths.width);
-  u32("feed_forward_length", plan.widths.feedForward);
-  u32("vocabulary_size", plan.widths.vocabulary);
-  u32("full_attention_interval", kFullEvery);
-  u32("attention.head_count", kHeads);
-  u32("attention.head_count_kv", kKvHeads);
-  u32("attention.head_size", kHeadSize);
-  u32("attention.rotary_size", kRotarySize);
-  u32("linear.key_head_count", kKeyHeads);
-  u32("linear.value_head_count", kValueHeads);
-  u32("linear.head_size", kStateSize);
-  u32("linear.convolution_taps", kTaps);
-  writer.addMetaF32("qwen35.attention.rotary_base", static_cast<float>(kRotaryBase));
-  writer.addMetaF32("qwen35.norm_epsilon", static_cast<float>(kNormEpsilon));
-}
-
 void addSampling(const Sampling& sampling, kiv::ZEM2Writer& writer) {
   if (sampling.temperature) writer.addMetaF32("sampling.temperature", *sampling.temperature);
   if (sampling.topK) writer.addMetaU32("sampling.top_k", *sampling.topK);
@@ -111,17 +89,17 @@ std::string quantisationName(const ConversionPlan& plan, WeightMix mix) {
   size_t copied = 0;
   for (const PlannedTensor& tensor : plan.tensors) copied += tensor.copied ? 1 : 0;
   if (copied == plan.tensors.size()) return "copied";
-  return std::string(weightMixName(mix)) + (copied == 0 ? "" : ", partly copied");
+  return std::string(kiv::weightMixName(mix)) + (copied == 0 ? "" : ", partly copied");
 }
 
 void declare(const ConversionOptions& options, ModelSource& source, const ConversionPlan& plan,
              const kiv::TokenizerData& tokenizer, kiv::ZEM2Writer& writer) {
   kiv::ZEM2ModelHeader header;
-  header.hiddenSize = plan.widths.width;
-  header.layerCount = kLayers;
-  header.vocabSize = static_cast<uint32_t>(plan.widths.vocabulary);
+  header.hiddenSize = plan.architecture.width;
+  header.layerCount = plan.architecture.layers;
+  header.vocabSize = static_cast<uint32_t>(plan.architecture.vocabulary);
   writer.setModel(header);
-  writer.addMetaStr("general.architecture", "qwen35");
+  writer.addMetaStr("general.architecture", kiv::kArchitectureName);
   writer.addMetaStr("general.name", source.name);
   writer.addMetaStr("general.generator", options.generator);
   std::string files;
@@ -129,7 +107,7 @@ void declare(const ConversionOptions& options, ModelSource& source, const Conver
   writer.addMetaStr("general.source.format", source.format);
   writer.addMetaStr("general.source.files", files);
   writer.addMetaStr("general.quantisation", quantisationName(plan, options.mix));
-  addModelFacts(source, plan, writer);
+  kiv::addMetadata(plan.architecture, writer);
   addSampling(source.sampling, writer);
   writer.addMetaStr("tokenizer.source.section", "Asset");
   writer.addMetaStr("tokenizer.source.name", source.tokenizer.assetName);
@@ -163,7 +141,7 @@ ConversionReport convertModel(const ConversionOptions& options) {
   kiv::ZEM2Writer writer;
   {
     const kiv::TokenizerData tokenizer =
-        convertTokenizer(source.tokenizer, plan.widths.vocabulary, report.tokenizer);
+        convertTokenizer(source.tokenizer, plan.architecture.vocabulary, report.tokenizer);
     checkSpace(options.output, plan.bytes() + tokenizerBytes(tokenizer) +
                                    source.tokenizer.asset.size() + kFrameBytes);
     declare(options, source, plan, tokenizer, writer);
@@ -180,7 +158,7 @@ ConversionReport convertModel(const ConversionOptions& options) {
   report.weights = writeWeights(plan, writer, write);
   report.format = source.format;
   report.files = source.files;
-  report.widths = plan.widths;
+  report.architecture = plan.architecture;
   report.leftOut = source.leftOut;
   report.fallbacks = plan.fallbacks;
   require(writer.finish());  // nothing may fail once the output is there

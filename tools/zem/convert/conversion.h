@@ -1,4 +1,4 @@
-// A whole conversion: a published model in, a container out.
+// A whole conversion, from a published model to a container.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ struct ConversionOptions {
 struct ConversionReport {
   std::string format;
   std::vector<std::string> files;
-  ModelWidths widths;
+  kiv::Architecture architecture;
   LeftOut leftOut;
   std::vector<Fallback> fallbacks;
   TokenizerCounts tokenizer;
@@ -37,8 +37,8 @@ struct ConversionReport {
   double seconds = 0;
 };
 
-// Throws Failure. The output is whole or not there at all; an output that existed
-// before is replaced at the very end.
+// Throws Failure. The output appears under its name only when it is whole, and replaces an
+// older file then.
 ConversionReport convertModel(const ConversionOptions& options);
 
 }  // namespace zemtool

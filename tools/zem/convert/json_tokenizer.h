@@ -8,7 +8,7 @@
 
 namespace zemtool {
 
-// The tokenizer of the checkpoint in `folder`, whose embedding has `rows` rows.
+// The tokenizer of the checkpoint in `folder`, with an embedding of `rows` rows.
 // The chat template is the one of tokenizer_config.json, chat_template.jinja or
 // chat_template.json, in this order. Throws Failure, "FILE: what is wrong".
 SourceTokenizer readJsonTokenizer(const std::string& folder, uint64_t rows);

@@ -1,4 +1,4 @@
-// Work on several threads whose results are wanted in order, in bounded memory.
+// Work on several threads that gives its results in order and in bounded memory.
 #pragma once
 
 #include <cstddef>
@@ -8,10 +8,9 @@
 
 namespace zemtool {
 
-// Calls produce(job, bytes) for the jobs 0 to jobCount - 1 on `threads` threads
-// (at least one), and consume(job, bytes) for each, in order, on the calling
-// thread. At most three results a thread are kept at a time. `bytes` comes with
-// what an earlier job left in it.
+// Calls produce(job, bytes) for the jobs 0 to jobCount - 1 on `threads` threads (at least one),
+// and consume(job, bytes) for each, in order, on the calling thread. Keeps at most three
+// results for each thread. `bytes` still holds the result of an earlier job.
 //
 // An exception of either function ends the work and is thrown to the caller.
 void runOrdered(size_t jobCount, size_t threads,

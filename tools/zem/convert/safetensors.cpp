@@ -123,7 +123,7 @@ class TableReader {
     checkSize(entry);
   }
 
-  // An unknown type has an unknown size; nobody reads such a tensor.
+  // An unknown type has an unknown size. The conversion never reads such a tensor.
   void checkSize(const SafetensorsEntry& entry) const {
     const auto* type = std::find_if(kElementTypes.begin(), kElementTypes.end(),
                                     [&](const ElementType& t) { return t.name == entry.type; });

@@ -17,10 +17,10 @@ struct SafetensorsEntry {
   uint64_t bytes = 0;
 };
 
-// The tensors of an open file, in no particular order; views live as long as the
-// mapping. The file is input from a stranger: the header's length, nesting,
-// names, types, shapes and offsets are checked, sizes against shapes, and tensors
-// against the file's end and each other. Throws Failure, "PATH: what is wrong".
+// The tensors of an open file, in no particular order. Views live as long as the mapping.
+// Nothing in the file is trusted: the header's length, nesting, names, types, shapes and
+// offsets are checked, sizes against shapes, and tensors against the file's end and each
+// other. Throws Failure, "PATH: what is wrong".
 std::vector<SafetensorsEntry> readSafetensors(const kiv::MappedFile& file);
 
 }  // namespace zemtool

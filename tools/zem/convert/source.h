@@ -1,5 +1,5 @@
-// What a converter sees of a model that it reads: tensors where they lie, and
-// facts. Made by checkpoint_source (a published folder) and gguf_source.
+// The model that a converter reads: tensors where they lie, and facts. checkpoint_source makes
+// one of a published folder, gguf_source of a GGUF file.
 #pragma once
 
 #include <cstdint>
@@ -19,14 +19,14 @@ namespace zemtool {
 struct SourceTensor {
   std::string name;  // the source's own
   kiv::GgufType type = kiv::GgufType::F32;
-  std::string typeName;         // the source's own; the type may be none of GgufType's
+  std::string typeName;         // the source's own; GgufType may lack the type
   std::vector<uint64_t> shape;  // innermost extent first
   const uint8_t* data = nullptr;
   uint64_t bytes = 0;
   const kiv::MappedFile* file = nullptr;
 };
 
-// What the publisher recommends; absent values are not written.
+// The sampling that the publisher recommends; absent values are not written.
 struct Sampling {
   std::optional<float> temperature;
   std::optional<uint32_t> topK;
@@ -48,12 +48,12 @@ struct ModelSource {
   uint32_t contextLength = 0;  // 0: not stated
   Sampling sampling;
   SourceTokenizer tokenizer;
-  // Whether tensors have the layout of published checkpoints; GGUF files already
-  // have the container's.
+  // Whether tensors have the layout of published checkpoints. GGUF files have the container's
+  // layout already.
   bool checkpointLayout = false;
   std::map<std::string, SourceTensor> tensors;  // by the container's names
   LeftOut leftOut;
-  // Keeps what the tensors and the tokenizer point into.
+  // Keep alive what the tensors and the tokenizer point into.
   std::vector<std::shared_ptr<const void>> owners;
 };
 

@@ -1,4 +1,4 @@
-// A vocabulary as its source has it, before it becomes a container's.
+// A vocabulary in the form of its source, before it becomes a container's.
 #pragma once
 
 #include <cstdint>

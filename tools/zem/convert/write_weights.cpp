@@ -16,13 +16,15 @@
 namespace zemtool {
 namespace {
 
+using kiv::TensorRole;
+
 constexpr uint64_t kJobElements = uint64_t{1} << 18;  // about; a job has whole rows
 constexpr uint64_t kJobCopied = uint64_t{4} << 20;    // bytes, likewise
 constexpr size_t kLanes = 8;
 
-// Above this the weights are hardly what they were.
+// Above this relative error the weights are hardly usable.
 constexpr double kPoorError = 0.3;
-// A norm's weights lie around 1; around 0 or 2, an addition is missing or doubled.
+// A norm's weights lie around 1. Around 0 or 2, the addition of 1 is missing or doubled.
 constexpr double kSmallNorm = 0.4;
 constexpr double kLargeNorm = 1.7;
 
@@ -30,9 +32,9 @@ bool allFinite(const float* x, uint64_t n) {
   return kiv::rowIsFinite(kiv::DType::F32, x, n * sizeof(float));
 }
 
-// Sums term(0) to term(n - 1) over independent chains, which compilers turn into
-// vector code although they may not reorder a sum on their own. One sum a loop:
-// two at a time kept GCC from it, at a third of the speed.
+// Sums term(0) to term(n - 1) in independent lanes, which compilers turn into vector code. They
+// may not reorder a sum on their own. With two sums in one loop GCC gave up on vectors, at a
+// third of the speed.
 template <typename Term>
 double laneSum(uint64_t n, const Term& term) {
   std::array<float, kLanes> lanes{};
@@ -71,6 +73,20 @@ void changeElements(ElementChange change, float* x, uint64_t n) {
   }
 }
 
+bool isNorm(TensorRole role) {
+  switch (role) {
+    case TensorRole::OutputNorm:
+    case TensorRole::AttentionNorm:
+    case TensorRole::FeedForwardNorm:
+    case TensorRole::QueryNorm:
+    case TensorRole::KeyNorm:
+    case TensorRole::StateNorm:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // One row of the source at a time, in the container's order and layout.
 class RowReader {
  public:
@@ -78,26 +94,26 @@ class RowReader {
       : tensor_(tensor),
         rowBytes_(tensor.source->bytes / tensor.rows()),
         row_(tensor.cols()),
-        unordered_(tensor.columnOrder.block == 0 ? 0 : tensor.cols()) {}
+        unordered_(tensor.change.columns.run == 0 ? 0 : tensor.cols()) {}
 
   const float* read(uint64_t row) {
-    const uint8_t* from = tensor_.source->data + tensor_.rowOrder.source(row) * rowBytes_;
+    const uint8_t* from = tensor_.source->data + tensor_.change.rows.source(row) * rowBytes_;
     if (unordered_.empty()) {
       kiv::widenGguf(tensor_.source->type, from, row_.data(), row_.size());
     } else {
       kiv::widenGguf(tensor_.source->type, from, unordered_.data(), unordered_.size());
       orderColumns();
     }
-    changeElements(tensor_.change, row_.data(), row_.size());
+    changeElements(tensor_.change.elements, row_.data(), row_.size());
     if (!allFinite(row_.data(), row_.size())) refuseValues(tensor_);
     return row_.data();
   }
 
  private:
   void orderColumns() {
-    const HeadOrder& order = tensor_.columnOrder;
-    for (uint64_t i = 0; i < row_.size(); i += order.block) {
-      std::copy_n(unordered_.begin() + static_cast<ptrdiff_t>(order.source(i)), order.block,
+    const HeadOrder& order = tensor_.change.columns;
+    for (uint64_t i = 0; i < row_.size(); i += order.run) {
+      std::copy_n(unordered_.begin() + static_cast<ptrdiff_t>(order.source(i)), order.run,
                   row_.begin() + static_cast<ptrdiff_t>(i));
     }
   }
@@ -143,11 +159,12 @@ std::vector<Job> cutIntoJobs(const ConversionPlan& plan, const std::vector<std::
   return jobs;
 }
 
-// Behind a job whose rows lie together in the source.
+// Gives back the source's pages of a job. Where rows change places, a tensor's last job gives
+// back all of its pages.
 void releaseRows(const Job& job) {
   const SourceTensor& source = *job.tensor->source;
   const uint64_t rowBytes = source.bytes / job.tensor->rows();
-  const bool inOrder = job.tensor->rowOrder.block == 0;
+  const bool inOrder = job.tensor->change.rows.run == 0;
   const bool last = job.firstRow + job.rows == job.tensor->rows();
   if (inOrder) source.file->release(source.data + job.firstRow * rowBytes, job.rows * rowBytes);
   if (!inOrder && last) source.file->release(source.data, source.bytes);
@@ -196,11 +213,11 @@ class Reporter {
 
   void checkVector(const PlannedTensor& tensor) {
     const double mean = stats_.sum / static_cast<double>(tensor.elements());
-    if (tensor.name.ends_with("norm.weight")) {
+    if (isNorm(tensor.role)) {
       if (mean < kSmallNorm) smallNorms_.emplace_back(tensor.name, mean);
       if (mean > kLargeNorm) largeNorms_.emplace_back(tensor.name, mean);
     }
-    if (tensor.name.ends_with("ssm_a") && stats_.largest >= 0) {
+    if (tensor.role == TensorRole::Decay && stats_.largest >= 0) {
       report_.warnings.push_back(
           tensor.name + " has values that are not negative: as if -exp had " + "not been applied");
     }

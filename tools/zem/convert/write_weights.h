@@ -1,4 +1,4 @@
-// Moves the weights of a plan into a container, on several threads.
+// Writes the weights of a plan into a container, on several threads.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +12,7 @@
 
 namespace zemtool {
 
-// What some rows of a tensor turned out to be. Sums of several stretches of rows
-// are those of all of them.
+// Statistics of some rows of a tensor. Those of several stretches of rows can be added.
 struct RowStats {
   double squaredError = 0;  // of what is stored, against the source
   double squaredNorm = 0;   // of the source
@@ -23,13 +22,14 @@ struct RowStats {
   void add(const RowStats& other);
 };
 
-// Over the tensors of a type.
+// Statistics of all tensors of a type.
 struct TypeReport {
   uint64_t tensors = 0;
   uint64_t copied = 0;
   uint64_t elements = 0;
   uint64_t bytes = 0;
-  // Of the tensors that were encoded: root of mean squares, relative to the weights'.
+  // Of the tensors that were encoded. An error is the root of the mean square, relative to that
+  // of the weights.
   double squaredError = 0;
   double squaredNorm = 0;
   double worstError = 0;
@@ -45,9 +45,9 @@ struct WeightReport {
   std::vector<std::string> warnings;
 };
 
-// The stored bytes of rows `first` to `first + count - 1`. Throws Failure, which
-// names the tensor, where a weight is not finite or a scale is too large for its
-// type. The stats have errors only where `measure` is set. Any thread.
+// Gives the stored bytes of rows `first` to `first + count - 1`. Throws Failure, which names
+// the tensor, when a weight is not finite or a scale is too large for its type. The statistics
+// have errors only with `measure`. Any thread.
 void encodeRows(const PlannedTensor& tensor, uint64_t first, uint64_t count, bool measure,
                 std::vector<uint8_t>& out, RowStats& stats);
 
@@ -57,8 +57,8 @@ struct WriteOptions {
   std::function<void(uint64_t done)> progress;  // bytes written; may throw to stop
 };
 
-// Streams every tensor of the plan into `writer`, which has begun. The source's
-// pages are given back as they are used up, so that memory stays bounded.
+// Streams every tensor of the plan into `writer`, which has begun. Gives the source's pages
+// back as soon as they are used, so that memory stays bounded.
 WeightReport writeWeights(const ConversionPlan& plan, kiv::ZEM2Writer& writer,
                           const WriteOptions& options);
 

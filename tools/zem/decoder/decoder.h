@@ -10,15 +10,15 @@
 
 namespace zemtool {
 
-// Loads the module with the first one. Not for several threads.
+// The first one loads the module. One thread.
 class Decoder {
  public:
-  // Throws Failure, which names the file, where the module or the model does not open.
+  // Throws Failure, which names the file, when the module or the model does not open.
   Decoder(const std::string& path, size_t positions);
 
   size_t vocabulary() const;
-  // The logits behind the next token of the sequence; valid until the next step.
-  // Throws Failure.
+  // Feeds the next token of the sequence. The logits are valid until the next step. Throws
+  // Failure.
   const std::vector<float>& step(int32_t token);
 
  private:

@@ -1,10 +1,9 @@
-// The decoder as a module of its own, for commands that need logits, which the
-// plug-in's boundary does not show. A module, because OpenMP reads its settings
-// when it is loaded: loaded with the program, it would not see those that the
-// program makes for the plug-in.
+// The decoder as a module of its own, for commands that need logits: the plug-in's boundary
+// does not show them. OpenMP reads its settings when it is loaded. A decoder inside the program
+// would load it before the program has made these settings.
 //
-// One decoder is used by one thread at a time, and one decoder of a process
-// computes at a time. No function throws.
+// One thread at a time uses a decoder, and one decoder of a process computes at a time. No
+// function throws.
 #ifndef ZEM_TOOLS_DECODER_MODULE_H
 #define ZEM_TOOLS_DECODER_MODULE_H
 
@@ -17,14 +16,14 @@ extern "C" {
 
 typedef struct ZemDecoder ZemDecoder;
 
-// Opens a container for sequences of up to `positions` tokens. Null on failure,
-// with the reason in `error`, cut to `errorSize` bytes.
+// Opens a container for sequences of up to `positions` tokens. Null on failure; `error` then
+// has the reason, cut to `errorSize` bytes.
 typedef ZemDecoder* (*ZemDecoderOpenFn)(const char* path, size_t positions, char* error,
                                         size_t errorSize);
 // Tokens of the vocabulary.
 typedef size_t (*ZemDecoderVocabularyFn)(const ZemDecoder* decoder);
-// Feeds the next token, which must be one of the vocabulary; writes a logit for
-// each. 0 for success, 1 where memory or positions are used up.
+// Feeds the next token and writes a logit for each token of the vocabulary. 0 for success, 1
+// when the token is not in the vocabulary, or memory or positions are used up.
 typedef int (*ZemDecoderStepFn)(ZemDecoder* decoder, int32_t token, float* logits);
 // Null is fine.
 typedef void (*ZemDecoderCloseFn)(ZemDecoder* decoder);

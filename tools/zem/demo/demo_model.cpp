@@ -1,7 +1,7 @@
 #include "demo/demo_model.h"
 
 #include <cmath>
-#include <string_view>
+#include <utility>
 
 #include "demo/demo_vocabulary.h"
 #include "kiv/quant/row_codec.h"
@@ -9,25 +9,17 @@
 namespace zemtool {
 namespace {
 
+using kiv::Architecture;
+using kiv::ArchitectureTensor;
 using kiv::DType;
+using kiv::TensorRole;
+using kiv::WeightMix;
 
-constexpr uint32_t kLayers = 32;
-constexpr uint32_t kFullEvery = 4;  // layers 3, 7, ... have full attention
-constexpr uint64_t kHeads = 16;
-constexpr uint64_t kKvHeads = 4;
-constexpr uint64_t kHeadDim = 256;
-constexpr uint64_t kRotary = 64;
-constexpr uint64_t kKeyHeads = 16;
-constexpr uint64_t kValueHeads = 32;
-constexpr uint64_t kStateDim = 128;
-constexpr uint64_t kTaps = 4;
-constexpr uint64_t kInner = kValueHeads * kStateDim;
-constexpr uint64_t kChannels = kInner + 2 * kKeyHeads * kStateDim;
 constexpr uint32_t kContext = 8192;
 
 struct Dimensions {
-  uint32_t width;
-  uint32_t feedForward;
+  uint64_t width;
+  uint64_t feedForward;
   uint32_t tokens;  // at least
 };
 
@@ -35,128 +27,61 @@ constexpr Dimensions dimensionsOf(DemoSize size) {
   return size == DemoSize::Tiny ? Dimensions{256, 512, 0} : Dimensions{2560, 9216, 248320};
 }
 
-bool isFull(uint32_t layer) { return layer % kFullEvery == kFullEvery - 1; }
-
-DType matrixType(DemoType type, std::string_view suffix) {
-  switch (type) {
-    case DemoType::F32:
-      return DType::F32;
-    case DemoType::BF16:
-      return DType::BF16;
-    case DemoType::Q8_0:
-      return DType::Q8_0;
-    case DemoType::Q4_K:
-      return DType::Q4_K;
-    case DemoType::Q5_K:
-      return DType::Q5_K;
-    case DemoType::Q6_K:
-      return DType::Q6_K;
-    case DemoType::Q4_K_M:
-      break;
-  }
-  if (suffix == "attn_v.weight" || suffix == "ffn_down.weight" || suffix == "token_embd.weight") {
-    return DType::Q6_K;
-  }
-  return suffix == "ssm_alpha.weight" || suffix == "ssm_beta.weight" ? DType::Q8_0 : DType::Q4_K;
+DType typeOf(WeightMix type, const ArchitectureTensor& tensor) {
+  if (!tensor.matrix) return DType::F32;
+  return kiv::isMixed(type) ? kiv::matrixType(type, tensor.role) : kiv::baseType(type);
 }
 
-// Collects the tensors of one model.
-class Planner {
- public:
-  explicit Planner(DemoModel& model) : model_(model) {}
-
-  // Uniform weights of variance 1 / cols: a product keeps its input's size.
-  void matrix(const std::string& prefix, const char* suffix, uint64_t rows, uint64_t cols) {
-    DemoTensor tensor;
-    tensor.name = prefix + suffix;
-    tensor.type = matrixType(model_.type, suffix);
-    tensor.shape = {cols, rows};
-    tensor.spread = std::sqrt(3.0F / static_cast<float>(cols));
-    model_.tensors.push_back(std::move(tensor));
-  }
-
-  void plain(std::string name, std::vector<uint64_t> shape, float mean, float spread) {
-    DemoTensor tensor;
-    tensor.name = std::move(name);
-    tensor.shape = std::move(shape);
-    tensor.mean = mean;
-    tensor.spread = spread;
-    model_.tensors.push_back(std::move(tensor));
-  }
-
-  void norm(std::string name, uint64_t size) { plain(std::move(name), {size}, 1.0F, 0.1F); }
-
-  void layer(uint32_t index) {
-    const std::string prefix = layerPrefix(index);
-    const uint64_t width = model_.width;
-    norm(prefix + "attn_norm.weight", width);
-    norm(prefix + "post_attention_norm.weight", width);
-    matrix(prefix, "ffn_gate.weight", model_.feedForward, width);
-    matrix(prefix, "ffn_up.weight", model_.feedForward, width);
-    matrix(prefix, "ffn_down.weight", width, model_.feedForward);
-    if (isFull(index)) {
-      fullAttention(prefix);
-    } else {
-      linearAttention(prefix);
-    }
-  }
-
-  // Layer `index` uses the tensors that layer `source` declared since `begin`.
-  void aliasLayer(uint32_t index, uint32_t source, size_t begin, size_t end) {
-    const size_t skip = layerPrefix(source).size();
-    for (size_t i = begin; i < end; ++i) {
-      const std::string& target = model_.tensors[i].name;
-      model_.aliases.emplace_back(layerPrefix(index) + target.substr(skip), target);
-    }
-  }
-
- private:
-  static std::string layerPrefix(uint32_t index) { return "blk." + std::to_string(index) + "."; }
-
-  void linearAttention(const std::string& prefix) {
-    const uint64_t width = model_.width;
-    matrix(prefix, "attn_qkv.weight", kChannels, width);
-    matrix(prefix, "attn_gate.weight", kInner, width);
-    matrix(prefix, "ssm_beta.weight", kValueHeads, width);
-    matrix(prefix, "ssm_alpha.weight", kValueHeads, width);
-    plain(prefix + "ssm_dt.bias", {kValueHeads}, 0.0F, 1.0F);
-    plain(prefix + "ssm_a", {kValueHeads}, -4.005F, 3.995F);  // decay rates, [-8, -0.01]
-    plain(prefix + "ssm_conv1d.weight", {kTaps, kChannels}, 0.0F, 0.8F);
-    norm(prefix + "ssm_norm.weight", kStateDim);
-    matrix(prefix, "ssm_out.weight", width, kInner);
-  }
-
-  void fullAttention(const std::string& prefix) {
-    const uint64_t width = model_.width;
-    matrix(prefix, "attn_q.weight", 2 * kHeads * kHeadDim, width);  // queries and gates
-    matrix(prefix, "attn_k.weight", kKvHeads * kHeadDim, width);
-    matrix(prefix, "attn_v.weight", kKvHeads * kHeadDim, width);
-    matrix(prefix, "attn_output.weight", width, kHeads * kHeadDim);
-    norm(prefix + "attn_q_norm.weight", kHeadDim);
-    norm(prefix + "attn_k_norm.weight", kHeadDim);
-  }
-
-  DemoModel& model_;
+// Where the weights of a vector or of the convolution lie.
+struct Range {
+  float mean;
+  float spread;
 };
 
-void planLayers(DemoModel& model) {
-  Planner planner(model);
-  if (model.size == DemoSize::Full4B) {
-    for (uint32_t i = 0; i < kLayers; ++i) planner.layer(i);
-    return;
+Range rangeOf(TensorRole role) {
+  switch (role) {
+    case TensorRole::DecayBias:
+      return {0.0F, 1.0F};
+    case TensorRole::Decay:
+      return {-4.005F, 3.995F};  // decay rates, [-8, -0.01]
+    case TensorRole::Convolution:
+      return {0.0F, 0.8F};
+    default:
+      return {1.0F, 0.1F};  // of norms
   }
-  constexpr uint32_t kFirstFull = kFullEvery - 1;
-  const size_t linear = model.tensors.size();
-  planner.layer(0);
-  const size_t full = model.tensors.size();
-  planner.layer(kFirstFull);
-  const size_t end = model.tensors.size();
-  for (uint32_t i = 1; i < kLayers; ++i) {
-    if (i == kFirstFull) continue;
-    if (isFull(i)) {
-      planner.aliasLayer(i, kFirstFull, full, end);
+}
+
+DemoTensor planTensor(const ArchitectureTensor& tensor, WeightMix type) {
+  DemoTensor planned;
+  planned.name = tensor.name;
+  planned.role = tensor.role;
+  planned.type = typeOf(type, tensor);
+  planned.shape = tensor.shape;
+  if (tensor.matrix) {
+    // Uniform weights of variance 1 / columns: a product keeps its input's size.
+    planned.spread = std::sqrt(3.0F / static_cast<float>(tensor.shape[0]));
+  } else {
+    const Range range = rangeOf(tensor.role);
+    planned.mean = range.mean;
+    planned.spread = range.spread;
+  }
+  return planned;
+}
+
+// The first layer of the same kind. In a tiny model all such layers share its tensors.
+uint32_t sharedLayer(const Architecture& architecture, uint32_t layer) {
+  return architecture.isFull(layer) ? architecture.fullEvery - 1 : 0;
+}
+
+void planTensors(DemoModel& model) {
+  for (const ArchitectureTensor& tensor : kiv::tensorsOf(model.architecture)) {
+    if (tensor.optional) continue;
+    const uint32_t source = sharedLayer(model.architecture, tensor.layer);
+    const bool shared = model.size == DemoSize::Tiny && kiv::isOfLayer(tensor.role);
+    if (shared && tensor.layer != source) {
+      model.aliases.emplace_back(tensor.name, kiv::tensorName(tensor.role, source));
     } else {
-      planner.aliasLayer(i, 0, linear, full);
+      model.tensors.push_back(planTensor(tensor, model.type));
     }
   }
 }
@@ -195,68 +120,43 @@ void fill(uint64_t key, uint64_t firstElement, const DemoTensor& tensor, float g
 void declareMetadata(const DemoModel& model, const std::string& generator,
                      kiv::ZEM2Writer& writer) {
   const std::string size = demoSizeName(model.size);
-  writer.addMetaStr("general.architecture", "qwen35");
+  writer.addMetaStr("general.architecture", kiv::kArchitectureName);
   writer.addMetaStr("general.name", "demo " + size + ", random weights");
   writer.addMetaStr("general.description", "random weights of `zem make-demo`; knows nothing");
   writer.addMetaStr("general.generator", generator);
   writer.addMetaU64("demo.seed", model.seed);
   writer.addMetaStr("demo.size", size);
-  writer.addMetaStr("demo.type", demoTypeName(model.type));
-  const auto u32 = [&](const char* key, uint64_t value) {
-    writer.addMetaU32(std::string("qwen35.") + key, static_cast<uint32_t>(value));
-  };
-  u32("block_count", kLayers);
-  u32("context_length", kContext);
-  u32("embedding_length", model.width);
-  u32("feed_forward_length", model.feedForward);
-  u32("vocabulary_size", model.tokenizer.tokens.size());
-  u32("full_attention_interval", kFullEvery);
-  u32("attention.head_count", kHeads);
-  u32("attention.head_count_kv", kKvHeads);
-  u32("attention.head_size", kHeadDim);
-  u32("attention.rotary_size", kRotary);
-  u32("linear.key_head_count", kKeyHeads);
-  u32("linear.value_head_count", kValueHeads);
-  u32("linear.head_size", kStateDim);
-  u32("linear.convolution_taps", kTaps);
-  writer.addMetaF32("qwen35.attention.rotary_base", 1e7F);
-  writer.addMetaF32("qwen35.norm_epsilon", 1e-6F);
+  writer.addMetaStr("demo.type", kiv::weightMixName(model.type));
+  kiv::addMetadata(model.architecture, writer);
 }
 
 }  // namespace
 
 const char* demoSizeName(DemoSize size) { return size == DemoSize::Tiny ? "tiny" : "4b"; }
 
-const char* demoTypeName(DemoType type) {
-  constexpr const char* kNames[] = {"f32", "bf16", "q8_0", "q4_k", "q5_k", "q6_k", "q4_k_m"};
-  return kNames[static_cast<size_t>(type)];
-}
-
-DemoModel planDemoModel(DemoSize size, DemoType type, uint64_t seed) {
+DemoModel planDemoModel(DemoSize size, WeightMix type, uint64_t seed) {
   const Dimensions dimensions = dimensionsOf(size);
   DemoVocabulary vocabulary = makeDemoVocabulary(dimensions.tokens);
   DemoModel model;
   model.seed = seed;
   model.size = size;
   model.type = type;
-  model.width = dimensions.width;
-  model.feedForward = dimensions.feedForward;
   model.tokenizer = std::move(vocabulary.data);
   model.loudness = std::move(vocabulary.loudness);
-  planLayers(model);
-  Planner planner(model);
-  planner.norm("output_norm.weight", model.width);
-  planner.matrix("", "token_embd.weight", model.tokenizer.tokens.size(), model.width);
-  model.tensors.back().perToken = true;
+  model.architecture.width = dimensions.width;
+  model.architecture.feedForward = dimensions.feedForward;
+  model.architecture.vocabulary = model.tokenizer.tokens.size();
+  model.architecture.contextLength = kContext;
+  planTensors(model);
   return model;
 }
 
 void declareDemoModel(const DemoModel& model, const std::string& generator,
                       kiv::ZEM2Writer& writer) {
   kiv::ZEM2ModelHeader header;
-  header.hiddenSize = model.width;
-  header.layerCount = kLayers;
-  header.vocabSize = static_cast<uint32_t>(model.tokenizer.tokens.size());
+  header.hiddenSize = model.architecture.width;
+  header.layerCount = model.architecture.layers;
+  header.vocabSize = static_cast<uint32_t>(model.architecture.vocabulary);
   writer.setModel(header);
   declareMetadata(model, generator, writer);
   writer.setTokenizer(model.tokenizer);
@@ -275,7 +175,8 @@ void encodeDemoRows(const DemoModel& model, const DemoTensor& tensor, uint64_t f
   out.resize(count * rowBytes);
   for (uint64_t i = 0; i < count; ++i) {
     const uint64_t row = first + i;
-    fill(key, row * cols, tensor, tensor.perToken ? model.loudness[row] : 1.0F, scratch.data());
+    const float gain = tensor.role == TensorRole::Embedding ? model.loudness[row] : 1.0F;
+    fill(key, row * cols, tensor, gain, scratch.data());
     kiv::encodeRow(tensor.type, scratch.data(), cols, out.data() + i * rowBytes);
   }
 }

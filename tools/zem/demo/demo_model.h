@@ -1,5 +1,5 @@
-// What `zem make-demo` writes: models of the supported architecture with seeded
-// random weights, complete in names, shapes and metadata, without knowledge.
+// What `zem make-demo` writes: models with seeded random weights, complete in names, shapes
+// and metadata.
 #pragma once
 
 #include <array>
@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "kiv/model/architecture.h"
+#include "kiv/model/weight_mix.h"
 #include "kiv/tensor.h"
 #include "kiv/tokenizer.h"
 #include "kiv/zem2_writer.h"
@@ -16,27 +18,22 @@
 namespace zemtool {
 
 enum class DemoSize {
-  // Width 256. The layers of a kind share one set of tensors in the file, so
-  // that a model of 32 layers stays small.
+  // Width 256. The layers of a kind share one set of tensors, so that a model of 32 layers
+  // stays small.
   Tiny,
   // The shapes of a model of four billion weights, for benchmarks.
   Full4B,
 };
 
-// The type of the matrices. Q4_K_M is a mix: Q6_K for attn_v, ffn_down and the
-// embedding, Q8_0 for ssm_alpha and ssm_beta, Q4_K for the rest. Vectors and the
-// convolution are F32 always.
-enum class DemoType { F32, BF16, Q8_0, Q4_K, Q5_K, Q6_K, Q4_K_M };
-
-// A tensor and the rule of its weights. Element i follows from the hash of the
-// model's seed, the tensor's name and i, whoever computes it.
+// A tensor and the rule of its weights. Element i follows from the hash of the model's seed,
+// the tensor's name and i alone.
 struct DemoTensor {
   std::string name;
+  kiv::TensorRole role = kiv::TensorRole::Embedding;
   kiv::DType type = kiv::DType::F32;
   std::vector<uint64_t> shape;
   float mean = 0;
-  float spread = 0;       // uniform in [mean - spread, mean + spread]
-  bool perToken = false;  // row r is multiplied by DemoModel::loudness[r]
+  float spread = 0;  // uniform in [mean - spread, mean + spread]
 
   uint64_t cols() const { return shape[0]; }
   uint64_t rows() const { return shape.size() > 1 ? shape[1] : 1; }
@@ -45,27 +42,26 @@ struct DemoTensor {
 struct DemoModel {
   uint64_t seed = 0;
   DemoSize size = DemoSize::Tiny;
-  DemoType type = DemoType::Q4_K;
-  uint32_t width = 0;
-  uint32_t feedForward = 0;
+  kiv::WeightMix type = kiv::WeightMix::Q4_K;
+  kiv::Architecture architecture;
   kiv::TokenizerData tokenizer;
-  std::vector<float> loudness;  // one a token
+  std::vector<float> loudness;  // one a token: the factor of its embedding
   std::vector<DemoTensor> tensors;
   std::vector<std::pair<std::string, std::string>> aliases;  // name, target
 };
 
 inline constexpr std::array kDemoSizes = {DemoSize::Tiny, DemoSize::Full4B};
-inline constexpr std::array kDemoTypes = {DemoType::F32,   DemoType::BF16, DemoType::Q8_0,
-                                          DemoType::Q4_K,  DemoType::Q5_K, DemoType::Q6_K,
-                                          DemoType::Q4_K_M};
+// A pure type is that of every matrix, ssm_alpha and ssm_beta included.
+inline constexpr std::array kDemoTypes = {
+    kiv::WeightMix::F32,  kiv::WeightMix::BF16, kiv::WeightMix::Q8_0,  kiv::WeightMix::Q4_K,
+    kiv::WeightMix::Q5_K, kiv::WeightMix::Q6_K, kiv::WeightMix::Q4_K_M};
 
-// "tiny", "4b"; "f32", ..., "q4_k_m".
-const char* demoSizeName(DemoSize size);
-const char* demoTypeName(DemoType type);
+const char* demoSizeName(DemoSize size);  // "tiny", "4b"
 
-DemoModel planDemoModel(DemoSize size, DemoType type, uint64_t seed);
+// `type` is one of kDemoTypes.
+DemoModel planDemoModel(DemoSize size, kiv::WeightMix type, uint64_t seed);
 
-// Declares everything but the weights. `generator` goes into the metadata.
+// Declares all sections and tensors; writes no weights. `generator` goes into the metadata.
 void declareDemoModel(const DemoModel& model, const std::string& generator,
                       kiv::ZEM2Writer& writer);
 

@@ -112,7 +112,7 @@ class Builder {
 
   // Makes encoding reach `start` followed by the ASCII `letters`, by merges from
   // the left. Every step on the way becomes a token as well: a merged symbol
-  // that is no token would be lost.
+  // that is not a token would be lost.
   void addChain(const std::string& start, const std::string& letters, float loudness) {
     std::string left = start;
     for (size_t i = 0; i < letters.size(); ++i) {

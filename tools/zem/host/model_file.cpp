@@ -19,7 +19,7 @@
 namespace zemtool {
 namespace {
 
-// Why `path` cannot be read as a file; empty when it can.
+// Why `path` cannot be read as a file; empty when it can be.
 std::string fileProblem(const std::string& path) {
   using Type = std::filesystem::file_type;
   const Type type = compat::typeOf(path.c_str());

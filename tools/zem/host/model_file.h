@@ -1,4 +1,4 @@
-// A model file looked at without a runtime.
+// Facts about a model file, read without a runtime.
 #pragma once
 
 #include <cstdint>
@@ -13,13 +13,13 @@ namespace zemtool {
 // Opens the container; throws Failure with the file's name and the reason.
 void openContainer(kiv::ZEM2Reader& reader, const std::string& path);
 
-// The file's vocabulary; throws Failure when it has none that can be used.
+// The file's vocabulary. Throws Failure when it has no usable one.
 kiv::Tokenizer openTokenizer(const std::string& path);
 
 // Throws Failure unless `path` is a file that can be read.
 void requireReadable(const std::string& path);
 
-// Why no runtime would open the file, in words; empty when nothing is wrong with it.
+// Why every runtime would refuse the file; empty when nothing is wrong with it.
 std::string modelProblem(const std::string& path);
 
 // The metadata's "general.name", else the name of the file.
@@ -41,8 +41,8 @@ TensorFacts tensorFacts(const kiv::ZEM2Reader& reader, size_t index);
 struct WeightTotals {
   uint64_t elements = 0;
   uint64_t bytes = 0;
-  // Read for every token: all of them, but for an embedding table that is not
-  // the output head as well (of which one row is read).
+  // Bytes that every token reads. An embedding table that is not the output head too does
+  // not count: a token reads one row of it.
   uint64_t bytesPerToken = 0;
 };
 WeightTotals weightTotals(const kiv::ZEM2Reader& reader);

@@ -8,8 +8,8 @@
 namespace zemtool {
 
 std::filesystem::path moduleFile(const std::string& name) {
-  const auto folder = compat::pathOf(compat::programPath()).parent_path();
-  const std::string file = name + compat::kModuleSuffix;
+  const auto folder = compat::pathOf(programPath()).parent_path();
+  const std::string file = name + kModuleSuffix;
   const auto installed = (folder / ZEM_MODULE_FOLDER / file).lexically_normal();
   std::error_code error;
   const bool onlyInstalled =

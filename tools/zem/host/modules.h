@@ -1,4 +1,4 @@
-// Where the modules that belong to this program lie.
+// The modules that belong to this program.
 #pragma once
 
 #include <filesystem>
@@ -6,9 +6,9 @@
 
 namespace zemtool {
 
-// The file of the module `name`, which has no suffix: beside this program, as in a
-// build and on Windows, else in the library folder of an installation. Where it is
-// in neither, the first of the two.
+// The file of the module `name`, which has no suffix. It lies beside this program in a build
+// and on Windows, else in the library folder of an installation. When it is in neither, the
+// result is the file beside this program.
 std::filesystem::path moduleFile(const std::string& name);
 
 }  // namespace zemtool

@@ -26,7 +26,7 @@ std::string absoluteName(const std::string& path) {
   return compat::nameOf(std::filesystem::absolute(compat::pathOf(path)));
 }
 
-// Right after dlopen() has failed.
+// Call it right after dlopen() has failed.
 std::string loadProblem(const std::string& path) {
   std::string reason = dlerror();
   while (!reason.empty() && (reason.back() == '\n' || reason.back() == '\r')) reason.pop_back();
@@ -50,7 +50,7 @@ class Library {
     return reinterpret_cast<Function>(symbol);
   }
 
-  // Also in the libraries that this one needs; null where there is none.
+  // Searches the libraries that this one needs, too. Null when none has the symbol.
   template <typename Function>
   Function findIfThere(const char* name) const {
     return reinterpret_cast<Function>(dlsym(handle_, name));

@@ -1,35 +1,35 @@
-// The plug-in as any host sees it: a library with four exports, and sessions
-// behind function pointers.
+// The plug-in as every host sees it: a library with four exports, and sessions behind
+// function pointers.
 #pragma once
 
 #include <string>
 
-#include "commands/options.h"
+#include "host/session_options.h"
 #include "zem/plugin.h"
 
 namespace zemtool {
 
-// Tokens that one reply or completion has at most; the runtime's own limit.
+// The runtime's limit: tokens of one reply or completion.
 inline constexpr int kTokenBudget = 96;
 
-// The library that `given` (a --plugin option), else $ZEM_PLUGIN names, else
-// the one that came with this program. Throws Failure when there is none.
+// The plug-in's file: `given` unless it is empty, else $ZEM_PLUGIN, else the one that came
+// with this program. Throws Failure when there is none.
 std::string findPlugin(const std::string& given);
 
-// A loaded plug-in and its first runtime. The library stays loaded until the
-// process ends, for OpenMP's waiting threads run its code.
+// A loaded plug-in and its first runtime. The library stays loaded until the process ends,
+// because OpenMP's waiting threads run its code.
 class PluginHost {
  public:
-  // Throws Failure when `path` is no plug-in that this host can drive.
+  // Throws Failure when this host cannot drive the file as a plug-in.
   explicit PluginHost(const std::string& path);
 
   const ZEMPluginDescriptor& plugin() const { return *plugin_; }
   const ZEMRuntimeDescriptorV2& runtime() const { return *runtime_; }
   const ZEMRuntimeDescriptorV2S& streaming() const { return *streaming_; }
 
-  // From the next product on, sessions that this thread drives compute on `count`
-  // threads. The boundary has no entry for that; the plug-in's OpenMP library has.
-  // Throws Failure where it cannot be reached, as when it is part of the plug-in.
+  // From the next product on, the sessions that this thread drives compute on `count`
+  // threads. The boundary has no entry for that, but the plug-in's OpenMP library has one.
+  // Throws Failure when that library cannot be reached, as when it is part of the plug-in.
   void setThreads(int count) const;
 
  private:
@@ -61,9 +61,9 @@ class Session {
   ZEMRuntimeHandle* handle_ = nullptr;
 };
 
-// Tokens in a second of forward steps; 0 when there were none.
+// Tokens per second of forward steps; 0 when there were no steps.
 double tokensPerSecond(const ZEMRuntimeStats& stats);
-// "17 tokens in 512.3 ms (prompt included), 33.2 tokens/s".
+// "17 tokens in 512.3 ms (prompt included), 33.2 tokens/s, last step 29.8 ms".
 std::string describeStats(const ZEMRuntimeStats& stats);
 
 }  // namespace zemtool

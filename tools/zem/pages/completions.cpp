@@ -1,27 +1,14 @@
-#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <vector>
 
 #include "pages.h"
 
 namespace zempages {
 namespace {
 
-bool takesValue(const CLI::Option& option) { return option.get_items_expected_max() > 0; }
-
-// Help names such values FILE, or after what the file is.
-bool takesFile(const CLI::Option& option) {
-  const std::string type = option.get_type_name();
-  return type == "FILE" || type == "INPUT";
-}
-
-bool named(const CLI::Option& option) {
-  return !option.get_snames().empty() || !option.get_lnames().empty();
-}
-
-std::vector<std::string> spellings(const CLI::Option& option) {
-  std::vector<std::string> all;
-  for (const std::string& name : option.get_snames()) all.push_back("-" + name);
-  for (const std::string& name : option.get_lnames()) all.push_back("--" + name);
-  return all;
+// The name of such a value is FILE, or INPUT for a file or a folder.
+bool takesFile(const OptionFacts& option) {
+  return option.valueName == "FILE" || option.valueName == "INPUT";
 }
 
 std::string joined(const std::vector<std::string>& words, const char* separator) {
@@ -30,9 +17,9 @@ std::string joined(const std::vector<std::string>& words, const char* separator)
   return text;
 }
 
-bool hasPositional(const CLI::App& app) {
-  return !app.get_options([](const CLI::Option* option) { return option->get_positional(); })
-              .empty();
+bool hasPositional(const CommandFacts& command) {
+  return std::any_of(command.options.begin(), command.options.end(),
+                     [](const OptionFacts& option) { return !option.positional.empty(); });
 }
 
 // `text` with a backslash in front of each of `characters`.
@@ -60,14 +47,14 @@ struct Words {
   std::vector<std::string> values;
 };
 
-Words wordsOf(const CLI::App& app) {
+Words wordsOf(const CommandFacts& command) {
   Words words;
-  for (const CLI::Option* option : app.get_options()) {
-    for (const std::string& name : spellings(*option)) {
+  for (const OptionFacts& option : command.options) {
+    for (const std::string& name : option.names) {
       words.options.push_back(name);
-      if (takesFile(*option)) {
+      if (takesFile(option)) {
         words.files.push_back(name);
-      } else if (takesValue(*option)) {
+      } else if (option.takesValue) {
         words.values.push_back(name);
       }
     }
@@ -75,66 +62,67 @@ Words wordsOf(const CLI::App& app) {
   return words;
 }
 
-std::string bashCase(const CLI::App& app, const std::string& pattern) {
-  const Words words = wordsOf(app);
+std::string bashCase(const CommandFacts& command, const std::string& pattern) {
+  const Words words = wordsOf(command);
   return "    " + pattern + ")\n      options='" + joined(words.options, " ") + "'\n      files='" +
          joined(words.files, " ") + "'\n      values='" + joined(words.values, " ") +
-         "'\n      positional=" + (hasPositional(app) ? "yes" : "") + "\n      ;;\n";
+         "'\n      positional=" + (hasPositional(command) ? "yes" : "") + "\n      ;;\n";
 }
 
 std::string zshDescription(const std::string& text) { return quotable(guarded(text, "[]:\\")); }
 
 // An argument of zsh's _arguments.
-std::string zshOption(const CLI::Option& option) {
+std::string zshOption(const OptionFacts& option) {
   std::string value;
-  if (takesValue(option)) {
-    value =
-        ":" + zshDescription(option.get_type_name()) + ":" + (takesFile(option) ? "_files" : "");
+  if (option.takesValue) {
+    value = ":" + zshDescription(option.valueName) + ":" + (takesFile(option) ? "_files" : "");
   }
-  const std::vector<std::string> names = spellings(option);
-  const std::string description = "[" + zshDescription(option.get_description()) + "]";
+  const std::vector<std::string>& names = option.names;
+  const std::string description = "[" + zshDescription(option.description) + "]";
   if (names.size() == 1) return "'" + names[0] + description + value + "'";
   return "'(" + joined(names, " ") + ")'{" + joined(names, ",") + "}'" + description + value + "'";
 }
 
-std::string zshArguments(const CLI::App& app) {
+std::string zshArguments(const CommandFacts& command) {
   std::string text;
-  for (const CLI::Option* option : app.get_options()) {
-    if (named(*option)) text += " \\\n            " + zshOption(*option);
+  for (const OptionFacts& option : command.options) {
+    if (!option.names.empty()) text += " \\\n            " + zshOption(option);
   }
-  if (hasPositional(app)) text += " \\\n            '*:file:_files'";
+  if (hasPositional(command)) text += " \\\n            '*:file:_files'";
   return text;
 }
 
 std::string fishQuoted(const std::string& text) { return "'" + guarded(text, "\\'") + "'"; }
 
-void addFishOptions(std::string& script, const CLI::App& app, const std::string& condition) {
-  for (const CLI::Option* option : app.get_options()) {
-    if (!named(*option)) continue;
+void addFishOptions(std::string& script, const CommandFacts& command,
+                    const std::string& condition) {
+  for (const OptionFacts& option : command.options) {
+    if (option.names.empty()) continue;
     script += "complete -c zem -n '" + condition + "'";
-    for (const std::string& name : option->get_snames()) script += " -s " + name;
-    for (const std::string& name : option->get_lnames()) script += " -l " + name;
-    if (takesFile(*option)) {
+    for (const std::string& name : option.names) {
+      script += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
+    }
+    if (takesFile(option)) {
       script += " -r -F";
-    } else if (takesValue(*option)) {
+    } else if (option.takesValue) {
       script += " -x";
     }
-    script += " -d " + fishQuoted(option->get_description()) + "\n";
+    script += " -d " + fishQuoted(option.description) + "\n";
   }
-  if (hasPositional(app)) script += "complete -c zem -n '" + condition + "' -F\n";
+  if (hasPositional(command)) script += "complete -c zem -n '" + condition + "' -F\n";
 }
 
-std::vector<std::string> namesOf(const std::vector<const CLI::App*>& commands) {
+std::vector<std::string> namesOf(const std::vector<CommandFacts>& commands) {
   std::vector<std::string> names;
   names.reserve(commands.size());
-  for (const CLI::App* command : commands) names.push_back(command->get_name());
+  for (const CommandFacts& command : commands) names.push_back(command.name);
   return names;
 }
 
 }  // namespace
 
-std::string bashCompletion(const CLI::App& app) {
-  const std::vector<std::string> commands = namesOf(commandsOf(app));
+std::string bashCompletion(const CommandFacts& program) {
+  const std::vector<std::string> commands = namesOf(program.commands);
   std::string script =
       "# Completion of zem for bash.\n"
       "_zem() {\n"
@@ -151,8 +139,8 @@ std::string bashCompletion(const CLI::App& app) {
       "    esac\n"
       "  done\n"
       "  case $command in\n";
-  for (const CLI::App* command : commandsOf(app)) script += bashCase(*command, command->get_name());
-  script += bashCase(app, "*");
+  for (const CommandFacts& command : program.commands) script += bashCase(command, command.name);
+  script += bashCase(program, "*");
   script +=
       "  esac\n"
       "  COMPREPLY=()\n"
@@ -173,26 +161,25 @@ std::string bashCompletion(const CLI::App& app) {
   return script;
 }
 
-std::string zshCompletion(const CLI::App& app) {
+std::string zshCompletion(const CommandFacts& program) {
   std::string script =
       "#compdef zem\n"
       "# Completion of zem for zsh.\n"
       "_zem() {\n"
       "  local curcontext=$curcontext state line\n"
       "  local -a commands=(\n";
-  for (const CLI::App* command : commandsOf(app)) {
-    script +=
-        "    '" + command->get_name() + ":" + zshDescription(command->get_description()) + "'\n";
+  for (const CommandFacts& command : program.commands) {
+    script += "    '" + command.name + ":" + zshDescription(command.description) + "'\n";
   }
-  script += "  )\n  _arguments -C" + zshArguments(app) +
+  script += "  )\n  _arguments -C" + zshArguments(program) +
             " \\\n            '1:command:->command' '*::argument:->arguments'\n"
             "  case $state in\n"
             "    command) _describe command commands ;;\n"
             "    arguments)\n"
             "      case $words[1] in\n";
-  for (const CLI::App* command : commandsOf(app)) {
-    script += "        " + command->get_name() + ")\n          _arguments" +
-              zshArguments(*command) + "\n          ;;\n";
+  for (const CommandFacts& command : program.commands) {
+    script += "        " + command.name + ")\n          _arguments" + zshArguments(command) +
+              "\n          ;;\n";
   }
   return script +
          "      esac\n"
@@ -202,15 +189,15 @@ std::string zshCompletion(const CLI::App& app) {
          "_zem \"$@\"\n";
 }
 
-std::string fishCompletion(const CLI::App& app) {
+std::string fishCompletion(const CommandFacts& program) {
   std::string script = "# Completion of zem for fish.\ncomplete -c zem -f\n";
-  addFishOptions(script, app, "__fish_use_subcommand");
-  for (const CLI::App* command : commandsOf(app)) {
-    script += "complete -c zem -n __fish_use_subcommand -a " + command->get_name() + " -d " +
-              fishQuoted(command->get_description()) + "\n";
+  addFishOptions(script, program, "__fish_use_subcommand");
+  for (const CommandFacts& command : program.commands) {
+    script += "complete -c zem -n __fish_use_subcommand -a " + command.name + " -d " +
+              fishQuoted(command.description) + "\n";
   }
-  for (const CLI::App* command : commandsOf(app)) {
-    addFishOptions(script, *command, "__fish_seen_subcommand_from " + command->get_name());
+  for (const CommandFacts& command : program.commands) {
+    addFishOptions(script, command, "__fish_seen_subcommand_from " + command.name);
   }
   return script;
 }

@@ -1,5 +1,4 @@
 // zem_pages FOLDER: writes the manual page and the completions of `zem` into FOLDER.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -25,15 +24,12 @@ int main(int argc, char** argv) {
     std::fputs("usage: zem_pages FOLDER\n", stderr);
     return 2;
   }
-  CLI::App app;
-  int status = 0;
-  bool version = false;
-  zemtool::declareCommandLine(app, status, version);
+  const zemtool::CommandFacts program = zemtool::ZemCommandLine().facts();
   const std::filesystem::path folder = argv[1];
   const bool written =
-      write(folder / "zem.1", zempages::manualPage(app, {ZEM_VERSION, ZEM_PAGES_DATE})) &&
-      write(folder / "zem.bash", zempages::bashCompletion(app)) &&
-      write(folder / "_zem", zempages::zshCompletion(app)) &&
-      write(folder / "zem.fish", zempages::fishCompletion(app));
+      write(folder / "zem.1", zempages::manualPage(program, {ZEM_VERSION, ZEM_PAGES_DATE})) &&
+      write(folder / "zem.bash", zempages::bashCompletion(program)) &&
+      write(folder / "_zem", zempages::zshCompletion(program)) &&
+      write(folder / "zem.fish", zempages::fishCompletion(program));
   return written ? 0 : 1;
 }

@@ -1,15 +1,14 @@
-// Pages about a command line, from the options that it declares: nothing in them
-// is said twice, so nothing can drift.
+// Pages about a command line, made from the options that it declares.
 #pragma once
 
 #include <string>
-#include <vector>
 
-namespace CLI {
-class App;
-}
+#include "commands/arguments.h"
 
 namespace zempages {
+
+using zemtool::CommandFacts;
+using zemtool::OptionFacts;
 
 struct Release {
   std::string version;
@@ -17,14 +16,11 @@ struct Release {
 };
 
 // A manual page of section 1 in the language of man(7), with every subcommand.
-std::string manualPage(const CLI::App& app, const Release& release);
+std::string manualPage(const CommandFacts& program, const Release& release);
 
 // Scripts that complete subcommands, options and the names of files.
-std::string bashCompletion(const CLI::App& app);
-std::string zshCompletion(const CLI::App& app);
-std::string fishCompletion(const CLI::App& app);
-
-// Subcommands that the help lists, in its order.
-std::vector<const CLI::App*> commandsOf(const CLI::App& app);
+std::string bashCompletion(const CommandFacts& program);
+std::string zshCompletion(const CommandFacts& program);
+std::string fishCompletion(const CommandFacts& program);
 
 }  // namespace zempages

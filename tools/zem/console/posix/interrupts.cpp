@@ -4,7 +4,7 @@
 #include <csignal>
 #include <cstddef>
 
-namespace compat {
+namespace zemtool {
 namespace {
 
 void (*onInterrupt)() = nullptr;
@@ -48,4 +48,4 @@ StopHandler::~StopHandler() {
   }
 }
 
-}  // namespace compat
+}  // namespace zemtool

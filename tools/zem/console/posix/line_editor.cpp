@@ -21,8 +21,8 @@ namespace {
 
 constexpr int kHistoryLines = 1000;
 
-// Keeps the signals that end a line or the program waiting, so that none falls
-// between setting the terminal up and waiting for a key.
+// Holds back the signals that end a line or the program, so that none arrives between
+// setting the terminal up and waiting for a key.
 class SignalsHeld {
  public:
   SignalsHeld() {

@@ -1,5 +1,5 @@
 #include "console/program.h"
 
 int main(int argc, char** argv) {
-  return compat::programMain(std::vector<std::string>(argv, argv + argc));
+  return zemtool::programMain(std::vector<std::string>(argv, argv + argc));
 }

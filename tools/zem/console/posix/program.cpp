@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <system_error>
 
-namespace compat {
+namespace zemtool {
 
 const char* const kModuleSuffix = ".so";
 
@@ -20,4 +20,4 @@ int usableProcessors() {
   return sched_getaffinity(0, sizeof cpus, &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
 }
 
-}  // namespace compat
+}  // namespace zemtool

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <iostream>
 
-namespace compat {
+namespace zemtool {
 
 StandardStreams::StandardStreams() {
   std::setlocale(LC_CTYPE, "");
@@ -53,4 +53,4 @@ bool readInput(std::string& text) {
   return std::ferror(stdin) == 0;
 }
 
-}  // namespace compat
+}  // namespace zemtool

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-namespace compat {
+namespace zemtool {
 namespace {
 
 std::atomic<void (*)()> onInterrupt{nullptr};
@@ -18,7 +18,7 @@ BOOL WINAPI interrupted(DWORD event) {
 
 BOOL WINAPI stopped(DWORD event) {
   onStop.load()();
-  // The process would end with the return from here; it ends with its main function.
+  // Returning would end the process now. Waiting lets main() end it.
   if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(INFINITE);
   return TRUE;
 }
@@ -39,4 +39,4 @@ StopHandler::StopHandler(void (*handle)()) {
 
 StopHandler::~StopHandler() { SetConsoleCtrlHandler(stopped, FALSE); }
 
-}  // namespace compat
+}  // namespace zemtool

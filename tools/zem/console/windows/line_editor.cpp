@@ -1,5 +1,4 @@
-// The console of Windows edits lines itself and remembers them while the program
-// runs.
+// The console of Windows edits lines itself, and remembers them while the program runs.
 #include "console/line_editor.h"
 #include "console/streams.h"
 #include "console/terminal.h"
@@ -16,13 +15,13 @@ LineEditor::~LineEditor() = default;
 LineEditor::Event LineEditor::read(std::string& line) {
   flushOut();
   interruptFlag = 0;
-  compat::writeText(2, "> ");
-  switch (compat::readLine(line)) {
-    case compat::Input::Line:
+  writeText(2, "> ");
+  switch (readLine(line)) {
+    case Input::Line:
       return Event::Line;
-    case compat::Input::Interrupted:
+    case Input::Interrupted:
       return Event::Interrupted;
-    case compat::Input::End:
+    case Input::End:
       break;
   }
   return Event::End;

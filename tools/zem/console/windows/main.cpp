@@ -2,8 +2,7 @@
 #include "console/program.h"
 
 extern "C" {
-// "*" and "?" in an argument are the program's to read, as where a shell has left
-// them alone.
+// The C library leaves "*" and "?" in the arguments as they are.
 int _dowildcard = 0;  // NOLINT: the name is the C library's
 
 int wmain(int argc, wchar_t** argv);
@@ -13,5 +12,5 @@ int wmain(int argc, wchar_t** argv) {
   std::vector<std::string> arguments;
   arguments.reserve(static_cast<size_t>(argc));
   for (int i = 0; i < argc; ++i) arguments.push_back(compat::toUtf8(argv[i]));
-  return compat::programMain(arguments);
+  return zemtool::programMain(arguments);
 }

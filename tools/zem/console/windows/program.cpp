@@ -6,7 +6,7 @@
 
 #include "compat/text_windows.h"
 
-namespace compat {
+namespace zemtool {
 
 const char* const kModuleSuffix = ".dll";
 
@@ -15,7 +15,7 @@ std::string programPath() {
   for (;;) {
     const auto room = static_cast<DWORD>(path.size());
     const DWORD length = GetModuleFileNameW(nullptr, path.data(), room);
-    if (length < room) return toUtf8(std::wstring_view(path).substr(0, length));
+    if (length < room) return compat::toUtf8(std::wstring_view(path).substr(0, length));
     path.resize(path.size() * 2);  // it was cut
   }
 }
@@ -27,4 +27,4 @@ int usableProcessors() {
   return std::popcount(own);
 }
 
-}  // namespace compat
+}  // namespace zemtool

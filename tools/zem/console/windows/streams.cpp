@@ -13,7 +13,7 @@
 #include "compat/handles_windows.h"
 #include "compat/text_windows.h"
 
-namespace compat {
+namespace zemtool {
 namespace {
 
 constexpr wchar_t kEndMark = 0x1A;      // Ctrl-Z
@@ -25,7 +25,7 @@ std::array<DWORD, 3> foundModes;
 std::array<bool, 3> changedModes;
 
 bool consoleMode(int stream, DWORD& mode) {
-  return _isatty(stream) != 0 && GetConsoleMode(handleOf(stream), &mode) != 0;
+  return _isatty(stream) != 0 && GetConsoleMode(compat::handleOf(stream), &mode) != 0;
 }
 
 void allowEscapes(int stream) {
@@ -34,27 +34,27 @@ void allowEscapes(int stream) {
   const auto index = static_cast<size_t>(stream);
   foundModes[index] = mode;
   changedModes[index] =
-      SetConsoleMode(handleOf(stream), mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+      SetConsoleMode(compat::handleOf(stream), mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
 void putBack() {
   for (const int stream : {1, 2}) {
     const auto index = static_cast<size_t>(stream);
-    if (changedModes[index]) SetConsoleMode(handleOf(stream), foundModes[index]);
+    if (changedModes[index]) SetConsoleMode(compat::handleOf(stream), foundModes[index]);
   }
   if (foundCodePage != 0) SetConsoleOutputCP(foundCodePage);
 }
 
-// The process is about to end without another word of the program.
+// Called when the process is about to end without returning from main.
 BOOL WINAPI putBackAtTheEnd(DWORD /*event*/) {
   putBack();
-  return FALSE;  // go on with it
+  return FALSE;  // the next handler is called, and ends the process
 }
 
-// As UTF-16: of bytes a console makes characters call by call, and the C library
-// may well write them one by one.
+// Writes UTF-16. A console decodes the bytes of each call apart, and the C library may write
+// one byte a call.
 bool writeToConsole(HANDLE console, std::string_view utf8) {
-  const std::wstring text = toWide(utf8);
+  const std::wstring text = compat::toWide(utf8);
   for (size_t done = 0; done < text.size();) {
     size_t piece = std::min(kConsoleChars, text.size() - done);
     const wchar_t last = text[done + piece - 1];
@@ -70,8 +70,8 @@ bool writeToConsole(HANDLE console, std::string_view utf8) {
   return true;
 }
 
-// Always false, after a failure of the C library's: of a pipe that nobody reads any
-// more it says EINVAL.
+// Call it after a failure of the C library, which sets EINVAL when the reader of a pipe has
+// gone. Sets EPIPE instead. Always false.
 bool failedToWrite() {
   const auto code = _doserrno;
   if (code == ERROR_NO_DATA || code == ERROR_BROKEN_PIPE || code == ERROR_PIPE_NOT_CONNECTED) {
@@ -94,7 +94,7 @@ Input readConsoleLine(HANDLE console, std::string& line) {
   }
   if (text.front() == kEndMark) return Input::End;
   while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r')) text.pop_back();
-  line = toUtf8(text);
+  line = compat::toUtf8(text);
   return Input::Line;
 }
 
@@ -102,7 +102,7 @@ Input readConsoleLine(HANDLE console, std::string& line) {
 
 StandardStreams::StandardStreams() {
   for (const int stream : {0, 1, 2}) {
-    if (handleOf(stream) != INVALID_HANDLE_VALUE) _setmode(stream, _O_BINARY);
+    if (compat::handleOf(stream) != INVALID_HANDLE_VALUE) _setmode(stream, _O_BINARY);
   }
   DWORD unused = 0;
   if (consoleMode(1, unused) || consoleMode(2, unused)) {
@@ -135,7 +135,7 @@ bool flushOutput() { return std::fflush(stdout) == 0 || failedToWrite(); }
 bool writeText(int stream, std::string_view text) {
   std::FILE* file = stream == 1 ? stdout : stderr;
   if (isTerminal(stream)) {
-    return std::fflush(file) == 0 && writeToConsole(handleOf(stream), text);
+    return std::fflush(file) == 0 && writeToConsole(compat::handleOf(stream), text);
   }
   return std::fwrite(text.data(), 1, text.size(), file) == text.size() || failedToWrite();
 }
@@ -144,14 +144,14 @@ const char* const kEndKeys = "Ctrl-Z with Enter";
 
 Input readLine(std::string& line) {
   line.clear();
-  if (isTerminal(0)) return readConsoleLine(handleOf(0), line);
+  if (isTerminal(0)) return readConsoleLine(compat::handleOf(0), line);
   return std::getline(std::cin, line) ? Input::Line : Input::End;
 }
 
 bool readInput(std::string& text) {
   if (isTerminal(0)) {
     std::string line;
-    while (readConsoleLine(handleOf(0), line) == Input::Line) text += line + "\n";
+    while (readConsoleLine(compat::handleOf(0), line) == Input::Line) text += line + "\n";
     return true;
   }
   std::array<char, 65536> chunk;
@@ -162,4 +162,4 @@ bool readInput(std::string& text) {
   return std::ferror(stdin) == 0;
 }
 
-}  // namespace compat
+}  // namespace zemtool

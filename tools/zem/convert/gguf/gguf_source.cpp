@@ -21,7 +21,9 @@
 namespace zemtool {
 namespace {
 
-constexpr std::string_view kArchitecture = "qwen35";
+using kiv::TensorRole;
+
+constexpr std::string_view kArchitecture = kiv::kArchitectureName;
 
 std::string cut(std::string_view text) {
   return std::string(text.substr(0, 80)) + (text.size() > 80 ? "..." : "");
@@ -41,10 +43,10 @@ class GgufReader {
     readFacts();
     for (const kiv::GgufTensor& tensor : gguf_->tensors()) place(tensor);
     checkHead();
-    const ModelWidths widths = widthsOf(source_);
-    checkWhole("embedding_length", widths.width);
-    checkWhole("feed_forward_length", widths.feedForward);
-    source_.tokenizer = readGgufTokenizer(*gguf_, widths.vocabulary);
+    const kiv::Architecture found = architectureOf(source_);
+    checkWhole("embedding_length", found.width);
+    checkWhole("feed_forward_length", found.feedForward);
+    source_.tokenizer = readGgufTokenizer(*gguf_, found.vocabulary);
     source_.owners.push_back(gguf_);
     return std::move(source_);
   }
@@ -77,21 +79,21 @@ class GgufReader {
 
   void checkShape() {
     checkLayers();
-    checkHeads("attention.head_count", kHeads);
-    checkHeads("attention.head_count_kv", kKvHeads);
-    checkWhole("attention.key_length", kHeadSize);
-    checkWhole("attention.value_length", kHeadSize);
-    checkWhole("rope.dimension_count", kRotarySize);
+    checkHeads("attention.head_count", needed_.heads);
+    checkHeads("attention.head_count_kv", needed_.kvHeads);
+    checkWhole("attention.key_length", needed_.headSize);
+    checkWhole("attention.value_length", needed_.headSize);
+    checkWhole("rope.dimension_count", needed_.rotarySize);
     checkSections();
-    checkWhole("ssm.conv_kernel", kTaps);
-    checkWhole("ssm.state_size", kStateSize);
-    checkWhole("ssm.group_count", kKeyHeads);
-    checkWhole("ssm.time_step_rank", kValueHeads);
-    checkWhole("ssm.inner_size", kInner);
-    checkWhole("full_attention_interval", kFullEvery);
+    checkWhole("ssm.conv_kernel", needed_.taps);
+    checkWhole("ssm.state_size", needed_.stateSize);
+    checkWhole("ssm.group_count", needed_.keyHeads);
+    checkWhole("ssm.time_step_rank", needed_.valueHeads);
+    checkWhole("ssm.inner_size", needed_.valueRows());
+    checkWhole("full_attention_interval", needed_.fullEvery);
     checkWhole("expert_count", 0);
-    checkNumber("rope.freq_base", kRotaryBase);
-    checkNumber("attention.layer_norm_rms_epsilon", kNormEpsilon);
+    checkNumber("rope.freq_base", needed_.rotaryBase);
+    checkNumber("attention.layer_norm_rms_epsilon", needed_.normEpsilon);
   }
 
   [[noreturn]] void failKey(const std::string& key, const std::string& found,
@@ -127,16 +129,16 @@ class GgufReader {
     const kiv::GgufValue* count = find("block_count");
     uint64_t blocks = 0;
     if (count == nullptr || !count->getUint(blocks)) {
-      fail("has no qwen35.block_count, needs " + std::to_string(kLayers));
+      fail("has no qwen35.block_count, needs " + std::to_string(needed_.layers));
     }
-    uint64_t predicting = blocks > kLayers ? 1 : 0;
+    uint64_t predicting = blocks > needed_.layers ? 1 : 0;
     if (const auto* stated = find("nextn_predict_layers")) (void)stated->getUint(predicting);
-    if (predicting > 1 || blocks != kLayers + predicting) {
+    if (predicting > 1 || blocks != needed_.layers + predicting) {
       failKey("block_count", std::to_string(blocks),
-              std::to_string(kLayers) + ", or " + std::to_string(kLayers + 1) +
+              std::to_string(needed_.layers) + ", or " + std::to_string(needed_.layers + 1) +
                   " with one prediction layer");
     }
-    predictionPrefix_ = "blk." + std::to_string(kLayers) + ".";
+    predictionPrefix_ = "blk." + std::to_string(needed_.layers) + ".";
   }
 
   // One number, or one a layer, of which those with linear attention do not count.
@@ -147,19 +149,19 @@ class GgufReader {
       failKey(key, "a list of " + std::to_string(value->count), "one a layer");
     std::vector<uint64_t> counts;
     if (!value->getUints(counts)) failKey(key, "not of whole numbers", std::to_string(needed));
-    if (value->array && counts.size() < kLayers) {
+    if (value->array && counts.size() < needed_.layers) {
       failKey(key, "a list of " + std::to_string(counts.size()), "one a layer");
     }
     for (size_t i = 0; i < counts.size(); ++i) {
       const bool counted =
-          !value->array || (i < kLayers && isFullAttention(static_cast<uint32_t>(i)));
+          !value->array || (i < needed_.layers && needed_.isFull(static_cast<uint32_t>(i)));
       if (!counted || counts[i] == needed) continue;
       const std::string where = value->array ? "[" + std::to_string(i) + "]" : "";
       failKey(key + where, std::to_string(counts[i]), std::to_string(needed));
     }
   }
 
-  // Text has one position for all sections, so that their sizes do not matter.
+  // Text has one position for all sections, so their sizes do not matter.
   void checkSections() const {
     const std::string key = "rope.dimension_sections";
     const kiv::GgufValue* value = find(key);
@@ -213,7 +215,7 @@ class GgufReader {
       ++source_.leftOut.vision;
     } else if (name.starts_with(predictionPrefix_)) {
       ++source_.leftOut.prediction;
-    } else if (name == "output.weight") {
+    } else if (name == kiv::tensorName(TensorRole::OutputHead)) {
       head_ = &tensor;
     } else if (isExpert(name)) {
       fail("tensor '" + cut(name) +
@@ -254,7 +256,7 @@ class GgufReader {
 
   // Some files store a tied head all the same.
   void checkHead() {
-    const auto found = source_.tensors.find("token_embd.weight");
+    const auto found = source_.tensors.find(kiv::tensorName(TensorRole::Embedding));
     if (head_ == nullptr || found == source_.tensors.end()) return;
     const SourceTensor& table = found->second;
     if (head_->type != table.type || head_->bytes != table.bytes || head_->bytes == 0 ||
@@ -269,10 +271,11 @@ class GgufReader {
 
   static std::set<std::string> knownNames() {
     std::set<std::string> names;
-    for (const ExpectedTensor& tensor : expectedTensors({1, 1, 1})) names.insert(tensor.name);
+    for (const kiv::ArchitectureTensor& tensor : kiv::tensorsOf({})) names.insert(tensor.name);
     return names;
   }
 
+  const kiv::Architecture needed_;
   std::string path_;
   std::shared_ptr<kiv::GgufFile> gguf_;
   const std::set<std::string> known_ = knownNames();

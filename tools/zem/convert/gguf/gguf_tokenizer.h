@@ -8,7 +8,7 @@
 
 namespace zemtool {
 
-// The tokenizer of a model whose embedding has `rows` rows. The asset is a GGUF
+// The tokenizer of a model with an embedding of `rows` rows. The asset is a GGUF
 // file of its own: the entries "tokenizer.*" as they are, and no tensors. Throws
 // Failure, "FILE: what is wrong".
 SourceTokenizer readGgufTokenizer(const kiv::GgufFile& gguf, uint64_t rows);
