@@ -11,14 +11,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "corpus.h"
 #include "kiv/plain_encoder.h"
 #include "kiv/tokenizer.h"
 #include "support/trained_vocabulary.h"
@@ -27,38 +25,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using kiv::test::SpaceMarker;
+using zembench::filesBelow;
+using zembench::Halves;
 
 constexpr size_t kVocabulary = 248320;
 constexpr size_t kMillion = 1000000;
-
-struct Halves {
-  std::string learnt;
-  std::string unseen;
-};
-
-std::string contents(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// The files below `folders`, every second one apart.
-Halves filesBelow(const std::vector<fs::path>& folders, const std::set<std::string>& extensions) {
-  std::set<fs::path> files;
-  for (const fs::path& folder : folders) {
-    if (!fs::exists(folder)) continue;
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-      const bool wanted = extensions.count(entry.path().extension().string()) != 0;
-      if (entry.is_regular_file() && !entry.is_symlink() && wanted) files.insert(entry.path());
-    }
-  }
-  Halves halves;
-  bool learn = true;
-  for (const fs::path& file : files) {
-    (learn ? halves.learnt : halves.unseen) += contents(file);
-    learn = !learn;
-  }
-  return halves;
-}
 
 const Halves& prose() {
   static const Halves kHalves =

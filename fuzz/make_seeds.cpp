@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/text/byte_vocabulary.h"
 #include "kiv/quant.h"
 #include "kiv/quant_k.h"
 #include "support/container_builder.h"
@@ -95,7 +96,7 @@ Bytes encodeInput(const std::vector<std::pair<uint8_t, std::string>>& tokens,
   }
   if ((flags & 2) != 0) putU32(out, 1);
   if ((flags & 4) != 0) putU32(out, 0);
-  for (const uint8_t byte : {4, 0, 1, 0x7F, 0xFF}) out.push_back(byte);
+  for (const int byte : {4, 0, 1, 0x7F, 0xFF}) out.push_back(static_cast<uint8_t>(byte));
   putText(out, text);
   return out;
 }
@@ -249,6 +250,38 @@ void sessions(const Corpus& corpus) {
   corpus.add("late", change({{1000, 1}, {5000, 2}}, "xyx"));
 }
 
+// As text_tokenizer_fuzz.cpp takes them apart: files, and vocabularies made of rules.
+void textTokenizers(const Corpus& corpus) {
+  const auto file = [](const std::string& source, const std::string& text) {
+    Bytes out = {0};
+    putText(out, source + "\xFF" + text);
+    return out;
+  };
+  zem::text::test::ByteVocabulary vocabulary;
+  vocabulary.merge("a", "b");
+  vocabulary.merge(" ", "ab");
+  vocabulary.add("<|im_end|>", true);
+  vocabulary.add("<think>", false, true);
+  corpus.add("file", file(vocabulary.text(), "ab ab<|im_end|><think>e\xCC\x81"));
+  vocabulary.root()["normalizer"] = nullptr;
+  vocabulary.root()["model"]["merges"] = {"a b", "Ġ ab"};
+  corpus.add("escapes", file(vocabulary.root().dump(1, ' ', true), " ab\r\n"));
+  corpus.add("no_file", file("{\"model\":{\"vocab\":{\"\\u0041\":0},\"merges\":[]}}", "A"));
+
+  Bytes rules = {1, 3};
+  for (const int side : {0x61, 0x62, 0xCC, 0x81, 256, 257}) {
+    putU16(rules, static_cast<uint16_t>(side));
+  }
+  rules.push_back(1);
+  putText(rules, "\x01x\x01");  // one byte, the token <x>, special
+  for (const char flags : {'\0', '\1', '\2', '\4'}) {
+    Bytes out = rules;
+    out.push_back(static_cast<uint8_t>(flags));
+    putText(out, "ab\xCC\x81 it's <x>12  \r\n<x>\xE1\x84\x80\xE1\x85\xA1\xFF.");
+    corpus.add(("rules_" + std::to_string(static_cast<int>(flags))).c_str(), out);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -267,5 +300,6 @@ int main(int argc, char** argv) {
   configs({folder, "config"});
   tokenizers({folder, "tokenizer_json"});
   sessions({folder, "session"});
+  textTokenizers({folder, "text_tokenizer"});
   return 0;
 }

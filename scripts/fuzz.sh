@@ -39,7 +39,7 @@ export UBSAN_OPTIONS=print_stacktrace=1
 
 dictionary_of() {
   case $1 in
-    config | tokenizer_json | safetensors) echo fuzz/dict/json.dict ;;
+    config | text_tokenizer | tokenizer_json | safetensors) echo fuzz/dict/json.dict ;;
     tokenizer_section | container) echo fuzz/dict/container.dict ;;
     *) echo "fuzz/dict/$1.dict" ;;
   esac
