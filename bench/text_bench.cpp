@@ -81,7 +81,7 @@ std::string inIdOrder(nlohmann::json root) {
 struct Model {
   explicit Model(const std::string& learnt) {
     ByteVocabulary vocabulary = ByteVocabulary::fromLearnt(
-        kiv::test::trainVocabulary(learnt, kVocabulary, kiv::test::SpaceMarker::ByteLevel));
+        zemtest::trainVocabulary(learnt, kVocabulary, zemtest::SpaceMarker::ByteLevel));
     for (const char* special : {"<|endoftext|>", "<|im_start|>", "<|im_end|>"}) {
       vocabulary.add(special, true);
     }

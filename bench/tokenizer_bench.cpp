@@ -24,9 +24,9 @@
 namespace {
 
 namespace fs = std::filesystem;
-using kiv::test::SpaceMarker;
 using zembench::filesBelow;
 using zembench::Halves;
+using zemtest::SpaceMarker;
 
 constexpr size_t kVocabulary = 248320;
 constexpr size_t kMillion = 1000000;
@@ -64,7 +64,7 @@ std::string randomBytes(size_t count, const std::string& alphabet) {
 class Vocabulary {
  public:
   explicit Vocabulary(SpaceMarker marker)
-      : data_(kiv::test::trainVocabulary(prose().learnt + code().learnt, kVocabulary, marker)),
+      : data_(zemtest::trainVocabulary(prose().learnt + code().learnt, kVocabulary, marker)),
         plain_(data_) {
     if (!tokenizer_.load(data_).ok()) throw std::runtime_error("the vocabulary does not load");
   }
@@ -79,7 +79,7 @@ class Vocabulary {
 
  private:
   kiv::TokenizerData data_;
-  kiv::PlainEncoder plain_;
+  zemtest::PlainEncoder plain_;
   kiv::Tokenizer tokenizer_;
 };
 

@@ -39,20 +39,16 @@ endforeach()
 install(TARGETS kiv qwen35 qwen35gpu EXPORT zem
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
 
-# Public headers are those with documented names, and what they include.
-set(internal byte_cursor.h exact_math_inl.h piece_memo.h quant_blocks.h tokenizer_pieces.h)
-list(TRANSFORM internal REPLACE "(.+)" "PATTERN;\\1;EXCLUDE")
-install(DIRECTORY src/kiv DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Development
-  FILES_MATCHING PATTERN *.h PATTERN shaders EXCLUDE ${internal})
-install(FILES src/compat/zero_pages.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem/compat COMPONENT Development)
-set(decoder plugins/runtime_qwen35)
-set(gpu plugins/runtime_qwen35_vulkan)
-install(FILES
-  ${decoder}/qwen35_check.h ${decoder}/qwen35_cpu.h ${decoder}/qwen35_kernels.h
-  ${decoder}/qwen35_model.h ${decoder}/qwen35_zeroed_floats.h
-  ${gpu}/qwen35_gpu_gemv.h ${gpu}/qwen35_layer_plan.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Development)
+# A public header lies at the top of its folder; what lies deeper is private.
+set(headers ${CMAKE_INSTALL_INCLUDEDIR}/zem)
+file(GLOB library_headers CONFIGURE_DEPENDS src/kiv/*.h)
+file(GLOB vulkan_headers CONFIGURE_DEPENDS src/kiv/vulkan/*.h)
+file(GLOB decoder_headers CONFIGURE_DEPENDS plugins/*/qwen35_*.h)
+install(FILES ${library_headers} DESTINATION ${headers}/kiv COMPONENT Development)
+install(FILES ${vulkan_headers} DESTINATION ${headers}/kiv/vulkan COMPONENT Development)
+install(FILES ${decoder_headers} DESTINATION ${headers} COMPONENT Development)
+# qwen35_zeroed_floats.h includes it.
+install(FILES src/compat/zero_pages.h DESTINATION ${headers}/compat COMPONENT Development)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/zem)
 install(EXPORT zem NAMESPACE zem:: FILE zem-targets.cmake

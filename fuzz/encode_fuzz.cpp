@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(tokenizer.load(vocabulary).ok(), "load() fails");
   std::vector<int32_t> ids;
   require(tokenizer.encode(text, ids, true).ok(), "encode() fails");
-  require(ids == kiv::PlainEncoder(vocabulary).encode(text), "encode() gives other ids");
+  require(ids == zemtest::PlainEncoder(vocabulary).encode(text), "encode() gives other ids");
   checkDecode(tokenizer, ids);
   checkDecode(tokenizer, any);
   return 0;

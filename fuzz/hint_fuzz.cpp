@@ -7,7 +7,7 @@
 
 #include "fuzz.h"
 #include "qwen35_layer_plan.h"
-#include "session/session.h"
+#include "session/hint.h"
 
 namespace {
 

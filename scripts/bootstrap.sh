@@ -11,8 +11,8 @@ packages=(
   ca-certificates cmake g++ git ninja-build pkg-config
   glslc libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
   # tests and benchmarks
-  binutils fish libbenchmark-dev libgmock-dev libgtest-dev mandoc mesa-vulkan-drivers python3
-  spirv-headers spirv-tools valgrind vulkan-validationlayers zsh
+  binutils fish libbenchmark-dev libgmock-dev libgtest-dev libspirv-cross-c-shared-dev mandoc
+  mesa-vulkan-drivers python3 spirv-tools valgrind vulkan-validationlayers zsh
   # packages
   dpkg-dev file
   # checks

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Layout (clang-format) of every source, lint (clang-tidy) of those that changed, and the
-# comments of the public headers (doxygen). Needs a configured release build.
+# Layout (clang-format) of every source, which folder includes which, lint (clang-tidy) of the
+# sources that changed, and the comments of the public headers (doxygen). Needs a configured
+# release build.
 #   scripts/check.sh [BASE]    lints what changed since the commit BASE; by default since the
 #                              last commit that is a day older than the newest
 #   scripts/check.sh --all     lints every source
@@ -26,6 +27,9 @@ fi
 
 echo "check.sh: layout of ${#sources[@]} files"
 clang-format-14 --dry-run --Werror "${sources[@]}"
+
+echo "check.sh: includes against docs/architecture.md"
+python3 scripts/check_includes.py
 
 echo "check.sh: lint of ${#linted[@]} files"
 if ((${#linted[@]} > 0)); then

@@ -7,7 +7,7 @@
  *
  * A host loads the library, looks up the four zem_plugin_* functions and drives
  * everything else through the tables that they return. docs/plugin-abi.md is
- * the guide, with a complete host in 20 lines.
+ * the guide and shows a complete host.
  *
  * Return codes of every runtime entry that returns int:
  *   0  success
@@ -19,11 +19,14 @@
  * Text results: `out` receives at most out_size - 1 bytes and always a NUL. The
  * cut is by bytes and may split a UTF-8 character.
  *
- * Threads: no entry takes a lock. One handle is used by one thread at a time;
- * different handles may be used at once. The tables themselves are immutable and
- * may be read from anywhere. No entry lets a C++ exception out. A
- * host may close the library once its handles are destroyed; its code stays
- * mapped, because threads that it started may still be asleep there.
+ * Threads: one thread at a time uses a handle; several threads may use different
+ * handles at the same time. create() and probe() take a lock for a moment while they
+ * load Vulkan; the other entries take none. The tables never change, and every thread
+ * may read them. No entry lets a C++ exception out.
+ *
+ * A host may close the library when all handles are destroyed and no entry is running.
+ * The code stays mapped until the process ends, because threads that the library started
+ * may still be asleep in it. Loading the library again gives the same copy.
  */
 #ifndef ZEM_PLUGIN_H
 #define ZEM_PLUGIN_H
@@ -124,12 +127,16 @@ typedef struct ZEMBenchResult {
   uint64_t tokens;       /**< as requested */
 } ZEMBenchResult;
 
-/** Counters since the last reset. */
+/** Counters of a session. generate(), generate_ex(), bench() and reset() set `tokens`
+ * and `generation_ms` to zero before they compute, and bench() once more at its end. The
+ * first turn of a conversation sets only `tokens` to zero. */
 typedef struct ZEMRuntimeStats {
   uint32_t struct_size; /**< written */
   uint64_t tokens;      /**< sampled, the stopping one included */
   double generation_ms; /**< spent in forward steps, prompt included */
-  double last_step_ms;  /**< the last forward step */
+  double last_step_ms;  /**< the last forward step; after prompt tokens that went through
+                           the model together, their time divided by their number. Only
+                           reset() sets it to zero. */
 } ZEMRuntimeStats;
 
 /** Receives one piece of a streamed reply: `length` bytes, NUL-terminated, valid
@@ -140,7 +147,7 @@ typedef void (*ZEMChatTokenFn)(const char* piece, uint32_t length, void* user);
 
 /** Whether this runtime suits the model file at `path`. Both arguments may be null.
  * Returns 0 with the verdict in `out`. Never prints; opens and closes the file and,
- * for a model of ours, a Vulkan context. */
+ * for a model that it knows, a Vulkan context. */
 typedef int (*ZEMProbeFn)(const char* path, ZEMRuntimeProbe* out);
 
 /** Opens a model. `hint` may be null: fields separated by ';', the first one
@@ -198,7 +205,7 @@ typedef struct ZEMRuntimeDescriptorV2 {
   int (*chat_turn)(ZEMRuntimeHandle* handle, const char* user_text, char* out, size_t out_size);
   /** Ends the conversation and zeroes the counters; settings stay. */
   int (*reset)(ZEMRuntimeHandle* handle);
-  /** Counters since the conversation began. */
+  /** The counters, as ZEMRuntimeStats says. */
   int (*stats)(ZEMRuntimeHandle* handle, ZEMRuntimeStats* out);
 } ZEMRuntimeDescriptorV2;
 

@@ -104,7 +104,8 @@ bool GpuGemv::run(const GPUTensorView& w, uint32_t rows, uint32_t cols, const fl
 
 // Beyond a limit a dispatch is undefined, not refused.
 bool GpuGemv::fits(const GPUTensorView& w, uint64_t rows, uint64_t cols) const {
-  return rows != 0 && cols != 0 && rows <= w.size / w.rowBytes() &&
+  const uint64_t rowBytes = w.rowBytes();
+  return rows != 0 && cols != 0 && rowBytes != 0 && rows <= w.size / rowBytes &&
          workgroupsFor(rows) <= limits_.workgroups &&
          kiv::deviceBufferBytes(w.size) <= limits_.bufferBytes &&
          rows * sizeof(float) <= limits_.bufferBytes && cols * sizeof(float) <= limits_.bufferBytes;

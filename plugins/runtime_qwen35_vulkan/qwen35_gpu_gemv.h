@@ -37,11 +37,12 @@ class GpuGemv {
   bool planAllows(const std::string& name) const { return plan_.allows(name); }
 
   /// y = W x for the resident K-quantised matrix of that name with rows of `cols`
-  /// elements. `y` gets a float for each of its rows. False, with `y` untouched,
-  /// when there is no such matrix or its product cannot be had. The plan is not
-  /// asked.
+  /// elements. `y` gets a float for each of its rows. False, with `y` untouched, when
+  /// there is no such matrix or the device cannot compute the product. Does not look at
+  /// the plan.
   bool gemvByName(const std::string& name, const float* x, uint64_t cols, float* y);
-  /// The same for a tensor at hand; `rows` and `cols` must be its extents.
+  /// gemvByName() for a tensor at hand; `rows` and `cols` must be its extents. A tensor
+  /// with rows of no bytes is declined.
   bool run(const kiv::GPUTensorView& w, uint32_t rows, uint32_t cols, const float* x, float* y);
 
   /// Products computed on the device since construction.
@@ -72,8 +73,8 @@ class GpuGemv {
   uint64_t products_ = 0;
 };
 
-/// The hook of qwen35::Model: `ctx` is a GpuGemv, and a product whose tensor its
-/// plan keeps on the CPU is declined. Never throws.
+/// The hook of qwen35::Model, with a GpuGemv as `ctx`. Declines the products of tensors
+/// that its plan keeps on the CPU. Never throws.
 bool gemvAdapter(void* ctx, const kiv::TensorView* w, const float* x, float* y) noexcept;
 
 }  // namespace qwen35gpu

@@ -12,18 +12,19 @@ namespace qwen35gpu {
 /// No plan, and everything allowed, until one is set. One thread at a time.
 class LayerPlan {
  public:
-  /// Replaces the plan by the one that `text` describes, for `nLayers` layers:
-  /// comma-separated tokens "gpu" or "cpu", each with ":N" or ":all" for the next
-  /// N or all remaining layers; only the first letter of a token counts. Layers
-  /// that no count reached get the letter of the last good token, 'c' at first,
-  /// so "gpu:10" puts every layer on the GPU and "gpu:10,cpu:0" puts ten. An empty
-  /// text sets no plan. Prints the outcome, and every token that is no token, to
-  /// the standard error stream. False, with no plan set, for a plan without layers.
+  /// Replaces the plan by the one in `text`, for `nLayers` layers. The text is a list of
+  /// tokens with commas between them: "gpu" or "cpu", of which only the first letter
+  /// counts, and then ":N" for the next N layers, ":all" for all that are left, or
+  /// neither. Layers that no token counted follow the last good token; without one they
+  /// stay on the CPU. So "gpu:10" puts every layer on the GPU, and "gpu:10,cpu:0" puts
+  /// ten there. An empty text sets no plan. Prints the outcome, and each token that it
+  /// cannot read, to the standard error stream. False, with no plan set, when the text is
+  /// not empty and there are no layers.
   bool set(size_t nLayers, const std::string& text);
 
   bool isSet() const { return !layers_.empty(); }  ///< a plan decides
-  /// Whether the tensor of that name may use the GPU: "blk.N.rest" follows layer
-  /// N, any other name is allowed when some layer is.
+  /// Whether the tensor of that name may use the GPU. "blk.N.rest" follows layer N; any
+  /// other name may when at least one layer may.
   bool allows(const std::string& name) const;
 
  private:

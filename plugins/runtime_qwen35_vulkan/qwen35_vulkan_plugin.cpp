@@ -22,7 +22,7 @@ constexpr char kMixtureOfExperts[] = "qwen35moe";
 constexpr char kExtension[] = ".zem";
 constexpr int kConfidence = 95;
 
-// The architecture of the model in the file, or null for a file that is not ours.
+// The architecture of the model in the file, or null when this runtime does not know it.
 const char* architectureOf(const char* path) {
   if (path == nullptr || !std::string_view(path).ends_with(kExtension)) return nullptr;
   kiv::ZEMLoader loader;
@@ -50,7 +50,7 @@ int qwen35Probe(const char* path, ZEMRuntimeProbe* out) noexcept {
   return 0;
 }
 
-// A table's entry; what might throw is refused.
+// The function as an entry of a table. Does not compile for one that may throw.
 template <typename Result, typename... Arguments>
 constexpr auto entry(Result (*function)(Arguments...) noexcept) -> Result (*)(Arguments...) {
   return function;

@@ -5,7 +5,7 @@
 namespace kiv {
 namespace {
 
-// The bar moves from one marker to the other, it is no slip.
+// The bar stands at different ends of the two markers; both are spelled right.
 constexpr std::string_view kTurnBegin = "<|turn>";
 constexpr std::string_view kTurnEnd = "<turn|>";
 constexpr std::string_view kModelRole = "model";

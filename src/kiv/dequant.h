@@ -11,13 +11,13 @@ namespace kiv::quant {
 /// elements of a partial last block beyond n are not stored. `src` must hold
 /// ceil(n / block) whole blocks.
 void dequantQ40(const void* src, float* dst, uint64_t n);
-/// The same for Q8_0.
+/// dequantQ40() for Q8_0.
 void dequantQ80(const void* src, float* dst, uint64_t n);
-/// The same for Q4_K, with blocks of 256.
+/// dequantQ40() for Q4_K, with blocks of 256.
 void dequantQ4K(const void* src, float* dst, uint64_t n);
-/// The same for Q5_K, with blocks of 256.
+/// dequantQ40() for Q5_K, with blocks of 256.
 void dequantQ5K(const void* src, float* dst, uint64_t n);
-/// The same for Q6_K, with blocks of 256.
+/// dequantQ40() for Q6_K, with blocks of 256.
 void dequantQ6K(const void* src, float* dst, uint64_t n);
 
 /// Q8_K. Unlike the others: expands floor(n / 256) whole blocks and leaves the rest of

@@ -13,10 +13,6 @@ constexpr uint64_t kSmallPool = uint64_t{2} << 30;
 // the whole pool must still fit.
 constexpr uint64_t kAllocationUnit = 65536;
 
-Status failure(StatusCode code, const char* what) {
-  return {code, std::string("VRAMAllocator: ") + what};
-}
-
 bool isDeviceLocal(VkMemoryPropertyFlags flags) {
   return (flags & VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT) != 0;
 }
@@ -70,7 +66,7 @@ Status VRAMAllocator::init(vulkan::VulkanContext& ctx, uint64_t poolSize) {
            .valid = false};
   if (poolSize == 0) poolSize = std::min(info_.totalVRAM, kDefaultPool);
   const std::optional<uint32_t> type = choosePoolType(memory, poolSize);
-  if (!type) return failure(StatusCode::Unsupported, "no device-local memory");
+  if (!type) return unsupported("VRAMAllocator: no device-local memory");
 
   VkMemoryAllocateInfo info{};
   info.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
@@ -80,7 +76,7 @@ Status VRAMAllocator::init(vulkan::VulkanContext& ctx, uint64_t poolSize) {
   VkDeviceMemory pool = VK_NULL_HANDLE;
   if (info.allocationSize == 0 ||
       vkAllocateMemory(ctx.device(), &info, nullptr, &pool) != VK_SUCCESS) {
-    return failure(StatusCode::IOError, "vkAllocateMemory failed");
+    return ioError("VRAMAllocator: vkAllocateMemory failed");
   }
   memory_ = pool;
   memoryType_ = *type;
@@ -106,8 +102,8 @@ void VRAMAllocator::destroy() {
 }
 
 Status VRAMAllocator::allocate(uint64_t size, uint64_t alignment, uint64_t& offset) {
-  if (!valid_) return failure(StatusCode::InvalidFormat, "not initialized");
-  if (!std::has_single_bit(alignment)) return failure(StatusCode::InvalidFormat, "bad alignment");
+  if (!valid_) return invalidFormat("VRAMAllocator: not initialized");
+  if (!std::has_single_bit(alignment)) return invalidFormat("VRAMAllocator: bad alignment");
   size = std::max<uint64_t>(size, 1);
   for (auto block = free_.begin(); block != free_.end(); ++block) {
     const uint64_t padding = roundUp(block->offset, alignment) - block->offset;
@@ -124,7 +120,7 @@ Status VRAMAllocator::allocate(uint64_t size, uint64_t alignment, uint64_t& offs
     }
     return {};
   }
-  return failure(StatusCode::InvalidFormat, "pool exhausted");
+  return invalidFormat("VRAMAllocator: pool exhausted");
 }
 
 void VRAMAllocator::free(uint64_t offset, uint64_t size) {

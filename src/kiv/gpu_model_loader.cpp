@@ -12,11 +12,6 @@ namespace {
 constexpr uint64_t kHeadroom = uint64_t{64} << 20;
 constexpr uint64_t kTensorAlignment = 256;
 
-Status failure(StatusCode code, const char* what) {
-  return {code, std::string("GPUModelLoader: ") + what};
-}
-Status ioError(const char* what) { return failure(StatusCode::IOError, what); }
-
 bool isSelected(const TensorView& tensor, GPUModelLoader::TensorFilter filter) {
   return filter == nullptr || tensor.name.empty() || filter(tensor.name.c_str());
 }
@@ -32,7 +27,7 @@ Status selectTensors(const ZEMLoader& loader, GPUModelLoader::TensorFilter filte
     if (!isSelected(tensor, filter)) continue;
     if (!loader.holdsBytes(tensor, tensor.size) ||
         tensor.size > std::numeric_limits<uint64_t>::max() / 2 - bytes) {
-      return failure(StatusCode::InvalidFormat, "tensor outside the file");
+      return invalidFormat("GPUModelLoader: tensor outside the file");
     }
     out.push_back(&tensor);
     bytes += tensor.size;
@@ -74,7 +69,7 @@ void GPUModelLoader::releaseBuffers() {
 }
 
 Status GPUModelLoader::loadWeightsToGPUFiltered(ZEMLoader& loader, TensorFilter filter) {
-  if (!valid_) return failure(StatusCode::InvalidFormat, "not initialized");
+  if (!valid_) return invalidFormat("GPUModelLoader: not initialized");
   views_.clear();
   releaseBuffers();
   std::vector<const TensorView*> tensors;
@@ -107,16 +102,20 @@ Status GPUModelLoader::setupPool(uint64_t poolSize) {
   constexpr VkBufferUsageFlags kPoolUsage = VK_BUFFER_USAGE_STORAGE_BUFFER_BIT |
                                             VK_BUFFER_USAGE_TRANSFER_DST_BIT |
                                             VK_BUFFER_USAGE_TRANSFER_SRC_BIT;
-  Status status = createBuffer(poolSize, kPoolUsage, "buffer create failed", buffer_);
+  Status status =
+      createBuffer(poolSize, kPoolUsage, "GPUModelLoader: buffer create failed", buffer_);
   if (status.ok()) status = createStaging();
-  if (status.ok() && !bindToPool(buffer_, 0)) status = ioError("buffer bind failed");
+  if (status.ok() && !bindToPool(buffer_, 0)) {
+    status = ioError("GPUModelLoader: buffer bind failed");
+  }
   return status;
 }
 
 Status GPUModelLoader::createStaging() {
   constexpr VkBufferUsageFlags kBothWays =
       VK_BUFFER_USAGE_TRANSFER_SRC_BIT | VK_BUFFER_USAGE_TRANSFER_DST_BIT;
-  if (Status status = createBuffer(kStagingBytes, kBothWays, "staging create failed", staging_);
+  if (Status status =
+          createBuffer(kStagingBytes, kBothWays, "GPUModelLoader: staging create failed", staging_);
       !status.ok()) {
     return status;
   }
@@ -129,15 +128,15 @@ Status GPUModelLoader::createStaging() {
       VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
   if (!vulkan::findMemoryType(ctx_, requirements.memoryTypeBits, kHostMemory,
                               info.memoryTypeIndex)) {
-    return failure(StatusCode::Unsupported, "no host-visible memory");
+    return unsupported("GPUModelLoader: no host-visible memory");
   }
   VkDeviceMemory memory = VK_NULL_HANDLE;
   if (vkAllocateMemory(ctx_.device(), &info, nullptr, &memory) != VK_SUCCESS) {
-    return ioError("staging alloc failed");
+    return ioError("GPUModelLoader: staging alloc failed");
   }
   stagingMem_ = memory;
   if (vkBindBufferMemory(ctx_.device(), staging_, stagingMem_, 0) != VK_SUCCESS) {
-    return ioError("staging bind failed");
+    return ioError("GPUModelLoader: staging bind failed");
   }
   return {};
 }
@@ -164,7 +163,7 @@ Status GPUModelLoader::placeTensors(const std::vector<const TensorView*>& tensor
 Status GPUModelLoader::uploadTensors(const std::vector<const TensorView*>& tensors) {
   void* staging = nullptr;
   if (vkMapMemory(ctx_.device(), stagingMem_, 0, kStagingBytes, 0, &staging) != VK_SUCCESS) {
-    return ioError("staging map failed");
+    return ioError("GPUModelLoader: staging map failed");
   }
   Status status;
   for (size_t i = 0; i < tensors.size() && status.ok(); ++i) {
@@ -206,16 +205,18 @@ Status GPUModelLoader::createTensorBuffer(GPUTensorView& view) {
   constexpr VkBufferUsageFlags kUsage =
       VK_BUFFER_USAGE_STORAGE_BUFFER_BIT | VK_BUFFER_USAGE_TRANSFER_DST_BIT;
   if (Status status = createBuffer(deviceBufferBytes(view.size), kUsage,
-                                   "tensor buffer create failed", view.buffer);
+                                   "GPUModelLoader: tensor buffer create failed", view.buffer);
       !status.ok()) {
     return status;
   }
   tensorBuffers_.push_back(view.buffer);
-  if (!bindToPool(view.buffer, view.offset)) return ioError("tensor buffer bind failed");
+  if (!bindToPool(view.buffer, view.offset)) {
+    return ioError("GPUModelLoader: tensor buffer bind failed");
+  }
   return {};
 }
 
-Status GPUModelLoader::createBuffer(uint64_t bytes, VkBufferUsageFlags usage, const char* failure,
+Status GPUModelLoader::createBuffer(uint64_t bytes, VkBufferUsageFlags usage, const char* message,
                                     VkBuffer& out) {
   VkBufferCreateInfo info{};
   info.sType = VK_STRUCTURE_TYPE_BUFFER_CREATE_INFO;
@@ -224,7 +225,7 @@ Status GPUModelLoader::createBuffer(uint64_t bytes, VkBufferUsageFlags usage, co
   info.sharingMode = VK_SHARING_MODE_EXCLUSIVE;
   VkBuffer buffer = VK_NULL_HANDLE;
   if (vkCreateBuffer(ctx_.device(), &info, nullptr, &buffer) != VK_SUCCESS) {
-    return ioError(failure);
+    return ioError(message);
   }
   out = buffer;
   return {};
@@ -244,10 +245,10 @@ bool GPUModelLoader::bindToPool(VkBuffer buffer, uint64_t offset) {
 
 Status GPUModelLoader::downloadTensor(const GPUTensorView& view, void* dst) {
   if (!valid_ || dst == nullptr || views_.empty()) {
-    return failure(StatusCode::InvalidFormat, "not initialized");
+    return invalidFormat("GPUModelLoader: not initialized");
   }
   if (view.size > kStagingBytes) {
-    return failure(StatusCode::Unsupported, "tensor too large to verify");
+    return unsupported("GPUModelLoader: tensor too large to verify");
   }
   if (view.size == 0) return {};
   VkCommandBuffer cmd = VK_NULL_HANDLE;
@@ -258,7 +259,7 @@ Status GPUModelLoader::downloadTensor(const GPUTensorView& view, void* dst) {
   if (Status status = ctx_.submitAndWait(cmd); !status.ok()) return status;
   void* staging = nullptr;
   if (vkMapMemory(ctx_.device(), stagingMem_, 0, kStagingBytes, 0, &staging) != VK_SUCCESS) {
-    return ioError("staging map failed");
+    return ioError("GPUModelLoader: staging map failed");
   }
   std::memcpy(dst, staging, view.size);
   vkUnmapMemory(ctx_.device(), stagingMem_);
@@ -266,7 +267,7 @@ Status GPUModelLoader::downloadTensor(const GPUTensorView& view, void* dst) {
 }
 
 Status GPUModelLoader::reserveLayer(ZEMLoader& /*loader*/, uint64_t /*layer*/) {
-  return failure(StatusCode::Unsupported, "partial mode not enabled");
+  return unsupported("GPUModelLoader: partial mode not enabled");
 }
 
 void GPUModelLoader::releaseLayer(uint64_t /*layer*/) {}

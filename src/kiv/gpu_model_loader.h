@@ -44,7 +44,7 @@ class GPUModelLoader {
   /// Unsupported "GPUModelLoader: <what failed>", and the allocator's and the
   /// context's own failures.
   Status loadWeightsToGPU(ZEMLoader& loader) { return loadWeightsToGPUFiltered(loader, nullptr); }
-  /// The same for those tensors that `filter` wants; null wants all.
+  /// loadWeightsToGPU() for those tensors that `filter` wants; null wants all.
   Status loadWeightsToGPUFiltered(ZEMLoader& loader, TensorFilter filter);
 
   /// Copies a resident tensor's bytes to `dst` (view.size bytes), to check an
@@ -67,7 +67,7 @@ class GPUModelLoader {
   /// `index` must be below tensorCount().
   const GPUTensorView& tensorAt(size_t index) const { return views_[index]; }
 
-  bool valid() const { return valid_; }                              ///< weights are resident
+  bool valid() const { return valid_; }                              ///< init() succeeded
   vulkan::VulkanContext& context() { return ctx_; }                  ///< empty before init()
   VkBuffer buffer() const { return buffer_; }                        ///< the whole pool
   uint64_t vramUsed() const { return alloc_.stats().usedVRAM; }      ///< bytes of the pool
@@ -84,7 +84,7 @@ class GPUModelLoader {
   Status uploadRange(uint64_t offset, uint64_t bytes);
   Status createTensorBuffers();
   Status createTensorBuffer(GPUTensorView& view);
-  Status createBuffer(uint64_t bytes, VkBufferUsageFlags usage, const char* failure, VkBuffer& out);
+  Status createBuffer(uint64_t bytes, VkBufferUsageFlags usage, const char* message, VkBuffer& out);
   bool bindToPool(VkBuffer buffer, uint64_t offset);
   void releaseBuffers();
 

@@ -68,7 +68,7 @@ uint16_t f32ToF16(float x);
 /// infinity, or whose scale is too large for half precision, gets an infinite
 /// scale and so decodes to infinities and NaNs: keep weights below 2^18.
 void quantQ40(const float* src, void* dst, uint64_t n);
-/// The same for Q8_0.
+/// quantQ40() for Q8_0.
 void quantQ80(const float* src, void* dst, uint64_t n);
 
 }  // namespace quant

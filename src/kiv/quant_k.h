@@ -73,9 +73,9 @@ void getScaleMinK4(int j, const uint8_t* q, uint8_t& d, uint8_t& m);
 /// negative minimum, so they suit weights around zero: a sub-block that lies far
 /// above zero is cut at its scale's reach.
 void quantQ4K(const float* src, void* dst, uint64_t n);
-/// The same for Q5_K.
+/// quantQ4K() for Q5_K.
 void quantQ5K(const float* src, void* dst, uint64_t n);
-/// The same for Q6_K, which stores no minima.
+/// quantQ4K() for Q6_K, which stores no minima.
 void quantQ6K(const float* src, void* dst, uint64_t n);
 
 }  // namespace kiv::quant

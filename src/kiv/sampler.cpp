@@ -126,8 +126,7 @@ void softmax(std::vector<float>& x) {
   for (float& p : x) p /= sum;
 }
 
-// Sets to 0 what lies behind the first ids, in order of probability, that together
-// have more than topP.
+// Keeps the most probable ids until their sum is above topP, and sets the others to 0.
 void dropTail(std::vector<float>& p, float topP) {
   std::vector<uint32_t> order(p.size());
   std::iota(order.begin(), order.end(), 0U);

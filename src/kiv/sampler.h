@@ -16,22 +16,23 @@ struct SamplerConfig {
   float temperature = 1.0F;       ///< logits are divided by it; off at 0 and below, and at 1
   int32_t topK = 0;               ///< how many of the largest stay; off below 1 and from n on
   float topP = 1.0F;              ///< probability to keep together; off outside (0, 1)
-  float repeatPenalty = 1.0F;     ///< divides an id's logit once an occurrence; off up to 1
-  size_t repeatLastN = 64;        ///< the occurrences among so many last ids count for it
+  float repeatPenalty = 1.0F;     ///< weakens an id's logit once an occurrence; off up to 1
+  size_t repeatLastN = 64;        ///< how many of the last ids repeatPenalty looks at
   float presencePenalty = 0.0F;   ///< subtracted from the logit of every id that occurred
   float frequencyPenalty = 0.0F;  ///< subtracted once for every time that it occurred
   float minP = 0.0F;              ///< share of the best probability to reach; off outside (0, 1)
 };
 
-/// Draws token ids. The result is the same on every machine: all arithmetic is
-/// single precision but for the sum of minP, every sum runs from the lowest id up,
-/// and the exponential is math::expF32.
+/// Draws token ids. The result is the same on every machine. The exponential is
+/// math::expF32, and arithmetic is single precision; only minP sums and scales in double
+/// precision. Sums run from the lowest id up, except the one that finds topP's cut: it
+/// runs from the most probable id down.
 ///
-/// Threads: sample() changes the generator, so that one call runs at a time for
-/// all samplers that share one.
+/// Threads: sample() changes the generator. Samplers that share a generator may run
+/// one call at a time.
 class Sampler {
  public:
-  /// `rng` stays the caller's, who keeps it alive as long as the sampler.
+  /// The caller owns `rng`, which must live as long as the sampler.
   Sampler(std::mt19937& rng, const SamplerConfig& config) : rng_(rng), cfg_(config) {}
 
   /// What later calls do.
@@ -63,9 +64,9 @@ class Sampler {
   /// all minus infinity are equally probable.
   int sample(const float* logits, size_t n, const std::vector<int32_t>& history) const;
 
-  /// The id of the largest of `n` logits, the lowest among equals; 0 for n < 2. NaN
-  /// is never larger, nor is anything larger than NaN in front. Leaves the generator
-  /// alone; any thread.
+  /// The id of the largest of `n` logits, the lowest among equals; 0 for n < 2. A NaN
+  /// is passed over, but when the first logit is NaN the result is 0. Does not use the
+  /// generator; any thread.
   static int greedy(const float* logits, size_t n);
 
  private:

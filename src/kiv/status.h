@@ -1,6 +1,7 @@
 /// \file
 /// The result of an operation that can fail for reasons outside the program:
-/// a file's contents, the disk, a driver.
+/// a file's contents, the disk, a driver. Includes nothing of the project, so every
+/// folder of the library may include it.
 #pragma once
 
 #include <cstdint>
@@ -34,5 +35,16 @@ class [[nodiscard]] Status {
   StatusCode code_ = StatusCode::Ok;
   std::string message_;
 };
+
+/// A failure of that kind, with its message for people.
+///@{
+inline Status invalidFormat(std::string message) {
+  return {StatusCode::InvalidFormat, std::move(message)};
+}
+inline Status unsupported(std::string message) {
+  return {StatusCode::Unsupported, std::move(message)};
+}
+inline Status ioError(std::string message) { return {StatusCode::IOError, std::move(message)}; }
+///@}
 
 }  // namespace kiv

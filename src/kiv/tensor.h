@@ -24,7 +24,7 @@ enum class DType : uint16_t {
   Q5_1 = 10,
 };
 
-/// "F32", "Q4_K", ...; "?" for a value that is no DType. Static storage.
+/// "F32", "Q4_K", ...; "?" for any other value. Static storage.
 const char* dtypeName(DType type);
 
 /// Bytes that `elements` elements of `type` occupy when a partial last block

@@ -5,7 +5,10 @@
 #include <utility>
 
 #include "kiv/text/piece_memo.h"
+#include "kiv/text/text_index.h"
+#include "kiv/text/tokenizer_bpe.h"
 #include "kiv/text/tokenizer_pieces.h"
+#include "kiv/text/tokenizer_specials.h"
 
 namespace kiv {
 namespace {
@@ -15,7 +18,13 @@ constexpr std::string_view kByteLevelSpaceMarker = "\xC4\xA0";  // U+0120
 constexpr std::string_view kByteTokenPrefix = "<0x";
 constexpr size_t kByteTokenLength = 6;  // "<0xHH>"
 
-Status notLoaded() { return {StatusCode::InvalidFormat, "tokenizer: not loaded"}; }
+Status notLoaded() { return invalidFormat("tokenizer: not loaded"); }
+
+// The first rule tells the style.
+bool usesByteLevelSpaces(const std::vector<std::string>& merges) {
+  return !merges.empty() && merges[0].find(kByteLevelSpaceMarker) != std::string::npos &&
+         merges[0].find(kSpaceMarker) == std::string::npos;
+}
 
 void replaceSpaces(std::string& s, std::string_view marker) {
   const auto spaces = static_cast<size_t>(std::count(s.begin(), s.end(), ' '));
@@ -70,41 +79,120 @@ void replaceByteTokens(std::string& text) {
 
 }  // namespace
 
-struct Tokenizer::Scratch {
-  explicit Scratch(size_t textBytes) : memo(textBytes) {}
+struct Tokenizer::Indexes {
+  explicit Indexes(const TokenizerData& data) {
+    tokenToId.build(data.tokens);
+    lineFeedId = tokenToId.find(data.tokens, "\n");
+    merges.build(data.tokens, tokenToId, data.merges);
+    specials.build(data.tokens, data.tokenTypes);
+  }
 
-  PieceMemo memo;
-  BytePairMerger::Scratch merging;
-  std::string piece;
+  TextIndex tokenToId;
+  BytePairMerger merges;
+  SpecialTokens specials;
+  int32_t lineFeedId = -1;
+};
+
+class Tokenizer::Encoding {
+ public:
+  Encoding(const Tokenizer& tokenizer, size_t textBytes, std::vector<int32_t>& ids)
+      : tokenizer_(tokenizer),
+        tokens_(tokenizer.data_.tokens),
+        indexes_(*tokenizer.indexes_),
+        ids_(ids),
+        memo_(textBytes) {}
+
+  // A line feed, or text without one.
+  Status segment(std::string_view text) {
+    if (indexes_.lineFeedId >= 0 && text == "\n") {
+      ids_.push_back(indexes_.lineFeedId);
+      return {};
+    }
+    if (indexes_.specials.empty()) return plain(text);
+    for (size_t at = 0; at < text.size();) {
+      const SpecialTokens::Match special = indexes_.specials.find(tokens_, text, at);
+      Status status = plain(text.substr(at, special.position - at));
+      if (!status.ok()) return status;
+      at = special.position;
+      if (special.id < 0) break;
+      ids_.push_back(special.id);
+      at += tokens_[static_cast<size_t>(special.id)].size();
+    }
+    return {};
+  }
+
+ private:
+  Status plain(std::string_view text) {
+    while (!text.empty()) {
+      std::string_view piece = nextPiece(text);
+      text.remove_prefix(piece.size());
+      if (piece.size() > BytePairMerger::kMaxPieceBytes) {
+        return unsupported("tokenizer: piece too long");
+      }
+      while (!piece.empty()) {
+        // Without byte-level markers the words of a line make one piece.
+        const size_t length =
+            tokenizer_.gpt2Style_ ? piece.size() : indexes_.merges.partLength(piece);
+        part(piece.substr(0, length));
+        piece.remove_prefix(length);
+      }
+    }
+    return {};
+  }
+
+  void part(std::string_view text) {
+    if (text.size() > PieceMemo::kLongestPiece) {
+      merge(text);
+      return;
+    }
+    PieceMemo::Entry& entry = memo_.entryOf(text);
+    const size_t first = ids_.size();
+    if (entry.holds(text)) {
+      ids_.resize(first + entry.idCount);
+      std::copy_n(ids_.data() + entry.firstId, entry.idCount, ids_.data() + first);
+      return;
+    }
+    merge(text);
+    entry = {text.data(), first, static_cast<uint32_t>(text.size()),
+             static_cast<uint32_t>(ids_.size() - first)};
+  }
+
+  void merge(std::string_view text) {
+    if (text.find(' ') != std::string_view::npos) {
+      escaped_ = text;
+      tokenizer_.escapeWhitespace(escaped_);
+      text = escaped_;
+    }
+    indexes_.merges.encode(text, tokenizer_.data_.unkId, merging_, ids_);
+  }
+
+  const Tokenizer& tokenizer_;
+  const std::vector<std::string>& tokens_;
+  const Indexes& indexes_;
+  std::vector<int32_t>& ids_;
+  PieceMemo memo_;
+  BytePairMerger::Scratch merging_;
+  std::string escaped_;
 };
 
 Status Tokenizer::load(TokenizerData data) {
-  if (data.tokens.empty()) return {StatusCode::InvalidFormat, "tokenizer: empty token list"};
+  if (data.tokens.empty()) return invalidFormat("tokenizer: empty token list");
   if (data.scores.size() != data.tokens.size()) data.scores.clear();
   Tokenizer loaded;
   loaded.data_ = std::move(data);
-  loaded.buildIndexes();
+  loaded.gpt2Style_ = usesByteLevelSpaces(loaded.data_.merges);
+  loaded.indexes_ = std::make_shared<const Indexes>(loaded.data_);
   *this = std::move(loaded);
   return {};
 }
 
-void Tokenizer::buildIndexes() {
-  const auto& merges = data_.merges;
-  gpt2Style_ = !merges.empty() && merges[0].find(kByteLevelSpaceMarker) != std::string::npos &&
-               merges[0].find(kSpaceMarker) == std::string::npos;
-  tokenToId_.build(data_.tokens);
-  lineFeedId_ = tokenToId_.find(data_.tokens, "\n");
-  merges_.build(data_.tokens, tokenToId_, merges);
-  specials_.build(data_.tokens, data_.tokenTypes);
-}
-
 int32_t Tokenizer::tokenToId(const std::string& text) const {
-  return tokenToId_.find(data_.tokens, text);
+  return valid() ? indexes_->tokenToId.find(data_.tokens, text) : -1;
 }
 
 Status Tokenizer::tokenToString(int32_t id, std::string& out) const {
   if (id < 0 || static_cast<size_t>(id) >= data_.tokens.size()) {
-    return {StatusCode::InvalidFormat, "tokenizer: token id out of range"};
+    return invalidFormat("tokenizer: token id out of range");
   }
   out = data_.tokens[static_cast<size_t>(id)];
   return {};
@@ -122,80 +210,15 @@ Status Tokenizer::encode(const std::string& text, std::vector<int32_t>& ids, boo
     escapeWhitespace(escaped);
     rest = escaped;
   }
-  Scratch scratch(rest.size());
+  Encoding encoding(*this, rest.size(), ids);
   while (!rest.empty()) {
     // A line feed is a segment of its own.
     const size_t length = rest[0] == '\n' ? 1 : std::min(rest.find('\n'), rest.size());
-    Status status = tokenizeSegment(rest.substr(0, length), scratch, ids);
+    Status status = encoding.segment(rest.substr(0, length));
     if (!status.ok()) return status;
     rest.remove_prefix(length);
   }
   return {};
-}
-
-Status Tokenizer::tokenizeSegment(std::string_view segment, Scratch& scratch,
-                                  std::vector<int32_t>& ids) const {
-  if (lineFeedId_ >= 0 && segment == "\n") {
-    ids.push_back(lineFeedId_);
-    return {};
-  }
-  if (specials_.empty()) return tokenizePlain(segment, scratch, ids);
-  for (size_t at = 0; at < segment.size();) {
-    const SpecialTokens::Match special = specials_.find(data_.tokens, segment, at);
-    Status status = tokenizePlain(segment.substr(at, special.position - at), scratch, ids);
-    if (!status.ok()) return status;
-    at = special.position;
-    if (special.id < 0) break;
-    ids.push_back(special.id);
-    at += data_.tokens[static_cast<size_t>(special.id)].size();
-  }
-  return {};
-}
-
-Status Tokenizer::tokenizePlain(std::string_view chunk, Scratch& scratch,
-                                std::vector<int32_t>& ids) const {
-  while (!chunk.empty()) {
-    std::string_view piece = nextPiece(chunk);
-    chunk.remove_prefix(piece.size());
-    if (piece.size() > BytePairMerger::kMaxPieceBytes) {
-      return {StatusCode::Unsupported, "tokenizer: piece too long"};
-    }
-    while (!piece.empty()) {
-      // Without byte-level markers the words of a line make one piece.
-      const size_t length = gpt2Style_ ? piece.size() : merges_.partLength(piece);
-      tokenizePart(piece.substr(0, length), scratch, ids);
-      piece.remove_prefix(length);
-    }
-  }
-  return {};
-}
-
-void Tokenizer::tokenizePart(std::string_view part, Scratch& scratch,
-                             std::vector<int32_t>& ids) const {
-  if (part.size() > PieceMemo::kLongestPiece) {
-    tokenizeBpe(part, scratch, ids);
-    return;
-  }
-  PieceMemo::Entry& entry = scratch.memo.entryOf(part);
-  const size_t first = ids.size();
-  if (entry.holds(part)) {
-    ids.resize(first + entry.idCount);
-    std::copy_n(ids.data() + entry.firstId, entry.idCount, ids.data() + first);
-    return;
-  }
-  tokenizeBpe(part, scratch, ids);
-  entry = {part.data(), first, static_cast<uint32_t>(part.size()),
-           static_cast<uint32_t>(ids.size() - first)};
-}
-
-void Tokenizer::tokenizeBpe(std::string_view part, Scratch& scratch,
-                            std::vector<int32_t>& ids) const {
-  if (part.find(' ') != std::string_view::npos) {
-    scratch.piece = part;
-    escapeWhitespace(scratch.piece);
-    part = scratch.piece;
-  }
-  merges_.encode(part, data_.unkId, scratch.merging, ids);
 }
 
 Status Tokenizer::decode(const std::vector<int32_t>& ids, std::string& out) const {

@@ -4,14 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "kiv/status.h"
-#include "kiv/text/text_index.h"
-#include "kiv/text/tokenizer_bpe.h"
-#include "kiv/text/tokenizer_specials.h"
 
 namespace kiv {
 
@@ -74,22 +71,13 @@ class Tokenizer {
   void unescapeWhitespace(std::string& s) const;  ///< U+2581 to spaces, in either style
 
  private:
-  struct Scratch;  // working memory of one encode()
-
-  void buildIndexes();
-  Status tokenizeSegment(std::string_view segment, Scratch& scratch,
-                         std::vector<int32_t>& ids) const;
-  Status tokenizePlain(std::string_view chunk, Scratch& scratch, std::vector<int32_t>& ids) const;
-  void tokenizePart(std::string_view part, Scratch& scratch, std::vector<int32_t>& ids) const;
-  void tokenizeBpe(std::string_view part, Scratch& scratch, std::vector<int32_t>& ids) const;
+  struct Indexes;
+  class Encoding;  // one encode() at work
 
   bool gpt2Style_ = false;  // a space is U+0120 in the vocabulary, not U+2581
-  int32_t lineFeedId_ = -1;
   TokenizerData data_;
-  // The indexes hold ids and no views, so a tokenizer may be copied and moved.
-  TextIndex tokenToId_;
-  BytePairMerger merges_;
-  SpecialTokens specials_;
+  // Never written after load(), so copies share them. They hold ids and no views.
+  std::shared_ptr<const Indexes> indexes_;
 };
 
 /// Every space becomes U+2581 (bytes E2 96 81).

@@ -122,7 +122,7 @@ struct TensorView {
 /// 0x4DB9A9F87EC10C59.
 uint64_t crc64(const uint8_t* data, size_t len);
 
-/// The same over pieces: crc64Update(crc64Update(0, a), b) == crc64(a + b).
+/// crc64() over pieces: crc64Update(crc64Update(0, a), b) == crc64(a + b).
 uint64_t crc64Update(uint64_t crc, const uint8_t* data, size_t len);
 
 }  // namespace kiv::zem2

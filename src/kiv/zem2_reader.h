@@ -64,7 +64,8 @@ class ZEM2Reader {
   ZEM2Reader& operator=(const ZEM2Reader&) = delete;
 
   /// Closes what was open, then opens `path`. Every failure has the code
-  /// InvalidFormat and a message that begins with "ZEM2: "; the reader is then closed.
+  /// InvalidFormat and a message that begins with "ZEM2: "; the reader is then
+  /// closed, as it is when memory runs out (std::bad_alloc).
   Status open(const char* path);
   /// Unmaps the file; may be repeated.
   void close();
@@ -128,6 +129,7 @@ class ZEM2Reader {
   bool readTokenizer(TokenizerData& out) const;
 
  private:
+  Status mapAndParse(const char* path);
   Status mapFile(const char* path);
   Status checkHeader();
   Status checkSections() const;

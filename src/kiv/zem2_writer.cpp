@@ -60,15 +60,17 @@ bool allFitU32(const std::vector<std::string>& texts) {
                      [](const std::string& text) { return fitsU32(text.size()); });
 }
 
-// "" when the tables fit the section's counts and lengths.
-const char* tokenizerProblem(const TokenizerData& data) {
+// Whether the tables fit the section's counts and lengths.
+Status checkTokenizer(const TokenizerData& data) {
   const size_t largest = std::max(
       {data.tokens.size(), data.scores.size(), data.tokenTypes.size(), data.merges.size()});
-  if (largest > zem2::kMaxTokenizerCount) return "a table of more than 67108864 entries";
-  if (!fitsU32(data.chatTemplate.size()) || !allFitU32(data.tokens) || !allFitU32(data.merges)) {
-    return "a text of 4 GiB or more";
+  if (largest > zem2::kMaxTokenizerCount) {
+    return invalidFormat("the tokenizer has a table of more than 67108864 entries");
   }
-  return "";
+  if (!fitsU32(data.chatTemplate.size()) || !allFitU32(data.tokens) || !allFitU32(data.merges)) {
+    return invalidFormat("the tokenizer has a text of 4 GiB or more");
+  }
+  return {};
 }
 
 std::string tokenizerBytes(const TokenizerData& data) {
@@ -151,17 +153,17 @@ struct ZEM2Writer::Impl {
   };
 
   // Every failure is final: the partial file goes, and later calls repeat it.
-  Status fail(StatusCode code, const std::string& message) {
+  Status fail(Status status) {
     if (state == State::Failed) return failure;
     state = State::Failed;
-    failure = Status(code, message);
+    failure = std::move(status);
     file.discard();
     return failure;
   }
   Status failInvalid(const std::string& message) {
-    return fail(StatusCode::InvalidFormat, "ZEM2Writer: " + message);
+    return fail(invalidFormat("ZEM2Writer: " + message));
   }
-  Status failIO() { return fail(StatusCode::IOError, file.error()); }
+  Status failIO() { return fail(ioError(file.error())); }
 
   // For the declaring calls, which have no result: begin() returns the failure.
   bool declaring() {
@@ -174,7 +176,7 @@ struct ZEM2Writer::Impl {
     if (state == State::Failed) return failure;
     const std::string message = std::string(call) + " called out of order";
     if (state == State::Finished) {
-      return {StatusCode::InvalidFormat, "ZEM2Writer: " + message};
+      return invalidFormat("ZEM2Writer: " + message);
     }
     return failInvalid(message);
   }
@@ -227,18 +229,15 @@ struct ZEM2Writer::Impl {
 };
 
 bool ZEM2Writer::Impl::nameIsGood(const std::string& name) {
-  const char* problem = nullptr;
-  if (name.empty()) {
-    problem = "is empty";
-  } else if (name.size() > zem2::kMaxNameBytes) {
-    problem = "is longer than 64 bytes";
-  } else if (name.find('\0') != std::string::npos) {
-    problem = "contains a NUL byte";  // the search by name stops there
-  } else if (tensors.count(name) != 0) {
-    problem = "is used twice";
-  }
-  if (problem != nullptr) refuse("tensor name " + quoted(name) + " " + problem);
-  return problem == nullptr;
+  const auto refuseIf = [&](bool wrong, const char* what) {
+    if (wrong) refuse("tensor name " + quoted(name) + " " + what);
+    return wrong;
+  };
+  // A search by name stops at a NUL byte.
+  return !refuseIf(name.empty(), "is empty") &&
+         !refuseIf(name.size() > zem2::kMaxNameBytes, "is longer than 64 bytes") &&
+         !refuseIf(name.find('\0') != std::string::npos, "contains a NUL byte") &&
+         !refuseIf(tensors.count(name) != 0, "is used twice");
 }
 
 void ZEM2Writer::Impl::addTensor(const std::string& name, Tensor tensor) {
@@ -329,8 +328,8 @@ bool ZEM2Writer::Impl::padTo(uint64_t offset) {
   return file.append(kZeros, static_cast<size_t>(offset - file.size()));
 }
 
-// Header and table stay zero until finish(), so that no reader takes a file
-// for whole that is not.
+// Header and table stay zero until finish(), so that no reader accepts a file that is
+// not whole.
 Status ZEM2Writer::Impl::writeFront(const std::vector<Section>& sections) {
   table.resize(sections.size() + 1);
   const std::string zeros(sizeof(zem2::Header) + table.size() * sizeof(zem2::SectionEntry), '\0');
@@ -380,8 +379,7 @@ void ZEM2Writer::setModel(const ZEM2ModelHeader& model) {
 
 void ZEM2Writer::setTokenizer(const TokenizerData& tokenizer) {
   if (!impl_->declaring()) return;
-  const std::string problem = tokenizerProblem(tokenizer);
-  if (!problem.empty()) return impl_->refuse("the tokenizer has " + problem);
+  if (Status fits = checkTokenizer(tokenizer); !fits.ok()) return impl_->refuse(fits.message());
   impl_->tokenizer = tokenizerBytes(tokenizer);
 }
 

@@ -30,7 +30,7 @@ struct ZEM2ModelHeader {
 ///
 /// The file appears under its name only when it is whole: it is written beside
 /// it as "<path>.partial-<pid>-<n>" and renamed by finish(). Without a finish()
-/// that succeeded, nothing is left behind. An existing file of that name stays
+/// that succeeded, no file is left behind. An existing file of that name stays
 /// as it was until the rename replaces it; a folder or a device is refused.
 ///
 /// Sections come in the order Meta, Tokenizer and Graph where they were set,

@@ -37,6 +37,15 @@ TensorView makeView(const ZEM2Reader& reader, size_t i) {
 
 Status ZEMLoader::open(const char* path) {
   close();
+  try {
+    return openClosed(path);
+  } catch (...) {
+    close();
+    throw;
+  }
+}
+
+Status ZEMLoader::openClosed(const char* path) {
   if (Status status = reader_.open(path); !status.ok()) return status;
 
   const ZEM2Reader::Header& header = reader_.header();
@@ -46,7 +55,7 @@ Status ZEMLoader::open(const char* path) {
   for (size_t i = 0; i < info_.tensorCount; ++i) views_.push_back(makeView(reader_, i));
 
   if (!reader_.readTokenizer(tokenizer_)) {
-    return {StatusCode::InvalidFormat, "ZEMLoader: no tokenizer section"};
+    return invalidFormat("ZEMLoader: no tokenizer section");
   }
   chatTemplate_ = tokenizer_.chatTemplate;
   if (const uint8_t* graph = reader_.sectionData(ZEM2Reader::SectionType::Graph)) {

@@ -37,7 +37,8 @@ class ZEMLoader {
   ZEMLoader& operator=(const ZEMLoader&) = delete;
 
   /// The reader's failures pass through; a container without a readable
-  /// tokenizer fails with "ZEMLoader: no tokenizer section".
+  /// tokenizer fails with "ZEMLoader: no tokenizer section". When memory runs out
+  /// (std::bad_alloc), the loader is closed.
   Status open(const char* path);
   /// Unmaps the file; may be repeated.
   void close();
@@ -78,6 +79,8 @@ class ZEMLoader {
   ///@}
 
  private:
+  Status openClosed(const char* path);
+
   ZEM2Reader reader_;
   ModelInfo info_;
   std::vector<TensorView> views_;

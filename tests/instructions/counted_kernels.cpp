@@ -178,7 +178,7 @@ CountedKernel encode() {
   const auto prepare = []() -> Work {
     auto tokenizer = std::make_shared<kiv::Tokenizer>();
     const kiv::Status loaded = tokenizer->load(
-        kiv::test::trainVocabulary(inventedText(6000, 1), 4000, kiv::test::SpaceMarker::ByteLevel));
+        zemtest::trainVocabulary(inventedText(6000, 1), 4000, zemtest::SpaceMarker::ByteLevel));
     if (!loaded.ok()) throw std::runtime_error(loaded.message());
     return [tokenizer, text = inventedText(2000, 2)] {
       std::vector<int32_t> ids;

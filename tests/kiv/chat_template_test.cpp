@@ -6,7 +6,10 @@
 #include <type_traits>
 #include <vector>
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 static_assert(std::is_same_v<std::underlying_type_t<ChatRole>, uint8_t>);
@@ -126,4 +129,4 @@ TEST(FormatGemmaChatTest, MessagesAreLeftAsTheyWere) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

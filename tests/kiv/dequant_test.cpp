@@ -11,19 +11,14 @@
 #include "kiv/quant_k.h"
 #include "kiv/quant_testing.h"
 
-namespace kiv::quant {
+namespace zemtest {
+
+using namespace kiv;
+using namespace kiv::quant;
+
 namespace {
 
-using testing::bitsOf;
-using testing::finiteHalf;
-using testing::GuardedBytes;
-using testing::halfAt;
-using testing::halfValue;
-using testing::kCounts;
-using testing::packedMin;
-using testing::packedScale;
-using testing::putHalf;
-using testing::randomBytes;
+using zemtest::bitsOf;
 
 // One element of one block, straight from the layout. Each takes the block's
 // bytes and the element's place in the block.
@@ -337,4 +332,4 @@ TEST(DequantQ8KTest, BlocksMayLieAtAnyAddress) {
 }
 
 }  // namespace
-}  // namespace kiv::quant
+}  // namespace zemtest

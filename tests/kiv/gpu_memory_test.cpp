@@ -16,20 +16,14 @@
 #include "support/fake_vulkan.h"
 #include "support/status_matchers.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
-using ::kiv::test::FakeDevice;
-using ::kiv::test::FakeVulkan;
-using ::kiv::test::kDeviceLocal;
-using ::kiv::test::kGiB;
-using ::kiv::test::kHostCoherent;
-using ::kiv::test::kHostVisible;
 using ::kiv::vulkan::VulkanContext;
 using ::testing::IsEmpty;
-using ::zemtest::IsFailure;
-using ::zemtest::IsInvalidFormat;
-using ::zemtest::IsOk;
 
 static_assert(!std::is_copy_constructible_v<VRAMAllocator>);
 static_assert(!std::is_copy_assignable_v<VRAMAllocator>);
@@ -489,4 +483,4 @@ TEST_F(GpuMemoryRanges, RandomUseAgreesWithAPlainModel) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

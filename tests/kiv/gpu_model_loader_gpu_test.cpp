@@ -13,15 +13,11 @@
 #include "support/needs_gpu.h"
 #include "support/status_matchers.h"
 
-namespace kiv {
-namespace {
+namespace zemtest {
 
-using ::zemtest::addBytes;
-using ::zemtest::Bytes;
-using ::zemtest::ContainerBuilder;
-using ::zemtest::IsOk;
-using ::zemtest::LoadedContainer;
-using ::zemtest::patternBytes;
+using namespace kiv;
+
+namespace {
 
 constexpr uint64_t kAutomatic = std::numeric_limits<uint64_t>::max();
 
@@ -129,4 +125,4 @@ TEST_F(WeightsOnDevice, AreLoadedAgainAfterReleaseAndReplacedByASecondLoad) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

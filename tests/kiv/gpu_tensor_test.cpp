@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 GPUTensorView view(uint64_t cols, uint32_t bytesPerBlock) {
@@ -35,4 +38,4 @@ TEST(DeviceBufferBytes, AreWholeWordsAndNeverNone) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

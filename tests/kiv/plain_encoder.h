@@ -10,10 +10,55 @@
 #include <utility>
 #include <vector>
 
-#include "kiv/text/tokenizer_pieces.h"
 #include "kiv/tokenizer.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
+// What the lead byte says, cut at the end of the text.
+inline size_t plainCharacterLength(std::string_view text) {
+  const int lead = static_cast<unsigned char>(text[0]);
+  const size_t said = lead >= 0xF8 ? 1 : lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+  return said < text.size() ? said : text.size();
+}
+
+// 'L' for letters and everything beyond ASCII, 'D' digits, 'S' whitespace, 'P' the rest.
+inline char plainClass(char c) {
+  if (static_cast<unsigned char>(c) >= 0x80) return 'L';
+  if (std::string_view("0123456789").find(c) != std::string_view::npos) return 'D';
+  if (std::string_view(" \t\n\v\f\r").find(c) != std::string_view::npos) return 'S';
+  return std::string_view("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ").find(c) !=
+                 std::string_view::npos
+             ? 'L'
+             : 'P';
+}
+
+// How far characters of class `wanted` go from `at` on.
+inline size_t plainRun(std::string_view text, size_t at, char wanted) {
+  while (at < text.size() && plainClass(text[at]) == wanted) {
+    at += plainCharacterLength(text.substr(at));
+  }
+  return at;
+}
+
+// The first piece of a text that is not empty, rule by rule.
+inline size_t plainPieceLength(std::string_view text) {
+  for (const std::string mark : {"'", "\u2019"}) {
+    for (const std::string suffix : {"s", "t", "re", "ve", "m", "ll", "d"}) {
+      std::string start(text.substr(0, mark.size() + suffix.size()));
+      for (char& c : start) c = 'A' <= c && c <= 'Z' ? static_cast<char>(c + 32) : c;
+      if (start == mark + suffix) return start.size();
+    }
+  }
+  const char kind = plainClass(text[0]);
+  const char next = text.size() > 1 ? plainClass(text[1]) : '\0';
+  if (text[0] == '\n' || text[0] == '\r' || kind == 'L') return plainRun(text, 0, kind);
+  if (kind == 'D') return std::min<size_t>(3, plainRun(text, 0, 'D'));
+  if (next == 'L') return plainRun(text, 1, 'L');
+  if (text[0] == ' ' && next == 'P') return plainRun(text, 1, 'P');
+  return plainRun(text, 0, kind);
+}
 
 // Encodes with maps of texts, a scan of all special tokens at every position and
 // a scan of all pairs for every merge.
@@ -96,16 +141,16 @@ class PlainEncoder {
 
   void plain(std::string_view chunk) {
     while (!chunk.empty()) {
-      const std::string_view piece = nextPiece(chunk);
-      merge(escaped(std::string(piece)));
-      chunk.remove_prefix(piece.size());
+      const size_t length = plainPieceLength(chunk);
+      merge(escaped(std::string(chunk.substr(0, length))));
+      chunk.remove_prefix(length);
     }
   }
 
   void merge(std::string_view piece) {
     std::vector<std::string> symbols;
     while (!piece.empty()) {
-      symbols.emplace_back(piece.substr(0, utf8Length(piece)));
+      symbols.emplace_back(piece.substr(0, plainCharacterLength(piece)));
       piece.remove_prefix(symbols.back().size());
     }
     for (;;) {
@@ -138,4 +183,4 @@ class PlainEncoder {
   std::vector<int32_t> result_;
 };
 
-}  // namespace kiv
+}  // namespace zemtest

@@ -15,7 +15,9 @@
 #include "kiv/math/exact_math.h"
 #include "kiv/sampler.h"
 
-namespace kiv::plain {
+namespace zemtest::plain {
+
+using namespace kiv;
 
 inline float exponential(float x) { return math::expF32(x); }
 inline double exponential(double x) { return std::exp(x); }
@@ -117,4 +119,4 @@ inline int sample(const std::vector<float>& p, std::mt19937& rng) {
   return static_cast<int>(ranking(p).front());
 }
 
-}  // namespace kiv::plain
+}  // namespace zemtest::plain

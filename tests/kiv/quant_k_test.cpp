@@ -14,20 +14,12 @@
 #include "kiv/dequant.h"
 #include "kiv/quant_testing.h"
 
-namespace kiv::quant {
-namespace {
+namespace zemtest {
 
-using testing::finiteInputs;
-using testing::GuardedBytes;
-using testing::halfValue;
-using testing::kCounts;
-using testing::NamedInput;
-using testing::packedMin;
-using testing::packedScale;
-using testing::putHalf;
-using testing::randomBytes;
-using testing::randomFloats;
-using testing::roundHalfAway;
+using namespace kiv;
+using namespace kiv::quant;
+
+namespace {
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
@@ -313,7 +305,7 @@ TEST_P(QuantKTest, ScalesOutsideHalfPrecisionSaturate) {
   constexpr float kMax = std::numeric_limits<float>::max();
   constexpr float kTiny = std::numeric_limits<float>::denorm_min();
   const auto scaleOf = [](const std::vector<float>& x) {
-    return testing::halfAt(&encoded(GetParam(), x)[GetParam().scaleOffset]);
+    return zemtest::halfAt(&encoded(GetParam(), x)[GetParam().scaleOffset]);
   };
   for (const float size : {kMax, kMax / 2, 1e30F, 1e12F}) {
     EXPECT_EQ(scaleOf(randomFloats(15, 256, -size / 2, size / 2)), 0x7C00) << size;
@@ -460,4 +452,4 @@ TEST(RoundTripTest, MoreBitsMeanLessError) {
 }
 
 }  // namespace
-}  // namespace kiv::quant
+}  // namespace zemtest

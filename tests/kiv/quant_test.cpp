@@ -14,16 +14,12 @@
 #include "kiv/dequant.h"
 #include "kiv/quant_testing.h"
 
-namespace kiv::quant {
-namespace {
+namespace zemtest {
 
-using testing::finiteInputs;
-using testing::GuardedBytes;
-using testing::halfValue;
-using testing::kCounts;
-using testing::NamedInput;
-using testing::randomFloats;
-using testing::roundHalfAway;
+using namespace kiv;
+using namespace kiv::quant;
+
+namespace {
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
@@ -199,7 +195,7 @@ std::array<uint8_t, 18> referenceQ40(const float* x) {
   const float d = extreme == 0.0F ? 0.0F : extreme * -0.125F;
   const float inverse = extreme == 0.0F ? 0.0F : 1.0F / d;
   std::array<uint8_t, 18> bytes{};
-  testing::putHalf(bytes.data(), f32ToF16(d));
+  zemtest::putHalf(bytes.data(), f32ToF16(d));
   for (size_t k = 0; k < 32; ++k) {
     const int code = std::clamp(static_cast<int>(x[k] * inverse + 8.5F), 0, 15);
     bytes[2 + k / 2] = static_cast<uint8_t>(bytes[2 + k / 2] + (k % 2 == 0 ? code : 16 * code));
@@ -212,7 +208,7 @@ std::array<uint8_t, 34> referenceQ80(const float* x) {
   for (int k = 0; k < 32; ++k) largest = std::max(largest, std::fabs(x[k]));
   const float d = largest == 0.0F ? 0.0F : largest / 127.0F;
   std::array<uint8_t, 34> bytes{};
-  testing::putHalf(bytes.data(), f32ToF16(d));
+  zemtest::putHalf(bytes.data(), f32ToF16(d));
   for (size_t k = 0; k < 32 && d != 0.0F; ++k) {
     bytes[2 + k] = static_cast<uint8_t>(std::clamp(roundHalfAway(x[k] / d), -127, 127));
   }
@@ -258,7 +254,7 @@ Q80Block encodedQ80(const std::vector<float>& x) {
 }
 
 int codeQ40(const Q40Block& block, size_t k) {
-  return testing::bitsOf(block.qs[k / 2], k % 2 * 4, 4);
+  return zemtest::bitsOf(block.qs[k / 2], k % 2 * 4, 4);
 }
 
 TEST(QuantQ40Test, ZerosEncodeAsTheMiddleCode) {
@@ -444,4 +440,4 @@ TEST(RoundTripTest, EncodingADecodedBlockChangesNothing) {
 }
 
 }  // namespace
-}  // namespace kiv::quant
+}  // namespace zemtest

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace kiv::quant::testing {
+namespace zemtest {
 
 // Counts around both block sizes: none, one, and every way to be partial.
 inline constexpr uint64_t kCounts[] = {0,   1,   2,   31,  32,  33,  63,  64,  65, 127,
@@ -28,7 +28,7 @@ inline std::vector<uint8_t> randomBytes(uint32_t seed, size_t n) {
 }
 
 // Uniform in [low, high).
-inline std::vector<float> randomFloats(uint32_t seed, size_t n, float low, float high) {
+inline std::vector<float> randomFloats(uint32_t seed, size_t n, float low = -1, float high = 1) {
   std::mt19937 random(seed);
   std::vector<float> x(n);
   for (float& v : x) v = low + (high - low) * (static_cast<float>(random() >> 8) * 0x1p-24F);
@@ -146,4 +146,4 @@ inline uint16_t finiteHalf(uint16_t h) {
   return (h & 0x7C00) == 0x7C00 ? static_cast<uint16_t>(h & ~0x4000) : h;
 }
 
-}  // namespace kiv::quant::testing
+}  // namespace zemtest

@@ -13,10 +13,11 @@
 #include "kiv/sampler.h"
 #include "kiv/sampler_testing.h"
 
-namespace kiv {
-namespace {
+namespace zemtest {
 
-using namespace samplertest;
+using namespace kiv;
+
+namespace {
 
 TEST(SamplerInputTest, NanIsNeverDrawnWhereThereIsAnythingElse) {
   const std::vector<float> logits = {kNan, 1.0F, kNan, 1.5F, kNan};
@@ -177,4 +178,4 @@ TEST(SamplerInputTest, TopKBelowTheValueOfTheDroppedKeepsThemOnlyInALargeVocabul
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

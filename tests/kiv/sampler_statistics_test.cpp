@@ -15,7 +15,10 @@
 #include "support/sanitizers.h"
 #include "support/thorough.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 const int kDraws = zemtest::thorough() && !zemtest::kAddressSanitizer ? 100000 : 10000;
@@ -164,4 +167,4 @@ TEST(SamplerStatisticsTest, TailsAreThoseOfTheTables) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

@@ -13,10 +13,11 @@
 #include "kiv/plain_sampler.h"
 #include "kiv/sampler_testing.h"
 
-namespace kiv {
-namespace {
+namespace zemtest {
 
-using namespace samplertest;
+using namespace kiv;
+
+namespace {
 
 // What the penalties make of logit 0 of `logits`, found by who is the largest.
 void expectPenalised(float logit, const SamplerConfig& penalties, const History& history,
@@ -412,4 +413,4 @@ TEST(SamplerTest, SamplersOfOneGeneratorTakeTurns) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

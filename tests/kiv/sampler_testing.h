@@ -9,7 +9,9 @@
 
 #include "kiv/sampler.h"
 
-namespace kiv::samplertest {
+namespace zemtest {
+
+using namespace kiv;
 
 inline constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 inline constexpr float kInf = std::numeric_limits<float>::infinity();
@@ -83,4 +85,4 @@ inline SamplerConfig withMinP(float minP) {
   return config;
 }
 
-}  // namespace kiv::samplertest
+}  // namespace zemtest

@@ -6,7 +6,10 @@
 
 #include "kiv/quant.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 constexpr uint64_t kMaxCount = std::numeric_limits<uint64_t>::max();
@@ -99,4 +102,4 @@ TEST(TensorViewTest, AFreshViewIsEmpty) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

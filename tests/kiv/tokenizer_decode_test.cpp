@@ -6,7 +6,10 @@
 
 #include "kiv/tokenizer.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 Tokenizer loaded(std::vector<std::string> tokens, std::vector<int32_t> types = {}) {
@@ -164,4 +167,4 @@ TEST(WhitespaceTest, TheMembersFollowTheStyleOnTheWayInOnly) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

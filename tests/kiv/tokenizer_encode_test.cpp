@@ -6,7 +6,10 @@
 
 #include "kiv/tokenizer.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using ::testing::ElementsAre;
@@ -288,4 +291,4 @@ TEST(TokenizerSpecialsTest, EveryTokenOfALargeVocabularyMayBeSpecial) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

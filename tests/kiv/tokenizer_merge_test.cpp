@@ -9,7 +9,10 @@
 #include "kiv/plain_encoder.h"
 #include "kiv/tokenizer.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using ::testing::Each;
@@ -260,4 +263,4 @@ TEST(LongPieceTest, AMillionLineFeeds) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

@@ -5,7 +5,10 @@
 #include <thread>
 #include <utility>
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using ::testing::ElementsAre;
@@ -241,4 +244,4 @@ TEST(TokenizerThreadsTest, OneTokenizerServesManyThreads) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

@@ -10,11 +10,11 @@
 #include "kiv/tokenizer.h"
 #include "support/trained_vocabulary.h"
 
-namespace kiv {
-namespace {
+namespace zemtest {
 
-using test::SpaceMarker;
-using test::trainVocabulary;
+using namespace kiv;
+
+namespace {
 
 constexpr char kText[] =
     "It was a bright cold day, and the clocks weren't striking: they'd stopped at 12345.\n"
@@ -190,4 +190,4 @@ TEST(PieceMemoTest, DifferentPiecesMostlyHaveDifferentPlaces) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

@@ -21,7 +21,10 @@
 #include "tests/support/platform.h"
 #include "tests/support/temp_file.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -31,9 +34,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 using zem2::SectionType;
-using zemtest::Bytes;
-using zemtest::ContainerBuilder;
-using zemtest::TempFile;
 
 // A folder of its own, to see what a writer leaves in it.
 class Folder {
@@ -743,4 +743,4 @@ TEST(ZEM2WriterFileTest, OffsetsBeyond4GiBAreWhole) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

@@ -16,17 +16,13 @@
 #include "support/needs_gpu.h"
 #include "support/temp_file.h"
 
-namespace qwen35gpu {
+namespace zemtest {
+
+using namespace qwen35gpu;
+
 namespace {
 
 using kiv::DType;
-using kiv::test::allRows;
-using kiv::test::expectProduct;
-using kiv::test::FailingCall;
-using kiv::test::KMatrix;
-using kiv::test::makeKMatrix;
-using kiv::test::randomVector;
-using kiv::test::Weights;
 
 using kiv::vulkan::kAnyDevice;
 constexpr float kUntouched = -777.0F;
@@ -43,6 +39,7 @@ struct TestMatrices {
   KMatrix q5 = makeKMatrix(DType::Q5_K, 5, 256, Weights::RandomBytes, 2);
   KMatrix q6 = makeKMatrix(DType::Q6_K, 1, 768, Weights::Encoded, 3);
   KMatrix layer = makeKMatrix(DType::Q4_K, 2, 256, Weights::Encoded, 4);
+  KMatrix cube = makeKMatrix(DType::Q4_K, 6, 256, Weights::Encoded, 5);
 
   zemtest::ContainerBuilder builder() const {
     zemtest::ContainerBuilder b;
@@ -62,7 +59,7 @@ struct TestMatrices {
     b.addTensor("no rows", DType::Q4_K, {256, 0}, zemtest::Bytes(144));
     b.addTensor("part of a block", DType::Q4_K, {255, 2}, zemtest::Bytes(288));
     b.addTensor("empty", DType::Q4_K, {256, 2}, {});
-    b.addTensor("cube", DType::Q4_K, {256, 3, 2}, zemtest::Bytes(6 * 144));
+    b.addTensor("cube", cube.type, {cube.cols, 3, 2}, storedBytes(cube));
     return b;
   }
   static void add(zemtest::ContainerBuilder& b, const std::string& name, const KMatrix& m) {
@@ -163,9 +160,7 @@ TEST_F(GpuGemvTest, DeclinesMatricesWhoseBytesAreNotTheirRows) {
   EXPECT_TRUE(declines("part of a block", 255, 2));
 }
 
-TEST_F(GpuGemvTest, RowsOfFurtherExtentsAreMultiplied) {
-  EXPECT_EQ(product("cube", 256, 6).size(), 6U);
-}
+TEST_F(GpuGemvTest, RowsOfFurtherExtentsAreMultiplied) { expectRight("cube", matrices_.cube); }
 
 TEST_F(GpuGemvTest, AFalseBlockSizeInTheFileIsDeclined) {
   for (const uint32_t claimed : {1U, 72U, 143U, 145U, 288U, 0xffffffffU}) {
@@ -184,6 +179,19 @@ TEST_F(GpuGemvTest, WithoutBlockDescriptionsOnlySingleRowsAreComputed) {
   EXPECT_TRUE(declines("q4", 512, 9));
   EXPECT_TRUE(declines("q5", 256, 5));
   expectRight("q6", matrices_.q6);
+}
+
+// run() is given the view itself, which may be any.
+TEST_F(GpuGemvTest, ATensorWithRowsOfNoBytesIsDeclined) {
+  kiv::GPUTensorView view = *gpu_.findTensor("q4");
+  const std::vector<float> x = input(512);
+  std::vector<float> y(9, kUntouched);
+  ASSERT_TRUE(gemv_.run(view, 9, 512, x.data(), y.data()));
+  y.assign(9, kUntouched);
+  view.shape[0] = 0;
+  ASSERT_EQ(view.rowBytes(), 0U);
+  EXPECT_FALSE(gemv_.run(view, 9, 512, x.data(), y.data()));
+  EXPECT_EQ(y, std::vector<float>(9, kUntouched));
 }
 
 TEST_F(GpuGemvTest, DeclinesEverythingBeforeInitAndAfterDestroy) {
@@ -403,4 +411,4 @@ TEST_F(GpuGemvFailures, ThatLastDoNotUseUpTheSets) {
 }
 
 }  // namespace
-}  // namespace qwen35gpu
+}  // namespace zemtest

@@ -6,7 +6,10 @@
 #include <algorithm>
 #include <string>
 
-namespace qwen35gpu {
+namespace zemtest {
+
+using namespace qwen35gpu;
+
 namespace {
 
 // Sets a plan and returns what was printed.
@@ -144,4 +147,4 @@ TEST(LayerPlan, OtherNamesFollowWhetherAnyLayerIsOnTheGpu) {
 }
 
 }  // namespace
-}  // namespace qwen35gpu
+}  // namespace zemtest

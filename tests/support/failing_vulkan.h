@@ -7,7 +7,9 @@
 
 #include "kiv/vulkan/vulkan_api.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
 
 // While one lives, `times` calls of `Function`, beginning with the nth from its
 // construction on (1: the next), return an error and do nothing; all others go
@@ -49,4 +51,4 @@ class FailingCall<Function, VkResult(VKAPI_PTR*)(Args...)> {
   static inline int times_ = 0;
 };
 
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -7,7 +7,10 @@
 
 #include "support/fake_vulkan_call.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 FakeVulkan* current = nullptr;
@@ -25,17 +28,6 @@ PFN_vkVoidFunction VKAPI_CALL findFunction(VkInstance, const char* name) {
 
 void expectKnown(const std::string& function) {
   EXPECT_NE(findFunction(VK_NULL_HANDLE, function.c_str()), nullptr) << function;
-}
-
-template <typename Command>
-std::vector<Command> commandsOf(const std::vector<FakeSubmission>& submissions) {
-  std::vector<Command> found;
-  for (const FakeSubmission& submission : submissions) {
-    for (const FakeCommand& command : submission) {
-      if (const auto* one = std::get_if<Command>(&command)) found.push_back(*one);
-    }
-  }
-  return found;
 }
 
 }  // namespace
@@ -107,12 +99,6 @@ bool FakeVulkan::canFail(std::string_view function) {
   return true;
 }
 
-std::vector<FakeCopy> FakeVulkan::copies() const { return commandsOf<FakeCopy>(submissions); }
-
-std::vector<FakeDispatch> FakeVulkan::dispatches() const {
-  return commandsOf<FakeDispatch>(submissions);
-}
-
 size_t FakeVulkan::live() const {
   const std::lock_guard<std::recursive_mutex> lock(mutex_);
   return objects_.size();
@@ -169,4 +155,4 @@ void FakeCall::destroyChildrenOf(uint64_t parent, VkObjectType type) const {
   });
 }
 
-}  // namespace kiv::test
+}  // namespace zemtest

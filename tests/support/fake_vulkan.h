@@ -1,6 +1,7 @@
 // A scripted machine in place of the Vulkan loader: its devices are what a test
-// says they are, any call can be made to fail, every call is counted, every
-// object is watched, and copies between buffers really move bytes.
+// says they are, any call can be made to fail, every call is counted, and every
+// object is watched from its creation to its end. Copies between buffers move bytes.
+// Whether a real driver takes the calls is for the tests on a device to find out.
 #pragma once
 
 #include <any>
@@ -9,20 +10,19 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "kiv/vulkan/vulkan_api.h"
 #include "support/scoped_env.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
 
 constexpr uint64_t kGiB = uint64_t{1} << 30;
 
@@ -55,63 +55,23 @@ struct FakeDevice {
   VkPhysicalDevice8BitStorageFeatures storage8{};
 };
 
-// What the last creation of each kind asked for.
+// What the code under test decided when it asked for something.
 struct FakeRequests {
-  struct Instance {
-    std::string applicationName, engineName;
-    uint32_t applicationVersion = 0, engineVersion = 0, apiVersion = 0;
-    uint32_t layers = 0, extensions = 0;
-  } instance;
-
   struct Device {
     size_t index = 0;  // of the physical device, in enumeration order
-    uint32_t queueRecords = 0, queueFamily = 0, queues = 0;
-    float priority = 0;
-    uint32_t layers = 0, extensions = 0;
-    bool coreFeatures = false;  // the record of core features was given
-    bool chain = false;         // any feature chain was given
+    uint32_t queueFamily = 0;
+    bool chain = false;  // any feature chain was given
     std::optional<VkPhysicalDevice16BitStorageFeatures> storage16;
     std::optional<VkPhysicalDevice8BitStorageFeatures> storage8;
-  } device;
-
-  VkCommandPoolCreateInfo commandPool{};
-  VkFenceCreateInfo fence{};
-  VkCommandBufferAllocateInfo commandBuffer{};
-  VkCommandBufferBeginInfo begin{};
-
-  struct Submit {
-    uint32_t submissions = 0, commandBuffers = 0, waits = 0, signals = 0;
-    uint64_t timeout = 0;  // of the wait after it
-  } submit;
+  } device;  // the last
 
   std::vector<VkBufferCreateInfo> buffers;        // all there were
   std::vector<VkMemoryAllocateInfo> allocations;  // all there were
-  struct Map {
-    VkDeviceSize offset = 0, size = 0;
-  } map;
 
-  std::vector<VkDescriptorSetLayoutBinding> setLayout;
-  struct PipelineLayout {
-    uint32_t setLayouts = 0;
-    std::vector<VkPushConstantRange> push;
-  } pipelineLayout;
+  // Of the last kernel.
   std::vector<uint32_t> shaderCode;
-  struct Pipeline {
-    VkShaderStageFlagBits stage{};
-    std::string entry;
-    bool specialised = false;
-  } pipeline;
-  struct DescriptorPool {
-    VkDescriptorPoolCreateFlags flags = 0;
-    uint32_t maxSets = 0;
-    std::vector<VkDescriptorPoolSize> sizes;
-  } descriptorPool;
-  struct Write {
-    VkDescriptorSet set = VK_NULL_HANDLE;
-    uint32_t binding = 0;
-    VkDescriptorBufferInfo buffer{};
-  };
-  std::vector<Write> writes;  // of the last update
+  uint32_t bindings = 0;
+  uint32_t pushSize = 0;
 };
 
 // What the device has carried out.
@@ -119,36 +79,22 @@ struct FakeCopy {
   VkBuffer source, destination;
   VkBufferCopy region;
 };
-struct FakeBarrier {
-  VkPipelineStageFlags after, before;  // source and destination stages
-  VkAccessFlags written, readable;     // source and destination accesses
-};
 struct FakeDispatch {
-  VkPipeline pipeline;
   VkDescriptorSet set;
-  std::shared_ptr<const std::vector<uint32_t>> code;
   std::vector<VkDescriptorBufferInfo> bindings;
   std::vector<uint8_t> push;
   std::array<uint32_t, 3> groups;
 };
-using FakeCommand = std::variant<FakeCopy, FakeBarrier, FakeDispatch>;
-using FakeSubmission = std::vector<FakeCommand>;
-
-// Stands for the shader: gets the bytes that each binding sees, to read and to
-// write.
-using FakeShader =
-    std::function<void(const FakeDispatch&, const std::vector<std::span<uint8_t>>& bindings)>;
 
 // From construction to destruction the functions of this object take the place
 // of the machine's. One at a time, and no context may live across either end.
 // Vulkan is switched on meanwhile: switching it off is about the machine's own.
 //
-// Wrong use is a test failure at once: an unknown or already destroyed handle, a
-// parent destroyed before its children, a command buffer, a fence or a mapping in
-// the wrong state, memory that a buffer may not have, bytes outside a buffer, a
-// binding or push constants that a dispatch lacks, a read of what a transfer
-// wrote without a barrier in between. An object alive at destruction is a failure
-// as well. Calls may come from several threads.
+// Wrong use of an object's life is a test failure at once: an unknown or already
+// destroyed handle, a parent destroyed before its children, a command buffer, a fence
+// or a mapping in the wrong state, an object that is gone when the work that needs it
+// runs. An object alive at destruction is a failure as well. Calls may come from
+// several threads.
 class FakeVulkan {
  public:
   explicit FakeVulkan(std::deque<FakeDevice> devices);
@@ -157,7 +103,7 @@ class FakeVulkan {
   FakeVulkan& operator=(const FakeVulkan&) = delete;
 
   // The nth call of `function` from now on (1: the next) returns `result`
-  // without doing anything. A failed creation leaves a handle that nobody may use.
+  // without doing anything. Using the handle of a failed creation is a test failure.
   void fail(const std::string& function, VkResult result, int nth = 1);
 
   // Runs `action` once, inside the next call of `function`, before it does anything.
@@ -177,10 +123,8 @@ class FakeVulkan {
   std::deque<FakeDevice> devices;
   FakeRequests requests;
 
-  FakeShader shader;  // called for every dispatch, when there is one
-  std::vector<FakeSubmission> submissions;
-  std::vector<FakeCopy> copies() const;  // of all submissions
-  std::vector<FakeDispatch> dispatches() const;
+  std::vector<FakeCopy> copies;
+  std::vector<FakeDispatch> dispatches;
 
  private:
   friend class FakeCall;
@@ -203,4 +147,4 @@ class FakeVulkan {
   uint64_t nextHandle_ = 0x10000;
 };
 
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -12,7 +12,9 @@
 
 #include "support/fake_vulkan.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
 
 static_assert(sizeof(VkFence) == sizeof(uint64_t) && sizeof(VkInstance) == sizeof(uint64_t),
               "handles of both kinds are made from one counter");
@@ -116,4 +118,4 @@ const FakeFunctions& pipelineFunctions();
 // What is recorded into a command buffer.
 const FakeFunctions& commandFunctions();
 
-}  // namespace kiv::test
+}  // namespace zemtest

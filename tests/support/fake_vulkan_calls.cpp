@@ -5,7 +5,10 @@
 #include "support/fake_vulkan_call.h"
 #include "support/fake_vulkan_objects.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 enum FenceState : uint64_t { kUnsignalled, kSignalled };
@@ -74,14 +77,9 @@ const FakeDevice& physicalDevice(const FakeCall& call, VkPhysicalDevice handle) 
   return known ? devices[indexOf(handle)] : none;
 }
 
-VKAPI_ATTR VkResult VKAPI_CALL createInstance(const VkInstanceCreateInfo* info,
+VKAPI_ATTR VkResult VKAPI_CALL createInstance(const VkInstanceCreateInfo*,
                                               const VkAllocationCallbacks*, VkInstance* out) {
   const FakeCall call("vkCreateInstance");
-  const VkApplicationInfo& application = *info->pApplicationInfo;
-  call.machine().requests.instance = {application.pApplicationName,   application.pEngineName,
-                                      application.applicationVersion, application.engineVersion,
-                                      application.apiVersion,         info->enabledLayerCount,
-                                      info->enabledExtensionCount};
   return call.create(VK_OBJECT_TYPE_INSTANCE, 0, out);
 }
 
@@ -170,13 +168,7 @@ VKAPI_ATTR VkResult VKAPI_CALL createDevice(VkPhysicalDevice physical,
   FakeRequests::Device& request = call.machine().requests.device;
   request = {};
   request.index = indexOf(physical);
-  request.queueRecords = info->queueCreateInfoCount;
   request.queueFamily = queue.queueFamilyIndex;
-  request.queues = queue.queueCount;
-  request.priority = *queue.pQueuePriorities;
-  request.layers = info->enabledLayerCount;
-  request.extensions = info->enabledExtensionCount;
-  request.coreFeatures = info->pEnabledFeatures != nullptr;
   request.chain = info->pNext != nullptr;
   request.storage16 = copyFromChain<VkPhysicalDevice16BitStorageFeatures>(
       info->pNext, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_16BIT_STORAGE_FEATURES);
@@ -204,12 +196,10 @@ VKAPI_ATTR void VKAPI_CALL getDeviceQueue(VkDevice device, uint32_t family, uint
 
 // ---- command pools and buffers
 
-VKAPI_ATTR VkResult VKAPI_CALL createCommandPool(VkDevice device,
-                                                 const VkCommandPoolCreateInfo* info,
+VKAPI_ATTR VkResult VKAPI_CALL createCommandPool(VkDevice device, const VkCommandPoolCreateInfo*,
                                                  const VkAllocationCallbacks*, VkCommandPool* out) {
   const FakeCall call("vkCreateCommandPool");
   call.find(device, VK_OBJECT_TYPE_DEVICE);
-  call.machine().requests.commandPool = *info;
   return call.create(VK_OBJECT_TYPE_COMMAND_POOL, idOf(device), out);
 }
 
@@ -228,7 +218,6 @@ VKAPI_ATTR VkResult VKAPI_CALL allocateCommandBuffers(VkDevice device,
   const FakeCall call("vkAllocateCommandBuffers");
   call.find(device, VK_OBJECT_TYPE_DEVICE);
   call.find(info->commandPool, VK_OBJECT_TYPE_COMMAND_POOL);
-  call.machine().requests.commandBuffer = *info;
   for (uint32_t i = 0; i < info->commandBufferCount; ++i) {
     call.create(VK_OBJECT_TYPE_COMMAND_BUFFER, idOf(info->commandPool), &out[i],
                 FakeCommandBuffer{});
@@ -254,9 +243,8 @@ VkResult moveCommandBuffer(const FakeCall& call, VkCommandBuffer buffer, Command
 }
 
 VKAPI_ATTR VkResult VKAPI_CALL beginCommandBuffer(VkCommandBuffer buffer,
-                                                  const VkCommandBufferBeginInfo* info) {
+                                                  const VkCommandBufferBeginInfo*) {
   const FakeCall call("vkBeginCommandBuffer");
-  call.machine().requests.begin = *info;
   return moveCommandBuffer(call, buffer, kInitial, kRecording);
 }
 
@@ -267,11 +255,10 @@ VKAPI_ATTR VkResult VKAPI_CALL endCommandBuffer(VkCommandBuffer buffer) {
 
 // ---- fences and submission; work is done as soon as it is submitted
 
-VKAPI_ATTR VkResult VKAPI_CALL createFence(VkDevice device, const VkFenceCreateInfo* info,
+VKAPI_ATTR VkResult VKAPI_CALL createFence(VkDevice device, const VkFenceCreateInfo*,
                                            const VkAllocationCallbacks*, VkFence* out) {
   const FakeCall call("vkCreateFence");
   call.find(device, VK_OBJECT_TYPE_DEVICE);
-  call.machine().requests.fence = *info;
   return call.create(VK_OBJECT_TYPE_FENCE, idOf(device), out);
 }
 
@@ -288,16 +275,12 @@ VKAPI_ATTR VkResult VKAPI_CALL queueSubmit(VkQueue queue, uint32_t count, const 
   call.find(handleOfId<VkDevice>(idOf(queue) & ~kQueueBit), VK_OBJECT_TYPE_DEVICE);
   auto* object = call.find(fence, VK_OBJECT_TYPE_FENCE);
   call.require(object != nullptr && object->state == kUnsignalled, "fence already signalled");
-  FakeRequests::Submit& request = call.machine().requests.submit;
-  request = {.submissions = count};
   for (uint32_t i = 0; i < count; ++i) {
-    request.commandBuffers += infos[i].commandBufferCount;
-    request.waits += infos[i].waitSemaphoreCount;
-    request.signals += infos[i].signalSemaphoreCount;
     for (uint32_t j = 0; j < infos[i].commandBufferCount; ++j) {
       auto* buffer = call.find(infos[i].pCommandBuffers[j], VK_OBJECT_TYPE_COMMAND_BUFFER);
       call.require(buffer != nullptr && buffer->state == kExecutable, "command buffer not ended");
-      if (buffer != nullptr && !call.fails()) execute(call, infos[i].pCommandBuffers[j]);
+      if (buffer == nullptr || call.fails()) continue;
+      for (const auto& run : std::any_cast<FakeCommandBuffer>(&buffer->detail)->commands) run(call);
     }
   }
   if (object != nullptr && !call.fails()) object->state = kSignalled;
@@ -311,10 +294,9 @@ VKAPI_ATTR VkResult VKAPI_CALL deviceWaitIdle(VkDevice device) {
 }
 
 VKAPI_ATTR VkResult VKAPI_CALL waitForFences(VkDevice device, uint32_t count, const VkFence* fences,
-                                             VkBool32, uint64_t timeout) {
+                                             VkBool32, uint64_t) {
   const FakeCall call("vkWaitForFences");
   call.find(device, VK_OBJECT_TYPE_DEVICE);
-  call.machine().requests.submit.timeout = timeout;
   for (uint32_t i = 0; i < count; ++i) {
     const auto* fence = call.find(fences[i], VK_OBJECT_TYPE_FENCE);
     call.require(fence != nullptr && fence->state == kSignalled,
@@ -367,4 +349,4 @@ const FakeFunctions& contextFunctions() {
   return functions;
 }
 
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -16,7 +16,9 @@
 #include "kiv/quant_k.h"
 #include "kiv/tensor.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
 
 // Where a K block keeps its half-precision factors.
 inline std::vector<size_t> superScaleOffsets(DType type) {
@@ -106,4 +108,4 @@ inline std::vector<size_t> allRows(const KMatrix& m) {
   return rows;
 }
 
-}  // namespace kiv::test
+}  // namespace zemtest

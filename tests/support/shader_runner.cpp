@@ -6,7 +6,10 @@
 #include "kiv/vulkan/vulkan_kernel.h"
 #include "support/needs_gpu.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::VulkanBuffer;
@@ -70,4 +73,4 @@ void ShaderTest::run(const vulkan::EmbeddedShader& shader, std::vector<BufferByt
   ASSERT_TRUE(status.ok()) << status.message();
 }
 
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -14,7 +14,9 @@
 #include "kiv/vulkan/vulkan_context.h"
 #include "kiv/vulkan/vulkan_shaders.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
 
 // What a binding holds, as bytes.
 using BufferBytes = std::vector<uint8_t>;
@@ -66,15 +68,17 @@ class ShaderTest : public ::testing::Test {
   static Status status_;
 };
 
-}  // namespace kiv::test
+}  // namespace zemtest
 
-// In a ShaderTest: skips, visibly, where a workgroup cannot have that much
-// shared memory.
-#define ZEM_NEEDS_SHARED_MEMORY(bytes)                                                       \
-  if (context().info().maxComputeSharedMemory < (bytes))                                     \
-  GTEST_SKIP() << context().info().deviceName << " has "                                     \
-               << context().info().maxComputeSharedMemory << " bytes of shared memory, not " \
-               << (bytes)
+// In a ShaderTest of a module as the library ships it: skips, visibly, where a
+// workgroup cannot have the shared memory that the module needs. Another test runs the
+// same source with smaller tiles.
+#define ZEM_NEEDS_SHARED_MEMORY(bytes)                                                      \
+  if (context().info().maxComputeSharedMemory < (bytes))                                    \
+  GTEST_SKIP() << "the shipped module needs " << (bytes) << " bytes of shared memory, and " \
+               << context().info().deviceName << " has "                                    \
+               << context().info().maxComputeSharedMemory                                   \
+               << "; here only its form with smaller tiles runs"
 
 // In a ShaderTest: skips, visibly, where buffers cannot be read as 8- and 16-bit
 // numbers.

@@ -12,7 +12,10 @@
 
 #include "kiv/text/tokenizer_pieces.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 constexpr int64_t kRarestPair = 2;
@@ -173,4 +176,4 @@ TokenizerData trainVocabulary(const std::string& text, size_t tokens, SpaceMarke
   return trainer.take();
 }
 
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -6,7 +6,9 @@
 
 #include "kiv/tokenizer.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
 
 enum class SpaceMarker { ByteLevel, LowerBlock };  // U+0120, U+2581
 
@@ -17,4 +19,4 @@ enum class SpaceMarker { ByteLevel, LowerBlock };  // U+0120, U+2581
 // "<|endoftext|>", "<|im_start|>" and "<|im_end|>", which are special.
 TokenizerData trainVocabulary(const std::string& text, size_t tokens, SpaceMarker marker);
 
-}  // namespace kiv::test
+}  // namespace zemtest

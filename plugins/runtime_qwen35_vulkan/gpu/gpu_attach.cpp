@@ -20,11 +20,11 @@ bool bringUp(Qwen35Session& s, const CreateHintOpts& hint) {
 
 }  // namespace
 
-void attachGpu(Qwen35Session& s, const CreateHintOpts& hint) {
+void attachGpu(Qwen35Session& s, const CreateHintOpts& hint) noexcept {
   bool up = false;
   try {
     up = bringUp(s, hint);
-  } catch (const std::bad_alloc&) {
+  } catch (...) {
     up = false;  // what the CPU needs is there already
   }
   if (!up) {

@@ -1,13 +1,15 @@
 // The last step of opening a session: bringing its products to the GPU.
 #pragma once
 
+#include "session/hint.h"
 #include "session/session.h"
 
 namespace qwen35rt {
 
 // Runs after the model is bound: uploads all weights and installs the model's
-// hook. When any step fails, what was made is released, the session works on the
-// CPU, and one line on the standard error stream says so; never an error.
-void attachGpu(Qwen35Session& s, const CreateHintOpts& hint);
+// hook. When any step fails or throws, what was made is released, the session works
+// on the CPU, and one line on the standard error stream says so, without asking for
+// memory; never an error.
+void attachGpu(Qwen35Session& s, const CreateHintOpts& hint) noexcept;
 
 }  // namespace qwen35rt

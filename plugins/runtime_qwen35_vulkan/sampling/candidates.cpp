@@ -61,8 +61,8 @@ class Bucketing {
   }
 
   // Calls visit(i, bucket) for the candidates in buckets `first` to `last`, in the
-  // order of the list. Collecting them first keeps the loop over all free of
-  // branches that nobody can foresee.
+  // order of the list. Collecting them first keeps unpredictable branches out of the
+  // loop over all candidates.
   template <typename Visit>
   void forEach(const CandidateList& list, uint32_t first, uint32_t last, const Visit& visit) const {
     std::array<uint32_t, kBlock> buckets;

@@ -33,19 +33,20 @@ struct CandidateList {
   const int* ids;
 };
 
-// The `count` candidates of the best ranks, unsorted. Linear time for all but
-// contrived lists. REQUIRES: no NaN, a finite largest value, count <= n; `extent`
+// The `count` candidates of the best ranks, unsorted. Takes linear time, except for
+// lists made to be slow. REQUIRES: no NaN, a finite largest value, count <= n; `extent`
 // is the list's.
 std::vector<Candidate> bestCandidates(const CandidateList& list, const Extent& extent, size_t count,
                                       const SamplingLoops& loops);
 
-// The id that the draw `u` selects among all candidates, as walking down the
-// ranking does it that takes every weight from u * (sum of the weights in ranking
-// order) until nothing is left; or nothing, when rounding on that walk might
-// decide: this adds the weights in another order, and answers only when the border
-// to the next candidate is further away than all roundings together. That fails
-// for one draw in ten thousand when all of 250,000 candidates weigh the same, and
-// less often otherwise. REQUIRES: as above, and 0 <= u < 1.
+// The id that the draw `u` selects among all candidates. By definition, a walk down
+// the ranking subtracts each weight from u * (sum of the weights in ranking order) and
+// selects the candidate at which nothing is left. This function adds the weights in
+// another order, so it rounds differently. It answers only when the nearest border
+// between two candidates is further away than all rounding errors together; otherwise it
+// returns nothing, and the caller takes the walk. That happens for one draw in ten
+// thousand when all of 250,000 candidates weigh the same, and less often otherwise.
+// REQUIRES: as above, and 0 <= u < 1.
 std::optional<int> drawByWeight(const CandidateList& list, const Extent& extent, double u,
                                 const SamplingLoops& loops);
 

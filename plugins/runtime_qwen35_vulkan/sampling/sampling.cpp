@@ -10,7 +10,7 @@
 namespace qwen35rt {
 namespace {
 
-// Up to here a full sort is no slower than looking for what matters first.
+// Up to this many candidates a full sort is as fast as a search for the best ones.
 constexpr size_t kFewCandidates = 1024;
 
 // A double in [0, 1) from two generator outputs, low word first. Written out
@@ -95,7 +95,7 @@ int drawFromBest(const CandidateList& list, const Extent& extent, size_t count, 
 }  // namespace
 
 int argmax(const float* logits, size_t n) {
-  // Nothing is larger than NaN, so that one in front stays.
+  // No comparison with a NaN is true, so a NaN in front stays the largest.
   if (n < 2 || std::isnan(logits[0])) return 0;
   return static_cast<int>(qwen35::kernelTable().sampling.extent(logits, n, 1.0F).firstLargest);
 }

@@ -43,7 +43,7 @@ void timedStep(Qwen35Session& s, const Step& step) {
   s.genMs += s.lastStepMs;
 }
 
-// A step whose logits nobody needs. False when the hidden state is not finite.
+// A step without logits. False when the hidden state is not finite.
 bool hiddenStep(Qwen35Session& s, const std::vector<float>& x, std::vector<float>& hidden) {
   timedStep(s, [&] { qwen35::forwardTokenHidden(s.model, x.data(), s.pos, hidden.data()); });
   return std::all_of(hidden.begin(), hidden.end(), isFinite);
@@ -60,8 +60,8 @@ bool hasEmbedding(const Qwen35Session& s, int32_t id) {
   return id >= 0 && static_cast<size_t>(id) < s.model.nVocab;
 }
 
-// Feeds tokens whose logits nobody needs many at a time. Where a hidden state is
-// not finite, the tokens up to it are fed again one by one, so that the session is
+// Feeds tokens without computing logits, many at a time. Where a hidden state is not
+// finite, the tokens up to it are fed again one by one, so that the session is
 // left as if they had never gone together.
 class HiddenTokens {
  public:
@@ -115,7 +115,7 @@ class HiddenTokens {
   std::vector<float> hidden_;
 };
 
-// Feeds `ids`, whose logits nobody needs, up to the first one that fails.
+// Feeds `ids` without computing logits, up to the first one that fails.
 bool feedHidden(Qwen35Session& s, std::span<const int32_t> ids) {
   HiddenTokens tokens(s);
   while (!ids.empty()) {

@@ -12,7 +12,7 @@ namespace qwen35rt {
 
 // Back to position 0 with an empty decoder state and no tokens counted.
 void startConversation(Qwen35Session& s);
-// The same, with no chat in progress and the time counted anew.
+// As startConversation(); also ends a chat in progress and zeroes the time counter.
 void startOver(Qwen35Session& s);
 
 // The embedding of `id`. False, after a line on the standard error stream, for

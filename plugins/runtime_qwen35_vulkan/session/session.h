@@ -23,10 +23,10 @@ inline constexpr size_t kMaxPositions = 8192;
 // Tokens that one call generates at most.
 inline constexpr size_t kTokenBudget = 96;
 
-// Invariant: pos <= ctxCap <= kMaxPositions, but for a ctxCap that configure
-// put below pos; pos counts the tokens whose state the decoder holds. Members
-// are destroyed from the last to the first: the GPU objects, then the tokenizer,
-// then the loader.
+// pos counts the tokens that the decoder's state holds. Invariant: pos <= ctxCap <=
+// kMaxPositions, except after configure() has set ctxCap below pos. Members are
+// destroyed from the last to the first: the GPU objects, then the tokenizer, then the
+// loader.
 struct Qwen35Session {
   std::unique_ptr<kiv::ZEMLoader> loader;
   qwen35::Model model;
@@ -55,18 +55,6 @@ struct Qwen35Session {
   // exists (its file can be inspected) but every generating entry fails.
   std::string weightsError;
 };
-
-// The options that a hint can carry.
-struct CreateHintOpts {
-  size_t ctx = 0;
-  int gpuDev = -1;
-  int kv = 0;
-  bool kvSet = false;
-  std::string plan;
-};
-
-// Reads "anything;ctx=2048;kv=q8_0;plan=..."; the first field is the host's own.
-CreateHintOpts parseHint(const char* hint);
 
 int qwen35Create(const char* modelPath, const char* hint, ZEMRuntimeHandle** out, char* err,
                  size_t errSize) noexcept;

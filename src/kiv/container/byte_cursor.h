@@ -1,4 +1,4 @@
-// Reads little-endian numbers and strings from bytes that nobody has checked.
+// Reads little-endian numbers and strings from bytes that may hold anything.
 #pragma once
 
 #include <bit>

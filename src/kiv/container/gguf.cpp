@@ -154,7 +154,7 @@ class GgufFile::Parser {
     if (parseHeader() && parseValues() && parseTensors() && placeTensors() && checkOverlap()) {
       return {};
     }
-    return {StatusCode::InvalidFormat, gguf_.file_.path() + ": " + problem_};
+    return invalidFormat(gguf_.file_.path() + ": " + problem_);
   }
 
  private:

@@ -15,7 +15,7 @@ namespace {
 constexpr uint64_t kPage = 4096;
 
 Status cannotRead(const std::string& path, const std::string& reason) {
-  return {StatusCode::IOError, "cannot read " + path + ": " + reason};
+  return ioError("cannot read " + path + ": " + reason);
 }
 
 std::string lastError() { return std::error_code(errno, std::generic_category()).message(); }
@@ -24,7 +24,7 @@ std::string lastError() { return std::error_code(errno, std::generic_category())
 
 Status MappedFile::open(const std::string& path) {
   close();
-  // Looked at first: not every system opens what is no file.
+  // First, because not every system opens a folder or a device.
   using Type = std::filesystem::file_type;
   const Type type = compat::typeOf(path.c_str());
   if (type == Type::directory) return cannotRead(path, "it is a directory");

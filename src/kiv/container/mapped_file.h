@@ -19,7 +19,7 @@ class MappedFile {
   MappedFile& operator=(const MappedFile&) = delete;
 
   /// Closes what was open. Fails with IOError, "cannot read PATH: REASON", also on
-  /// anything that is no regular file. An empty file opens.
+  /// folders, devices and pipes. An empty file opens.
   Status open(const std::string& path);
   /// Unmaps the file; may be repeated.
   void close();

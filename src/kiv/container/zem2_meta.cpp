@@ -9,8 +9,6 @@ namespace {
 
 using zem2::MetaType;
 
-Status invalid(const char* message) { return {StatusCode::InvalidFormat, message}; }
-
 bool readArray(ByteCursor& in, ZEM2Reader::MetaEntry& entry) {
   uint32_t count = 0;
   if (!in.read(count) || in.remaining() / sizeof(uint32_t) < count) return false;
@@ -25,29 +23,33 @@ bool readString(ByteCursor& in, std::string& out) {
   return in.read(length) && in.read(out, length);
 }
 
-// The value after the type tag; null, or what is wrong with it.
-const char* readValue(ByteCursor& in, ZEM2Reader::MetaEntry& entry) {
-  switch (static_cast<MetaType>(entry.type)) {
-    case MetaType::U32:
-      return in.read(entry.u32) ? nullptr : "ZEM2: bad meta u32";
-    case MetaType::I32:
-      return in.read(entry.i32) ? nullptr : "ZEM2: bad meta i32";
-    case MetaType::F32:
-      return in.read(entry.f32) ? nullptr : "ZEM2: bad meta f32";
-    case MetaType::U64:
-      return in.read(entry.u64) ? nullptr : "ZEM2: bad meta u64";
-    case MetaType::Str:
-      return readString(in, entry.str) ? nullptr : "ZEM2: bad meta str";
-    case MetaType::U32Array:
-      return readArray(in, entry) ? nullptr : "ZEM2: bad meta array";
-  }
-  return "ZEM2: unknown meta type";
+Status orBad(bool read, const char* what) {
+  return read ? Status() : invalidFormat(std::string("ZEM2: bad meta ") + what);
 }
 
-const char* readEntry(ByteCursor& in, ZEM2Reader::MetaEntry& entry) {
+// The value after the type tag.
+Status readValue(ByteCursor& in, ZEM2Reader::MetaEntry& entry) {
+  switch (static_cast<MetaType>(entry.type)) {
+    case MetaType::U32:
+      return orBad(in.read(entry.u32), "u32");
+    case MetaType::I32:
+      return orBad(in.read(entry.i32), "i32");
+    case MetaType::F32:
+      return orBad(in.read(entry.f32), "f32");
+    case MetaType::U64:
+      return orBad(in.read(entry.u64), "u64");
+    case MetaType::Str:
+      return orBad(readString(in, entry.str), "str");
+    case MetaType::U32Array:
+      return orBad(readArray(in, entry), "array");
+  }
+  return invalidFormat("ZEM2: unknown meta type");
+}
+
+Status readEntry(ByteCursor& in, ZEM2Reader::MetaEntry& entry) {
   uint16_t keyLength = 0;
-  if (!in.read(keyLength) || !in.read(entry.key, keyLength)) return "ZEM2: bad meta key";
-  if (!in.read(entry.type)) return "ZEM2: bad meta type";
+  if (!in.read(keyLength) || !in.read(entry.key, keyLength)) return orBad(false, "key");
+  if (!in.read(entry.type)) return orBad(false, "type");
   return readValue(in, entry);
 }
 
@@ -76,11 +78,11 @@ Status ZEM2Reader::parseMeta() {
   meta_.clear();
   ByteCursor in(sectionData(SectionType::Meta), sectionSize(SectionType::Meta));
   uint32_t count = 0;
-  if (!in.read(count)) return invalid("ZEM2: missing meta section");
+  if (!in.read(count)) return invalidFormat("ZEM2: missing meta section");
   // Nothing is reserved: the count is a claim, the bytes that follow are facts.
   for (uint32_t i = 0; i < count; ++i) {
     MetaEntry entry;
-    if (const char* problem = readEntry(in, entry)) return invalid(problem);
+    if (Status status = readEntry(in, entry); !status.ok()) return status;
     meta_.push_back(std::move(entry));
   }
   return {};

@@ -15,16 +15,16 @@ namespace kiv {
 /// when it holds a character that spells no byte.
 bool byteLevelToBytes(std::string_view spelled, std::string& bytes);
 
-/// Whether `bytes` are whole, well-formed UTF-8 characters. Nothing is.
+/// Whether `bytes` consist of whole, well-formed UTF-8 characters; true for no bytes.
 bool isWholeText(std::string_view bytes);
 
-/// How a container's token says `bytes`, so that decoding gives exactly them:
-/// whole text as it is with spaces as U+2581, other bytes as a run of "<0xNN>". A
-/// U+2581 of the text itself and the beginning of what decoding would take for
-/// such a byte are spelled as bytes too.
+/// The token that a container stores for `bytes`; decoding it gives exactly `bytes`.
+/// Whole text is stored as it is, with spaces as U+2581. Other bytes are stored as a
+/// run of "<0xNN>", and so are two parts of a text that decoding would change: a U+2581,
+/// and the beginning of anything that looks like "<0xNN>".
 std::string storedToken(std::string_view bytes);
 
-/// Whether storedToken(bytes) is the text itself, so that encoding can meet it.
+/// Whether storedToken(bytes) holds the text itself, so that encoding can find it.
 bool storedAsText(std::string_view bytes);
 
 }  // namespace kiv

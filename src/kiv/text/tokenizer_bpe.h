@@ -43,21 +43,21 @@ class BytePairMerger {
 
   // Replaces the rules. `tokenIds` indexes `tokens`. A rule is two sides joined by
   // one space, better rules first; the first of equal rules counts. A rule with
-  // more spaces, or fewer, or an empty side fits no symbols and is passed over,
-  // because pieces hold no spaces.
+  // another number of spaces or with an empty side can never apply, because pieces hold
+  // no spaces; it is passed over.
   void build(const std::vector<std::string>& tokens, const TextIndex& tokenIds,
              const std::vector<std::string>& merges);
 
-  // The length of the first part of `piece` that no rule can join with what
-  // follows, so that the parts may be encoded one by one. A part ends where U+2581
-  // follows a character behind which no rule has that marker: in a vocabulary that
-  // marks the beginnings of words, the parts are words.
+  // The length of the first part of `piece`. No rule joins a part with the next one,
+  // so the parts may be encoded one by one. A part ends before a U+2581 when no rule
+  // joins the character in front of it with a right side that begins with U+2581. In a
+  // vocabulary that marks the beginnings of words with U+2581, the parts are words.
   // REQUIRES: `piece` is not empty.
   size_t partLength(std::string_view piece) const;
 
   // Appends the ids of `piece`: one symbol a character at first, then again and
-  // again the best rule that fits is applied at its leftmost place. A symbol that
-  // is no token becomes `unkId`, or nothing when that is negative. Time n log n.
+  // again the best rule that fits is applied at its leftmost place. A symbol
+  // without a token becomes `unkId`, or nothing when that is negative. Time n log n.
   // REQUIRES: no space in `piece`, at most kMaxPieceBytes.
   void encode(std::string_view piece, int32_t unkId, Scratch& scratch,
               std::vector<int32_t>& ids) const;

@@ -11,8 +11,6 @@ constexpr VkMemoryPropertyFlags kHostMemory =
     VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
 constexpr VkMemoryPropertyFlags kDeviceMemory = VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT;
 
-Status ioError(const char* message) { return {StatusCode::IOError, message}; }
-
 }  // namespace
 
 bool findMemoryType(const VulkanContext& ctx, uint32_t allowedTypes, VkMemoryPropertyFlags flags,
@@ -56,9 +54,9 @@ VulkanBuffer& VulkanBuffer::operator=(VulkanBuffer&& other) noexcept {
 
 Status VulkanBuffer::create(VulkanContext& ctx, size_t size, bool hostVisible) {
   if (valid()) return {};
-  if (size == 0) return {StatusCode::InvalidFormat, "create: bad size"};
+  if (size == 0) return invalidFormat("create: bad size");
   if (ctx.device() == VK_NULL_HANDLE) {
-    return {StatusCode::InvalidFormat, "create: uninitialized"};
+    return invalidFormat("create: uninitialized");
   }
   ctx_ = &ctx;
   size_ = size;
@@ -95,7 +93,7 @@ Status VulkanBuffer::allocateMemory() {
   info.allocationSize = requirements.size;
   if (!findMemoryType(*ctx_, requirements.memoryTypeBits,
                       hostVisible_ ? kHostMemory : kDeviceMemory, info.memoryTypeIndex)) {
-    return {StatusCode::Unsupported, "no suitable memory type"};
+    return unsupported("no suitable memory type");
   }
   VkDeviceMemory memory = VK_NULL_HANDLE;
   if (vkAllocateMemory(ctx_->device(), &info, nullptr, &memory) != VK_SUCCESS) {
@@ -125,9 +123,9 @@ void VulkanBuffer::destroy() {
 
 Status VulkanBuffer::map(void** out) {
   if (out == nullptr || memory_ == VK_NULL_HANDLE) {
-    return {StatusCode::InvalidFormat, "map: not created"};
+    return invalidFormat("map: not created");
   }
-  if (!hostVisible_) return {StatusCode::Unsupported, "map: buffer is device-local"};
+  if (!hostVisible_) return unsupported("map: buffer is device-local");
   if (vkMapMemory(ctx_->device(), memory_, 0, size_, 0, out) != VK_SUCCESS) {
     return ioError("vkMapMemory failed");
   }
@@ -139,7 +137,7 @@ void VulkanBuffer::unmap() {
 }
 
 Status VulkanBuffer::upload(const void* data, size_t bytes) {
-  if (data == nullptr || bytes > size_) return {StatusCode::InvalidFormat, "upload: bad size"};
+  if (data == nullptr || bytes > size_) return invalidFormat("upload: bad size");
   if (bytes == 0) return {};
   if (hostVisible_) {
     void* mapped = nullptr;
@@ -148,7 +146,7 @@ Status VulkanBuffer::upload(const void* data, size_t bytes) {
     unmap();
     return {};
   }
-  if (ctx_ == nullptr) return {StatusCode::InvalidFormat, "map: not created"};
+  if (ctx_ == nullptr) return invalidFormat("map: not created");
   VulkanBuffer staging;
   Status status = staging.create(*ctx_, bytes, /*hostVisible=*/true);
   if (status.ok()) status = staging.upload(data, bytes);
@@ -157,7 +155,7 @@ Status VulkanBuffer::upload(const void* data, size_t bytes) {
 }
 
 Status VulkanBuffer::download(void* data, size_t bytes) {
-  if (data == nullptr || bytes > size_) return {StatusCode::InvalidFormat, "download: bad size"};
+  if (data == nullptr || bytes > size_) return invalidFormat("download: bad size");
   if (bytes == 0) return {};
   if (hostVisible_) {
     void* mapped = nullptr;
@@ -166,7 +164,7 @@ Status VulkanBuffer::download(void* data, size_t bytes) {
     unmap();
     return {};
   }
-  if (ctx_ == nullptr) return {StatusCode::InvalidFormat, "map: not created"};
+  if (ctx_ == nullptr) return invalidFormat("map: not created");
   VulkanBuffer staging;
   Status status = staging.create(*ctx_, bytes, /*hostVisible=*/true);
   if (status.ok()) status = staging.copyFrom(*ctx_, *this, bytes);

@@ -20,7 +20,7 @@ class VulkanBuffer {
   ~VulkanBuffer() { destroy(); }
   /// Takes over what `other` owns or wraps, and leaves it empty.
   VulkanBuffer(VulkanBuffer&& other) noexcept;
-  /// The same; what was owned before is released.
+  /// Moves; releases what was owned before.
   VulkanBuffer& operator=(VulkanBuffer&& other) noexcept;
   VulkanBuffer(const VulkanBuffer&) = delete;
   VulkanBuffer& operator=(const VulkanBuffer&) = delete;

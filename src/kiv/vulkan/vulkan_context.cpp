@@ -6,8 +6,6 @@
 namespace kiv::vulkan {
 namespace {
 
-Status ioError(const char* message) { return {StatusCode::IOError, message}; }
-
 // The storage features of a device as a feature chain; the records point at
 // each other, so the object stays where it was made.
 class StorageFeatures {
@@ -161,8 +159,8 @@ void VulkanContext::destroy() {
 }
 
 Status VulkanContext::beginCommand(VkCommandBuffer* outCmd) {
-  if (outCmd == nullptr) return {StatusCode::InvalidFormat, "null outCmd"};
-  if (device_ == VK_NULL_HANDLE) return {StatusCode::InvalidFormat, "beginCommand: uninitialized"};
+  if (outCmd == nullptr) return invalidFormat("null outCmd");
+  if (device_ == VK_NULL_HANDLE) return invalidFormat("beginCommand: uninitialized");
   VkCommandBufferAllocateInfo allocation{};
   allocation.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO;
   allocation.commandPool = commandPool_;
@@ -187,7 +185,7 @@ Status VulkanContext::beginCommand(VkCommandBuffer* outCmd) {
 Status VulkanContext::submitAndWait(VkCommandBuffer cmd) {
   if (cmd == VK_NULL_HANDLE || device_ == VK_NULL_HANDLE || queue_ == VK_NULL_HANDLE ||
       fence_ == VK_NULL_HANDLE) {
-    return {StatusCode::InvalidFormat, "submitAndWait: uninitialized"};
+    return invalidFormat("submitAndWait: uninitialized");
   }
   if (vkEndCommandBuffer(cmd) != VK_SUCCESS) return ioError("vkEndCommandBuffer failed");
 

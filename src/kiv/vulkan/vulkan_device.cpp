@@ -21,7 +21,7 @@ uint64_t deviceLocalBytes(VkPhysicalDevice device) {
   return bytes;
 }
 
-Status noDevices() { return {StatusCode::IOError, "no Vulkan physical devices"}; }
+Status noDevices() { return ioError("no Vulkan physical devices"); }
 
 // A device that appears between the two calls makes the second one
 // VK_INCOMPLETE: the handles are as good as any, so that is a success.
@@ -32,7 +32,7 @@ Status enumerateHandles(VkInstance instance, std::vector<VkPhysicalDevice>& hand
   }
   handles.resize(count);
   if (vkEnumeratePhysicalDevices(instance, &count, handles.data()) < 0) {
-    return {StatusCode::IOError, "vkEnumeratePhysicalDevices failed"};
+    return ioError("vkEnumeratePhysicalDevices failed");
   }
   handles.resize(count);
   return handles.empty() ? noDevices() : Status();
@@ -84,7 +84,7 @@ Status findComputeQueueFamily(VkPhysicalDevice device, uint32_t& family) {
     family = static_cast<uint32_t>(found - families.begin());
     return {};
   }
-  return {StatusCode::Unsupported, "no compute queue family found"};
+  return unsupported("no compute queue family found");
 }
 
 Status listPhysicalDevices(VkInstance instance, std::vector<PhysicalDevice>& out) {

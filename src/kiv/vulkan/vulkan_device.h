@@ -38,7 +38,7 @@ Status findComputeQueueFamily(VkPhysicalDevice device, uint32_t& family);
 struct PhysicalDevice {
   VkPhysicalDevice handle = VK_NULL_HANDLE;  ///< the instance's
   VulkanDeviceInfo info;                     ///< its description
-  bool automatic = false;                    ///< the one to take when nobody chose
+  bool automatic = false;                    ///< the one to take when no index is given
 };
 
 /// All devices, discrete ones first, then those with more device-local memory;

@@ -9,7 +9,7 @@ void VulkanExecutor::registerKernel(Opcode op, const GpuKernelDesc& desc) {
 Status VulkanExecutor::getKernel(VulkanContext& ctx, Opcode op, VulkanKernel** out) {
   const GpuKernelDesc* desc = GpuKernelRegistry::instance().find(op);
   if (desc == nullptr) {
-    return {StatusCode::Unsupported, "no GPU kernel registered for opcode"};
+    return unsupported("no GPU kernel registered for opcode");
   }
   Entry& entry = entries_[static_cast<size_t>(op)];
   if (!entry.created) {

@@ -5,17 +5,11 @@
 #include "kiv/vulkan/vulkan_shader.h"
 
 namespace kiv::vulkan {
-namespace {
-
-Status ioError(const char* message) { return {StatusCode::IOError, message}; }
-
-}  // namespace
-
 Status VulkanKernel::create(VulkanContext& ctx, const uint32_t* code, size_t wordCount,
                             uint32_t bindingCount, uint32_t pushSize) {
   if (ready_) return {};
   if (ctx.device() == VK_NULL_HANDLE) {
-    return {StatusCode::InvalidFormat, "create: uninitialized"};
+    return invalidFormat("create: uninitialized");
   }
   destroy();  // what an attempt that failed had made
   ctx_ = &ctx;
@@ -142,7 +136,7 @@ void VulkanKernel::resetSets() {
 
 Status VulkanKernel::bindBuffers(VulkanContext& ctx, VulkanBuffer* const* buffers, uint32_t count) {
   if (buffers == nullptr || count > bindingCount_) {
-    return {StatusCode::InvalidFormat, "bindBuffers: count exceeds layout"};
+    return invalidFormat("bindBuffers: count exceeds layout");
   }
   return bindBuffersTo(ctx, buffers, count, set_);
 }
@@ -150,7 +144,7 @@ Status VulkanKernel::bindBuffers(VulkanContext& ctx, VulkanBuffer* const* buffer
 Status VulkanKernel::bindBuffersTo(VulkanContext& ctx, VulkanBuffer* const* buffers, uint32_t count,
                                    VkDescriptorSet set) {
   if (buffers == nullptr || count > bindingCount_ || set == VK_NULL_HANDLE) {
-    return {StatusCode::InvalidFormat, "bindBuffersTo: bad args"};
+    return invalidFormat("bindBuffersTo: bad args");
   }
   std::vector<VkDescriptorBufferInfo> ranges(count);
   std::vector<VkWriteDescriptorSet> writes(count);

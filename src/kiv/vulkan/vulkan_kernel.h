@@ -46,7 +46,7 @@ class VulkanKernel {
   /// Binds buffer i, whole, to binding i of the default set. InvalidFormat
   /// "bindBuffers: count exceeds layout" for too many buffers.
   Status bindBuffers(VulkanContext& ctx, VulkanBuffer* const* buffers, uint32_t count);
-  /// The same for `set`. InvalidFormat "bindBuffersTo: bad args" for too many
+  /// bindBuffers() for `set`. InvalidFormat "bindBuffersTo: bad args" for too many
   /// buffers, no list, no set.
   Status bindBuffersTo(VulkanContext& ctx, VulkanBuffer* const* buffers, uint32_t count,
                        VkDescriptorSet set);
@@ -55,7 +55,7 @@ class VulkanKernel {
   /// kernels without push constants.
   void dispatch(VkCommandBuffer cmd, uint32_t x, uint32_t y, uint32_t z, const void* push,
                 size_t pushBytes);
-  /// The same with `set`.
+  /// dispatch() with `set`.
   void dispatchTo(VkCommandBuffer cmd, VkDescriptorSet set, uint32_t x, uint32_t y, uint32_t z,
                   const void* push, size_t pushBytes);
 

@@ -5,7 +5,7 @@ namespace kiv::vulkan {
 Status createShaderModule(VulkanContext& ctx, const uint32_t* code, size_t wordCount,
                           VkShaderModule* out) {
   if (code == nullptr || out == nullptr) {
-    return {StatusCode::InvalidFormat, "createShaderModule: null"};
+    return invalidFormat("createShaderModule: null");
   }
   VkShaderModuleCreateInfo info{};
   info.sType = VK_STRUCTURE_TYPE_SHADER_MODULE_CREATE_INFO;
@@ -13,7 +13,7 @@ Status createShaderModule(VulkanContext& ctx, const uint32_t* code, size_t wordC
   info.pCode = code;
   VkShaderModule module = VK_NULL_HANDLE;
   if (vkCreateShaderModule(ctx.device(), &info, nullptr, &module) != VK_SUCCESS) {
-    return {StatusCode::IOError, "vkCreateShaderModule failed"};
+    return ioError("vkCreateShaderModule failed");
   }
   *out = module;
   return {};

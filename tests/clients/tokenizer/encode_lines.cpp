@@ -25,8 +25,7 @@ int encodeLines(const char* path) {
   std::vector<int32_t> ids;
   while (std::getline(std::cin, line)) {
     const auto text = nlohmann::json::parse(line).get<std::string>();
-    const kiv::Status status =
-        tokenizer.encode(text, zem::text::AddedTokens::Recognised, ids);
+    const kiv::Status status = tokenizer.encode(text, zem::text::AddedTokens::Recognised, ids);
     if (!status.ok()) {
       std::fprintf(stderr, "encode_lines: %s\n", status.message().c_str());
       return 1;

@@ -58,8 +58,8 @@ std::string words(size_t count, uint32_t seed) {
 // A learnt vocabulary with added tokens, and encoding with it as it is defined.
 struct Learnt {
   Learnt()
-      : vocabulary(ByteVocabulary::fromLearnt(kiv::test::trainVocabulary(
-            kText + words(3000, 1), 3000, kiv::test::SpaceMarker::ByteLevel))) {
+      : vocabulary(ByteVocabulary::fromLearnt(zemtest::trainVocabulary(
+            kText + words(3000, 1), 3000, zemtest::SpaceMarker::ByteLevel))) {
     start = vocabulary.add("<|im_start|>", true);
     end = vocabulary.add("<|im_end|>", true);
     think = vocabulary.add("<think>", false);

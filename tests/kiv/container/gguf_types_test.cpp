@@ -8,7 +8,10 @@
 #include "gtest/gtest.h"
 #include "kiv/quant.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -186,4 +189,4 @@ TEST(GgufTypesTest, UnknownTypesWriteNothing) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

@@ -7,7 +7,10 @@
 #include "support/platform.h"
 #include "support/temp_folder.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using ::testing::HasSubstr;
@@ -73,4 +76,4 @@ TEST(MappedFileTest, ReleasedBytesCanBeReadAgain) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

@@ -8,7 +8,11 @@
 #include <limits>
 #include <random>
 
-namespace kiv::math {
+namespace zemtest {
+
+using namespace kiv;
+using namespace kiv::math;
+
 namespace {
 
 constexpr float kInf = std::numeric_limits<float>::infinity();
@@ -183,4 +187,4 @@ TEST(ExactMath, BitsAreTheRecordedOnes) {
 }
 
 }  // namespace
-}  // namespace kiv::math
+}  // namespace zemtest

@@ -7,7 +7,10 @@
 
 #include "gtest/gtest.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 constexpr DType kTypes[] = {DType::F32,  DType::BF16, DType::Q8_0,
@@ -86,4 +89,4 @@ TEST(RowCodecTest, NothingIsFinite) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

@@ -7,7 +7,10 @@
 #include "kiv/tokenizer.h"
 #include "support/published_model.h"
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 std::string allBytes() {
@@ -95,4 +98,4 @@ TEST(ByteLevelTest, DecodingAStoredTokenGivesItsBytes) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

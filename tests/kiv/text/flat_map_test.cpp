@@ -5,7 +5,10 @@
 #include <map>
 #include <random>
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 TEST(FlatMapTest, EmptyMapFindsNothing) {
@@ -51,4 +54,4 @@ TEST(FlatMapTest, AgreesWithAnOrderedMapWhileItGrows) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

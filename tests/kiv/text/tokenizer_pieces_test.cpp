@@ -6,7 +6,10 @@
 #include <string>
 #include <vector>
 
-namespace kiv {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using ::testing::ElementsAre;
@@ -207,4 +210,4 @@ TEST(NextPieceTest, PiecesOfAnyBytesJoinToTheText) {
 }
 
 }  // namespace
-}  // namespace kiv
+}  // namespace zemtest

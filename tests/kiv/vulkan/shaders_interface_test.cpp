@@ -4,22 +4,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <spirv/unified1/spirv.hpp11>
+#include <spirv_cross/spirv.hpp>
 #include <string>
 #include <vector>
 
+#include "kiv/vulkan/shader_reflection.h"
 #include "kiv/vulkan/vulkan_shaders.h"
-#include "support/spirv_module.h"
 
-namespace kiv::vulkan {
+namespace zemtest {
+
+using namespace kiv;
+using namespace kiv::vulkan;
+
 namespace {
 
-using spv::Capability;
-using test::SpirvBuffer;
-using test::SpirvEntryPoint;
-using test::SpirvModule;
-using test::SpirvPushMember;
-using test::SpirvShared;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -31,8 +29,8 @@ struct Interface {
   uint32_t localSize = 0;
   std::vector<std::string> bindings;
   std::vector<std::string> push;
-  std::vector<SpirvShared> shared;
-  std::vector<Capability> beyondShader;
+  std::vector<ReflectedShared> shared;
+  std::vector<uint32_t> beyondShader;
 };
 
 void PrintTo(const Interface& row, std::ostream* out) { *out << row.name; }
@@ -47,23 +45,23 @@ std::vector<std::string> times(size_t count, const std::string& type) {
   return std::vector<std::string>(count, type);
 }
 
-SpirvShared array(const std::string& element, std::vector<uint32_t> extents) {
-  return {"", element, std::move(extents)};
+ReflectedShared array(const std::string& element, std::vector<uint32_t> extents) {
+  return {element, std::move(extents)};
 }
 
-SpirvShared floats(uint32_t count) { return array(kF32, {count}); }
-SpirvShared words(uint32_t count) { return array(kU32, {count}); }
+ReflectedShared floats(uint32_t count) { return array(kF32, {count}); }
+ReflectedShared words(uint32_t count) { return array(kU32, {count}); }
 
 std::vector<Interface> allInterfaces() {
   const std::vector<std::string> gemm = {kF32, kU32, kF32};
   const std::vector<std::string> gemmVec4 = {kVec4, kU32, kF32};
   const std::vector<std::string> gemmPush = times(5, kU32);
   const std::vector<std::string> gemvPush = times(4, kU32);
-  const SpirvShared scales = array(kF32, {16, 4, 2});
+  const ReflectedShared scales = array(kF32, {16, 4, 2});
   const auto row = [](ShaderId id, const char* name, uint32_t localSize,
                       std::vector<std::string> bindings, std::vector<std::string> push,
-                      std::vector<SpirvShared> shared = {},
-                      std::vector<Capability> beyondShader = {}) {
+                      std::vector<ReflectedShared> shared = {},
+                      std::vector<uint32_t> beyondShader = {}) {
     return Interface{name,
                      &embeddedShader(id),
                      localSize,
@@ -115,22 +113,22 @@ std::vector<Interface> allInterfaces() {
       row(Q4KGemvV8, "Q4KGemvV8", 256, gemm, gemvPush, {floats(4096), floats(256)}),
       row(Q4KGemvLlama, "Q4KGemvLlama", 64, gemmVec4, gemvPush, {floats(64)}),
       row(Q4KGemvLlamaSg, "Q4KGemvLlamaSg", 64, gemmVec4, gemvPush, {floats(64)},
-          {Capability::GroupNonUniform, Capability::GroupNonUniformArithmetic}),
+          {spv::CapabilityGroupNonUniform, spv::CapabilityGroupNonUniformArithmetic}),
       row(RopeGemmaBatch, "RopeGemmaBatch", 256, times(3, kF32), {kU32, kU32, kF32, kU32}),
       row(ProbeRow, "ProbeRow", 128, {kU32, kF32}, gemvPush, {floats(128)}),
       row(ProbeFlat, "ProbeFlat", 128, {kVec4, kF32}, gemvPush, {floats(128)}),
       row(Q4KGemvNative, "Q4KGemvNative", 64, {kVec4, kU16, kU32, kF32}, gemvPush, {floats(64)},
-          {Capability::StorageBuffer16BitAccess}),
+          {spv::CapabilityStorageBuffer16BitAccess}),
       row(Q6KGemvNative, "Q6KGemvNative", 64, {kVec4, kU16, kI8, kF32}, gemvPush,
           {scales, floats(64)},
-          {Capability::StorageBuffer16BitAccess, Capability::StorageBuffer8BitAccess}),
+          {spv::CapabilityStorageBuffer16BitAccess, spv::CapabilityStorageBuffer8BitAccess}),
   };
   rows.push_back({"Q5KGemvLlama", &q5kGemvShader(), 64, gemmVec4, gemvPush, {floats(64)}, {}});
   return rows;
 }
 
-std::vector<SpirvBuffer> expectedBuffers(const Interface& row) {
-  std::vector<SpirvBuffer> buffers;
+std::vector<ReflectedBuffer> expectedBuffers(const Interface& row) {
+  std::vector<ReflectedBuffer> buffers;
   for (const std::string& element : row.bindings) {
     const uint32_t stride = element == kVec4 ? 16 : element == kU16 ? 2 : element == kI8 ? 1 : 4;
     buffers.push_back({0, static_cast<uint32_t>(buffers.size()), element, stride});
@@ -138,26 +136,18 @@ std::vector<SpirvBuffer> expectedBuffers(const Interface& row) {
   return buffers;
 }
 
-std::vector<SpirvPushMember> expectedPush(const Interface& row) {
-  std::vector<SpirvPushMember> members;
+// One block, or none.
+std::vector<std::vector<ReflectedPushMember>> expectedPush(const Interface& row) {
+  if (row.push.empty()) return {};
+  std::vector<ReflectedPushMember> members;
   for (const std::string& type : row.push) {
-    members.push_back({"", type, static_cast<uint32_t>(members.size()) * 4});
+    members.push_back({type, static_cast<uint32_t>(members.size()) * 4});
   }
-  return members;
-}
-
-std::vector<SpirvPushMember> pushMembers(const SpirvModule& module) {
-  std::vector<SpirvPushMember> members;
-  for (const test::SpirvPushBlock& block : module.pushBlocks) {
-    members.insert(members.end(), block.members.begin(), block.members.end());
-  }
-  for (SpirvPushMember& member : members) member.name.clear();
-  return members;
+  return {members};
 }
 
 // In no particular order, so sorted.
-std::vector<SpirvShared> sharedArrays(std::vector<SpirvShared> shared) {
-  for (SpirvShared& variable : shared) variable.name.clear();
+std::vector<ReflectedShared> sorted(std::vector<ReflectedShared> shared) {
   std::sort(shared.begin(), shared.end());
   return shared;
 }
@@ -175,23 +165,22 @@ void compare(const char* what, const T& actual, const T& expected,
 std::vector<std::string> differencesFrom(const Interface& row, const EmbeddedShader& shader) {
   if (shader.code == nullptr) return {"the module is missing"};
   if (shader.code[0] != spv::MagicNumber) return {"the first word is not SPIR-V's"};
-  SpirvModule module;
-  std::string problem;
-  if (!readSpirvModule({shader.code, shader.wordCount}, module, problem)) return {problem};
+  ReflectedShader module;
+  const std::string problem = reflect({shader.code, shader.wordCount}, module);
+  if (!problem.empty()) return {problem};
 
   std::vector<std::string> differences;
-  const SpirvEntryPoint entry = {"main", spv::ExecutionModel::GLCompute, {row.localSize, 1, 1}};
+  const ReflectedEntryPoint entry = {"main", true, {row.localSize, 1, 1}};
   compare("entry points", module.entryPoints, {entry}, differences);
   compare("buffers", module.buffers, expectedBuffers(row), differences);
   compare("other resources", module.otherResources, size_t{0}, differences);
-  compare("push blocks", module.pushBlocks.size(), size_t{row.push.empty() ? 0U : 1U}, differences);
-  compare("push members", pushMembers(module), expectedPush(row), differences);
-  compare("shared memory", sharedArrays(module.shared), sharedArrays(row.shared), differences);
-  for (const Capability capability : module.capabilities) {
+  compare("push blocks", module.pushBlocks, expectedPush(row), differences);
+  compare("shared memory", module.shared, sorted(row.shared), differences);
+  for (const uint32_t capability : module.capabilities) {
     const auto& allowed = row.beyondShader;
-    if (capability == Capability::Shader) continue;
+    if (capability == spv::CapabilityShader) continue;
     if (std::find(allowed.begin(), allowed.end(), capability) != allowed.end()) continue;
-    differences.push_back("capability " + std::to_string(static_cast<uint32_t>(capability)));
+    differences.push_back("capability " + std::to_string(capability));
   }
   return differences;
 }
@@ -243,12 +232,12 @@ TEST_F(AlteredInterface, NumberOfBindingsIsCompared) {
 
 TEST_F(AlteredInterface, TypesOfPushMembersAreCompared) {
   row_.push = {kF32};
-  EXPECT_THAT(differences(), ElementsAre(HasSubstr("push members")));
+  EXPECT_THAT(differences(), ElementsAre(HasSubstr("push blocks")));
 }
 
 TEST_F(AlteredInterface, NumberOfPushMembersIsCompared) {
   row_.push = {kU32, kU32};
-  EXPECT_THAT(differences(), ElementsAre(HasSubstr("push members")));
+  EXPECT_THAT(differences(), ElementsAre(HasSubstr("push blocks")));
 }
 
 TEST_F(AlteredInterface, UnwantedPushBlockIsNoticed) {
@@ -285,13 +274,12 @@ class AlteredModule : public ::testing::Test {
 TEST_F(AlteredModule, UnalteredModuleMatches) { EXPECT_THAT(differences(), IsEmpty()); }
 
 TEST_F(AlteredModule, EntryPointOfAnotherNameIsNoticed) {
-  words_[find(spv::Op::OpEntryPoint) + 3] ^= 0x20U;  // "Main"
+  words_[find(spv::OpEntryPoint) + 3] ^= 0x20U;  // "Main"
   EXPECT_THAT(differences(), ElementsAre(HasSubstr("Main")));
 }
 
 TEST_F(AlteredModule, FurtherCapabilityIsNoticed) {
-  const uint32_t int64[] = {(2U << 16) | static_cast<uint32_t>(spv::Op::OpCapability),
-                            static_cast<uint32_t>(Capability::Int64)};
+  const uint32_t int64[] = {(2U << 16) | spv::OpCapability, spv::CapabilityInt64};
   words_.insert(words_.begin() + 5, std::begin(int64), std::end(int64));
   EXPECT_THAT(differences(), ElementsAre("capability 11"));
 }
@@ -311,4 +299,4 @@ TEST_F(AlteredModule, MissingModuleIsNoticed) {
 }
 
 }  // namespace
-}  // namespace kiv::vulkan
+}  // namespace zemtest

@@ -15,12 +15,12 @@
 #include "support/platform.h"
 #include "support/scoped_env.h"
 
-namespace kiv::vulkan {
-namespace {
+namespace zemtest {
 
-using ::kiv::test::FakeDevice;
-using ::kiv::test::FakeVulkan;
-using ::zemtest::ScopedEnv;
+using namespace kiv;
+using namespace kiv::vulkan;
+
+namespace {
 
 #ifdef _WIN32
 bool loaderIsMapped() { return GetModuleHandleW(L"vulkan-1.dll") != nullptr; }
@@ -136,4 +136,4 @@ TEST(NoVulkan, IsNotAboutAScriptedMachine) {
 }
 
 }  // namespace
-}  // namespace kiv::vulkan
+}  // namespace zemtest

@@ -16,11 +16,12 @@
 #include "support/needs_gpu.h"
 #include "support/status_matchers.h"
 
-namespace kiv::vulkan {
-namespace {
+namespace zemtest {
 
-using ::zemtest::IsInvalidFormat;
-using ::zemtest::IsOk;
+using namespace kiv;
+using namespace kiv::vulkan;
+
+namespace {
 
 constexpr size_t kSizes[] = {1, 3, 4, 255, (size_t{1} << 20) + 1};
 
@@ -158,4 +159,4 @@ TEST_F(BufferOnDevice, KernelComputesWithSetsOfItsOwnAndAWrapper) {
 }
 
 }  // namespace
-}  // namespace kiv::vulkan
+}  // namespace zemtest

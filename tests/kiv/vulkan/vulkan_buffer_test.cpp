@@ -15,21 +15,15 @@
 #include "support/fake_vulkan.h"
 #include "support/status_matchers.h"
 
-namespace kiv::vulkan {
+namespace zemtest {
+
+using namespace kiv;
+using namespace kiv::vulkan;
+
 namespace {
 
-using ::kiv::test::FakeBarrier;
-using ::kiv::test::FakeCopy;
-using ::kiv::test::FakeDevice;
-using ::kiv::test::FakeVulkan;
-using ::kiv::test::kDeviceLocal;
-using ::kiv::test::kHostCoherent;
-using ::kiv::test::kHostVisible;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::zemtest::IsFailure;
-using ::zemtest::IsInvalidFormat;
-using ::zemtest::IsOk;
 
 static_assert(!std::is_copy_constructible_v<VulkanBuffer>);
 static_assert(!std::is_copy_assignable_v<VulkanBuffer>);
@@ -72,20 +66,14 @@ void expectEmpty(const VulkanBuffer& buffer) {
 
 // ---- creation
 
-TEST_F(VulkanBufferTest, CreationAsksForStorageAndTransfersBothWays) {
+TEST_F(VulkanBufferTest, HasTheSizeAndTheKindAskedFor) {
   const VulkanBuffer buffer = create(100, true);
   EXPECT_TRUE(buffer.valid());
   EXPECT_NE(buffer.handle(), VK_NULL_HANDLE);
   EXPECT_EQ(buffer.size(), 100U);
   EXPECT_TRUE(buffer.hostVisible());
   ASSERT_EQ(vulkan_.requests.buffers.size(), 1U);
-  const VkBufferCreateInfo& request = vulkan_.requests.buffers[0];
-  EXPECT_EQ(request.size, 100U);
-  EXPECT_EQ(request.sharingMode, VK_SHARING_MODE_EXCLUSIVE);
-  EXPECT_EQ(request.flags, 0U);
-  EXPECT_EQ(request.usage, static_cast<VkBufferUsageFlags>(VK_BUFFER_USAGE_STORAGE_BUFFER_BIT |
-                                                           VK_BUFFER_USAGE_TRANSFER_SRC_BIT |
-                                                           VK_BUFFER_USAGE_TRANSFER_DST_BIT));
+  EXPECT_EQ(vulkan_.requests.buffers[0].size, 100U);
 }
 
 TEST_F(VulkanBufferTest, MemoryIsAsLargeAsTheDeviceRequires) {
@@ -183,7 +171,7 @@ INSTANTIATE_TEST_SUITE_P(EachCall, CreateFails,
 
 TEST_F(VulkanBufferTest, MoreThanTheHeapHasIsAnAllocationFailure) {
   VulkanBuffer buffer;
-  EXPECT_THAT(buffer.create(context_, 2 * test::kGiB, false),
+  EXPECT_THAT(buffer.create(context_, 2 * kGiB, false),
               IsFailure(StatusCode::IOError, "vkAllocateMemory failed"));
   EXPECT_EQ(vulkan_.live(VK_OBJECT_TYPE_BUFFER), 0U);
 }
@@ -258,8 +246,6 @@ TEST_F(VulkanBufferTest, MapShowsTheWholeBuffer) {
   VulkanBuffer buffer = create(100, true);
   void* mapped = nullptr;
   ASSERT_THAT(buffer.map(&mapped), IsOk());
-  EXPECT_EQ(vulkan_.requests.map.offset, 0U);
-  EXPECT_EQ(vulkan_.requests.map.size, 100U);
   const std::vector<uint8_t> bytes = countingBytes(100);
   std::copy(bytes.begin(), bytes.end(), static_cast<uint8_t*>(mapped));
   buffer.unmap();
@@ -401,9 +387,9 @@ TEST_F(VulkanBufferTest, DeviceLocalTransferIsOneCopyThroughAStagingBufferOfItsS
   std::vector<uint8_t> out(200);
   EXPECT_THAT(buffer.download(out.data(), 200), IsOk());
 
-  const std::vector<FakeCopy> copies = vulkan_.copies();
+  const std::vector<FakeCopy>& copies = vulkan_.copies;
   ASSERT_EQ(copies.size(), 2U);
-  EXPECT_EQ(vulkan_.submissions.size(), 2U);
+  EXPECT_EQ(vulkan_.calls("vkQueueSubmit"), 2);
   EXPECT_EQ(copies[0].destination, buffer.handle());
   EXPECT_EQ(copies[0].region.size, 300U);
   EXPECT_EQ(copies[1].source, buffer.handle());
@@ -490,25 +476,6 @@ TEST_F(VulkanBufferTest, CopyMovesTheFirstBytesBetweenAnyKinds) {
       EXPECT_THAT(out, ElementsAre('a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'));
     }
   }
-}
-
-TEST_F(VulkanBufferTest, CopyIsOneRegionThenABarrierForDeviceAndHost) {
-  const VulkanBuffer source = create(8, true);
-  VulkanBuffer target = create(8, true);
-  EXPECT_THAT(target.copyFrom(context_, source, 5), IsOk());
-  ASSERT_EQ(vulkan_.submissions.size(), 1U);
-  ASSERT_EQ(vulkan_.submissions[0].size(), 2U);
-  const auto& copy = std::get<FakeCopy>(vulkan_.submissions[0][0]);
-  EXPECT_EQ(copy.source, source.handle());
-  EXPECT_EQ(copy.destination, target.handle());
-  EXPECT_EQ(copy.region.srcOffset, 0U);
-  EXPECT_EQ(copy.region.dstOffset, 0U);
-  EXPECT_EQ(copy.region.size, 5U);
-  const auto& barrier = std::get<FakeBarrier>(vulkan_.submissions[0][1]);
-  EXPECT_NE(barrier.written & VK_ACCESS_TRANSFER_WRITE_BIT, 0U);
-  EXPECT_NE(barrier.readable & VK_ACCESS_SHADER_READ_BIT, 0U);
-  EXPECT_NE(barrier.readable & VK_ACCESS_HOST_READ_BIT, 0U);
-  EXPECT_NE(barrier.before & VK_PIPELINE_STAGE_HOST_BIT, 0U);
 }
 
 TEST_F(VulkanBufferTest, CopyOfNoBytesSubmitsNothing) {
@@ -653,4 +620,4 @@ TEST(VulkanBufferOnAnEmptyContext, IsRefused) {
 }
 
 }  // namespace
-}  // namespace kiv::vulkan
+}  // namespace zemtest

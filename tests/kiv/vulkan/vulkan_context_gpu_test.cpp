@@ -11,7 +11,11 @@
 #include "support/fake_vulkan.h"
 #include "support/needs_gpu.h"
 
-namespace kiv::vulkan {
+namespace zemtest {
+
+using namespace kiv;
+using namespace kiv::vulkan;
+
 namespace {
 
 void submitEmptyCommand(VulkanContext& context) {
@@ -109,7 +113,7 @@ TEST_F(RealDevice, BufferThatWasNeverSubmittedGoesWithThePool) {
 
 TEST_F(RealDevice, WorksAgainAfterAScriptedMachine) {
   {
-    const test::FakeVulkan vulkan({test::FakeDevice{}});
+    const FakeVulkan vulkan({FakeDevice{}});
     VulkanContext context;
     ASSERT_TRUE(context.init(0).ok());
     EXPECT_EQ(context.info().deviceName, "fake device");
@@ -135,4 +139,4 @@ TEST(MachineWithoutADriver, InitFailsAndSaysWhichCall) {
 }
 
 }  // namespace
-}  // namespace kiv::vulkan
+}  // namespace zemtest

@@ -8,16 +8,14 @@
 #include "support/fake_vulkan.h"
 #include "support/status_matchers.h"
 
-namespace kiv::vulkan {
+namespace zemtest {
+
+using namespace kiv;
+using namespace kiv::vulkan;
+
 namespace {
 
-using ::kiv::test::FakeDevice;
-using ::kiv::test::FakeDispatch;
-using ::kiv::test::FakeVulkan;
 using ::testing::ElementsAre;
-using ::zemtest::IsFailure;
-using ::zemtest::IsInvalidFormat;
-using ::zemtest::IsOk;
 
 constexpr uint32_t kCount = 4;
 
@@ -73,8 +71,8 @@ TEST_F(VulkanExecutorTest, KernelIsMadeOnFirstUseAndKept) {
   ASSERT_NE(kernel, nullptr);
   EXPECT_NE(kernel->pipeline(), VK_NULL_HANDLE);
   EXPECT_EQ(vulkan_.requests.shaderCode, wordsOf(ShaderId::Add));
-  EXPECT_EQ(vulkan_.requests.setLayout.size(), 3U);
-  EXPECT_EQ(vulkan_.requests.pipelineLayout.push[0].size, 4U);
+  EXPECT_EQ(vulkan_.requests.bindings, 3U);
+  EXPECT_EQ(vulkan_.requests.pushSize, 4U);
 
   VulkanKernel* again = nullptr;
   EXPECT_THAT(executor_.getKernel(context_, Opcode::Add, &again), IsOk());
@@ -90,8 +88,8 @@ TEST_F(VulkanExecutorTest, EveryRegisteredOpcodeGetsTheKernelOfItsShader) {
     if (desc == nullptr) continue;
     EXPECT_THAT(executor_.getKernel(context_, op, nullptr), IsOk()) << i;
     EXPECT_EQ(vulkan_.requests.shaderCode, wordsOf(desc->shader)) << i;
-    EXPECT_EQ(vulkan_.requests.setLayout.size(), desc->bindings) << i;
-    EXPECT_EQ(vulkan_.requests.pipelineLayout.push[0].size, desc->pushSize) << i;
+    EXPECT_EQ(vulkan_.requests.bindings, desc->bindings) << i;
+    EXPECT_EQ(vulkan_.requests.pushSize, desc->pushSize) << i;
     EXPECT_EQ(pipelines(), ++made);
   }
   EXPECT_EQ(made, 12U);
@@ -107,7 +105,7 @@ TEST_F(VulkanExecutorTest, RegistryReplacesTheExecutorsOwnDescriptor) {
   executor_.registerKernel(Opcode::Add, {ShaderId::Q4KGemvLlama, 7, 64});
   EXPECT_THAT(executor_.getKernel(context_, Opcode::Add, nullptr), IsOk());
   EXPECT_EQ(vulkan_.requests.shaderCode, wordsOf(ShaderId::Add));
-  EXPECT_EQ(vulkan_.requests.setLayout.size(), 3U);
+  EXPECT_EQ(vulkan_.requests.bindings, 3U);
 }
 
 TEST_F(VulkanExecutorTest, OwnDescriptorDoesNotMakeAnOpcodeKnown) {
@@ -132,16 +130,16 @@ TEST_F(VulkanExecutorTest, FailedKernelIsTriedAgain) {
                 IsOk());
     EXPECT_THAT(context_.submitAndWait(cmd), IsOk());
   }
-  EXPECT_EQ(vulkan_.dispatches().size(), 6U);
+  EXPECT_EQ(vulkan_.dispatches.size(), 6U);
 }
 
 TEST_F(VulkanExecutorTest, ExecuteBindsAndDispatches) {
   VkCommandBuffer cmd = begin();
   EXPECT_THAT(execute(cmd, Opcode::Add), IsOk());
   EXPECT_THAT(context_.submitAndWait(cmd), IsOk());
-  const std::vector<FakeDispatch> dispatches = vulkan_.dispatches();
+  const std::vector<FakeDispatch>& dispatches = vulkan_.dispatches;
   ASSERT_EQ(dispatches.size(), 1U);
-  EXPECT_EQ(*dispatches[0].code, wordsOf(ShaderId::Add));
+  EXPECT_EQ(vulkan_.requests.shaderCode, wordsOf(ShaderId::Add));
   EXPECT_THAT(dispatches[0].groups, ElementsAre(2, 1, 1));
   EXPECT_THAT(dispatches[0].push, ElementsAre(kCount, 0, 0, 0));
   ASSERT_EQ(dispatches[0].bindings.size(), 3U);
@@ -156,7 +154,7 @@ TEST_F(VulkanExecutorTest, ExecuteRebindsBetweenSubmissions) {
     EXPECT_THAT(execute(cmd, Opcode::Add), IsOk());
     EXPECT_THAT(context_.submitAndWait(cmd), IsOk());
   }
-  EXPECT_EQ(vulkan_.dispatches().size(), 3U);
+  EXPECT_EQ(vulkan_.dispatches.size(), 3U);
   EXPECT_EQ(vulkan_.calls("vkUpdateDescriptorSets"), 3);
   EXPECT_EQ(pipelines(), 1U);
 }
@@ -179,4 +177,4 @@ TEST_F(VulkanExecutorTest, KernelsGoWithTheExecutor) {
 }
 
 }  // namespace
-}  // namespace kiv::vulkan
+}  // namespace zemtest

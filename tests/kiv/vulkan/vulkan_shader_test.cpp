@@ -9,14 +9,12 @@
 #include "support/fake_vulkan.h"
 #include "support/status_matchers.h"
 
-namespace kiv::vulkan {
-namespace {
+namespace zemtest {
 
-using ::kiv::test::FakeDevice;
-using ::kiv::test::FakeVulkan;
-using ::zemtest::IsFailure;
-using ::zemtest::IsInvalidFormat;
-using ::zemtest::IsOk;
+using namespace kiv;
+using namespace kiv::vulkan;
+
+namespace {
 
 constexpr uint32_t kCode[] = {0x07230203, 0x00010500, 0, 1, 0};
 constexpr size_t kWords = std::size(kCode);
@@ -72,4 +70,4 @@ TEST_F(ShaderModule, DestroyingNullDoesNothing) {
 }
 
 }  // namespace
-}  // namespace kiv::vulkan
+}  // namespace zemtest

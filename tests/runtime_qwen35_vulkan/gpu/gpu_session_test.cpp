@@ -24,8 +24,8 @@
 
 namespace {
 
-using kiv::test::FailingCall;
 using zemtest::Bytes;
+using zemtest::FailingCall;
 using zemtest::kGpuLine;
 using zemtest::linked;
 using zemtest::ModelFile;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "gpu/gpu_attach.h"
 #include "runtime_qwen35_vulkan/cpu_only.h"
 #include "runtime_qwen35_vulkan/session/session_support.h"
 #include "session/bench.h"
@@ -149,6 +150,9 @@ class OutOfMemoryTest : public testing::TestWithParam<Shortage> {
   }
 
   static void create(Handle& handle) { ASSERT_EQ(handle.create(), 0) << handle.error; }
+  static qwen35rt::Qwen35Session& members(Handle& handle) {
+    return *qwen35rt::sessionOf(handle.get());
+  }
   // A first turn that is cancelled after its prompt, and room for another.
   static void startChat(Handle& handle) {
     if (handle.get() == nullptr) create(handle);
@@ -183,6 +187,28 @@ TEST_P(OutOfMemoryTest, CreateSaysSoOrGoesWithout) {
         EXPECT_EQ(handle.get(), nullptr);
         EXPECT_EQ(reasons.count(handle.error), 1U) << handle.error;
       });
+}
+
+// The line about the GPU is the last that a session without memory can say.
+TEST_P(OutOfMemoryTest, AttachingSaysItsLineWithoutAnyMemory) {
+  Handle handle(file_);
+  std::vector<size_t> requests;
+  zemtest::stderrOf([&] {
+    create(handle);
+    requests = requestsWorthFailing([&] { qwen35rt::attachGpu(members(handle), {}); });
+  });
+  ASSERT_FALSE(requests.empty());
+  for (const size_t request : requests) {
+    SCOPED_TRACE("request " + std::to_string(request));
+    bool failed = false;
+    const std::string said = zemtest::stderrOf([&] {
+      const FailingMemory memory(request, GetParam());
+      qwen35rt::attachGpu(members(handle), {});
+      failed = memory.failed();
+    });
+    EXPECT_TRUE(failed);
+    EXPECT_EQ(said, zemtest::kGpuLine);
+  }
 }
 
 // Without a device the verdict is 0 in any case; here it is the way there that counts.

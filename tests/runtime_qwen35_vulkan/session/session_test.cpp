@@ -15,8 +15,6 @@
 
 namespace {
 
-using qwen35rt::CreateHintOpts;
-using qwen35rt::parseHint;
 using zemtest::cheapOptions;
 using zemtest::keepAll;
 using zemtest::kGpuLine;
@@ -31,76 +29,6 @@ std::string kvLine(const std::string& type) {
   return "[qwen35-vulkan] kv cache quantization (" + type +
          ") not supported - kv stays f32; option ignored\n";
 }
-
-// ---- Hints ----
-
-TEST(HintTest, NullAndEmptySetNothing) {
-  for (const char* hint : {static_cast<const char*>(nullptr), "", ";", ";;;"}) {
-    const CreateHintOpts opts = parseHint(hint);
-    EXPECT_EQ(opts.ctx, 0U);
-    EXPECT_EQ(opts.gpuDev, -1);
-    EXPECT_EQ(opts.kv, 0);
-    EXPECT_FALSE(opts.kvSet);
-    EXPECT_EQ(opts.plan, "");
-  }
-}
-
-TEST(HintTest, TheFirstFieldIsTheHostsOwn) {
-  EXPECT_EQ(parseHint("ctx=2048").ctx, 0U);
-  EXPECT_EQ(parseHint("ctx=2048;kv=q8_0").ctx, 0U);
-  EXPECT_EQ(parseHint("vulkan;ctx=2048").ctx, 2048U);
-  EXPECT_EQ(parseHint(";ctx=2048").ctx, 2048U);
-}
-
-TEST(HintTest, AllOptionsTogether) {
-  const CreateHintOpts opts = parseHint("vulkan;ctx=100;;kv=q4_0;colour=red;plan=0-7:gpu;");
-  EXPECT_EQ(opts.ctx, 100U);
-  EXPECT_EQ(opts.kv, 2);
-  EXPECT_TRUE(opts.kvSet);
-  EXPECT_EQ(opts.plan, "0-7:gpu");
-}
-
-TEST(HintTest, ContextIsReadAsDecimal) {
-  const std::vector<std::pair<const char*, size_t>> cases = {{"1", 1},
-                                                             {"8192", 8192},
-                                                             {"9000", 9000},
-                                                             {"0", 0},
-                                                             {"-5", 0},
-                                                             {"many", 0},
-                                                             {"", 0},
-                                                             {" 12", 12},
-                                                             {"+12", 12},
-                                                             {"12k", 12},
-                                                             {"0x10", 0},
-                                                             {"2147483647", 2147483647},
-                                                             {"4294967297", 2147483647},
-                                                             {"99999999999999999999", 2147483647},
-                                                             {"-99999999999999999999", 0}};
-  for (const auto& [text, expected] : cases) {
-    EXPECT_EQ(parseHint((std::string("host;ctx=") + text).c_str()).ctx, expected) << text;
-  }
-}
-
-TEST(HintTest, KvTakesItsThreeNamesOnly) {
-  EXPECT_EQ(parseHint("h;kv=q8_0").kv, 1);
-  EXPECT_EQ(parseHint("h;kv=q4_0").kv, 2);
-  EXPECT_EQ(parseHint("h;kv=f16").kv, 0);
-  EXPECT_TRUE(parseHint("h;kv=f16").kvSet);
-  for (const char* other : {"h;kv=", "h;kv=q8", "h;kv=Q8_0", "h;kv=q8_0 ", "h;kv=f32", "h;kv"}) {
-    EXPECT_FALSE(parseHint(other).kvSet) << other;
-    EXPECT_EQ(parseHint(other).kv, 0) << other;
-  }
-}
-
-TEST(HintTest, LaterFieldsOverwriteEarlierOnes) {
-  EXPECT_EQ(parseHint("h;ctx=1;ctx=2").ctx, 2U);
-  EXPECT_EQ(parseHint("h;ctx=1;ctx=0").ctx, 1U);
-  EXPECT_EQ(parseHint("h;kv=q8_0;kv=f16").kv, 0);
-  EXPECT_EQ(parseHint("h;kv=q8_0;kv=other").kv, 1);
-  EXPECT_EQ(parseHint("h;plan=a;plan=").plan, "");
-}
-
-TEST(HintTest, NamesAreExact) { EXPECT_EQ(parseHint("h; ctx=5;CTX=5;ctx =5;xctx=5").ctx, 0U); }
 
 // ---- Create ----
 
@@ -174,6 +102,27 @@ TEST_F(CreateTest, AMissingEmbeddingOrFinalNormFails) {
     model.tensors().erase(name);
     EXPECT_EQ(failureOf(model), "qwen35 model bind failed") << name;
   }
+}
+
+// A file with two faults: the one that is looked for first is named.
+TEST_F(CreateTest, TheFirstFailureIsTheOneThatIsNamed) {
+  TinyModelOptions options = cheapOptions();
+  options.architecture = "llama";
+  options.vocab = 100;
+  options.tokenizer = {};
+  EXPECT_EQ(failureOf(TinyModel(options)), "not a qwen35-architecture model");
+  options.architecture = "qwen35moe";
+  EXPECT_EQ(failureOf(TinyModel(options)), "qwen35moe not supported yet");
+
+  options.architecture = "qwen35";
+  TinyModel noWords(options);
+  noWords.tensors().erase("blk.0.attn_norm.weight");
+  EXPECT_EQ(failureOf(noWords), "tokenizer load failed");
+
+  TinyModel noTensors(cheapOptions());
+  noTensors.tensors().erase("blk.31.ffn_down.weight");
+  noTensors.tensors().erase("token_embd.weight");
+  EXPECT_EQ(failureOf(noTensors), "qwen35 layer bind failed");
 }
 
 TEST_F(CreateTest, TheErrorTextIsCutToItsBuffer) {

@@ -247,18 +247,28 @@ TEST(ThreadsTest, ACancelledTurnLeavesWhatWasSaid) {
   const ThreadSession session(file);
   session.setContext(50);
   volatile int cancel = 0;
-  Delivered delivered;
+  struct Heard {
+    std::atomic<int> pieces{0};
+    volatile int* cancel;
+  } heard{.cancel = &cancel};
+  // The third piece waits for the other thread.
+  const auto waitAtThree = [](const char* /*piece*/, uint32_t /*length*/, void* user) {
+    auto& h = *static_cast<Heard*>(user);
+    if (++h.pieces < 3) return;
+    while (__atomic_load_n(h.cancel, __ATOMIC_SEQ_CST) == 0) std::this_thread::yield();
+  };
   std::thread canceller([&] {
-    while (delivered.pieces < 3) std::this_thread::yield();
+    while (heard.pieces < 3) std::this_thread::yield();
     setFlag(cancel, 1);
   });
-  EXPECT_EQ(session.stream("hi", count, &delivered, &cancel), 0);
+  EXPECT_EQ(session.stream("hi", waitAtThree, &heard, &cancel), 0);
   canceller.join();
+  ASSERT_EQ(heard.pieces, 3);
 
   const ThreadSession same(file);
   same.setContext(50);
   volatile int own = 0;
-  Stopper stopper{delivered.pieces, &own};
+  Stopper stopper{heard.pieces, &own};
   const auto stopAfter = [](const char* /*piece*/, uint32_t /*length*/, void* user) {
     auto& s = *static_cast<Stopper*>(user);
     if (--s.left == 0) *s.cancel = 1;

@@ -53,9 +53,9 @@ struct Vocabulary {
 // Words with spaces of either spelling, single letters, and letters of which
 // only a pair stays itself.
 std::vector<Vocabulary> vocabularies() {
-  using kiv::test::SpaceMarker;
+  using zemtest::SpaceMarker;
   const auto trained = [](SpaceMarker marker) {
-    return kiv::test::trainVocabulary(someText(), 600, marker);
+    return zemtest::trainVocabulary(someText(), 600, marker);
   };
   return {{"ByteLevel", trained(SpaceMarker::ByteLevel)},
           {"LowerBlock", trained(SpaceMarker::LowerBlock)},

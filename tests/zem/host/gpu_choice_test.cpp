@@ -12,11 +12,11 @@
 namespace zemtool {
 namespace {
 
-using ::kiv::test::FakeDevice;
-using ::kiv::test::FakeVulkan;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
+using ::zemtest::FakeDevice;
+using ::zemtest::FakeVulkan;
 
 FakeDevice device(const std::string& name, VkPhysicalDeviceType type) {
   FakeDevice made;

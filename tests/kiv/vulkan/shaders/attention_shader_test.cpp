@@ -3,7 +3,10 @@
 
 #include "float_testing.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::ShaderId;
@@ -292,4 +295,4 @@ TEST_F(AttentionGemmaEdges, ALaterChunkMayHoldTheLargestScore) {
 }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -3,7 +3,10 @@
 
 #include "kiv/vulkan/shaders/quantised_matrix.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::ShaderId;
@@ -22,7 +25,7 @@ class Bf16GemvShader : public ShaderTest {
     std::vector<float> row(uint32_t r) const {
       std::vector<float> weights;
       for (uint32_t c = 0; c < k; ++c) {
-        const uint32_t bits = quant::testing::halfAt(bytes.data() + size_t{r} * rowBytes + 2 * c);
+        const uint32_t bits = halfAt(bytes.data() + size_t{r} * rowBytes + 2 * c);
         weights.push_back(std::bit_cast<float>(bits << 16));
       }
       return weights;
@@ -35,8 +38,8 @@ class Bf16GemvShader : public ShaderTest {
     matrix.bytes.assign((used + behind + 3) / 4 * 4, 0xFF);
     const std::vector<float> weights = randomFloats(n + k, size_t{n} * k);
     for (size_t i = 0; i < weights.size(); ++i) {
-      quant::testing::putHalf(matrix.bytes.data() + i / k * matrix.rowBytes + 2 * (i % k),
-                              static_cast<uint16_t>(std::bit_cast<uint32_t>(weights[i]) >> 16));
+      putHalf(matrix.bytes.data() + i / k * matrix.rowBytes + 2 * (i % k),
+              static_cast<uint16_t>(std::bit_cast<uint32_t>(weights[i]) >> 16));
     }
     return matrix;
   }
@@ -126,9 +129,9 @@ TEST_F(Bf16GemvShader, KeepsInfinitiesAndNaN) {
   Matrix matrix = matrixOf(4, 64);
   const std::vector<float> x(64, 1.0F);
   const std::vector<Expected> finite = expected(matrix, x);
-  quant::testing::putHalf(matrix.bytes.data() + 10, 0x7F80);
-  quant::testing::putHalf(matrix.bytes.data() + matrix.rowBytes + 12, 0xFF80);
-  quant::testing::putHalf(matrix.bytes.data() + 2 * matrix.rowBytes + 126, 0x7FC0);
+  putHalf(matrix.bytes.data() + 10, 0x7F80);
+  putHalf(matrix.bytes.data() + matrix.rowBytes + 12, 0xFF80);
+  putHalf(matrix.bytes.data() + 2 * matrix.rowBytes + 126, 0x7FC0);
   const std::vector<float> y = valuesOf<float>(multiply(matrix, x));
   EXPECT_EQ(y[0], std::numeric_limits<float>::infinity());
   EXPECT_EQ(y[1], -std::numeric_limits<float>::infinity());
@@ -137,4 +140,4 @@ TEST_F(Bf16GemvShader, KeepsInfinitiesAndNaN) {
 }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

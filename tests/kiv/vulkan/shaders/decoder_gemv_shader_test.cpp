@@ -6,7 +6,10 @@
 #include "support/k_matrix.h"
 #include "support/shader_runner.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::EmbeddedShader;
@@ -114,4 +117,4 @@ TEST_P(DecoderGemvTypes, ZeroAndHugeInputs) {
 }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

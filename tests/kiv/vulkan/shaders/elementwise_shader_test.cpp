@@ -3,7 +3,10 @@
 
 #include "float_testing.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::ShaderId;
@@ -190,4 +193,4 @@ TEST_F(ElementwiseShader, SoftcapOfInfinityIsTheCap) {
 }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -9,7 +9,9 @@
 #include "kiv/quant_testing.h"
 #include "support/shader_runner.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
 
 // The relative distance of neighbouring floats: what one unit in the last place is at
 // most, and twice the error of one correctly rounded operation.
@@ -18,10 +20,6 @@ inline constexpr double kUlp = 0x1p-23;
 // Elements behind what a shader may touch.
 inline constexpr size_t kGuard = 3;
 inline constexpr float kUntouched = -12345.0F;
-
-inline std::vector<float> randomFloats(uint32_t seed, size_t n, float low = -1, float high = 1) {
-  return quant::testing::randomFloats(seed, n, low, high);
-}
 
 // `x` with NaN behind it: a shader that reads too far spoils its result.
 inline BufferBytes guarded(std::vector<float> x) {
@@ -59,4 +57,4 @@ inline void expectResults(const BufferBytes& actual, const std::vector<Expected>
 
 inline uint32_t ceilDiv(size_t n, size_t d) { return static_cast<uint32_t>((n + d - 1) / d); }
 
-}  // namespace kiv::test
+}  // namespace zemtest

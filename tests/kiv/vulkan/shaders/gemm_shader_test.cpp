@@ -9,7 +9,10 @@
 
 #include "kiv/vulkan/shaders/quantised_matrix.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::EmbeddedShader;
@@ -145,7 +148,7 @@ TEST_P(GemmShader, NaNStaysInItsTokenAndItsRow) {
   auto matrix = QuantisedMatrix::ofWeights(GetParam().format, kShape.n, kShape.k);
   std::vector<float> x = inputs(kShape);
   const std::vector<Expected> expected = products(matrix, x);
-  quant::testing::putHalf(matrix.row(kRow) + GetParam().format.halves[0], 0x7E00);
+  putHalf(matrix.row(kRow) + GetParam().format.halves[0], 0x7E00);
   x[kToken * kShape.k + 100] = std::numeric_limits<float>::quiet_NaN();
 
   const std::vector<float> y = valuesOf<float>(multiply(matrix, x));
@@ -166,4 +169,4 @@ INSTANTIATE_TEST_SUITE_P(Modules, GemmShader, ::testing::ValuesIn(allGemms()),
                          [](const auto& gemm) { return gemm.param.name; });
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

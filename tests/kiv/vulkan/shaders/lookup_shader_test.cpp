@@ -4,7 +4,10 @@
 #include "kiv/dequant.h"
 #include "kiv/quant_k.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::ShaderId;
@@ -18,10 +21,10 @@ BufferBytes wholeWords(BufferBytes bytes) {
 
 // Blocks with any codes and scales, but a finite block scale.
 BufferBytes randomBlocks(uint32_t seed, size_t blocks) {
-  BufferBytes bytes = quant::testing::randomBytes(seed, blocks * sizeof(quant::Q6KBlock));
+  BufferBytes bytes = randomBytes(seed, blocks * sizeof(quant::Q6KBlock));
   for (size_t at = 208; at < bytes.size(); at += sizeof(quant::Q6KBlock)) {
-    const uint16_t d = quant::testing::finiteHalf(quant::testing::halfAt(&bytes[at]));
-    quant::testing::putHalf(&bytes[at], d);
+    const uint16_t d = finiteHalf(halfAt(&bytes[at]));
+    putHalf(&bytes[at], d);
   }
   return bytes;
 }
@@ -165,4 +168,4 @@ TEST_F(LookupShader, KvStoreWritesOneRowOfEachCache) {
 }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -7,7 +7,10 @@
 #include "kiv/quant_testing.h"
 #include "support/shader_runner.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::ShaderId;
@@ -109,7 +112,7 @@ std::vector<size_t> vectorsOf(const Pattern& pattern, uint32_t group) {
 class ProbeFlatShader : public ShaderTest {
  protected:
   void expectSums(const Pattern& pattern) {
-    std::vector<float> x = quant::testing::randomFloats(pattern.count, 4 * pattern.count, -3, 5);
+    std::vector<float> x = randomFloats(pattern.count, 4 * pattern.count, -3, 5);
     x.resize(x.size() + 4 * 256, kNan);
     const uint32_t groups = pattern.groups.x * pattern.groups.y;
     std::vector<BufferBytes> buffers = {bytesOf(x),
@@ -162,4 +165,4 @@ TEST_F(ProbeFlatShader, NoLinesAndNoVectorsGiveZero) {
 }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

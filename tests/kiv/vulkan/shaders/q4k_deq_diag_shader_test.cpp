@@ -3,7 +3,10 @@
 #include "support/k_matrix.h"
 #include "support/shader_runner.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using quant::kBlock256;
@@ -50,13 +53,13 @@ TEST_F(Q4KDeqDiagShader, ReadsTheFirstBlockOnly) {
 }
 
 TEST_F(Q4KDeqDiagShader, ExpandsTheExtremesOfTheScales) {
-  std::vector<uint8_t> block = quant::testing::randomBytes(7, kBlockBytes);
+  std::vector<uint8_t> block = randomBytes(7, kBlockBytes);
   // Zeros, subnormal and normal ends of half precision.
   constexpr uint16_t kScales[] = {0x0000, 0x8000, 0x0001, 0x83FF, 0x0400, 0x7BFF, 0xFBFF};
   for (const uint16_t d : kScales) {
     for (const uint16_t dmin : kScales) {
-      quant::testing::putHalf(&block[0], d);
-      quant::testing::putHalf(&block[2], dmin);
+      putHalf(&block[0], d);
+      putHalf(&block[2], dmin);
       expectDecoded(block);
     }
   }
@@ -66,11 +69,11 @@ TEST_F(Q4KDeqDiagShader, ExpandsAllOnesAndAllZeros) {
   std::vector<uint8_t> block(kBlockBytes, 0);
   expectDecoded(block);
   block.assign(kBlockBytes, 0xFF);
-  quant::testing::putHalf(&block[0], 0x3C00);
-  quant::testing::putHalf(&block[2], 0x3800);
+  putHalf(&block[0], 0x3C00);
+  putHalf(&block[2], 0x3800);
   expectDecoded(block);  // 15 * 63 - 63 / 2 everywhere
   EXPECT_EQ(expand(block, 0)[255], 913.5F);
 }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

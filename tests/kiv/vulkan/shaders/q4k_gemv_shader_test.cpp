@@ -12,7 +12,10 @@
 #include "support/k_matrix.h"
 #include "support/shader_runner.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::EmbeddedShader;
@@ -293,4 +296,4 @@ INSTANTIATE_TEST_SUITE_P(All, Q4KGemvShader, ::testing::ValuesIn(kVariants), nam
 INSTANTIATE_TEST_SUITE_P(All, Q4KGemvAnyK, ::testing::ValuesIn(variantsOfAnyK()), nameOf);
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -7,7 +7,10 @@
 
 #include "kiv/vulkan/shaders/quantised_matrix.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::ShaderId;
@@ -134,7 +137,7 @@ TEST_P(Q6KGemvShader, NaNStaysInItsRow) {
   auto matrix = QuantisedMatrix::ofWeights(q6kFormat(), 9, 512);
   const std::vector<float> x = inputs(512);
   std::vector<Expected> expected = products(matrix, x);
-  quant::testing::putHalf(matrix.row(5) + 208, 0x7E00);
+  putHalf(matrix.row(5) + 208, 0x7E00);
   const std::vector<float> y = valuesOf<float>(multiply(matrix, x));
   for (uint32_t r = 0; r < matrix.n(); ++r) {
     if (r == 5) {
@@ -151,4 +154,4 @@ INSTANTIATE_TEST_SUITE_P(Modules, Q6KGemvShader, ::testing::Values(kV1, kV2, kNa
 INSTANTIATE_TEST_SUITE_P(Modules, Q6KGemvOfAnyWidth, ::testing::Values(kV1, kV2), nameOf);
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

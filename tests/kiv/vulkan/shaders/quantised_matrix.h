@@ -12,7 +12,9 @@
 #include "kiv/quant_k.h"
 #include "kiv/vulkan/shaders/float_testing.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
 
 struct BlockFormat {
   QuantType type;
@@ -67,7 +69,7 @@ class QuantisedMatrix {
         for (const size_t at : format.halves) {
           const uint32_t exponent = 12 + random() % 4;
           const uint32_t half = (random() & 0x83FFU) | exponent << 10;
-          quant::testing::putHalf(matrix.row(r) + b + at, static_cast<uint16_t>(half));
+          putHalf(matrix.row(r) + b + at, static_cast<uint16_t>(half));
         }
       }
     }
@@ -141,4 +143,4 @@ inline std::vector<Expected> products(const QuantisedMatrix& matrix, const std::
   return expected;
 }
 
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -3,7 +3,10 @@
 
 #include "float_testing.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::ShaderId;
@@ -251,4 +254,4 @@ TEST_F(ArgmaxShader, GivesThePartsFirstIndexWhenAllIsNaN) {
 TEST_F(ArgmaxShader, OfNothingIsNothing) { EXPECT_TRUE(winners({kNaN}, 0, {2}).empty()); }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

@@ -1,7 +1,10 @@
 // The rotary embeddings against plain loops.
 #include "float_testing.h"
 
-namespace kiv::test {
+namespace zemtest {
+
+using namespace kiv;
+
 namespace {
 
 using vulkan::ShaderId;
@@ -171,4 +174,4 @@ TEST_F(RopeShader, AnglesOfThousandsOfTurnsKeepTheirPrecision) {
 }
 
 }  // namespace
-}  // namespace kiv::test
+}  // namespace zemtest

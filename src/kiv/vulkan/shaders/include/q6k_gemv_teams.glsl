@@ -1,8 +1,8 @@
 // y = W x for Q6_K rows, one row a team of kTeam neighbouring invocations. 16 of a team
 // share a block, kTeam / 16 blocks are read at once, and each invocation takes one part
 // of a block (see q6k_block.glsl): eight neighbours read 32 bytes in a row at each of its
-// three places. The four scales of a part are loaded by all who need them, which the
-// caches serve, so that nobody waits before the rows are reduced.
+// three places. Every invocation loads the four scales of its part, from a cache for all but
+// the first, so that none waits for another before the rows are reduced.
 //
 // The including shader sets kLocal = gl_WorkGroupSize.x and kTeam, a power of two from 16
 // to kLocal.

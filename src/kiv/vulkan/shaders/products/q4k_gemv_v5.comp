@@ -4,9 +4,9 @@
 // multiple of 4). y: n floats. n, k, blocksPerCol: see gemv_push.glsl; where k is no
 // multiple of 256, the rest of the last block counts as nothing.
 //
-// Tiles of 40 blocks, so that k up to 10240 takes one. For devices without a cache worth
-// the name, whose memory wants long straight reads; elsewhere a word that is used once
-// gains nothing from the detour, and 46 KiB of shared memory leave room for few
+// Tiles of 40 blocks, so that k up to 10240 takes one. For devices with hardly any
+// cache and memory that is fast only for long straight reads. On other devices shared
+// memory does not help a word that is used once, and 46 KiB of it leave room for few
 // workgroups at a time. Dispatch n workgroups, in one row or a grid.
 #version 450
 #extension GL_GOOGLE_include_directive : require
