@@ -60,15 +60,18 @@ ZEM_INLINE Bounds boundsOf(const float* x, size_t n, float scale) {
       nans[v] |= values != values;  // NOLINT(misc-redundant-expression): true of NaN
     }
   }
+  for (size_t v = 1; v < kVectors; ++v) {
+    largest[0] = largest[v] > largest[0] ? largest[v] : largest[0];
+    smallest[0] = smallest[v] < smallest[0] ? smallest[v] : smallest[0];
+    nans[0] |= nans[v];
+  }
   Bounds bounds;
-  for (size_t v = 0; v < kVectors; ++v) {
-    for (size_t lane = 0; lane < V::kLanes; ++lane) {
-      const float high = largest[v][lane];
-      const float low = smallest[v][lane];
-      bounds.largest = high > bounds.largest ? high : bounds.largest;
-      bounds.smallest = low < bounds.smallest ? low : bounds.smallest;
-      bounds.hasNan |= nans[v][lane] != 0;
-    }
+  for (size_t lane = 0; lane < V::kLanes; ++lane) {
+    const float high = largest[0][lane];
+    const float low = smallest[0][lane];
+    bounds.largest = high > bounds.largest ? high : bounds.largest;
+    bounds.smallest = low < bounds.smallest ? low : bounds.smallest;
+    bounds.hasNan |= nans[0][lane] != 0;
   }
   for (; i < n; ++i) include(bounds, x[i] * scale);
   return bounds;
