@@ -16,7 +16,9 @@ using kiv::Status;
 using kiv::StatusCode;
 
 constexpr size_t kMaxJsonBytes = size_t{1} << 30U;
-constexpr size_t kMaxTextBytes = size_t{1} << 31U;
+constexpr size_t kMaxTextBytes = size_t{1} << 30U;
+// Replacing what is no UTF-8 makes a text three times as long at most, and so does NFC.
+static_assert(3 * kMaxTextBytes <= ByteMerges::kMaxPieceBytes);
 constexpr size_t kBytesAnId = 4;  // of prose, or more
 
 void addFurther(std::span<const AddedToken> further, Vocabulary& vocabulary) {
@@ -49,13 +51,6 @@ std::string joined(std::span<const Segment> segments, std::vector<Stretch>& stre
 
 }  // namespace
 
-class Tokenizer::Impl {
- public:
-  explicit Impl(const Vocabulary& vocabulary) : codec(vocabulary) {}
-
-  Codec codec;
-};
-
 Tokenizer::Tokenizer() = default;
 Tokenizer::~Tokenizer() = default;
 Tokenizer::Tokenizer(Tokenizer&& other) noexcept = default;
@@ -69,7 +64,7 @@ Status Tokenizer::loadJson(std::string_view json, std::span<const AddedToken> fu
     }
     Vocabulary vocabulary = readJsonVocabulary(json);
     addFurther(further, vocabulary);
-    impl_ = std::make_unique<const Impl>(vocabulary);
+    codec_ = std::make_unique<const Codec>(vocabulary);
     return {};
   } catch (const ReadError& error) {
     return {StatusCode::InvalidFormat, std::string("tokenizer.json: ") + error.what()};
@@ -78,7 +73,7 @@ Status Tokenizer::loadJson(std::string_view json, std::span<const AddedToken> fu
 
 Status Tokenizer::loadGguf(std::span<const kiv::GgufValue> values) {
   try {
-    impl_ = std::make_unique<const Impl>(readGgufVocabulary(values));
+    codec_ = std::make_unique<const Codec>(readGgufVocabulary(values));
     return {};
   } catch (const ReadError& error) {
     return {StatusCode::InvalidFormat, std::string("GGUF tokenizer: ") + error.what()};
@@ -91,7 +86,7 @@ Status Tokenizer::encode(std::span<const Segment> segments, std::vector<int32_t>
   size_t bytes = 0;
   for (const Segment& segment : segments) {
     if (segment.text.size() > kMaxTextBytes - bytes) {
-      return {StatusCode::Unsupported, "tokenizer: a text of more than 2 GiB"};
+      return {StatusCode::Unsupported, "tokenizer: a text of more than 1 GiB"};
     }
     bytes += segment.text.size();
   }
@@ -108,7 +103,7 @@ Status Tokenizer::encode(std::span<const Segment> segments, std::vector<int32_t>
     text = owned;
   }
   ids.reserve(text.size() / kBytesAnId);
-  Encoding(impl_->codec, text.size(), ids).encode(text, stretches);
+  Encoding(*codec_, text.size(), ids).encode(text, stretches);
   return {};
 }
 
@@ -129,27 +124,27 @@ std::string Tokenizer::decode(std::span<const int32_t> ids, bool skipSpecial) co
   return text;
 }
 
-size_t Tokenizer::size() const { return valid() ? impl_->codec.tokens.size() : 0; }
+size_t Tokenizer::size() const { return valid() ? codec_->tokens.size() : 0; }
 
 std::string_view Tokenizer::bytesOf(int32_t id) const {
-  return valid() ? impl_->codec.tokens.bytesOf(id) : std::string_view();
+  return valid() ? codec_->tokens.bytesOf(id) : std::string_view();
 }
 
 bool Tokenizer::hasToken(int32_t id) const {
-  return valid() && impl_->codec.tokens.has(id, TokenTable::kPresent);
+  return valid() && codec_->tokens.has(id, TokenTable::kPresent);
 }
 
 bool Tokenizer::isAdded(int32_t id) const {
-  return valid() && impl_->codec.tokens.has(id, TokenTable::kAdded);
+  return valid() && codec_->tokens.has(id, TokenTable::kAdded);
 }
 
 bool Tokenizer::isSpecial(int32_t id) const {
-  return valid() && impl_->codec.tokens.has(id, TokenTable::kSpecial);
+  return valid() && codec_->tokens.has(id, TokenTable::kSpecial);
 }
 
 std::optional<int32_t> Tokenizer::addedToken(std::string_view text) const {
   if (!valid()) return {};
-  for (const AddedTokenSet* set : {&impl_->codec.rawAdded, &impl_->codec.normalizedAdded}) {
+  for (const AddedTokenSet* set : {&codec_->rawAdded, &codec_->normalizedAdded}) {
     if (const int32_t id = set->idOf(text); id >= 0) return id;
   }
   return {};

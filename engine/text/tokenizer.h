@@ -20,6 +20,8 @@ struct GgufValue;
 
 namespace zem::text {
 
+struct Codec;
+
 /// What encode() makes of the texts of added tokens, such as "<|im_start|>".
 enum class AddedTokens : uint8_t {
   Recognised,     ///< each is its token
@@ -72,12 +74,12 @@ class Tokenizer {
   /// unknown tokens are special, user-defined ones are added.
   kiv::Status loadGguf(std::span<const kiv::GgufValue> values);
 
-  bool valid() const { return impl_ != nullptr; }  ///< loaded
+  bool valid() const { return codec_ != nullptr; }  ///< loaded
 
   /// Replaces `ids` by those of the segments' texts in a row. Where they meet,
   /// pieces form as in one text; an added token is found inside a segment and across
   /// segments with the same rule, never across different ones. No token is put in
-  /// front or behind. Fails on more than 2 GiB of text, and unless loaded.
+  /// front or behind. Fails on more than 1 GiB of text, and unless loaded.
   kiv::Status encode(std::span<const Segment> segments, std::vector<int32_t>& ids) const;
   /// The same for one text.
   kiv::Status encode(std::string_view text, AddedTokens added, std::vector<int32_t>& ids) const;
@@ -98,8 +100,7 @@ class Tokenizer {
   std::optional<int32_t> addedToken(std::string_view text) const;
 
  private:
-  class Impl;
-  std::unique_ptr<const Impl> impl_;
+  std::unique_ptr<const Codec> codec_;
 };
 
 /// Decodes ids one by one, as a model writes them. The texts in a row, with the one

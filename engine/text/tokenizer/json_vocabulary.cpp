@@ -121,10 +121,11 @@ class JsonVocabularyReader {
       if (fits || value.is_null()) return;
       throw ReadError("model." + key + ": " + shown(value) + ", needs " + needed);
     };
+    const json kNothing("");
     if (key == "type") require(value == "BPE", "\"BPE\"");
     if (key == "dropout") require(value == 0, "none");
-    if (key == "continuing_subword_prefix") require(value == "", "none");
-    if (key == "end_of_word_suffix") require(value == "", "none");
+    if (key == "continuing_subword_prefix") require(value == kNothing, "none");
+    if (key == "end_of_word_suffix") require(value == kNothing, "none");
     if (key == "byte_fallback") require(value == false, "false: a byte-level vocabulary");
     if (key == "ignore_merges") require(value == false, "false");
   }

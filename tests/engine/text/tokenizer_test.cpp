@@ -226,6 +226,14 @@ TEST(TokenizerTest, NoSegmentsGiveNoIds) {
   EXPECT_THAT(encodedParts({{""}, {"", AddedTokens::AsText}}), IsEmpty());
 }
 
+TEST(TokenizerTest, TextsBeyondAGibibyteAreRefused) {
+  const std::string mebibyte(size_t{1} << 20U, 'a');
+  const std::vector<Segment> segments(1025, {mebibyte});
+  Ids ids;
+  EXPECT_THAT(learnt().tokenizer.encode(segments, ids),
+              IsFailure(kiv::StatusCode::Unsupported, "tokenizer: a text of more than 1 GiB"));
+}
+
 TEST(TokenizerTest, BrokenBytesCountAsReplacementCharacters) {
   EXPECT_EQ(encoded("a\xFFz\xF0\x9F\x98"), encoded("a\xEF\xBF\xBDz\xEF\xBF\xBD"));
   // A character cut by the end of a segment is not healed by the next one.
