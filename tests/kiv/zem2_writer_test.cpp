@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -20,6 +19,7 @@
 #include "tests/support/container_builder.h"
 #include "tests/support/platform.h"
 #include "tests/support/temp_file.h"
+#include "tests/support/whole_file.h"
 
 namespace zemtest {
 
@@ -54,10 +54,7 @@ class Folder {
   TempFile name_;
 };
 
-Bytes readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
+Bytes readFile(const std::string& path) { return zemtest::wholeFile<Bytes>(path); }
 
 void writeText(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 

@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "runtime_qwen35_vulkan/plugin_module.h"
+#include "support/whole_file.h"
 
 namespace {
 
@@ -21,10 +21,7 @@ using testing::UnorderedElementsAre;
 // An ELF file of this machine's own class and byte order.
 class ElfFile {
  public:
-  explicit ElfFile(const char* path) {
-    std::ifstream in(path, std::ios::binary);
-    bytes_.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  explicit ElfFile(const char* path) : bytes_(zemtest::wholeFile(path)) {}
 
   std::vector<std::string> definedDynamicSymbols() const {
     std::vector<std::string> names;

@@ -7,13 +7,13 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "gtest/gtest.h"
 #include "support/container_builder.h"
+#include "support/whole_file.h"
 
 namespace zemtest {
 
@@ -51,10 +51,7 @@ class TempFolder {
     return write(name, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
   }
 
-  std::string read(const std::string& name) const {
-    std::ifstream file(path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  }
+  std::string read(const std::string& name) const { return wholeFile(path(name)); }
 
   // Names in the folder, or in one inside it, sorted.
   std::vector<std::string> names(const std::string& inside = ".") const {

@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -21,6 +19,7 @@
 #include "support/scoped_env.h"
 #include "support/subprocess.h"
 #include "support/temp_file.h"
+#include "support/whole_file.h"
 
 namespace {
 
@@ -36,11 +35,6 @@ using zemtest::TextResult;
 constexpr const char* kPrompt = "Hello there";
 constexpr const char* kNoGpu = "ZEM_NO_VULKAN";
 
-Bytes readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 // The demo model whose matrices have this type; made once.
 const ModelFile& demoModel(const std::string& type) {
   static std::map<std::string, std::unique_ptr<ModelFile>> models;
@@ -50,7 +44,7 @@ const ModelFile& demoModel(const std::string& type) {
     const auto made = zemtest::runProcess(
         {ZEM_TEST_BIN "/zem", "make-demo", file.string(), "--type", type}, {}, {});
     EXPECT_EQ(made.status, 0) << made.err;
-    model = std::make_unique<ModelFile>(readFile(file.string()));
+    model = std::make_unique<ModelFile>(zemtest::wholeFile<Bytes>(file.string()));
   }
   return *model;
 }
