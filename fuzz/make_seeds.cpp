@@ -250,37 +250,79 @@ void sessions(const Corpus& corpus) {
   corpus.add("late", change({{1000, 1}, {5000, 2}}, "xyx"));
 }
 
-// As text_tokenizer_fuzz.cpp takes them apart: files, and vocabularies made of rules.
-void textTokenizers(const Corpus& corpus) {
-  const auto file = [](const std::string& source, const std::string& text) {
-    Bytes out = {0};
-    putText(out, source + "\xFF" + text);
-    return out;
-  };
-  zem::text::test::ByteVocabulary vocabulary;
-  vocabulary.merge("a", "b");
-  vocabulary.merge(" ", "ab");
-  vocabulary.add("<|im_end|>", true);
-  vocabulary.add("<think>", false, true);
-  corpus.add("file", file(vocabulary.text(), "ab ab<|im_end|><think>e\xCC\x81"));
-  vocabulary.root()["normalizer"] = nullptr;
-  vocabulary.root()["model"]["merges"] = {"a b", "Ġ ab"};
-  corpus.add("escapes", file(vocabulary.root().dump(1, ' ', true), " ab\r\n"));
-  corpus.add("no_file", file("{\"model\":{\"vocab\":{\"\\u0041\":0},\"merges\":[]}}", "A"));
-
-  Bytes rules = {1, 3};
-  for (const int side : {0x61, 0x62, 0xCC, 0x81, 256, 257}) {
-    putU16(rules, static_cast<uint16_t>(side));
-  }
-  rules.push_back(1);
-  putText(rules, "\x01x\x01");  // one byte, the token <x>, special
-  for (const char flags : {'\0', '\1', '\2', '\4'}) {
-    Bytes out = rules;
-    out.push_back(static_cast<uint8_t>(flags));
-    putText(out, "ab\xCC\x81 it's <x>12  \r\n<x>\xE1\x84\x80\xE1\x85\xA1\xFF.");
-    corpus.add(("rules_" + std::to_string(static_cast<int>(flags))).c_str(), out);
-  }
+void replies(const Corpus& corpus) {
+  const std::string call =
+      "<tool_call>\n<function=f>\n<parameter=s>\na\n b\n</parameter>\n<parameter=n>\n[1, True]\n"
+      "</parameter>\n</function>\n</tool_call>";
+  corpus.add("content", std::string(2, '\2') + "Hello <b>you</b>\n");
+  corpus.add("thinking", "\1\2\nwhy\n</think>\n\nHello\n\n" + call + "\n" + call);
+  corpus.add("call_in_thinking", "\5\1so\n" + call + "\n</think>\nend");
+  corpus.add("broken",
+             "\4\6<tool_call>\n{}</tool_call><tool_call><function=f><parameter=z>None</function>\n"
+             "</tool_call><tool_call><function=g>x<parameter=n>1");
+  corpus.add("no_calls", "\3\7a<think>b</think>" + call);
 }
+
+void chatRequests(const Corpus& corpus) {
+  corpus.add("question", R"({"messages":[{"role":"user","content":"Hi"}]})");
+  corpus.add("tools",
+             R"({"messages":[{"role":"system","content":"S"},{"role":"user","content":[{"text":"a"},
+{"image":1},{"type":"video"}]},{"role":"assistant","content":"<think>r</think>b","tool_calls":[{"function":
+{"name":"f","arguments":"{\"a\": 1.0, \"b\": [true]}"}},{"name":"g","arguments":{"c":null}}]},
+{"role":"tool","content":"1"},{"role":"tool","content":null},{"role":"developer","content":"d"},
+{"role":"user","content":"<tool_response></tool_response>"}],"tools":[{"name":"f"}],"merge_system":true,
+"enable_thinking":false,"omit_empty_thinking":true,"chat_template":"qwen3.8","preserve_thinking":false})");
+  corpus.add("refused",
+             R"({"messages":[{"role":"assistant","reasoning_content":"x"},{"role":"bot"}]})");
+}
+
+void schemas(const Corpus& corpus) {
+  corpus.add("any", "true\xFF{\"a\": [1, {}, \"x\\u00e4\"]}");
+  corpus.add("object",
+             R"({"type":"object","properties":{"a":{"type":"integer","minimum":-3,"maximum":40},
+"b":{"type":"string","pattern":"^[a-f]{2,4}$"},"c":{"enum":["x","xy",1,null,{"d":[]}]}},"required":["a"],
+"additionalProperties":false})"
+             "\xFF{\"b\":\"abc\",\"a\":12,\"c\":\"xy\"}");
+  corpus.add("tree",
+             R"({"$ref":"#/$defs/t","$defs":{"t":{"anyOf":[{"type":"null"},{"type":"array","items":
+{"$ref":"#/$defs/t"},"minItems":1,"maxItems":3}]}}})"
+             "\xFF[[null],[[null]]]");
+  corpus.add("arguments",
+             R"({"properties":{"s":{"type":"string","minLength":1},"n":{"exclusiveMinimum":0.5,
+"type":"number"},"e":{"enum":["a","","ab"]},"z":{"type":["string","null"]}},"required":["s"]})"
+             "\xFF<tool_call>\n<function=f>\n<parameter=s>\nx\n</parameter>\n</function>");
+
+  // As text_tokenizer_fuzz.cpp takes them apart: files, and vocabularies made of rules.
+  void textTokenizers(const Corpus& corpus) {
+    const auto file = [](const std::string& source, const std::string& text) {
+      Bytes out = {0};
+      putText(out, source + "\xFF" + text);
+      return out;
+    };
+    zem::text::test::ByteVocabulary vocabulary;
+    vocabulary.merge("a", "b");
+    vocabulary.merge(" ", "ab");
+    vocabulary.add("<|im_end|>", true);
+    vocabulary.add("<think>", false, true);
+    corpus.add("file", file(vocabulary.text(), "ab ab<|im_end|><think>e\xCC\x81"));
+    vocabulary.root()["normalizer"] = nullptr;
+    vocabulary.root()["model"]["merges"] = {"a b", "Ġ ab"};
+    corpus.add("escapes", file(vocabulary.root().dump(1, ' ', true), " ab\r\n"));
+    corpus.add("no_file", file("{\"model\":{\"vocab\":{\"\\u0041\":0},\"merges\":[]}}", "A"));
+
+    Bytes rules = {1, 3};
+    for (const int side : {0x61, 0x62, 0xCC, 0x81, 256, 257}) {
+      putU16(rules, static_cast<uint16_t>(side));
+    }
+    rules.push_back(1);
+    putText(rules, "\x01x\x01");  // one byte, the token <x>, special
+    for (const char flags : {'\0', '\1', '\2', '\4'}) {
+      Bytes out = rules;
+      out.push_back(static_cast<uint8_t>(flags));
+      putText(out, "ab\xCC\x81 it's <x>12  \r\n<x>\xE1\x84\x80\xE1\x85\xA1\xFF.");
+      corpus.add(("rules_" + std::to_string(static_cast<int>(flags))).c_str(), out);
+    }
+  }
 
 }  // namespace
 
@@ -300,6 +342,9 @@ int main(int argc, char** argv) {
   configs({folder, "config"});
   tokenizers({folder, "tokenizer_json"});
   sessions({folder, "session"});
+  replies({folder, "reply_parser"});
+  chatRequests({folder, "chat_request"});
+  schemas({folder, "schema"});
   textTokenizers({folder, "text_tokenizer"});
   return 0;
 }

@@ -1,0 +1,26 @@
+/// \file
+/// Chat requests as lines of JSON, each answered with its prompt: for comparing prompts
+/// with those of another program.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "engine/text/chat_format.h"
+
+namespace zem::text {
+
+/// The prompt of one request as a JSON string, or {"error": "what is wrong"}; one line
+/// without its end. The request is a JSON object:
+///
+/// - `messages`, `tools`: as for readMessages() and readTools();
+/// - `add_generation_prompt` (true unless it says false), `enable_thinking`,
+///   `preserve_thinking`, `add_vision_id`: true, false or null;
+/// - `reasoning_effort`: text or null;
+/// - `merge_system`, `omit_empty_thinking`: the members of RenderOptions;
+/// - `chat_template`: the name of a ChatFormat, in place of `format`.
+///
+/// Other members are ignored. Never fails otherwise; pure, any thread.
+std::string renderRequest(std::string_view line, const ChatFormat& format);
+
+}  // namespace zem::text
