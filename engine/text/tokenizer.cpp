@@ -38,13 +38,13 @@ void addFurther(std::span<const AddedToken> further, Vocabulary& vocabulary) {
   }
 }
 
-// As texts are taken: well-formed. The parts of the result are the segments.
-std::string joined(std::span<const Segment> segments, std::vector<Stretch>& stretches) {
+// As texts are taken: well-formed. The parts of the result are the parts.
+std::string joined(std::span<const TextPart> parts, std::vector<Stretch>& stretches) {
   std::string text;
-  for (const Segment& segment : segments) {
+  for (const TextPart& part : parts) {
     const size_t before = text.size();
-    appendWellFormed(segment.text, text);
-    stretches.push_back({text.size() - before, segment.added});
+    appendWellFormed(part.text, text);
+    stretches.push_back({text.size() - before, part.added});
   }
   return text;
 }
@@ -80,26 +80,25 @@ Status Tokenizer::loadGguf(std::span<const kiv::GgufValue> values) {
   }
 }
 
-Status Tokenizer::encode(std::span<const Segment> segments, std::vector<int32_t>& ids) const {
+Status Tokenizer::encode(std::span<const TextPart> parts, std::vector<int32_t>& ids) const {
   ids.clear();
   if (!valid()) return {StatusCode::InvalidFormat, "tokenizer: not loaded"};
   size_t bytes = 0;
-  for (const Segment& segment : segments) {
-    if (segment.text.size() > kMaxTextBytes - bytes) {
+  for (const TextPart& part : parts) {
+    if (part.text.size() > kMaxTextBytes - bytes) {
       return {StatusCode::Unsupported, "tokenizer: a text of more than 1 GiB"};
     }
-    bytes += segment.text.size();
+    bytes += part.text.size();
   }
-  const bool asItIs =
-      segments.size() == 1 && wellFormedLength(segments[0].text) == segments[0].text.size();
+  const bool asItIs = parts.size() == 1 && wellFormedLength(parts[0].text) == parts[0].text.size();
   std::vector<Stretch> stretches;
   std::string owned;
   std::string_view text;
   if (asItIs) {
-    text = segments[0].text;
-    stretches.push_back({text.size(), segments[0].added});
+    text = parts[0].text;
+    stretches.push_back({text.size(), parts[0].added});
   } else {
-    owned = joined(segments, stretches);
+    owned = joined(parts, stretches);
     text = owned;
   }
   ids.reserve(text.size() / kBytesAnId);
@@ -109,8 +108,8 @@ Status Tokenizer::encode(std::span<const Segment> segments, std::vector<int32_t>
 
 Status Tokenizer::encode(std::string_view text, AddedTokens added,
                          std::vector<int32_t>& ids) const {
-  const Segment segment{text, added};
-  return encode(std::span(&segment, 1), ids);
+  const TextPart part{text, added};
+  return encode(std::span(&part, 1), ids);
 }
 
 std::string Tokenizer::decode(std::span<const int32_t> ids, bool skipSpecial) const {

@@ -30,7 +30,7 @@ enum class AddedTokens : uint8_t {
 };
 
 /// A part of a text. It holds whole characters.
-struct Segment {
+struct TextPart {
   std::string_view text;                        ///< UTF-8
   AddedTokens added = AddedTokens::Recognised;  ///< in this part
 };
@@ -76,11 +76,11 @@ class Tokenizer {
 
   bool valid() const { return codec_ != nullptr; }  ///< loaded
 
-  /// Replaces `ids` by those of the segments' texts in a row. Where they meet,
-  /// pieces form as in one text; an added token is found inside a segment and across
-  /// segments with the same rule, never across different ones. No token is put in
+  /// Replaces `ids` by those of the parts' texts in a row. Where they meet,
+  /// pieces form as in one text; an added token is found inside a part and across
+  /// parts with the same rule, never across different ones. No token is put in
   /// front or behind. Fails on more than 1 GiB of text, and unless loaded.
-  kiv::Status encode(std::span<const Segment> segments, std::vector<int32_t>& ids) const;
+  kiv::Status encode(std::span<const TextPart> parts, std::vector<int32_t>& ids) const;
   /// The same for one text.
   kiv::Status encode(std::string_view text, AddedTokens added, std::vector<int32_t>& ids) const;
 

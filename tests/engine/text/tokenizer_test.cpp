@@ -89,9 +89,9 @@ Ids encoded(const std::string& text, AddedTokens added = AddedTokens::Recognised
   return ids;
 }
 
-Ids encodedParts(const std::vector<Segment>& segments) {
+Ids encodedParts(const std::vector<TextPart>& parts) {
   Ids ids;
-  EXPECT_THAT(learnt().tokenizer.encode(segments, ids), IsOk());
+  EXPECT_THAT(learnt().tokenizer.encode(parts, ids), IsOk());
   return ids;
 }
 
@@ -197,27 +197,27 @@ TEST(TokenizerTest, SpecialTokensAloneCanBePlainText) {
 TEST(TokenizerTest, SegmentsReadAsOneText) {
   const std::vector<std::string> texts = {
       "<|im_start|>user\n", "\n\n  What's \xE8\xAA", "", "e", "\xCC\x81t", "<|im_", "end|>\n"};
-  std::vector<Segment> segments;
+  std::vector<TextPart> parts;
   std::string joined;
   for (const std::string& text :
        {texts[0], std::string("\n\n  What's "), texts[2], texts[3], texts[4], texts[5], texts[6]}) {
     joined += text;
   }
   const std::string middle = "\n\n  What's ";
-  segments = {{texts[0]}, {middle}, {texts[2]}, {texts[3]}, {texts[4]}, {texts[5]}, {texts[6]}};
-  EXPECT_EQ(encodedParts(segments), encoded(joined));
+  parts = {{texts[0]}, {middle}, {texts[2]}, {texts[3]}, {texts[4]}, {texts[5]}, {texts[6]}};
+  EXPECT_EQ(encodedParts(parts), encoded(joined));
 }
 
 TEST(TokenizerTest, PiecesFormAcrossSegmentsOfDifferentKinds) {
-  const std::vector<Segment> segments = {
+  const std::vector<TextPart> parts = {
       {"<|im_start|>user\n"}, {"\n\nHel", AddedTokens::AsText}, {"lo<|im_end|>\n"}};
-  EXPECT_EQ(encodedParts(segments), encoded("<|im_start|>user\n\n\nHello<|im_end|>\n"));
+  EXPECT_EQ(encodedParts(parts), encoded("<|im_start|>user\n\n\nHello<|im_end|>\n"));
 }
 
 TEST(TokenizerTest, AddedTokensAreNotFoundAcrossSegmentsOfDifferentKinds) {
-  const std::vector<Segment> segments = {{"<|im_"}, {"end|>", AddedTokens::AsText}};
-  EXPECT_EQ(encodedParts(segments), encoded("<|im_end|>", AddedTokens::AsText));
-  const std::vector<Segment> alike = {{"<|im_"}, {"end|>"}};
+  const std::vector<TextPart> parts = {{"<|im_"}, {"end|>", AddedTokens::AsText}};
+  EXPECT_EQ(encodedParts(parts), encoded("<|im_end|>", AddedTokens::AsText));
+  const std::vector<TextPart> alike = {{"<|im_"}, {"end|>"}};
   EXPECT_THAT(encodedParts(alike), ElementsAre(learnt().end));
 }
 
@@ -228,15 +228,15 @@ TEST(TokenizerTest, NoSegmentsGiveNoIds) {
 
 TEST(TokenizerTest, TextsBeyondAGibibyteAreRefused) {
   const std::string mebibyte(size_t{1} << 20U, 'a');
-  const std::vector<Segment> segments(1025, {mebibyte});
+  const std::vector<TextPart> parts(1025, {mebibyte});
   Ids ids;
-  EXPECT_THAT(learnt().tokenizer.encode(segments, ids),
+  EXPECT_THAT(learnt().tokenizer.encode(parts, ids),
               IsFailure(kiv::StatusCode::Unsupported, "tokenizer: a text of more than 1 GiB"));
 }
 
 TEST(TokenizerTest, BrokenBytesCountAsReplacementCharacters) {
   EXPECT_EQ(encoded("a\xFFz\xF0\x9F\x98"), encoded("a\xEF\xBF\xBDz\xEF\xBF\xBD"));
-  // A character cut by the end of a segment is not healed by the next one.
+  // A character cut by the end of a part is not healed by the next one.
   EXPECT_EQ(encodedParts({{"\xC3"}, {"\xA4"}}), encoded("\xEF\xBF\xBD\xEF\xBF\xBD"));
 }
 
@@ -249,9 +249,9 @@ TEST(TokenizerTest, NormalisedAddedTokensAreFoundInNormalisedText) {
   Ids ids;
   ASSERT_THAT(tokenizer.encode("<x>cafe\xCC\x81<x>", AddedTokens::Recognised, ids), IsOk());
   EXPECT_THAT(ids, ElementsAre(raw, id, raw));
-  const std::vector<Segment> segments = {
+  const std::vector<TextPart> parts = {
       {"e\xCC\x81"}, {"cafe\xCC\x81", AddedTokens::AsText}, {"caf\xC3\xA9"}};
-  ASSERT_THAT(tokenizer.encode(segments, ids), IsOk());
+  ASSERT_THAT(tokenizer.encode(parts, ids), IsOk());
   EXPECT_THAT(ids, ElementsAre(0xC3, 0xA9, 'c', 'a', 'f', 0xC3, 0xA9, id));
 }
 
