@@ -38,7 +38,7 @@ void addFurther(std::span<const AddedToken> further, Vocabulary& vocabulary) {
   }
 }
 
-// As texts are taken: well-formed. The parts of the result are the parts.
+// The texts in a row, well-formed as they are taken, with the length of each in `stretches`.
 std::string joined(std::span<const TextPart> parts, std::vector<Stretch>& stretches) {
   std::string text;
   for (const TextPart& part : parts) {
