@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texts that every machine with the project's sources has, for vocabularies and for
 // what they encode.
 #pragma once

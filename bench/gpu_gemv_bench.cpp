@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How fast the decoder's matrix-vector products run on a Vulkan device, beside a
 // plain copy of the device's memory in the same run.
 //

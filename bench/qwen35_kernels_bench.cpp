@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The CPU decoder's matrix-vector products beside the plain loops that define
 // them. Items are weights.
 //

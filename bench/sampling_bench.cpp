@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How long the choice of a token takes over a vocabulary of 248,320:
 //
 //   sampling_bench [--benchmark_filter=...] [--benchmark_repetitions=9]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How fast the exact tokenizer loads, encodes and decodes, with a vocabulary of a large
 // model's size:
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How fast text becomes tokens, with a vocabulary of a large model's size:
 //
 //   tokenizer_bench [--benchmark_filter=...] [--benchmark_repetitions=9]

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # One interface target that every target of the project links: warnings, the
 # floating-point rules that keep results identical everywhere, sanitizers.
 add_library(zem_compile_options INTERFACE)

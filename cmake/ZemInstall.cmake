@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` puts where. The component Runtime has the program, the modules and
 # the documents, the component Development what other programs are built with.
 include(CMakePackageConfigHelpers)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What differs between systems, behind common headers: each source of src/compat
 # that ends in _posix or _windows has a twin with the same functions.
 #

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cpack` makes of an installation: packages for Debian, or an archive of what a
 # Windows machine needs to run models.
 set(CPACK_PACKAGE_NAME zem)

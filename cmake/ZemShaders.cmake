@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Compute shaders, compiled when the project is built and embedded as words.
 
 find_program(GLSLC glslc REQUIRED)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Clang, for the sanitizers and the fuzzers: the newest of those that are installed.
 set(versions 22 21 20 19 18 17 16 15 14)
 list(TRANSFORM versions PREPEND clang- OUTPUT_VARIABLE c_names)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Windows programs from Debian: mingw-w64 with POSIX threads, run under Wine.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)

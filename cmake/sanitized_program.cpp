@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Part of every sanitized program.
 
 // Libraries stay where they are when they are closed. The Vulkan loader closes its

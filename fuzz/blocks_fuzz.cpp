@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Blocks of any bytes, and floats of any bits. Decoding part of a row gives the same
 // bits as decoding all of it; encoding finite weights and decoding them again stays
 // within the step of their block.

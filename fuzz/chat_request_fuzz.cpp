@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any text as a chat request: a prompt in every format, or an error. The segments of a
 // prompt are the prompt, and those that may hold control tokens are the template's.
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any text as config.json, and as generation_config.json: facts or a Failure.
 #include <cmath>
 #include <string>

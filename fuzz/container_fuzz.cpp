@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as a container: whatever opens can be looked at through every accessor.
 // A checksum that does not fit is mended, for the checks behind it.
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texts and vocabularies of any bytes: ids and texts are those that the plain rules
 // give, one step at a time.
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the fuzzers share. A fuzzer is a source with one function,
 // LLVMFuzzerTestOneInput, which takes bytes from a stranger and calls fail() when
 // something that must hold does not.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as a GGUF file: the reader with every conversion of its values, then the
 // model with its tokenizer and everything that a conversion plans.
 #include <string>

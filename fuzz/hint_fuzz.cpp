@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The option text of create() and the text of a layer plan: what is understood stays
 // within its limits, and a plan assigns the layers that a plain reading does.
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes the seeds under fuzz/corpus: small inputs that reach far into each fuzzer's
 // subject.
 //   make_seeds FOLDER

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A source of weights as a conversion would take it, up to the first byte written.
 #pragma once
 

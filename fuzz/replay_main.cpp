@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // In place of libFuzzer: runs a fuzzer on each file that is named, and on all files
 // of each folder.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any text as a reply. Two bytes choose how it begins and how it is cut; the events are
 // the same however that is, and every call has valid JSON.
 #include "engine/text/reply_parser.h"

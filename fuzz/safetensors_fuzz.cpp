@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as the weights of a checkpoint whose other files are sound: the table
 // alone, then the folder with everything that a conversion plans.
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole session on a container with changed fields, through the plug-in's tables:
 // open, a turn, reset, a completion, close. An input is a list of changes to a small
 // sound model: which field, and what it becomes. The checksum is mended.

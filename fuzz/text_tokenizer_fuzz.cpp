@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exact tokenizer. A first byte 0: any text as tokenizer.json, and behind a byte FF,
 // which no text has, a text to encode. Another first byte: a vocabulary made of what
 // follows, which loads and encodes as it is defined, one step at a time.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any text as tokenizer.json; behind a byte FF, which no text has, tokenizer_config.json,
 // and behind another one chat_template.json. What is read makes a tokenizer that works.
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any bytes as the tokenizer section of a container. What can be read is written
 // again in the same bytes, and makes a tokenizer that works.
 #include <algorithm>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Pages of the public headers, in build/apidocs/index.html. Fails on anything public
 # without a comment, and on any comment that doxygen does not understand.
 set -euo pipefail

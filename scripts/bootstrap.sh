@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building, testing and checking need. Safe to
 # repeat: does nothing when everything is there.
 #   scripts/bootstrap.sh            for Linux

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Layout (clang-format) of every source, which folder includes which, lint (clang-tidy) of the
 # sources that changed, and the comments of the public headers (doxygen). Needs a configured
 # release build.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Holds every include of the project against the arrows in docs/architecture.md.
 
   scripts/check_includes.py          names each include that no arrow allows

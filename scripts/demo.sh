@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # From a fresh checkout to a reply: installs what is missing, builds, makes a
 # small model with random weights, and talks to it. Random weights make random
 # words; the point is that everything runs.

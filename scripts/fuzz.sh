@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the fuzzers with clang and runs each on its corpus.
 #   scripts/fuzz.sh [MINUTES] [TARGET...]   a minute each (0.5 is possible), all targets
 # New inputs stay in build/fuzz/found/TARGET for the next run. What made a target crash,

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # 2,000 sessions one after the other, and a conversation of 8,192 positions, with what
 # they took and what memory they held.
 #   scripts/long_runs.sh [CYCLES [POSITIONS]]

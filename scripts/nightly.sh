@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # What takes too long for every change: all mutations, all failing requests for memory, the
 # tests on a Vulkan device under the sanitizers, the thread sanitizer, every test under Wine,
 # the lint of every file, the fuzzers, long runs, and a fresh Debian.

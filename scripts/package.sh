@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds a package and says where it lies.
 #   scripts/package.sh            a .deb for Debian 12 and what descends from it
 #   scripts/package.sh windows    a .zip with what a Windows machine needs

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sourced by scripts that have several steps: each says how long it took.
 #   step NAME COMMAND ...   runs it, and ends the script when it fails
 #   steps_table             the seconds of every step so far

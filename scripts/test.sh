@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs what is missing, builds and runs the tests of every day.
 #   scripts/test.sh [PRESET]      release (the default), debug, sanitize, tsan or windows
 # sanitize: all but the tests on a Vulkan device; with the fuzzers' kept inputs.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes engine/text/unicode/tables.cpp: the character classes of Unicode 16.0 and the
 // normalisation data of Unicode 9.0.
 //
@@ -115,7 +116,8 @@ function table(type, name, items) {
 }
 const hex = (number) => `0x${number.toString(16).toUpperCase()}`;
 
-lines.push(`// Made by scripts/unicode_tables.mjs from data files of the Unicode Character Database,
+lines.push(`// SPDX-License-Identifier: Apache-2.0 AND Unicode-3.0
+// Made by scripts/unicode_tables.mjs from data files of the Unicode Character Database,
 // (c) 1991-2024 Unicode, Inc., under the licence in engine/text/unicode/LICENSE.
 // clang-format off
 #include "engine/text/unicode/tables.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes what the tests of engine/text/unicode hold the generated tables against, into
 // FOLDER (tests/data/unicode):
 //

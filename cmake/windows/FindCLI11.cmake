@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 include(ZemHostHeaders)
 zem_host_header(CLI)
 if(NOT TARGET CLI11::CLI11)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Debian's sources of GoogleTest, built for the target.
 set(source /usr/src/googletest)
 if(NOT EXISTS ${source}/CMakeLists.txt)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 include(ZemHostHeaders)
 zem_host_header(nlohmann)
 if(NOT TARGET nlohmann_json::nlohmann_json)

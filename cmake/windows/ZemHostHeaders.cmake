@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Header-only packages of the building system, for a cross build: each is linked
 # to from a folder of the build tree, since /usr/include as a whole must not come
 # into the search path of a compiler for another system.

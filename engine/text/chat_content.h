@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// A message's content as one text, in which the places of images and videos are known.
 #pragma once

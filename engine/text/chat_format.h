@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The revisions of the model family's chat template, as flags of one renderer.
 #pragma once

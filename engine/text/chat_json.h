@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// JSON of chat requests: read within limits, key order kept.
 #pragma once

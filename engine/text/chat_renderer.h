@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The prompt of a conversation, as the model family's chat template makes it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Replies that must have a form: JSON, JSON of a schema, tool calls.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// What a constrained reply may be, compiled: rules that refer to each other.
 #pragma once

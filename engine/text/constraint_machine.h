@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Which bytes may follow, by the rules of a grammar: a stack of rules that are begun.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Numbers within bounds, digit by digit: could what was written so far become one?
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Regular expressions of schemas as automata over the bytes of UTF-8.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// JSON schemas as rules of a grammar.
 #pragma once

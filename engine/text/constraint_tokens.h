@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The texts of a vocabulary in an order that lets common beginnings be read once.
 #pragma once

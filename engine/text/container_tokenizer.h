@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The tokenizer that a container carries from its source.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// A text and its ids in the model family's own vocabulary, as its publisher's library
 /// tests them: for a check of a converted model on the machine of its user.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// What Python makes of text and of JSON: the chat templates of the model family are
 /// run by Python, so prompts have its spelling.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Chat requests as lines of JSON, each answered with its prompt: for comparing prompts
 /// with those of another program.

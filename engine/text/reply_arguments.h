@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Arguments of tool calls: replies hold them as text, programs want them as JSON.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// A reply of the model, taken apart while it comes: reasoning, content, tool calls.
 #pragma once

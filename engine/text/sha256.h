@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// SHA-256 (FIPS 180-4), by which a chat template is recognised.
 #pragma once

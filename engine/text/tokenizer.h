@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Text to the ids that a model was trained with, and back: the tokenizer that its
 /// publisher describes, in every detail.

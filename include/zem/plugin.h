@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** \file
  * The boundary between a host application and a runtime plug-in.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Whether the forward pass may read a bound model's weights.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Which instruction set the decoder's kernels and the choice of tokens use.
 #pragma once

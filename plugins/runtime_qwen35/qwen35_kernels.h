@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Arithmetic of the decoder over plain float arrays.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The Qwen3.5 hybrid decoder on the CPU: weights bound by name, recurrent state
 /// and key/value cache, and the forward pass of one token.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Floats that are zero from the start without touching their memory. The key/value
 /// caches hold 8192 positions (512 MB in all), and most of that is never used. The

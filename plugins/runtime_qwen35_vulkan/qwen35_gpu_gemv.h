@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Matrix-vector products of the decoder on the GPU. Every product may be
 /// declined, whatever the reason; the CPU then computes it.

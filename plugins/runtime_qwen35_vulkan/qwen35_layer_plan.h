@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Which decoder layers compute on the GPU, from the text of a plan.
 #pragma once

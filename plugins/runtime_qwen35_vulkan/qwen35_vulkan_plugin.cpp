@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exports, the tables behind them and the probe.
 #include <string>
 #include <string_view>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Loading shared libraries in POSIX words. On Windows these four are the
  * project's own, over Win32; elsewhere they are the system's. C and C++. */
 #ifndef ZEM_COMPAT_DLFCN_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Environment variables of this process, as its libraries see them too. Values are UTF-8 on
 // every system.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files by name. Names are UTF-8 on every system, as arguments and as results. The narrow
 // names of Windows depend on its settings and are never used.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fmaf() with one rounding. The function of mingw-w64's C library rounds more than once when
 // it does not use the processor's instruction. The decoder's results must be the same bits on
 // every processor and system.

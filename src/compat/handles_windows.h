@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Handles of files. Only sources for Windows include it.
 #pragma once
 

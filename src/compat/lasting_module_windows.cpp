@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps the module that this source is part of mapped once it is loaded. Threads that the
 // module started may still sleep in its code when its host closes it.
 #include <windows.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mapping files in POSIX words: fstat, close, mmap, munmap, madvise. Code that maps files
 // includes this header in place of the system's own. compat/files.h opens files.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands in front of a function that a module exports.
 #pragma once
 

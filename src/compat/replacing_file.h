@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A file that appears under its name only when it is whole.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text in the encoding of Windows. Only sources for Windows include it.
 #pragma once
 

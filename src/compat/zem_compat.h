@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Three small calls that systems spell differently. C and C++. */
 #ifndef ZEM_COMPAT_ZEM_COMPAT_H
 #define ZEM_COMPAT_ZEM_COMPAT_H

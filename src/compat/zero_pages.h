@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Large blocks of zeros that nothing has to write: the system supplies zero pages on first
 // touch.
 #pragma once

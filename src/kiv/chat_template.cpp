@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kiv/chat_template.h"
 
 #include <string_view>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Chat messages as prompts with turn markers.
 #pragma once

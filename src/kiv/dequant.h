@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Stored blocks back to floats, in single precision and in a fixed order of
 /// operations: every caller and every faster version gets the same bits.

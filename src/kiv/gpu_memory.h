@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// One large block of device memory, handed out in aligned ranges, so that all
 /// weights of a model share a single allocation.

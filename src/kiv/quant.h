@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Element encodings of stored weights: names, sizes, half precision, and the
 /// 32-element block formats. The 256-element formats are in quant_k.h, the way

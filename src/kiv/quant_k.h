@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The 256-element block formats ("K" types): records, sizes and encoders. The
 /// byte layouts are a file format, read by the CPU decoder and by the shaders.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The choice of the next token, with penalties for what was said before.
 #pragma once

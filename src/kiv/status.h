@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The result of an operation that can fail for reasons outside the program:
 /// a file's contents, the disk, a driver. Includes nothing of the project, so every

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// How the rest of the library sees one weight tensor of an open container.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Text to vocabulary ids and back: special tokens, pre-tokenisation, byte-pair
 /// merges.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The container file as it lies on disk (".zem", version 2): fixed records,
 /// section types and the checksum. docs/container-format.md has the whole format.

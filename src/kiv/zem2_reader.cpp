@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame: the mapping, header, section table and checksum.
 #include "kiv/zem2_reader.h"
 

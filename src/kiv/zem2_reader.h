@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Opens a container file: maps it read-only, checks its frame, and hands out
 /// sections, metadata and tensors that point into the mapping.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Writes a container file in one pass over the weights: tensors are declared
 /// first, then streamed in name order, so that memory stays bounded whatever

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// What the rest of the system opens: a container with its tensors as views,
 /// its tokenizer tables and its summary.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // std::fma of floats must round once, on every system and processor.
 #include <immintrin.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A library for the tests of dlopen().
 #if defined(_WIN32)
 #define EXPORTED __declspec(dllexport)

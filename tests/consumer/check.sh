@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs a build into a folder, moves that, and uses it as other people would: the
 # program, its manual page and completions, a project that finds the libraries with
 # CMake, the same sources with pkg-config, and the plug-in from C.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages into a new, minimal Debian 12 and uses them there. Needs
 # root, debootstrap and Debian's archive; takes some minutes.
 #   tests/consumer/clean_root.sh FOLDER    where scripts/package.sh left the packages

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # What the shells offer after the beginning of a command line.
 #   tests/consumer/completions.sh SHARE      SHARE: share/ of an installation
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the two commands of the README, scripts/demo.sh and scripts/test.sh, on a clone of this
 # repository in a new, minimal Debian 12, and says how long each took. Then the packages of
 # scripts/package.sh are installed, used and removed in another. Needs root, debootstrap and

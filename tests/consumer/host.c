@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* host MODEL TEXT: completes TEXT through the installed plug-in, whose file PLUGIN
  * names when this is compiled. */
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libraries MODEL TEXT: continues TEXT by 96 tokens, the likeliest each, with the
 // installed loader, tokenizer, decoder and sampler: what the plug-in does.
 #include <cstdint>

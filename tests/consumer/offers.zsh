@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Prints what zsh offers after the beginning of a command line, one offer a line.
 #   zsh -f offers.zsh SITE_FUNCTIONS LINE
 # zsh completes on a terminal alone, so a second zsh gets one; there the function

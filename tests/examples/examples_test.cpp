@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs the example programs on a small model.
 #include <fcntl.h>
 #include <gmock/gmock.h>

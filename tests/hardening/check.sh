@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Fails for a program or module that was built without one of the protections of a
 # release, and names it.
 #   tests/hardening/check.sh FILE ...

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Counts the instructions of the kernels and compares them with those recorded
 # in ceilings.txt. Unlike a time, a count is the same on a busy machine.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernels whose instructions are counted. To add one: a function in
 // counted_kernels.cpp that returns it, a line in countedKernels(), and
 // check_ceilings.sh --record.

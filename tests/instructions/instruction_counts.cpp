@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs each counted kernel for callgrind, which writes one dump a kernel under
 // its name. check_ceilings.sh starts this and reads the dumps.
 #include <omp.h>

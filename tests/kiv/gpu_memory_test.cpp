@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pool of device memory on a scripted machine, and its ranges against a
 // plain model of them.
 #include "kiv/gpu_memory.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Weights on the device that this machine has. The validation layer watches: see
 // CMakeLists.txt.
 #include "kiv/gpu_model_loader.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Weights on the device of a scripted machine: what lies where, what is asked
 // of Vulkan, and every call of a load failing once.
 #include "kiv/gpu_model_loader.h"

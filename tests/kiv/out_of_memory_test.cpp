@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library without memory: what needs none, and what is left after a request failed.
 #include <gmock/gmock.h>
 

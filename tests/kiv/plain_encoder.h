@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Encoding as it is defined, one quadratic step at a time.
 #pragma once
 

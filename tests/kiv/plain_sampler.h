@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sampling as it is defined: sort everything, one step after the other. With
 // float it makes every rounding that Sampler makes; with double it is the
 // distribution that those roundings stand for.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kiv/quant_k.h"
 
 #include <gtest/gtest.h>

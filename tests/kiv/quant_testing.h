@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the block formats share: repeatable inputs, outputs with
 // guards, and slow readings of packed fields written apart from the library.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sampler on logits, settings and histories of all kinds: those that no model
 // should give, and random ones compared with the plain definition.
 #include <gtest/gtest.h>

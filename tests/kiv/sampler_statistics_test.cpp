@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frequencies of what is drawn against exact probabilities, by Pearson's chi-square
 // test, feature by feature.
 #include <gtest/gtest.h>

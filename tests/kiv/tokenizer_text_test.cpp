@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole texts with a learnt vocabulary against encoding as it is defined.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What only many repetitions show: memory that grows, replies that change, calls that
 // get slower. ZEM_LONG_CYCLES and ZEM_LONG_POSITIONS say how long they are.
 #include <gtest/gtest.h>

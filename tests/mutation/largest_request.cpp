@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A source of its own: where a compiler sees the bodies of these operators beside
 // their uses, it takes free() for a mistake.
 #include "mutation/largest_request.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the largest allocation of this program asked for.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Twenty thousand containers that differ from a sound one in one field, in two, or in
 // length. Each is opened and asked for a turn. Whatever becomes of it, it becomes so
 // soon, without a large allocation, and without harm to the next one.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The decoder's formulas in double precision, as short as they can be: what the
 // results would be without rounding. F32 weights only.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The decoder against an independent implementation of the model family: the
 // weights come from a formula, are laid out as a container lays them out, and
 // pass through a file, the loader and the decoder. tests/data/README.md has the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests at every instruction set, those that this machine lacks included: they are skipped by
 // name.
 #pragma once

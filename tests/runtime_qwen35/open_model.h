@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A tiny model opened and bound, for tests of the decoder.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attention layers spelled out from their formulas, one token at a time, with a state of their own.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Matrices of random bytes in every encoding, and the plain loop's sums of their rows.
 #pragma once
 

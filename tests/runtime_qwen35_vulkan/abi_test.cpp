@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tables that the built module hands out.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A small host in C: loads the plug-in, asks it about a model, holds a short
  * conversation and leaves. Usage: c_host PLUGIN MODEL
  * Prints one line a step; exits with 0 when every step did what it should. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For tests that mean the CPU: sessions compute there on machines with a Vulkan
 // device too. CTest sets the variable as well; this is for a test program that
 // is started by hand.

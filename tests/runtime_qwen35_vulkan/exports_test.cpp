@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the built module shows to the dynamic linker.
 #include <elf.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the built module shows to Windows, and what it needs of it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Products through the GPU path on the machine's device: what it computes, what
 // it declines, and every call of Vulkan failing once.
 #include "qwen35_gpu_gemv.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The plug-in header alone, as C11: compiling is the test. */
 #include "zem/plugin.h"
 

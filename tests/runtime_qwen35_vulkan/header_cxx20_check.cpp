@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plug-in header alone, as C++20: compiling is the test.
 #include "zem/plugin.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What plan texts mean.
 #include "qwen35_layer_plan.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether the runtime recognises its models.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Containers made in memory, and ways to damage them.
 //
 // Nothing here uses the library's writer, its checksum or its records: offsets

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory that runs out on request: operator new and mmap of the whole test program,
 // which is linked with failing_memory.cpp and -Wl,--wrap=mmap.
 #pragma once

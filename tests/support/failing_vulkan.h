@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes single functions of the machine's own Vulkan fail.
 #pragma once
 

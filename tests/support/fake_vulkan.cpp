@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "support/fake_vulkan.h"
 
 #include <gtest/gtest.h>

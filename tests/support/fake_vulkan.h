@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scripted machine in place of the Vulkan loader: its devices are what a test
 // says they are, any call can be made to fail, every call is counted, and every
 // object is watched from its creation to its end. Copies between buffers move bytes.

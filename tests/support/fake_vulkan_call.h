@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the scripted machine's functions are written: each begins with a FakeCall,
 // through which it reaches the machine and its objects.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of the scripted machine that a context calls.
 #include <algorithm>
 #include <string_view>

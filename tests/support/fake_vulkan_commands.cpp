@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is recorded into the scripted machine's command buffers, and what becomes
 // of it when it is submitted.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of the scripted machine for buffers and device memory.
 #include <gtest/gtest.h>
 

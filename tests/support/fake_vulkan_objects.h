@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the scripted machine remembers of its objects, beyond what all of them
 // have in common.
 #pragma once

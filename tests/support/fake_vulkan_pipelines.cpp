@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of the scripted machine for shader modules, pipelines and
 // descriptor sets.
 #include "support/fake_vulkan_objects.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scripted machine notices wrong use of an object's life, and fails the calls that
 // it is told to fail: without that, tests built on it would pass whatever the code under
 // test does.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "support/golden_checkpoint.h"
 
 #include <cmath>

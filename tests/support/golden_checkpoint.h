@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The weights behind tests/data/qwen35_tiny_a.json, which follow from a formula:
 // as a checkpoint publishes them, and as a container lays them out.
 // tests/data/README.md has the formula.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Matrices of K-quantised rows for tests of products: from the encoders or from
 // random bytes, with the exact product to compare with.
 #pragma once

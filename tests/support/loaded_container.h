@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A loader on a container that exists only for one test.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The main() of every test program. Where ZEM_EXPECTED_SKIPS names a file, a test that
 // skips without being listed there fails the program: a test that silently stops running
 // proves nothing.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests that need a Vulkan device of this machine.
 //
 // Without one they are skipped, and say so. Where a device has to be there, as

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What tests need to know of the system they run on.
 #pragma once
 

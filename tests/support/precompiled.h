@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What nearly every test includes, parsed once a build.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Models as they are published: checkpoint folders with safetensors files, and
 // GGUF files. Made byte by byte, so that a mistake of the reader shows.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What this program is instrumented with, in one name for all compilers.
 #pragma once
 

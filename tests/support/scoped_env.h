@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An environment variable for the length of a scope.
 #pragma once
 

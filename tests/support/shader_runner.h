@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs one compute shader on the device that this machine has: buffers in,
 // workgroups, buffers out.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The smallest container that a session computes with, and where its fields lie.
 #pragma once
 

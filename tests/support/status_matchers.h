@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // GoogleMock matchers for kiv::Status.
 #pragma once
 

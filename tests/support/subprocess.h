@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a program as a user would, through pipes or on a pseudo-terminal.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A file that lives as long as a test needs it.
 #pragma once
 

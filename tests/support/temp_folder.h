@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A folder that goes with everything in it.
 #pragma once
 

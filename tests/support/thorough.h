@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests that take minutes when they try everything try a sample by day.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole model of the supported architecture that is small enough for a test:
 // 32 layers with the fixed heads, a narrow width, random weights.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Vocabularies of any size for tests and benchmarks of the tokenizer.
 #pragma once
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds for Windows and tests what came of it under Wine: the tests of what differs between
 # systems, and the same bits as the build for Linux. With ZEM_ALL=1 every test, and the tool
 # through the tests of the command line. Installs what is missing; scripts/test.sh windows

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the tool of a Windows build under Wine beside that of a build for Linux, and
 # compares what they compute and write, byte for byte: models, tokens, completions and
 # every hidden state (QWEN35_HID_DUMP), for each instruction set that this processor

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem: the command-line host. Each subcommand is a source file of its name.
 #include <exception>
 #include <string>

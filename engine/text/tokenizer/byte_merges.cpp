@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engine/text/tokenizer/byte_merges.h"
 
 #include <algorithm>

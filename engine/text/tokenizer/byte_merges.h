@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte-pair encoding: pieces of text to the ids of a vocabulary.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A vocabulary made ready, and what encodes with it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The metadata of a GGUF file that lies in memory.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Vocabularies from the metadata of GGUF files.
 #include <algorithm>
 #include <utility>

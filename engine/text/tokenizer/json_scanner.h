@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks through a JSON text in place, without building a tree: a vocabulary has
 // half a million texts, nearly all of which can be used where they lie.
 #pragma once

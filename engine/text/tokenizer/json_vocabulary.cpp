@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Vocabularies from tokenizer.json.
 #include <nlohmann/json.hpp>
 #include <optional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What readers of a vocabulary throw.
 #pragma once
 

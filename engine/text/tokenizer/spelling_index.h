@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From the spelling of a token to its id.
 #pragma once
 

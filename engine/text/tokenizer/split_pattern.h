@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cuts a text into the pieces inside which merges may happen, as the regular
 // expression does that a vocabulary was made with.
 #pragma once

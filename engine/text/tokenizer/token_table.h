@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tokens of a vocabulary by id.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A byte-level vocabulary as its source spells it: what tokenizer.json and GGUF files
 // have in common.
 #pragma once

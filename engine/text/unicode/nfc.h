@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Unicode's normalisation form C, with the data of Unicode 9.0: a point assigned
 // later stays as it is and joins with nothing.
 #pragma once

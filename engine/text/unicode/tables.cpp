@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0 AND Unicode-3.0
 // Made by scripts/unicode_tables.mjs from data files of the Unicode Character Database,
 // (c) 1991-2024 Unicode, Inc., under the licence in engine/text/unicode/LICENSE.
 // clang-format off

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Data of the Unicode Character Database, generated: see tables.cpp.
 #pragma once
 

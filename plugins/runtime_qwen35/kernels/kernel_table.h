@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The decoder's fast kernels: one table for each instruction set.
 //
 // Every kernel gives the bits of its plain loop in kernels/reference.h, at every level. Where a

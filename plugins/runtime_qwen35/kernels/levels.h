@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The instruction sets that there are kernels for.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The vectors of a batch as the kernels read them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The decoder's arithmetic as plain loops.
 //
 // These loops define the results and are never replaced: tests hold every faster kernel equal to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plain way through a few blocks of several rows, for the blocks that the vector code leaves
 // to it: those with an infinite or NaN scale.
 #pragma once

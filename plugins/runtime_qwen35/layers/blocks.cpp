@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the two kinds of attention and the feed-forward block share.
 #include "layers/blocks.h"
 

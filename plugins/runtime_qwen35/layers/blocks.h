@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The halves of a block for a run of consecutive tokens: what the one-token steps
 // of qwen35_model.h and the forward passes are made of.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gated feed-forward block, SwiGLU: down(silu(gate(x)) * up(x)).
 #include "layers/blocks.h"
 #include "matmul/team.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Full attention: softmax over all positions, grouped queries, an output gate.
 #include <algorithm>
 #include <stdexcept>

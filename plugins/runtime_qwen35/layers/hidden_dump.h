@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The file that QWEN35_HID_DUMP appends the hidden states of a token to.
 #pragma once
 

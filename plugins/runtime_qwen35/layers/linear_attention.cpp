@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Linear attention: a gated delta net (Yang et al., "Gated Delta Networks", 2024) behind a short
 // convolution.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Softmax attention over the key/value cache.
 //
 // Query heads that share a key/value head go through its cache together, up to kSoftmaxHeads of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the diagnostic environment variables (QWEN35_DBG, ..., docs/troubleshooting.md) print, dump
 // and change. The layers report each stage as they reach it; the trace picks what it wants.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stored matrix, in any supported encoding, times vectors: on the GPU where there is one that
 // takes the product, else on the OpenMP team.
 #pragma once

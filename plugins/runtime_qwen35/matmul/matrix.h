@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stored matrices and vectors, read in place.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How work is shared out among threads.
 #pragma once
 

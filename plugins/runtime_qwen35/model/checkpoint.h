@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Going back to the state of a model before a run of tokens.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tokens through all layers, and the one-token steps of qwen35_model.h.
 #include <algorithm>
 #include <vector>

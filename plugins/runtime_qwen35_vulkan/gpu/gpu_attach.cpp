@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "gpu/gpu_attach.h"
 
 #include "kiv/vulkan/vulkan_context.h"

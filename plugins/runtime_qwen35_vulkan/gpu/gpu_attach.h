@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The last step of opening a session: bringing its products to the GPU.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finding the few candidates that matter without sorting a vocabulary.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every entry does at the boundary to the host.
 #pragma once
 

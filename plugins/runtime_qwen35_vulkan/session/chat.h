@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Chat turns in the ChatML framing of Qwen models, whole or streamed.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The token loop: feeding a prompt, one timed step, sampling until a stop rule.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The option text that a host gives with create().
 #pragma once
 

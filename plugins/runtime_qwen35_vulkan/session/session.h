@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The session behind a ZEMRuntimeHandle: an opened model with its tokenizer,
 // decoder state, sampling settings and conversation.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads little-endian numbers and strings from bytes that may hold anything.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Reads GGUF files: typed metadata and a table of tensors, in place.
 #pragma once

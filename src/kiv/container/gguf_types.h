@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Element encodings of GGUF files, and the way from each to floats. A
 /// safetensors file's F32, F16 and BF16 are the same encodings.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Metadata: typed key/value entries.
 #include <string_view>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tensor index, the quantisation table and raw tensor views.
 #include <algorithm>
 #include <cstring>

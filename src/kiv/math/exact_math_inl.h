@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bodies of the elementary functions for loops that a compiler turns into vectors:
 // no branches, no calls, and the steps of the functions in exact_math.h one by one,
 // so that every lane has their bits.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The Qwen3.5 hybrid architecture: its sizes, the tensors of a container that holds such a
 /// model, and the metadata that states the sizes.

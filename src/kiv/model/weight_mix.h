@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// How the types of a model's matrices are chosen.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Brain floats: the upper half of a float.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the block codecs share: sizes, rounding, and the walk over blocks whose
 // last one may be partial. Internal to the library.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Rows of weights to a container's element types and back.
 #pragma once

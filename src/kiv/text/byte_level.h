@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Byte-level vocabularies: published ones spell the 256 bytes as printable
 /// characters (a space as U+0120, a line feed as U+010A), containers hold the text

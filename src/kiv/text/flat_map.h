@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A map from 64-bit numbers to small values for tables that are filled once and
 // read often.
 #pragma once

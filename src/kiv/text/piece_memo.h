@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the pieces of a text were encoded to, for when they come again.
 #pragma once
 

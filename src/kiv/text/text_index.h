@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds a text in a list of texts.
 #pragma once
 

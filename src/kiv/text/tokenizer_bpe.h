@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte-pair merging of one piece of text.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kiv/text/tokenizer_pieces.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pre-tokenisation: cuts text into the pieces inside which merges may happen.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Search for special tokens in a text.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Which shader carries out which operation of a compute graph.
 #pragma once

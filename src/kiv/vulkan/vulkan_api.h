@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The one place that includes Vulkan. The loader library is opened at run time, so a
 /// machine without it gives an ordinary failure, and the program starts there too.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// One storage buffer with memory of its own, and the copies into, out of and
 /// between such buffers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Everything one GPU user needs of Vulkan: instance, device, one queue, one
 /// command pool, one fence.

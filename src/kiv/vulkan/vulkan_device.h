@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The physical devices of an instance: description, order of selection, compute
 /// queue family.

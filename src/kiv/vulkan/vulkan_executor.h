@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Runs whole operations: makes the kernel of an opcode when it is first needed.
 #pragma once

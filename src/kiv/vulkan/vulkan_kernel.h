@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// A compute shader made ready to run: pipeline, layouts, and a pool of
 /// descriptor sets.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// SPIR-V code as a module of a device.
 #pragma once

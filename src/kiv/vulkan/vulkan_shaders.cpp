@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kiv/vulkan/vulkan_shaders.h"
 
 #include <iterator>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The compute shaders that are compiled into the library. docs/gpu.md says what
 /// each one computes and what its push constants mean.

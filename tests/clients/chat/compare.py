@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Random conversations: the renderer's prompts are those of the template.
 
     compare.py RENDER_LINES [COUNT [SEED]]

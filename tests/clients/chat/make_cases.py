@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes tests/data/chat/cases.jsonl: requests with the prompts that Jinja makes of them.
 
 Needs Debian's python3-jinja2.

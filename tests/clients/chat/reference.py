@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Prompts as the published chat template makes them, run by Jinja.
 
 The template of the revision qwen3.5 is in tests/data/chat. Of the other revisions only

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Answers each line of the standard input, a chat request, with its prompt as a JSON
 // string or with {"error": ...}. For comparing with the template itself.
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Holds the tokenizer against an independent one, npm's @huggingface/tokenizers: a
 // vocabulary learnt here, texts of every script, not one id of difference.
 //

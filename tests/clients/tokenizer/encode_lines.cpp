@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Encodes texts for a comparison: encode_lines TOKENIZER_JSON < LINES
 // A line is a text as a JSON string; for each one a line of ids goes out.
 #include <cstdio>

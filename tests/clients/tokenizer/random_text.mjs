@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texts of every script, with what tokenizers stumble over.
 import unassigned from "@unicode/unicode-9.0.0/General_Category/Unassigned/ranges.mjs";
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A byte-level vocabulary learnt from texts: again and again the most frequent pair of
 // neighbours becomes a token.
 export const kPattern = "(?i:'s|'t|'re|'ve|'m|'ll|'d)|[^\\r\\n\\p{L}\\p{N}]?[\\p{L}\\p{M}]+|\\p{N}|" +

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // tokenizer.json files made for tests.
 #pragma once
 

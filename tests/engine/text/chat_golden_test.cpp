@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prompts against those that Jinja makes of the published template
 // (tests/data/chat/cases.jsonl, see tests/data/README.md).
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engine/text/chat_renderer.h"
 
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engine/text/container_tokenizer.h"
 
 #include <gmock/gmock.h>

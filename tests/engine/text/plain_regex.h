@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The published split expressions as they are written: a small backtracking matcher
 // for just what they use. Slow, and independent of how the library cuts texts.
 #pragma once

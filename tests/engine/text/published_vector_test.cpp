@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What can be known of the vector without the vocabulary that it belongs to.
 #include "engine/text/published_vector.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether a value satisfies a schema, for the keywords that constraints know: written
 // plainly, and apart from them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoding, at once and as a model writes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

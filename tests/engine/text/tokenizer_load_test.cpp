@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is read as a vocabulary, and how the rest is refused.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

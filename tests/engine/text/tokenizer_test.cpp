@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Encoding: against encoding as it is defined, and what only this library promises.
 #include "engine/text/tokenizer.h"
 

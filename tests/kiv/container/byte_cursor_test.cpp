@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kiv/container/byte_cursor.h"
 
 #include <cstring>

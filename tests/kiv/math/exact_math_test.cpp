@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kiv/math/exact_math.h"
 
 #include <gtest/gtest.h>

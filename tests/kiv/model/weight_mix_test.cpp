@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kiv/model/weight_mix.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "kiv/vulkan/shader_reflection.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a shader module shows to its caller.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The interface of every embedded shader: what the host binds and pushes by number
 // must be what the module reads. The modules are taken apart; no device is needed.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes a mistake on purpose: destroys a device while one of its fences is
 // alive. The tests on real devices rely on the validation layer to report such
 // things, and this program shows that it does. Exit code 77: cannot be tried here,

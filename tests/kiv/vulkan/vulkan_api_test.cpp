@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The variable that keeps Vulkan out of the process.
 #include "kiv/vulkan/vulkan_api.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffers and transfers on the device that this machine has. The validation
 // layer watches: see CMakeLists.txt.
 #include "kiv/vulkan/vulkan_buffer.h"

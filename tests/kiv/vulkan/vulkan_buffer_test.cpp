@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffers and transfers on a scripted machine, with every call that can fail
 // failing once.
 #include "kiv/vulkan/vulkan_buffer.h"

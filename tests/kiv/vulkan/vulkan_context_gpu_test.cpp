@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The context on the devices that this machine really has, a software device at
 // least. The validation layer watches: see CMakeLists.txt.
 #include <gtest/gtest.h>

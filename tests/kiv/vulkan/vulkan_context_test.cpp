@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Setting up, using and releasing a context on a scripted machine, with every
 // call that can fail failing once.
 #include "kiv/vulkan/vulkan_context.h"

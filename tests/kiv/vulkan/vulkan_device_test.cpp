@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The description of a device, its queue family, and which device is taken.
 #include "kiv/vulkan/vulkan_device.h"
 

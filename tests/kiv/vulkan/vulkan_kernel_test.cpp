@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kernels on a scripted machine: what is asked of Vulkan, every failure, sets,
 // and what a dispatch hands to the device.
 #include "kiv/vulkan/vulkan_kernel.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The convolution against the plain one, bit for bit, at every level.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A matrix times many tokens against the plain loop over the widened row for each of them, bit for
 // bit, at every level.
 #include <gtest/gtest.h>

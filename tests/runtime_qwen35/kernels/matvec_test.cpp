@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A matrix times a vector against the plain loop over the widened row, bit for bit, at every
 // level.
 #include <gtest/gtest.h>

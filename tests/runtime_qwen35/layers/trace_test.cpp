@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the diagnostic variables print and dump, number by number.
 #include "layers/trace.h"
 

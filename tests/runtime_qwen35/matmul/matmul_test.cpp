@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Products on the team and their way to the GPU.
 #include "matmul/matmul.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Many tokens through the layers at once: the bits, and the state left behind, of
 // one token at a time.
 #include <gmock/gmock.h>

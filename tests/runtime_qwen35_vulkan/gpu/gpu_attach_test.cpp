@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A session's way to the GPU and back from half of it, on the scripted machine.
 #include "gpu/gpu_attach.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sessions with the GPU path on the machine's device: the same text as on the
 // CPU, plans honoured layer by layer, and every way in which attaching can fail.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Choosing without sorting against sorting everything, on every instruction set
 // that this processor has.
 #include "sampling/candidates.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sampling as it is defined: sort everything, walk down the list.
 #pragma once
 

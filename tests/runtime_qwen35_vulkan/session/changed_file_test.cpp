@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A model file that changes while a session has it mapped: docs/security.md.
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversations, whole and streamed.
 #include "session/chat.h"
 

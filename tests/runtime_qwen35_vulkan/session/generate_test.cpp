@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The token loop and the one-shot entries.
 #include "session/generate.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every request for memory in a session's life, made to fail: an error comes back,
 // nothing leaks (the sanitized build looks), and the session is of use afterwards.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Creating, configuring and destroying sessions.
 #include "session/session.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sessions on several threads at once, and one session on one thread after another.
 //
 // Whatever two threads do at the same time must give each the bits that it gets

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conversation as a person at a terminal has it.
 #include <gmock/gmock.h>
 

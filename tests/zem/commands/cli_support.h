@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the command line share: running `zem` against a plug-in,
 // and folders for files of a given name.
 #pragma once

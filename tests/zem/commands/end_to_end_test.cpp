@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program with the real plug-in, which lies beside it, and a demo model.
 // Contexts are small, for they bound the tokens that a test has to wait for.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // --plan and --no-gpu: what reaches the runtime, what is said, and what a report names.
 #include <gmock/gmock.h>
 

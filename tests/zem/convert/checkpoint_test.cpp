@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checkpoint folders that the converter takes, and those that it refuses before
 // anything is written. The weights are zeros that take no room.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every request for memory in a conversion, made to fail: a message, nothing leaked
 // (the sanitized build looks), no partial file, and an older output as it was.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A published checkpoint through the converter, the container and the decoder,
 // against values of an independent implementation. tests/data/README.md has the
 // formula of the weights and the origin of the values.

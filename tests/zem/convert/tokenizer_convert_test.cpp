@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Published vocabularies become the text they stand for.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

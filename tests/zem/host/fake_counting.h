@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fake plug-in's way to count: the tokens of a text by the model file's own
 // vocabulary, and what feeding them is claimed to take.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A plug-in with scripted answers, so that the host's own logic can be tested
 // to the byte. What it does follows from the name of the model file (which need
 // not exist) and from the text of a prompt or turn.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tool asks of the GPU, and what it calls the back end, on scripted machines.
 #include "host/gpu_choice.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tool's reading of a plan, held against the plug-in's own.
 #include "host/layer_plan.h"
 

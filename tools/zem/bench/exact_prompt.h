@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texts of an exact number of tokens. The runtime takes text, and a benchmark measures
 // tokens.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The measurements of `zem bench`, taken through the runtime's boundary.
 #pragma once
 

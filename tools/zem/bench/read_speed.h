@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How fast this machine reads memory. That bounds decoding on a CPU, because every token
 // reads every weight once.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report of `zem bench`: one row for each measurement, in three formats.
 #pragma once
 

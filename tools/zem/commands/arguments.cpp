@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one source that includes CLI11, which takes longer to compile than all else here.
 #include "commands/arguments.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line of a program: options, flags and subcommands, how they are read, and
 // what the help says of them.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem bench: how fast prompts are processed and tokens decoded, as a table to
 // paste into a report.
 #include <algorithm>

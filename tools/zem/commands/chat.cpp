@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem chat: a conversation, on a terminal or line by line through pipes.
 #include <exception>
 #include <memory>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "commands/command_line.h"
 
 #include "commands/commands.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The options and subcommands of `zem`, for the program itself and for the pages that
 // describe it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The subcommands of `zem`, one source file each. An add function declares the subcommand
 // and its options. When the subcommand runs it leaves its exit status in `status`: 0, or 1
 // after a failure that one line on stderr has explained. Bad usage throws UsageError.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem compare: how far two model files are apart, weight by weight and in what
 // they say.
 #include <algorithm>

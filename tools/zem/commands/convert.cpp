@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem convert: a published model becomes a container.
 #include <algorithm>
 #include <memory>

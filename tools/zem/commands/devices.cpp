@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem devices: the Vulkan devices of this machine.
 #include <memory>
 #include <nlohmann/json.hpp>

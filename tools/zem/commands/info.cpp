@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem info: what a container file holds, whether or not a runtime would open it.
 #include <array>
 #include <filesystem>

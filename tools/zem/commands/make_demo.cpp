@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem make-demo: writes a model with random weights, to try and to measure with.
 #include <algorithm>
 #include <array>

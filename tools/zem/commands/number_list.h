@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Options that take several numbers: "128,512".
 #pragma once
 

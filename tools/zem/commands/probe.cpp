@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem probe: whether the plug-in would take a model file.
 #include <memory>
 #include <nlohmann/json.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem run: one completion.
 #include <memory>
 #include <nlohmann/json.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem tokenize: a text as the ids and pieces of a model's vocabulary.
 #include <memory>
 #include <nlohmann/json.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requests to stop: Ctrl-C, a closed terminal, the system.
 #pragma once
 

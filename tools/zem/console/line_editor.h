@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A prompt on the terminal, with line editing and a history that outlives the program. On
 // Windows the console does both, and its history ends with the program.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For commands that write for minutes: stopping them cleanly, and showing their progress.
 #pragma once
 

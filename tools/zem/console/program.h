@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The start of a program, and facts about the process.
 #pragma once
 

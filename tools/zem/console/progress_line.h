@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A line on the terminal that says how far a long measurement is.
 #pragma once
 

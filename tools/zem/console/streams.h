@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The process's standard streams 0, 1 and 2. Text is UTF-8, and bytes pass unchanged, on
 // every system.
 #pragma once

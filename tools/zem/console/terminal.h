@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What commands write and how they fail: standard output, messages, Ctrl-C.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes bytes from a model or a file fit to be shown: whole UTF-8 characters, no control
 // sequences, aligned columns.
 #pragma once

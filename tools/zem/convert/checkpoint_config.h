@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The facts of a published checkpoint's JSON files, without its tokenizer.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a published checkpoint names its tensors and lays them out, where the container
 // differs.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A published checkpoint: a folder with config.json, tokenizer.json and one or
 // many safetensors files.
 #pragma once

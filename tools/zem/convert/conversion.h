@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole conversion, from a published model to a container.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a published byte-level vocabulary to a container's, which holds text.
 #pragma once
 

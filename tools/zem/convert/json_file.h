@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // JSON files of a checkpoint. They are input that nothing vouches for.
 #pragma once
 

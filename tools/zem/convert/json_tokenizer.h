@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // tokenizer.json and tokenizer_config.json of a published checkpoint.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the table of a safetensors file: a JSON header in front of the tensors.
 #pragma once
 

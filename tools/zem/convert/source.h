@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The model that a converter reads: tensors where they lie, and facts. checkpoint_source makes
 // one of a published folder, gguf_source of a GGUF file.
 #pragma once

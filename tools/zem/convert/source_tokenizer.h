@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A vocabulary in the form of its source, before it becomes a container's.
 #pragma once
 

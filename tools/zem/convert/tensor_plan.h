@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plan of a conversion: each tensor's type in the container, and the way there.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes the weights of a plan into a container, on several threads.
 #pragma once
 

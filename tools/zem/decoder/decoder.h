@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A model's logits, through the decoder module beside the program.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The decoder as a module of its own, for commands that need logits: the plug-in's boundary
 // does not show them. OpenMP reads its settings when it is loaded. A decoder inside the program
 // would load it before the program has made these settings.

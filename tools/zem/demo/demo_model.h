@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What `zem make-demo` writes: models with seeded random weights, complete in names, shapes
 // and metadata.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The vocabulary of the demo models: every character that a prompt is likely
 // to hold, and common English words so that the output looks like text.
 #pragma once

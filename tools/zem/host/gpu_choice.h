@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether a session computes on the GPU: what the tool asks for, and what follows from it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a plan divides the layers of a model, by the grammar that docs/plugin-abi.md gives.
 #pragma once
 

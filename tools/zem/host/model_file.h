@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Facts about a model file, read without a runtime.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The modules that belong to this program.
 #pragma once
 

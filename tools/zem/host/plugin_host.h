@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plug-in as every host sees it: a library with four exports, and sessions behind
 // function pointers.
 #pragma once

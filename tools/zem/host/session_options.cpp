@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "host/session_options.h"
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // zem_pages FOLDER: writes the manual page and the completions of `zem` into FOLDER.
 #include <cstdio>
 #include <filesystem>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pages about a command line, made from the options that it declares.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The causal depthwise convolution over four taps, then SiLU.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the lanes of a vector read the rows of a stored matrix, for each encoding.
 //
 // All instruction sets share this text: each level's source includes it once and hands it the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gates, element by element. The compiler makes vectors of these loops; it knows the level from
 // the flags.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table of one level, for its vector type V. A kernel is one line here.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The vector type of one level. Only that level's source, which is compiled with the level's
 // flags, includes this.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tools for code over the lanes of a vector. Only the sources of the levels include this.
 // Everything has internal linkage, so that no level's code can be linked into another.
 #pragma once

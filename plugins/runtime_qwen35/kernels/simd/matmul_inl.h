@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A matrix times many vectors.
 //
 // The kernel decodes a tile of rows into a panel of floats that stays in the first-level cache:

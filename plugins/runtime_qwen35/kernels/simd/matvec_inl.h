@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A matrix times one vector. Rows lie in the lanes of a vector: column after column, every lane
 // decodes its own row's weight, multiplies and adds, so that each row's sum has the order of the
 // plain loop and its bits.

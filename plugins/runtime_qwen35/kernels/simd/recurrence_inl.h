@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One step of the gated delta rule. The columns of the state lie in the lanes.
 #pragma once
 

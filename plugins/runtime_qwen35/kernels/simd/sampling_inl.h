@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loops over a whole vocabulary that choose a token. All but the search for the extent are left to
 // the compiler's vectors.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The softmax of attention scores, up to four heads side by side.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // NFC against the published conformance test, a checksum over all points, and what
 // has to hold of any text.
 #include "engine/text/unicode/nfc.h"

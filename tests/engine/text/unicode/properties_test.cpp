@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The classes of all points against the published ones, Unicode 16.0.
 #include "engine/text/unicode/properties.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lines of the files in tests/data/unicode.
 #pragma once
 

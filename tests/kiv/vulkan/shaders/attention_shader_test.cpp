@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attention and AttentionGemma against plain loops.
 #include <algorithm>
 

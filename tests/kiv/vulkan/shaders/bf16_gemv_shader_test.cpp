@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The matrix-vector product of BF16 weights against plain loops.
 #include <gtest/gtest.h>
 

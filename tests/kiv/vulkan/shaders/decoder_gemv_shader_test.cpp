@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The three matrix-vector shaders of the decoder against exact products.
 #include <limits>
 #include <ostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The elementwise shaders against plain loops.
 #include <algorithm>
 

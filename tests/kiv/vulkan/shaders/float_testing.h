@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of shaders over floats share: inputs with something behind them that
 // must not matter, outputs with something behind them that must stay, and results
 // that are held to an error bound of their own.

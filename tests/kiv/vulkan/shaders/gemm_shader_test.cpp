@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The products of quantised matrices and several tokens against plain loops.
 #include <gtest/gtest.h>
 

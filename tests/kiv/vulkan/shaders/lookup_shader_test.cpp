@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Embedding, Bf16Proj and KvStore against plain loops.
 #include "float_testing.h"
 

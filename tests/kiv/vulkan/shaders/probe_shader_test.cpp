@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shaders that measure reading: that they read what they should, all of it, and
 // nothing else.
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shader that expands one Q4_K block, against the CPU's decoder, bit for bit.
 #include "kiv/quant_testing.h"
 #include "support/k_matrix.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The matrix-vector products of Q4_K weights, in all their partitions, against a
 // plain loop over the weights that the CPU decodes.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The matrix-vector products of Q6_K weights, in all their partitions, against plain
 // loops.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Matrices of quantised rows for the tests of shaders, and what their products with
 // floats should be.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RMSNorm, Softmax and ArgmaxPartial against plain loops.
 #include <algorithm>
 

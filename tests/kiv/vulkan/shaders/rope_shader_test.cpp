@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rotary embeddings against plain loops.
 #include "float_testing.h"
 

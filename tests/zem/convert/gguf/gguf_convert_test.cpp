@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // GGUF files: the published variants, and the same container as from a checkpoint.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

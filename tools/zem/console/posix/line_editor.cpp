@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "console/line_editor.h"
 
 #include <histedit.h>

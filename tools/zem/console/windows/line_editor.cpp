@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The console of Windows edits lines itself, and remembers them while the program runs.
 #include "console/line_editor.h"
 #include "console/streams.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A model published as one GGUF file.
 #pragma once
 

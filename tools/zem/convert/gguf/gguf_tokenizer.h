@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tokenizer in a GGUF file's metadata.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Activation functions. They never take the exponential of a positive number, so
 // nothing overflows: devices differ in what they make of infinity.
 

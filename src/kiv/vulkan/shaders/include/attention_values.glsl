@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The second half of attention: values summed with weights. A workgroup is cut into
 // slices of `width` invocations; invocation d of a slice owns column d of the sum over
 // every slices-th position, so that a slice loads its rows of the value cache

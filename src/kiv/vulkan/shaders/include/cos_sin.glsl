@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // (cos, sin) of an angle that may be thousands of turns. The built-in functions
 // promise no accuracy beyond half a turn and little within. Here the quarter turns
 // are taken off first: a quarter is the sum of three numbers, of which the first two

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // y[i] = combine(a[i], b[i]) for i < count, with `combine` from the including
 // shader. One invocation an element, 256 a workgroup: ceil(count / 256) workgroups,
 // in x and y. There is nothing to share between elements; loads and stores are

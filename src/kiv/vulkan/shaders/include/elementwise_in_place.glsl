@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // x[i] = change(x[i], parameter) for i < count, with `change` from the including
 // shader. One invocation an element, 256 a workgroup: ceil(count / 256) workgroups,
 // in x and y. Each element is read and written by its own invocation alone.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Y = X W^T for quantised rows W: the tiles that all such products share.
 //
 // A workgroup of 256 owns TILE_ROWS rows of W and TILE_TOKENS tokens of X, and walks

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every product of a quantised matrix and a vector is told.
 layout(push_constant) uniform PC {
   uint n;             // rows of the matrix, length of y

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the rows of a matrix of 256-element blocks lie. Include gemv_push.glsl and
 // set kBlockWords, the words of a block, before.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Workgroups in two dimensions, since a device may take no more than 65535 in one:
 // counted along x first. A grid may hold more than are needed.
 uint workgroupIndex() { return gl_WorkGroupID.y * gl_NumWorkGroups.x + gl_WorkGroupID.x; }

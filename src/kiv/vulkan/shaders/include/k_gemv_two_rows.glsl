@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // y = W x for Q4_K rows or, with FIFTH_BIT defined, Q5_K rows; two rows a
 // workgroup of 64.
 //

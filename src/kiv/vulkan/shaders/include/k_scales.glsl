@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The head that Q4_K and Q5_K blocks share: d and dmin (half precision) in the
 // first word, eight 6-bit scales and eight 6-bit minima in the next three. Blocks
 // of both types are whole words, so `block` is the index of a word of `w`.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4_K blocks times x. The 32 words of codes that follow the head of a block are
 // four chunks of eight; word i of chunk c holds, in its low nibbles, elements
 // 64c + 4i to 64c + 4i + 3 of the block (sub-block 2c) and in its high nibbles the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // y = W x for Q4_K rows, kRows neighbouring rows a workgroup: all its invocations
 // work on the same rows, kLocal / kLanes blocks at a time, and x is read from the
 // buffer once for all of them. What q4k_codes.glsl and workgroup_sum.glsl need is set

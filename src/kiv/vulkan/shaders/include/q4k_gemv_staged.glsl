@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // y = W x for Q4_K rows, kRows neighbouring rows a workgroup of 128. Tiles of
 // TILE_BLOCKS blocks of the rows (words as they are stored) and of x are copied to
 // shared memory first, in straight lines of 512 bytes a step, and multiplied there:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // y = W x for Q4_K rows, one row a team of kLanes neighbouring invocations: the
 // kLocal / kLanes teams of a workgroup share x, kBlocks blocks of it at a time in sX,
 // and a team reduces its sums among itself, so that no invocation waits for another

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Blocks of Q6_K: 256 elements in 210 bytes, low four bits of the codes, high two,
 // 16 signed scales, a half-precision scale for all. An element is (code - 32) * scale of
 // its 16 * d.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // y = W x for Q6_K rows, one row a team of kTeam neighbouring invocations. 16 of a team
 // share a block, kTeam / 16 blocks are read at once, and each invocation takes one part
 // of a block (see q6k_block.glsl): eight neighbours read 32 bytes in a row at each of its

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // y = W x for Q6_K rows, two rows a workgroup of 64.
 //
 // 16 invocations share a block and four blocks of both rows are read at once, each

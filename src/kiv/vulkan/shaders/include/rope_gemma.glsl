@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rotary embedding with its angles made on the spot: in the first `rotated` elements
 // of a head, elements i and i + h are turned as a pair, with h = rotated / 2, by
 // position * base^(-2i / rotated) / freqFactors[i]; the elements behind are copied.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Softmax in one pass over its input: of the values seen so far, the largest (x) and
 // the sum of exp(value - largest) (y). Nothing overflows, and a value of minus
 // infinity weighs nothing, even when there are no others.

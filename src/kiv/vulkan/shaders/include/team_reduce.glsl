@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TEAM_REDUCE(value, team): TEAM_COMBINE over the values of each `team` neighbouring
 // invocations, by halving. The including shader sets both macros and declares
 // `shared float sRed[kLocal]` with kLocal = gl_WorkGroupSize.x; `team` is a power of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // two_row_sums.glsl by way of subgroups, of any size from two up: .x of the sum of all
 // values is returned to invocation 32, .y to invocation 0. The including shader
 // enables GL_KHR_shader_subgroup_arithmetic and declares `shared float sRed[64]`.

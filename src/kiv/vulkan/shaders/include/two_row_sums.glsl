@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sums of two values an invocation over a workgroup of 64, .x returned to
 // invocation 32 and .y to invocation 0. The including shader declares
 // `shared float sRed[64]`. Every invocation must call.

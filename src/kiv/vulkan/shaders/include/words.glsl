@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading packed weights byte by byte. The including shader declares the buffer
 // `w` as 32-bit words; a byte index counts from its start, little-endian. What is
 // read must lie in whole words of the buffer.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The largest of one value an invocation over a workgroup: as workgroup_sum.glsl.
 #define TEAM_REDUCE teamMax
 #define TEAM_COMBINE(a, b) max(a, b)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sum of one value an invocation over a workgroup, by halving. The including
 // shader declares `shared float sRed[kLocal]`, with kLocal = gl_WorkGroupSize.x a
 // power of two. Every invocation must call it; all get the sum, and sRed is free

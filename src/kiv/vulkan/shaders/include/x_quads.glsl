@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vec4 xQuad(uint quad): elements 4 * quad to 4 * quad + 3 of x, zeros from k on.
 // The including shader has declared the buffer `x`, as floats or, with X_AS_VECTORS
 // defined, as vectors of four (the last one whole, whatever it holds from k on).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pieces of x kept in shared memory. The including shader declares the buffer `x`,
 // `shared float sX[...]` and kLocal = gl_WorkGroupSize.x.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Add: y[i] = a[i] + b[i].
 //
 // Bindings: a, b, y. Push constants: count. What an invocation owns and how many

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ArgmaxPartial: the largest of each 4096 elements of x and where it stands, the
 // lowest index where several are equal. NaN never wins; a part of nothing but NaN
 // gives minus infinity at its first index. Reducing the parts is left to the caller.

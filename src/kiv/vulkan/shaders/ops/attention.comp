@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attention: one query against a cache of keys and values. For head h with key/value
 // head g = h / (heads / kvHeads):
 // scores[h][p] = scale * sum over d of q[h][d] * kCache[p][g][d],

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // AttentionGemma: consecutive queries against a cache of keys and values, causal, with
 // an optional sliding window and a bias a position. For query t at position
 // P = firstPosition + t and head h with key/value head g = h / (heads / kvHeads), over

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Embedding: y[e] = scale * W[token][e] for e < width, with W stored as Q6_K.
 //
 // Bindings: w (rows of 210-byte blocks of 256 elements; words, the last of which must be

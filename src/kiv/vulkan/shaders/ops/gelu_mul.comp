@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // GeluMul: y[i] = gelu(gate[i]) * up[upOffset + i] for i < count, with
 // gelu(g) = g / 2 * (1 + tanh(sqrt(2 / pi) * (g + 0.044715 g^3))).
 //

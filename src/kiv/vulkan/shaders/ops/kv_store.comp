@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // KvStore: row `position` of the key and of the value cache becomes k and v:
 // kCache[position * width + i] = k[i], vCache[position * width + i] = v[i] for
 // i < width.

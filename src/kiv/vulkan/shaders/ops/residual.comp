@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Residual: y[i] += x[i] for i < count.
 //
 // Bindings: y (changed in place), x. Push constants: count. One invocation an

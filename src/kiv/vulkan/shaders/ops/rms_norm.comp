@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RMSNorm: y[r][c] = x[r][c] * weight[c] / sqrt(mean over c of x[r][c]^2 + eps).
 //
 // Bindings: x (rows x width, row-major), weight (width), y (as x). Push constants:

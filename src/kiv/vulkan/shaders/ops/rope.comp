@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RoPE: in each head, elements i and i + headDim / 2 are turned as a pair by the
 // angle whose cosine and sine are cos[i] and sin[i]:
 // y[i] = x[i] cos[i] - x[i + h] sin[i] and y[i + h] = x[i + h] cos[i] + x[i] sin[i],

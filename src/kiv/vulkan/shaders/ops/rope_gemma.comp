@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RopeGemma: rotary embedding of one token; the formula is in rope_gemma.glsl.
 //
 // Bindings: x (heads x headDim), freqFactors (rotated / 2, all 1 for none), y (as x).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RopeGemmaBatch: rotary embedding of consecutive tokens, over whole heads; the formula
 // is in rope_gemma.glsl, with rotated = headDim and position = firstPosition + token.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scale: x[i] = x[i] * factor.
 //
 // Bindings: x (changed in place). Push constants: count, factor (`parameter`). What

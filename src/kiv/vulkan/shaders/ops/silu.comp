@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SiLU: y[i] = x[i] / (1 + exp(-x[i])) for i < count.
 //
 // Bindings: x, y. Push constants: count. One invocation an element, 256 a

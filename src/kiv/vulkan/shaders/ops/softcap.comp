@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Softcap: x[i] = cap * tanh(x[i] / cap), which keeps small values as they are and
 // large ones below cap, which must be positive.
 //

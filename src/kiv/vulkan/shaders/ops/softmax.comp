@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Softmax: y[r][c] = exp(x[r][c] - m) / sum over c of exp(x[r][c] - m), with m the
 // largest element of row r. Minus infinity becomes 0; a row of nothing else becomes
 // all 0.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SwiGLU: y[i] = silu(gate[i]) * up[i], with silu(g) = g / (1 + exp(-g)).
 //
 // Bindings: gate (`a`), up (`b`), y. Push constants: count. What an invocation owns

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ProbeFlat: y[g] = sum of the elements of x that workgroup g reads: how fast a device
 // reads plain memory, with loads of 16 bytes and a pattern of the caller's choice.
 //

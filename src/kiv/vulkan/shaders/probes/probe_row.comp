@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ProbeRow: y[r] = sum over the words of row r of (low 16 bits + high 16 bits): how fast
 // rows of weights can be read where nearly nothing is computed from them.
 //

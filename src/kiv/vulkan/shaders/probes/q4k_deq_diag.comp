@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KDeqDiag: y[e] = code * (d * scale) - dmin * min for the 256 elements e of the first
 // Q4_K block of w, with scale and min of the element's sub-block: what the CPU decodes,
 // bit for bit, to tell a wrong layout from a wrong product.

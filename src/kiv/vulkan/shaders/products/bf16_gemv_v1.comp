@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bf16GemvV1: y = scale * W x for a BF16 matrix, one row a workgroup of 128.
 //
 // w: n rows of k weights, two a word, the even one in the low half; a row every colBytes

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bf16Proj: y = scale * W x, with W (n x k, row-major) in BF16.
 //
 // Bindings: w (two weights a word, the even one in the low half; rows follow each other

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemm: Y = X W^T for a Q4_K matrix W and several tokens.
 //
 // y[t * n + r] = sum over c of x[t * k + c] * W(r, c), for t < tokens and r < n.

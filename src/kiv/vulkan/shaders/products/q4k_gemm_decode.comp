@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemmDecode: y = W x, 64 rows a workgroup, four invocations a row, x in shared memory.
 //
 // x: k floats. w: n rows of Q4_K blocks, as words, a row every colBytes bytes (a

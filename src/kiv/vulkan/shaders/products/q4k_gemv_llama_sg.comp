@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvLlamaSg: y = W x for a Q4_K matrix, as Q4KGemvLlama, with sums by subgroups.
 //
 // x: k floats as vectors of four. w: n rows of colBytes bytes, blocksPerCol blocks

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvNative: y = W x for a Q4_K matrix, as Q4KGemvLlama, with 16-bit loads.
 //
 // x: k floats as vectors of four. halves and w: n rows of colBytes bytes, blocksPerCol

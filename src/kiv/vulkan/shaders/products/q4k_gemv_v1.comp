@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvV1: y = W x, y[r] = sum over c of w[r][c] * x[c], an element an invocation.
 //
 // x: k floats. w: n rows of Q4_K blocks, as words, a row every colBytes bytes (a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvV2: y = W x, a word of codes an invocation, one row a workgroup.
 //
 // x: k floats. w: n rows of Q4_K blocks, as words, a row every colBytes bytes (a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvV4: y = W x, a word of codes an invocation, two rows a workgroup, x by fours.
 //
 // x: k floats as vectors of four, the last one whole. w: n rows of Q4_K blocks, as

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvV5: y = W x, one row a workgroup, weights and x by way of shared memory.
 //
 // x: k floats. w: n rows of Q4_K blocks, as words, a row every colBytes bytes (a

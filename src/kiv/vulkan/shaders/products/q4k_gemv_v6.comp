@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvV6: y = W x, two rows a workgroup, weights and x by way of shared memory.
 //
 // x: k floats. w: n rows of Q4_K blocks, as words, a row every colBytes bytes (a

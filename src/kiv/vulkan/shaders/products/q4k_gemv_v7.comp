@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvV7: y = W x, two words of codes an invocation, four rows a workgroup.
 //
 // x: k floats. w: n rows of Q4_K blocks, as words, a row every colBytes bytes (a

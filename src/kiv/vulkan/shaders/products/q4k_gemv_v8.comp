@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q4KGemvV8: y = W x, eight rows a workgroup, 32 invocations a row, x in shared memory.
 //
 // x: k floats. w: n rows of Q4_K blocks, as words, a row every colBytes bytes (a

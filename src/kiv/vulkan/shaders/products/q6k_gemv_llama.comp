@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // y = W x for a Q6_K matrix: the decoder's matrix-vector product.
 //
 // x: k floats as vectors of four. w: n rows of colBytes bytes, blocksPerCol blocks

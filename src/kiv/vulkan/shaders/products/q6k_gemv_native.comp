@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q6KGemvNative: y = W x for a Q6_K matrix, its weights read as 16- and 8-bit numbers.
 //
 // x: k floats as vectors of four. halves, bytes: two views of the same n rows of colBytes

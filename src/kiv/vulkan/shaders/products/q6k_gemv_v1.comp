@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Q6KGemvV1: y = W x for a Q6_K matrix, one row a workgroup of 128.
 //
 // x: k floats. w: n rows of Q6_K blocks, as words, a row every colBytes bytes (a multiple
