@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A host in C: loads the plug-in, asks whether it suits a model, streams the reply
  * to one message and prints what it took. Ctrl-C ends the reply, a second one the
  * program.

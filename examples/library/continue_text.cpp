@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program that links the library: opens a model, encodes a text, and continues it
 // with the CPU decoder and the library's own sampler.
 //

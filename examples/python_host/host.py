@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """A host in Python: loads the plug-in, asks whether it suits a model, streams the
 reply to one message and prints what it took. Ctrl-C ends the reply, a second one
 the program.
