@@ -292,38 +292,39 @@ void schemas(const Corpus& corpus) {
              R"({"properties":{"s":{"type":"string","minLength":1},"n":{"exclusiveMinimum":0.5,
 "type":"number"},"e":{"enum":["a","","ab"]},"z":{"type":["string","null"]}},"required":["s"]})"
              "\xFF<tool_call>\n<function=f>\n<parameter=s>\nx\n</parameter>\n</function>");
+}
 
-  // As text_tokenizer_fuzz.cpp takes them apart: files, and vocabularies made of rules.
-  void textTokenizers(const Corpus& corpus) {
-    const auto file = [](const std::string& source, const std::string& text) {
-      Bytes out = {0};
-      putText(out, source + "\xFF" + text);
-      return out;
-    };
-    zem::text::test::ByteVocabulary vocabulary;
-    vocabulary.merge("a", "b");
-    vocabulary.merge(" ", "ab");
-    vocabulary.add("<|im_end|>", true);
-    vocabulary.add("<think>", false, true);
-    corpus.add("file", file(vocabulary.text(), "ab ab<|im_end|><think>e\xCC\x81"));
-    vocabulary.root()["normalizer"] = nullptr;
-    vocabulary.root()["model"]["merges"] = {"a b", "Ġ ab"};
-    corpus.add("escapes", file(vocabulary.root().dump(1, ' ', true), " ab\r\n"));
-    corpus.add("no_file", file("{\"model\":{\"vocab\":{\"\\u0041\":0},\"merges\":[]}}", "A"));
+// As text_tokenizer_fuzz.cpp takes them apart: files, and vocabularies made of rules.
+void textTokenizers(const Corpus& corpus) {
+  const auto file = [](const std::string& source, const std::string& text) {
+    Bytes out = {0};
+    putText(out, source + "\xFF" + text);
+    return out;
+  };
+  zem::text::test::ByteVocabulary vocabulary;
+  vocabulary.merge("a", "b");
+  vocabulary.merge(" ", "ab");
+  vocabulary.add("<|im_end|>", true);
+  vocabulary.add("<think>", false, true);
+  corpus.add("file", file(vocabulary.text(), "ab ab<|im_end|><think>e\xCC\x81"));
+  vocabulary.root()["normalizer"] = nullptr;
+  vocabulary.root()["model"]["merges"] = {"a b", "Ġ ab"};
+  corpus.add("escapes", file(vocabulary.root().dump(1, ' ', true), " ab\r\n"));
+  corpus.add("no_file", file("{\"model\":{\"vocab\":{\"\\u0041\":0},\"merges\":[]}}", "A"));
 
-    Bytes rules = {1, 3};
-    for (const int side : {0x61, 0x62, 0xCC, 0x81, 256, 257}) {
-      putU16(rules, static_cast<uint16_t>(side));
-    }
-    rules.push_back(1);
-    putText(rules, "\x01x\x01");  // one byte, the token <x>, special
-    for (const char flags : {'\0', '\1', '\2', '\4'}) {
-      Bytes out = rules;
-      out.push_back(static_cast<uint8_t>(flags));
-      putText(out, "ab\xCC\x81 it's <x>12  \r\n<x>\xE1\x84\x80\xE1\x85\xA1\xFF.");
-      corpus.add(("rules_" + std::to_string(static_cast<int>(flags))).c_str(), out);
-    }
+  Bytes rules = {1, 3};
+  for (const int side : {0x61, 0x62, 0xCC, 0x81, 256, 257}) {
+    putU16(rules, static_cast<uint16_t>(side));
   }
+  rules.push_back(1);
+  putText(rules, "\x01x\x01");  // one byte, the token <x>, special
+  for (const char flags : {'\0', '\1', '\2', '\4'}) {
+    Bytes out = rules;
+    out.push_back(static_cast<uint8_t>(flags));
+    putText(out, "ab\xCC\x81 it's <x>12  \r\n<x>\xE1\x84\x80\xE1\x85\xA1\xFF.");
+    corpus.add(("rules_" + std::to_string(static_cast<int>(flags))).c_str(), out);
+  }
+}
 
 }  // namespace
 

@@ -469,7 +469,7 @@ class SchemaReader::State {
   // As `schema`, but strings are raw text where it allows nothing else, or null besides.
   // ArgumentKinds has followed all references then: they lead somewhere, and to an end.
   RuleId argument(const Json& schema, const std::string& path) {
-    const ArgumentKind kind = ArgumentKinds::kindOf(schema, document_);
+    const ArgumentKind kind = ArgumentKinds::kindOfSchema(schema, document_);
     if (kind == ArgumentKind::Typed) return reserve(schema, path);
     std::vector<RuleId> options;
     std::vector<std::pair<const Json*, std::string>> queue = {{&schema, path}};

@@ -176,7 +176,7 @@ ArgumentKinds::ArgumentKinds(const std::vector<Json>& tools) {
   }
 }
 
-ArgumentKind ArgumentKinds::kindOf(const Json& schema, const Json& root) {
+ArgumentKind ArgumentKinds::kindOfSchema(const Json& schema, const Json& root) {
   int visits = 0;
   return Classifier(root, visits).kindOf(schema);
 }

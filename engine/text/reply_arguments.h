@@ -33,7 +33,7 @@ class ArgumentKinds {
   explicit ArgumentKinds(const std::vector<Json>& tools);
 
   /// The kind of an argument with this schema, whose references are relative to `root`.
-  static ArgumentKind kindOf(const Json& schema, const Json& root);
+  static ArgumentKind kindOfSchema(const Json& schema, const Json& root);
 
   /// The kind of one argument; Typed where nothing is known. Any thread.
   ArgumentKind kindOf(const std::string& function, const std::string& argument) const;

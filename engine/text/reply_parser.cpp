@@ -288,7 +288,7 @@ void ReplyParser::beginValue() {
 }
 
 std::string ReplyParser::argumentBegin() {
-  const std::string begin = (anyArgument_ ? ", " : "{") + quotedJson(name_) + ": ";
+  std::string begin = (anyArgument_ ? ", " : "{") + quotedJson(name_) + ": ";
   anyArgument_ = true;
   return begin;
 }
