@@ -80,10 +80,11 @@ Status readContent(const Json& message, const std::string& where, std::vector<Co
 
 Status readArguments(const Json& call, const std::string& where, Json& out) {
   const Json* arguments = memberOf(call, "arguments");
-  if (arguments == nullptr || *arguments == "") return {};
+  if (arguments == nullptr) return {};
   Json parsed;
   if (arguments->is_string()) {
     const auto& text = arguments->get_ref<const std::string&>();
+    if (text.empty()) return {};
     if (Status status = parseJson(text, where, parsed); !status.ok()) return status;
     arguments = &parsed;
   }

@@ -413,11 +413,11 @@ class Reader {
     }
     const char c = rest()[0];
     ++pos_;
-    const Ranges digits = {{'0', '9'}};
-    const Ranges word = {{'0', '9'}, {'A', 'Z'}, {'_', '_'}, {'a', 'z'}};
-    const Ranges space = {{0x9, 0xD},       {0x20, 0x20},     {0xA0, 0xA0},     {0x1680, 0x1680},
-                          {0x2000, 0x200A}, {0x2028, 0x2029}, {0x202F, 0x202F}, {0x205F, 0x205F},
-                          {0x3000, 0x3000}, {0xFEFF, 0xFEFF}};
+    Ranges digits = {{'0', '9'}};
+    Ranges word = {{'0', '9'}, {'A', 'Z'}, {'_', '_'}, {'a', 'z'}};
+    Ranges space = {{0x9, 0xD},       {0x20, 0x20},     {0xA0, 0xA0},     {0x1680, 0x1680},
+                    {0x2000, 0x200A}, {0x2028, 0x2029}, {0x202F, 0x202F}, {0x205F, 0x205F},
+                    {0x3000, 0x3000}, {0xFEFF, 0xFEFF}};
     switch (c) {
       case 'd':
         return digits;

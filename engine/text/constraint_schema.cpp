@@ -498,7 +498,9 @@ class SchemaReader::State {
       if (keyword == "allOf" && list.size() > 1)
         return notSupported(path, "\"allOf\" of several schemas");
       for (size_t i = 0; i < list.size(); ++i) {
-        queue.emplace_back(&list[i], path + "/" + keyword + "/" + std::to_string(i));
+        std::string at = path;
+        at.append("/").append(keyword).append("/").append(std::to_string(i));
+        queue.emplace_back(&list[i], std::move(at));
       }
       return;
     }
