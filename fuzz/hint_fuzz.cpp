@@ -18,8 +18,8 @@ void checkHint(const std::string& text) {
   const qwen35rt::CreateHintOpts opts = qwen35rt::parseHint(text.c_str());
   require(opts.ctx <= 0x7FFFFFFF, "a context beyond 31 bits");
   require(opts.kv >= 0 && opts.kv <= 2, "an unknown cache type");
-  require(opts.kvSet || opts.kv == 0, "a cache type that nobody set");
-  require(opts.gpuDev == -1, "a device that nobody can choose");
+  require(opts.kvSet || opts.kv == 0, "a cache type that the text does not set");
+  require(opts.gpuDev == -1, "a device that the text cannot choose");
   require(opts.plan.find(';') == std::string::npos, "a plan with a separator in it");
   const bool stated = text.find(";plan=" + opts.plan) != std::string::npos;
   require(opts.plan.empty() || stated, "a plan that the text does not have");

@@ -18,7 +18,7 @@ using kiv::StatusCode;
 
 constexpr size_t kMaxJsonBytes = size_t{1} << 30U;
 constexpr size_t kMaxTextBytes = size_t{1} << 30U;
-// Replacing what is no UTF-8 makes a text three times as long at most, and so does NFC.
+// To replace bytes that are not UTF-8 makes a text at most three times as long, and so does NFC.
 static_assert(3 * kMaxTextBytes <= ByteMerges::kMaxPieceBytes);
 constexpr size_t kBytesAnId = 4;  // of prose, or more
 

@@ -48,8 +48,8 @@ struct AddedToken {
 /// A text becomes ids in four steps: added tokens are found on the raw text (from
 /// the left, the longest that stands there); what lies between is normalised (NFC,
 /// where the vocabulary says so), cut into pieces by the vocabulary's pattern, and
-/// each piece merged byte by byte. Nothing is dropped. What is no well-formed UTF-8
-/// counts as U+FFFD, once for each longest part that could begin a character.
+/// each piece merged byte by byte. Nothing is dropped. Bytes that are not well-formed UTF-8
+/// count as U+FFFD, once for each longest part that could begin a character.
 ///
 /// Read-only once loaded: every const member may run on several threads at once.
 class Tokenizer {
@@ -64,7 +64,7 @@ class Tokenizer {
   /// What a post-processor would add around a text is left to the caller.
   ///
   /// Fails with InvalidFormat, "tokenizer.json: FIELD: what was found, what is
-  /// needed", for what is no such file, and for parts of it that would encode in
+  /// needed", for a text that is not such a file, and for parts that would encode in
   /// another way: a model other than byte-level BPE, a normaliser other than NFC, a
   /// pattern that is not the model family's or GPT-2's. This object then stays as
   /// it was.
