@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 #include "fuzz.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <array>
 
-#include "engine/text/sha256.h"
+#include "engine/text/chat/sha256.h"
 
 namespace zem::text {
 namespace {

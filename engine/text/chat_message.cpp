@@ -4,7 +4,7 @@
 #include <array>
 #include <utility>
 
-#include "engine/text/python_text.h"
+#include "engine/text/chat/python_text.h"
 
 namespace zem::text {
 namespace {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 #include "kiv/status.h"
 
 namespace zem::text {

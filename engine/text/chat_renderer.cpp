@@ -5,8 +5,8 @@
 #include <string_view>
 #include <utility>
 
-#include "engine/text/chat_content.h"
-#include "engine/text/python_text.h"
+#include "engine/text/chat/content.h"
+#include "engine/text/chat/python_text.h"
 
 namespace zem::text {
 namespace {

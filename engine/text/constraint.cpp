@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "engine/text/constraint_grammar.h"
-#include "engine/text/constraint_machine.h"
-#include "engine/text/constraint_schema.h"
+#include "engine/text/constraint/grammar.h"
+#include "engine/text/constraint/machine.h"
+#include "engine/text/constraint/schema.h"
 
 namespace zem::text {
 

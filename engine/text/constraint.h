@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/text/chat_json.h"
 #include "engine/text/constraint_tokens.h"
+#include "engine/text/json.h"
 #include "kiv/status.h"
 
 namespace zem::text {

@@ -3,9 +3,9 @@
 
 #include <vector>
 
-#include "engine/text/chat_json.h"
+#include "engine/text/chat/python_text.h"
 #include "engine/text/chat_renderer.h"
-#include "engine/text/python_text.h"
+#include "engine/text/json.h"
 
 namespace zem::text {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <cctype>
 
-#include "engine/text/python_text.h"
+#include "engine/text/chat/python_text.h"
 
 namespace zem::text {
 namespace {

@@ -9,7 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 
 namespace zem::text {
 

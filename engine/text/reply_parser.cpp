@@ -5,7 +5,7 @@
 #include <span>
 #include <utility>
 
-#include "engine/text/python_text.h"
+#include "engine/text/chat/python_text.h"
 
 namespace zem::text {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "engine/text/chat_format.h"
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 #include "engine/text/render_request.h"
 
 namespace zem::text {

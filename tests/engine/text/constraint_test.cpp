@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/text/python_text.h"
+#include "engine/text/chat/python_text.h"
 #include "engine/text/schema_validator.h"
 
 namespace zem::text {

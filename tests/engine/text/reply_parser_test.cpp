@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "engine/text/chat/python_text.h"
 #include "engine/text/chat_renderer.h"
-#include "engine/text/python_text.h"
 
 namespace zem::text {
 namespace {

@@ -7,7 +7,7 @@
 #include <regex>
 #include <string>
 
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 
 namespace zem::text {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 
 #include <charconv>
 #include <system_error>

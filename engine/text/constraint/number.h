@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 
 namespace zem::text {
 

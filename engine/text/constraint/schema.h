@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/text/chat_json.h"
 #include "engine/text/constraint.h"
-#include "engine/text/constraint_grammar.h"
+#include "engine/text/constraint/grammar.h"
+#include "engine/text/json.h"
 #include "kiv/status.h"
 
 namespace zem::text::grammar {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/constraint_pattern.h"
+#include "engine/text/constraint/pattern.h"
 
 #include <algorithm>
 #include <limits>
 #include <map>
 #include <utility>
 
-#include "engine/text/python_text.h"
+#include "engine/text/chat/python_text.h"
 
 namespace zem::text {
 namespace {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/constraint_machine.h"
+#include "engine/text/constraint/machine.h"
 
 #include <algorithm>
 #include <string_view>

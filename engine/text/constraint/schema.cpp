@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/constraint_schema.h"
+#include "engine/text/constraint/schema.h"
 
 #include <algorithm>
 #include <array>
@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "engine/text/python_text.h"
+#include "engine/text/chat/python_text.h"
 #include "engine/text/reply_arguments.h"
 
 namespace zem::text::grammar {

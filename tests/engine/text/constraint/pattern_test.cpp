@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/constraint_pattern.h"
+#include "engine/text/constraint/pattern.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/constraint_number.h"
+#include "engine/text/constraint/number.h"
 
 #include <gtest/gtest.h>
 

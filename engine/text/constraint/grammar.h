@@ -10,8 +10,8 @@
 #include <variant>
 #include <vector>
 
-#include "engine/text/constraint_number.h"
-#include "engine/text/constraint_pattern.h"
+#include "engine/text/constraint/number.h"
+#include "engine/text/constraint/pattern.h"
 #include "kiv/status.h"
 
 namespace zem::text::grammar {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The examples of FIPS 180-4 and of NIST's "SHA Test Vectors for Hashing Byte-Oriented
 // Messages" (public domain).
-#include "engine/text/sha256.h"
+#include "engine/text/chat/sha256.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/sha256.h"
+#include "engine/text/chat/sha256.h"
 
 #include <array>
 #include <bit>

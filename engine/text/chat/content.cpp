@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/chat_content.h"
+#include "engine/text/chat/content.h"
 
 namespace zem::text {
 namespace {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "engine/text/python_text.h"
+#include "engine/text/chat/python_text.h"
 
 namespace zem::text {
 namespace {

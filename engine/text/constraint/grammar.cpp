@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/constraint_grammar.h"
+#include "engine/text/constraint/grammar.h"
 
 #include <algorithm>
 #include <utility>

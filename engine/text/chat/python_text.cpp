@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/text/python_text.h"
+#include "engine/text/chat/python_text.h"
 
 #include <array>
 #include <charconv>

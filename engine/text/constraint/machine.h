@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "engine/text/constraint_grammar.h"
+#include "engine/text/constraint/grammar.h"
 
 namespace zem::text::grammar {
 

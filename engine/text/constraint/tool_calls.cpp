@@ -3,10 +3,10 @@
 #include <unordered_set>
 #include <utility>
 
+#include "engine/text/chat/python_text.h"
 #include "engine/text/constraint.h"
-#include "engine/text/constraint_grammar.h"
-#include "engine/text/constraint_schema.h"
-#include "engine/text/python_text.h"
+#include "engine/text/constraint/grammar.h"
+#include "engine/text/constraint/schema.h"
 
 namespace zem::text {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "engine/text/chat_json.h"
+#include "engine/text/json.h"
 
 namespace zem::text {
 
