@@ -116,7 +116,7 @@ struct Record {
 };
 
 std::vector<Record> readDump(const std::string& path) {
-  const Bytes bytes = readFile(path);
+  const Bytes bytes = zemtest::wholeFile<Bytes>(path);
   std::vector<Record> records;
   size_t at = 0;
   const auto take = [&](void* to, size_t size) {
@@ -304,7 +304,7 @@ TEST_F(GpuSession, WithoutTheGpuTextIsTheCpus) {
 
 TEST_F(GpuSession, ATensorOutsideTheFileIsNotUploaded) {
   const zemtest::TempFile whole;
-  Bytes bytes = readFile(demoModel("q4_k").path());
+  Bytes bytes = zemtest::wholeFile<Bytes>(demoModel("q4_k").path());
   zemtest::set(bytes, zemtest::tensorIndex(bytes, "blk.3.ffn_up.weight"), zemtest::tensor::offset,
                bytes.size());
   const Session session(ModelFile(bytes), "test", linked());
