@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs what is missing, builds and runs the tests of every day.
 #   scripts/test.sh [PRESET]      release (the default), debug, sanitize, tsan or windows
-# sanitize: all but the tests on a Vulkan device; with the fuzzers' kept inputs.
+# sanitize: all but the slow tests and those on a Vulkan device; with the fuzzers' kept inputs.
 # tsan: the tests of threads alone, under the thread sanitizer.
 # windows: cross-built, run under Wine, and compared with the release build.
 # ZEM_ALL=1 runs what takes too long for every day too; scripts/nightly.sh sets it.
@@ -28,7 +28,7 @@ fi
 
 tests=()
 if [[ $preset == sanitize && ${ZEM_ALL:-} != 1 ]]; then
-  tests=(--label-exclude gpu)
+  tests=(--label-exclude 'gpu|slow')
 fi
 
 packages() {

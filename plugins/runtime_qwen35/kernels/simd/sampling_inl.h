@@ -14,7 +14,7 @@
 namespace qwen35 {
 namespace {
 
-constexpr float kInfinity = __builtin_inff();
+inline constexpr float kInfinity = __builtin_inff();
 
 // Vectors that compilers compare and select lane by lane.
 template <size_t kBytes>
