@@ -198,7 +198,7 @@ TEST(Zem2ReaderTest, UnreadableFileIsRefused) {
   CloseHandle(sole);
 #else
   ASSERT_EQ(::chmod(file.path(), 0), 0);
-  // Permissions do not bind the superuser, so this asks as nobody.
+  // Permissions do not bind the superuser, so this asks as another user.
   const bool isRoot = ::geteuid() == 0;
   if (isRoot && ::seteuid(65534) != 0) GTEST_SKIP() << "the superuser may not change its user";
   const kiv::Status status = ZEM2Reader().open(file.path());

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Makes a mistake on purpose: destroys a device while one of its fences is
 // alive. The tests on real devices rely on the validation layer to report such
-// things, and this program shows that it does. Exit code 77: cannot be tried here,
-// and nobody said that it has to be.
+// things, and this program shows that it does. Exit code 77: it cannot be tried here,
+// and ZEM_REQUIRE_GPU does not ask for it.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
