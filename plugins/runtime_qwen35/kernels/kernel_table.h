@@ -34,6 +34,11 @@ using Matmul = void (*)(const void* W, const float* packed, size_t tokens, size_
 using AddColumns = void (*)(const float* columns, size_t stride, const float* packed, size_t tokens,
                             size_t count, size_t rows, float* sums, size_t sumStride);
 
+// AddColumns for columns of half-precision numbers: widening them is exact.
+using AddHalfColumns = void (*)(const uint16_t* columns, size_t stride, const float* packed,
+                                size_t tokens, size_t count, size_t rows, float* sums,
+                                size_t sumStride);
+
 // A kernel for each encoding; null for those that the decoder does not compute with.
 template <typename Kernel>
 struct ByType {
@@ -78,6 +83,7 @@ struct KernelTable {
   size_t groupTokens;  // vectors that matmul holds in registers
   size_t tileRows;     // rows that matmul decodes together
   AddColumns addColumns;
+  AddHalfColumns addHalfColumns;
 
   // One step of the gated delta rule: reference::gdnStep without its scratch memory.
   void (*gdnStep)(float* S, const float* q, const float* k, float* v, float beta, size_t d, float g,

@@ -8,15 +8,13 @@
 #pragma once
 
 #include <cstddef>
-#include <vector>
 
+#include "layers/activations.h"
 #include "layers/trace.h"
 #include "matmul/matmul.h"
 #include "qwen35_model.h"
 
 namespace qwen35 {
-
-using Floats = std::vector<float>;
 
 // Tokens that go through the layers together. The more there are, the less each
 // pays for decoding the weights; 48 fill whole groups at every level, and all
@@ -27,15 +25,6 @@ inline constexpr size_t kBatchTokens = 48;
 struct TokenRun {
   size_t count;
   size_t pos;  // of the first one
-};
-
-// What a product gives a run: one row of `width` floats a token.
-struct Activations {
-  size_t width;
-  Floats values;
-
-  float* token(size_t t) { return values.data() + t * width; }
-  const float* token(size_t t) const { return values.data() + t * width; }
 };
 
 // The rotary angles of every position of a run.

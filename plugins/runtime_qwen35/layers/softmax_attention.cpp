@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "layers/softmax_attention.h"
 
-#include <omp.h>
-
 #include <algorithm>
 
 #include "kernels/packing.h"
@@ -88,7 +86,7 @@ class Attention {
   // Gives each thread whole tokens of a group.
   SoftmaxTotals manyTokens() {
     const size_t most = slots(run_.count - 1);
-    const auto threads = static_cast<size_t>(omp_get_max_threads());
+    const auto threads = teamSize();
     const size_t share = (most + m_.headDim) * kSoftmaxHeads;
     Floats scratch(threads * share);
     std::vector<SoftmaxTotals> totals(groups_.size());

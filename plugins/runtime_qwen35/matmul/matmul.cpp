@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "matmul/matmul.h"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cstdint>
 
@@ -31,7 +29,7 @@ const uint8_t* rowAt(const TensorView& W, size_t row) {
 // not write them.
 void matvecOfWidenedRows(const TensorView& W, const float* x, std::span<float> y) {
   const size_t cols = matrixCols(W);
-  std::vector<float> scratch(static_cast<size_t>(omp_get_max_threads()) * cols);
+  std::vector<float> scratch(teamSize() * cols);
   forEachRowRange(y.size(), cols, [&](size_t thread, size_t begin, size_t end) {
     float* row = scratch.data() + thread * cols;
     for (size_t r = begin; r < end; ++r) {

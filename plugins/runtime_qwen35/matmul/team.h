@@ -6,6 +6,8 @@
 
 #include <cstddef>
 
+#include "matmul/thread_team.h"
+
 namespace qwen35 {
 
 // Below this many weights, waking the team takes longer than the product.
@@ -14,19 +16,54 @@ inline constexpr size_t kTeamWeights = 32768;
 // As kTeamWeights, for loops over the elements of an activation.
 inline constexpr size_t kTeamElements = 4096;
 
+// Threads that loops on this thread have: those of ThreadTeam::current(), else OpenMP's.
+inline size_t teamSize() {
+  const ThreadTeam* team = ThreadTeam::current();
+  return team != nullptr ? team->size() : static_cast<size_t>(omp_get_max_threads());
+}
+
 // Whether a team would have one member. Loops then do without a team: the OpenMP runtime sets up
 // a team of one like any other, on Windows with kernel objects.
-inline bool isAlone() { return omp_get_max_threads() == 1; }
+inline bool isAlone() { return teamSize() == 1; }
 
-// Calls work(thread, begin, end) on every member of the OpenMP team. Between them they cover
-// units [0, units) in order: of T threads each gets units / T consecutive units and the first
-// units % T one more. Without `worthwhile` the calling thread does all of it. `thread` is below
-// omp_get_max_threads(). `work` must not throw: an exception cannot leave a team.
+// Units that a member of a ThreadTeam takes at a time: a quarter of an equal share, so that a
+// member that runs late leaves its part to the others; whole tiles of rows where there are many.
+inline size_t unitsAtATime(size_t units, size_t threads) {
+  constexpr size_t kRowsOfATile = 32;
+  const size_t some = (units + 4 * threads - 1) / (4 * threads);
+  return some < kRowsOfATile ? some : (some + kRowsOfATile - 1) / kRowsOfATile * kRowsOfATile;
+}
+
+// work(thread, begin, end) for consecutive parts of `some` units.
+template <typename Work>
+void forEachPart(ThreadTeam& team, size_t units, size_t some, const Work& work) {
+  struct Loop {
+    const Work& work;
+    size_t units;
+    size_t some;
+  } loop{work, units, some};
+  team.run((units + some - 1) / some,
+           [](void* context, size_t thread, size_t i) {
+             const Loop& l = *static_cast<const Loop*>(context);
+             const size_t begin = i * l.some;
+             l.work(thread, begin, begin + l.some < l.units ? begin + l.some : l.units);
+           },
+           &loop);
+}
+
+// Calls work(thread, begin, end) on the members of the team. Between them they cover units
+// [0, units) in order, a member of a ThreadTeam with several calls. Of T threads of OpenMP each
+// gets units / T consecutive units and the first units % T one more. Without `worthwhile` the
+// calling thread does all of it. `thread` is below teamSize(). `work` must not throw: an exception
+// cannot leave a team.
 template <typename Work>
 void forEachShare(size_t units, bool worthwhile, const Work& work) {
   if (!worthwhile || isAlone()) {
     if (units > 0) work(size_t{0}, size_t{0}, units);
     return;
+  }
+  if (ThreadTeam* team = ThreadTeam::current()) {
+    return forEachPart(*team, units, unitsAtATime(units, team->size()), work);
   }
 #pragma omp parallel
   {
@@ -55,6 +92,13 @@ void forEachUnitInTurn(size_t units, const Work& work) {
   if (units <= 1 || isAlone()) {
     for (size_t unit = 0; unit < units; ++unit) work(size_t{0}, unit);
     return;
+  }
+  if (ThreadTeam* team = ThreadTeam::current()) {
+    constexpr size_t kMostPieces = 4096;
+    const size_t some = (units + kMostPieces - 1) / kMostPieces;
+    return forEachPart(*team, units, some, [&](size_t thread, size_t begin, size_t end) {
+      for (size_t unit = begin; unit < end; ++unit) work(thread, unit);
+    });
   }
 #pragma omp parallel for schedule(dynamic)
   for (size_t unit = 0; unit < units; ++unit) {

@@ -32,7 +32,8 @@ constexpr KernelTable kernelsOf() {
   addProducts<V, Q6K>(table, kiv::DType::Q6_K);
   table.groupTokens = V::kTokens;
   table.tileRows = kTileGroups * V::kLanes;
-  table.addColumns = addColumns<V>;
+  table.addColumns = addColumns<V, float>;
+  table.addHalfColumns = addColumns<V, uint16_t>;
   table.gdnStep = gdnStep<V>;
   table.convStep = convStep<V>;
   table.siluMul = siluMul<V>;

@@ -22,6 +22,9 @@ struct Avx2 {
   static F set(float x) { return _mm256_set1_ps(x); }
   static I setBits(uint32_t x) { return _mm256_set1_epi32(static_cast<int>(x)); }
   static F load(const float* p) { return _mm256_loadu_ps(p); }
+  static F loadHalf(const uint16_t* p) {
+    return _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+  }
   static I loadBits(const uint32_t* p) {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
   }

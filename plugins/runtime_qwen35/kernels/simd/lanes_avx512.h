@@ -22,6 +22,9 @@ struct Avx512 {
   static F set(float x) { return _mm512_set1_ps(x); }
   static I setBits(uint32_t x) { return _mm512_set1_epi32(static_cast<int>(x)); }
   static F load(const float* p) { return _mm512_loadu_ps(p); }
+  static F loadHalf(const uint16_t* p) {
+    return _mm512_cvtph_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
+  }
   static I loadBits(const uint32_t* p) { return _mm512_loadu_si512(p); }
   static void store(float* p, F v) { _mm512_storeu_ps(p, v); }
 

@@ -23,6 +23,10 @@ struct Baseline {
   static F set(float x) { return _mm_set1_ps(x); }
   static I setBits(uint32_t x) { return _mm_set1_epi32(static_cast<int>(x)); }
   static F load(const float* p) { return _mm_loadu_ps(p); }
+  static F loadHalf(const uint16_t* p) {
+    const I halves = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+    return fromHalf(_mm_unpacklo_epi16(halves, _mm_setzero_si128()));
+  }
   static I loadBits(const uint32_t* p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
   }

@@ -20,11 +20,20 @@ inline constexpr size_t kPanelColumns = 128;
 // Tokens that one decoding of a tile serves: their sums are kept beside the panel.
 inline constexpr size_t kSumTokens = 48;
 
-// Adds `count` columns to the sums of one tile and T tokens. Column c of the
+template <class V>
+ZEM_INLINE typename V::F widened(const float* p) {
+  return V::load(p);
+}
+template <class V>
+ZEM_INLINE typename V::F widened(const uint16_t* p) {
+  return V::loadHalf(p);
+}
+
+// Adds `count` columns of floats or halves to the sums of one tile and T tokens. Column c of the
 // tile's rows stands at columns + c * stride, x of its tokens at packed + c * T.
-template <class V, size_t T>
-[[gnu::noinline]] void addPanel(const float* columns, size_t stride, const float* packed,
-                                size_t count, float* sums, size_t sumStride) {
+template <class V, size_t T, typename E>
+[[gnu::noinline]] void addPanel(const E* columns, size_t stride, const float* packed, size_t count,
+                                float* sums, size_t sumStride) {
   using F = typename V::F;
   F sum[T][kTileGroups];
   unrolled<T>([&](auto t) ZEM_INLINE_LAMBDA {
@@ -35,7 +44,7 @@ template <class V, size_t T>
   for (size_t c = 0; c < count; ++c) {
     F weight[kTileGroups];
     unrolled<kTileGroups>([&](auto g) ZEM_INLINE_LAMBDA {
-      weight[g.value] = V::load(columns + g.value * V::kLanes);
+      weight[g.value] = widened<V>(columns + g.value * V::kLanes);
     });
     unrolled<T>([&](auto t) ZEM_INLINE_LAMBDA {
       const F x = V::set(packed[t.value]);
@@ -54,19 +63,20 @@ template <class V, size_t T>
   });
 }
 
-using AddPanel = void (*)(const float*, size_t, const float*, size_t, float*, size_t);
+template <typename E>
+using AddPanel = void (*)(const E*, size_t, const float*, size_t, float*, size_t);
 
-template <class V, typename Counts>
+template <class V, typename E, typename Counts>
 struct AddPanels;
-template <class V, size_t... I>
-struct AddPanels<V, std::index_sequence<I...>> {
-  static constexpr AddPanel kOf[] = {addPanel<V, I + 1>...};
+template <class V, typename E, size_t... I>
+struct AddPanels<V, E, std::index_sequence<I...>> {
+  static constexpr AddPanel<E> kOf[] = {addPanel<V, I + 1, E>...};
 };
 
 // The instance for 1 to V::kTokens tokens.
-template <class V>
-AddPanel addPanelFor(size_t tokens) {
-  return AddPanels<V, std::make_index_sequence<V::kTokens>>::kOf[tokens - 1];
+template <class V, typename E>
+AddPanel<E> addPanelFor(size_t tokens) {
+  return AddPanels<V, E, std::make_index_sequence<V::kTokens>>::kOf[tokens - 1];
 }
 
 // Collects a tile's columns and adds them to the sums whenever the panel is full.
@@ -142,8 +152,8 @@ struct PanelSink {
   [[gnu::noinline]] void add(size_t end, size_t count) {
     for (size_t first = 0; first < tokens; first += V::kTokens) {
       const size_t group = tokens - first < V::kTokens ? tokens - first : V::kTokens;
-      addPanelFor<V>(group)(panel, kRows, packed + first * cols + (end - count) * group, count,
-                            sums + first * kRows, kRows);
+      addPanelFor<V, float>(group)(panel, kRows, packed + first * cols + (end - count) * group,
+                                   count, sums + first * kRows, kRows);
     }
   }
 };
@@ -194,11 +204,11 @@ void matmul(const void* W, const float* packed, size_t tokens, size_t rows, size
 }
 
 // See AddColumns.
-template <class V>
-void addColumns(const float* columns, size_t stride, const float* packed, size_t tokens,
-                size_t count, size_t rows, float* sums, size_t sumStride) {
+template <class V, typename E>
+void addColumns(const E* columns, size_t stride, const float* packed, size_t tokens, size_t count,
+                size_t rows, float* sums, size_t sumStride) {
   constexpr size_t kRows = kTileGroups * V::kLanes;
-  const AddPanel add = addPanelFor<V>(tokens);
+  const AddPanel<E> add = addPanelFor<V, E>(tokens);
   for (size_t r = 0; r < rows; r += kRows) {
     add(columns + r, stride, packed, count, sums + r, sumStride);
   }
