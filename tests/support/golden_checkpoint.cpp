@@ -11,7 +11,6 @@ using Floats = std::vector<float>;
 
 constexpr size_t kHeadWidth = 128;
 constexpr size_t kKeyHeads = 16;
-constexpr size_t kValueHeads = 32;
 constexpr size_t kKeyRows = 2 * kKeyHeads * kHeadWidth;  // queries and keys of attn_qkv
 
 bool endsWith(const std::string& text, const std::string& end) { return text.ends_with(end); }
@@ -36,24 +35,27 @@ float shaped(const std::string& name, float u, uint64_t lastExtent) {
 
 // The checkpoint groups the value heads that share a key head; the container
 // deals them out in turn. Container head h is this one of the checkpoint.
-size_t checkpointHead(size_t h) { return h % kKeyHeads * 2 + h / kKeyHeads; }
+size_t checkpointHead(size_t h, size_t valueHeads) {
+  return h % kKeyHeads * (valueHeads / kKeyHeads) + h / kKeyHeads;
+}
 
 // Reorders value heads in rows [first, end) of `values`, `block` rows a head.
-void reorderRows(Floats& values, size_t first, size_t block, size_t rowLength) {
+void reorderRows(Floats& values, size_t valueHeads, size_t first, size_t block, size_t rowLength) {
   const Floats before = values;
   const size_t length = block * rowLength;
-  for (size_t h = 0; h < kValueHeads; ++h) {
-    const size_t from = first * rowLength + checkpointHead(h) * length;
+  for (size_t h = 0; h < valueHeads; ++h) {
+    const size_t from = first * rowLength + checkpointHead(h, valueHeads) * length;
     const size_t to = first * rowLength + h * length;
     for (size_t i = 0; i < length; ++i) values[to + i] = before[from + i];
   }
 }
 
-void reorderColumns(Floats& values, size_t cols) {
+void reorderColumns(Floats& values, size_t valueHeads, size_t cols) {
   const Floats before = values;
   for (size_t i = 0; i < values.size(); ++i) {
     const size_t col = i % cols;
-    values[i] = before[i - col + checkpointHead(col / kHeadWidth) * kHeadWidth + col % kHeadWidth];
+    values[i] = before[i - col + checkpointHead(col / kHeadWidth, valueHeads) * kHeadWidth +
+                       col % kHeadWidth];
   }
 }
 
@@ -98,6 +100,7 @@ Floats goldenTensor(const std::string& tag, const std::string& name,
 }
 
 std::string goldenContainerName(const std::string& name) {
+  if (name == "lm_head.weight") return "output.weight";
   const std::string prefix = "model.language_model.";
   const std::string rest = name.substr(prefix.size());
   if (rest == "embed_tokens.weight") return "token_embd.weight";
@@ -106,21 +109,22 @@ std::string goldenContainerName(const std::string& name) {
   return "blk." + rest.substr(7, dot - 7) + "." + blockSuffix(rest.substr(dot + 1));
 }
 
-void toContainerLayout(const std::string& name, Floats& values, std::vector<uint64_t>& shape) {
+void toContainerLayout(const std::string& name, Floats& values, std::vector<uint64_t>& shape,
+                       size_t valueHeads) {
   const uint64_t cols = shape.back();
   if (endsWith(name, "conv1d.weight")) {
     shape = {shape[0], shape[2]};
-    reorderRows(values, kKeyRows, kHeadWidth, shape[1]);
+    reorderRows(values, valueHeads, kKeyRows, kHeadWidth, shape[1]);
   } else if (endsWith(name, "in_proj_qkv.weight")) {
-    reorderRows(values, kKeyRows, kHeadWidth, cols);
+    reorderRows(values, valueHeads, kKeyRows, kHeadWidth, cols);
   } else if (endsWith(name, "in_proj_z.weight")) {
-    reorderRows(values, 0, kHeadWidth, cols);
+    reorderRows(values, valueHeads, 0, kHeadWidth, cols);
   } else if (endsWith(name, "out_proj.weight")) {
-    reorderColumns(values, cols);
+    reorderColumns(values, valueHeads, cols);
   } else if (endsWith(name, "in_proj_a.weight") || endsWith(name, "in_proj_b.weight")) {
-    reorderRows(values, 0, 1, cols);
+    reorderRows(values, valueHeads, 0, 1, cols);
   } else if (endsWith(name, "A_log") || endsWith(name, "dt_bias")) {
-    reorderRows(values, 0, 1, 1);
+    reorderRows(values, valueHeads, 0, 1, 1);
     if (endsWith(name, "A_log")) {
       for (float& x : values) x = -std::exp(x);
     }

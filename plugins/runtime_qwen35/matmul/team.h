@@ -58,10 +58,8 @@ void forEachPart(ThreadTeam& team, size_t units, size_t some, const Work& work) 
 // cannot leave a team.
 template <typename Work>
 void forEachShare(size_t units, bool worthwhile, const Work& work) {
-  if (!worthwhile || isAlone()) {
-    if (units > 0) work(size_t{0}, size_t{0}, units);
-    return;
-  }
+  if (units == 0) return;
+  if (!worthwhile || isAlone()) return work(size_t{0}, size_t{0}, units);
   if (ThreadTeam* team = ThreadTeam::current()) {
     return forEachPart(*team, units, unitsAtATime(units, team->size()), work);
   }

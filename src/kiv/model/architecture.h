@@ -76,6 +76,7 @@ struct Architecture {
   double normEpsilon = 1e-6;   ///< of every normalisation
   bool ownHead = false;        ///< the output head is not the embedding
   uint32_t contextLength = 0;  ///< positions; 0 where it is not stated
+  std::vector<bool> kinds;     ///< whether each layer has full attention; empty: see fullEvery
 
   /// Rows of the queries and keys of linear attention together.
   uint64_t keyRows() const { return 2 * keyHeads * stateSize; }
@@ -84,7 +85,9 @@ struct Architecture {
   /// Channels of the convolution: queries, keys and values.
   uint64_t channels() const { return keyRows() + valueRows(); }
   /// Whether the layer with this index, which counts from 0, has full attention.
-  bool isFull(uint32_t layer) const { return layer % fullEvery == fullEvery - 1; }
+  bool isFull(uint32_t layer) const {
+    return kinds.empty() ? layer % fullEvery == fullEvery - 1 : kinds[layer];
+  }
 };
 
 /// One tensor of a model.

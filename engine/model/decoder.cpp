@@ -1,0 +1,261 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "engine/model/decoder.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "kernels/kernel_table.h"
+#include "kernels/reference.h"
+#include "matmul/matmul.h"
+#include "matmul/matrix.h"
+#include "matmul/team.h"
+#include "qwen35_model.h"
+
+namespace zem {
+namespace {
+
+namespace reference = qwen35::reference;
+using qwen35::Activations;
+using qwen35::Floats;
+using qwen35::forEachUnit;
+using qwen35::GpuHook;
+using qwen35::kNormEps;
+using qwen35::kTeamElements;
+using qwen35::PackedTokens;
+
+// Rows of `width` floats, whatever they held before.
+void shape(Activations& rows, size_t width, size_t tokens) {
+  rows.width = width;
+  rows.values.resize(width * tokens);
+}
+
+void norm(const float* weight, const Activations& x, size_t tokens, Activations& out) {
+  shape(out, x.width, tokens);
+  forEachUnit(tokens, tokens > 1, [&](size_t t) {
+    reference::rmsNorm(x.token(t), weight, out.token(t), x.width, kNormEps);
+  });
+}
+
+// The first `cols` floats of each row as products read them.
+PackedTokens packed(const Activations& x, size_t tokens) {
+  return {x.values.data(), x.width, tokens, x.width};
+}
+
+void multiply(const TensorView& W, const PackedTokens& X, Activations& y) {
+  shape(y, qwen35::matrixRows(W), X.tokens());
+  qwen35::matmul(GpuHook{}, W, X, y.values.data());
+}
+
+void add(const Activations& a, Activations& sum) {
+  for (size_t i = 0; i < sum.values.size(); ++i) sum.values[i] += a.values[i];
+}
+
+void addBias(const FloatWeights& bias, Activations& x, size_t tokens) {
+  if (bias.data() == nullptr) return;
+  for (size_t t = 0; t < tokens; ++t) {
+    for (size_t i = 0; i < x.width; ++i) x.token(t)[i] += bias.data()[i];
+  }
+}
+
+qwen35::DeltaNetWeights stageWeights(const LinearWeights& w) {
+  return {w.decayBias.data(), w.decay.data(), w.taps.data(), w.tapStride, w.norm.data()};
+}
+
+size_t logitRows(const Chunk& chunk) {
+  switch (chunk.logits) {
+    case LogitsOf::None:
+      return 0;
+    case LogitsOf::Last:
+      return 1;
+    case LogitsOf::All:
+      break;
+  }
+  return chunk.tokens.size();
+}
+
+}  // namespace
+
+Decoder::Decoder(const Weights& weights, CacheType cacheType)
+    : weights_(weights),
+      linearSizes_{weights.shape().keyHeads, weights.shape().valueHeads, weights.shape().stateSize},
+      fullSizes_{weights.shape().heads, weights.shape().kvHeads, weights.shape().headSize},
+      pool_(PageLayout(weights.shape(), weights.fullLayers(), cacheType)) {}
+
+SequenceState Decoder::newSequence() { return {linearSizes_, weights_.linearLayers(), pool_}; }
+
+void Decoder::step(std::span<const Chunk> chunks, std::vector<float>& logits) {
+  check(chunks);
+  for (const Chunk& chunk : chunks) chunk.sequence->reserve(chunk.tokens.size());
+  embed(chunks);
+  for (const Chunk& chunk : chunks) chunk.sequence->begin();
+  for (const LayerWeights& layer : weights_.layers()) runLayer(chunks, layer);
+  computeLogits(chunks, logits);
+  for (const Chunk& chunk : chunks) chunk.sequence->advance(chunk.tokens.size());
+}
+
+void Decoder::check(std::span<const Chunk> chunks) const {
+  for (size_t i = 0; i < chunks.size(); ++i) {
+    const Chunk& chunk = chunks[i];
+    if (chunk.tokens.empty()) throw std::invalid_argument("a chunk without tokens");
+    if (chunk.sequence->broken()) throw std::invalid_argument("a sequence whose last step failed");
+    for (const uint32_t id : chunk.tokens) {
+      if (id >= vocabulary()) throw std::invalid_argument("a token outside the vocabulary");
+    }
+    for (size_t j = 0; j < i; ++j) {
+      if (chunks[j].sequence == chunk.sequence) throw std::invalid_argument("a sequence twice");
+    }
+  }
+}
+
+// The tokens' embeddings and the rotary angles of their positions.
+void Decoder::embed(std::span<const Chunk> chunks) {
+  const size_t half = weights_.shape().rotarySize / 2;
+  tokens_ = 0;
+  for (const Chunk& chunk : chunks) tokens_ += chunk.tokens.size();
+  shape(x_, weights_.shape().width, tokens_);
+  cosines_.resize(tokens_ * half);
+  sines_.resize(tokens_ * half);
+  size_t row = 0;
+  for (const Chunk& chunk : chunks) {
+    for (size_t t = 0; t < chunk.tokens.size(); ++t, ++row) {
+      qwen35::rowToF32(&weights_.embedding(), chunk.tokens[t], x_.width, x_.token(row));
+      reference::ropeAngles(2 * half, chunk.sequence->length() + t, &cosines_[row * half],
+                            &sines_[row * half]);
+    }
+  }
+}
+
+void Decoder::runLayer(std::span<const Chunk> chunks, const LayerWeights& layer) {
+  norm(layer.attentionNorm.data(), x_, tokens_, xn_);
+  if (layer.isFull) {
+    fullAttention(chunks, layer);
+  } else {
+    linearAttention(chunks, layer);
+  }
+  add(part_, x_);
+  norm(layer.feedForwardNorm.data(), x_, tokens_, xn_);
+  feedForward(layer);
+  add(part_, x_);
+}
+
+void Decoder::linearAttention(std::span<const Chunk> chunks, const LayerWeights& layer) {
+  const LinearWeights& w = layer.linear;
+  const qwen35::DeltaNetWeights stages = stageWeights(w);
+  std::vector<qwen35::StateRun> runs;
+  size_t first = 0;
+  for (const Chunk& chunk : chunks) {
+    RecurrentState& state = chunk.sequence->recurrent();
+    runs.push_back({state.matrices(layer.kindIndex), state.window(layer.kindIndex), first,
+                    chunk.tokens.size()});
+    first += chunk.tokens.size();
+  }
+
+  const PackedTokens X = packed(xn_, tokens_);
+  multiply(*w.mixed, X, mixed_);
+  multiply(*w.gate, X, gate_);
+  multiply(*w.beta, X, beta_);
+  multiply(*w.alpha, X, decay_);
+  qwen35::writeStrengths(beta_, tokens_);
+  qwen35::logDecays(stages, decay_, tokens_);
+  qwen35::convolve(linearSizes_, stages, runs, mixed_);
+  qwen35::normaliseKeys(linearSizes_, mixed_, tokens_);
+  qwen35::recur(linearSizes_, runs, mixed_, beta_, decay_);
+  qwen35::gateOutputs(linearSizes_, stages, mixed_, gate_, tokens_);
+  const size_t width = linearSizes_.valueChannels();
+  multiply(*w.out,
+           PackedTokens(mixed_.token(0) + linearSizes_.keyChannels(), mixed_.width, tokens_, width),
+           part_);
+}
+
+void Decoder::fullAttention(std::span<const Chunk> chunks, const LayerWeights& layer) {
+  const FullWeights& w = layer.full;
+  const PackedTokens X = packed(xn_, tokens_);
+  multiply(*w.query, X, mixed_);
+  multiply(*w.key, X, key_);
+  multiply(*w.value, X, value_);
+  addBias(w.queryBias, mixed_, tokens_);
+  addBias(w.keyBias, key_, tokens_);
+  addBias(w.valueBias, value_, tokens_);
+  prepareQueries(layer);
+  storeKeysAndValues(chunks, layer);
+
+  shape(out_, fullSizes_.heads * fullSizes_.headSize, tokens_);
+  size_t first = 0;
+  for (const Chunk& chunk : chunks) {
+    const AttentionRun run{chunk.sequence->pages(), chunk.sequence->length(), first,
+                           chunk.tokens.size()};
+    pagedAttention(fullSizes_, pool_.layout(), layer.kindIndex, run, mixed_, out_, scratch_);
+    first += chunk.tokens.size();
+  }
+  multiply(*w.out, packed(out_, tokens_), part_);
+}
+
+// q = rope(rmsNorm(q)), head by head, in place; the gate behind each head stays as it is.
+void Decoder::prepareQueries(const LayerWeights& layer) {
+  const size_t heads = fullSizes_.heads;
+  const size_t size = fullSizes_.headSize;
+  const size_t rotary = weights_.shape().rotarySize;
+  const size_t units = tokens_ * heads;
+  forEachUnit(units, units * size >= kTeamElements, [&](size_t unit) {
+    const size_t t = unit / heads;
+    float* head = mixed_.token(t) + unit % heads * 2 * size;
+    reference::rmsNorm(head, layer.full.queryNorm.data(), head, size, kNormEps);
+    reference::ropeRotate(head, rotary, &cosines_[t * (rotary / 2)], &sines_[t * (rotary / 2)]);
+  });
+}
+
+// Puts rope(rmsNorm(k)) and v into the pages.
+void Decoder::storeKeysAndValues(std::span<const Chunk> chunks, const LayerWeights& layer) {
+  const size_t heads = fullSizes_.kvHeads;
+  const size_t size = fullSizes_.headSize;
+  const size_t rotary = weights_.shape().rotarySize;
+  size_t first = 0;
+  for (const Chunk& chunk : chunks) {
+    const size_t units = chunk.tokens.size() * heads;
+    forEachUnit(units, units * size >= kTeamElements, [&](size_t unit) {
+      const size_t t = first + unit / heads;
+      const size_t head = unit % heads;
+      float* key = key_.token(t) + head * size;
+      reference::rmsNorm(key, layer.full.keyNorm.data(), key, size, kNormEps);
+      reference::ropeRotate(key, rotary, &cosines_[t * (rotary / 2)], &sines_[t * (rotary / 2)]);
+      const size_t position = chunk.sequence->length() + unit / heads;
+      chunk.sequence->page(position / kPagePositions)
+          .store(pool_.layout(), layer.kindIndex, head, position % kPagePositions, key,
+                 value_.token(t) + head * size);
+    });
+    first += chunk.tokens.size();
+  }
+}
+
+// down(silu(gate(x)) * up(x)).
+void Decoder::feedForward(const LayerWeights& layer) {
+  const PackedTokens X = packed(xn_, tokens_);
+  multiply(*layer.feedForwardGate, X, gate_);
+  multiply(*layer.feedForwardUp, X, mixed_);
+  Floats& h = gate_.values;
+  qwen35::forEachShare(h.size(), h.size() >= kTeamElements, [&](size_t, size_t begin, size_t end) {
+    qwen35::kernelTable().siluMul(&h[begin], &mixed_.values[begin], &h[begin], end - begin);
+  });
+  multiply(*layer.feedForwardDown, packed(gate_, tokens_), part_);
+}
+
+void Decoder::computeLogits(std::span<const Chunk> chunks, std::vector<float>& logits) {
+  size_t rows = 0;
+  for (const Chunk& chunk : chunks) rows += logitRows(chunk);
+  logits.resize(rows * vocabulary());
+  if (rows == 0) return;
+  shape(part_, x_.width, rows);
+  size_t first = 0;
+  size_t row = 0;
+  for (const Chunk& chunk : chunks) {
+    const size_t end = first + chunk.tokens.size();
+    for (size_t t = end - logitRows(chunk); t < end; ++t, ++row) {
+      std::copy_n(x_.token(t), x_.width, part_.token(row));
+    }
+    first = end;
+  }
+  norm(weights_.outputNorm(), part_, rows, xn_);
+  qwen35::matmul(GpuHook{}, weights_.head(), packed(xn_, rows), logits.data());
+}
+
+}  // namespace zem
