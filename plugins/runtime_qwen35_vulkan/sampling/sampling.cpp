@@ -9,6 +9,16 @@
 #include "sampling/candidates.h"
 
 namespace qwen35rt {
+
+using qwen35::bestCandidates;
+using qwen35::Candidate;
+using qwen35::CandidateList;
+using qwen35::drawByWeight;
+using qwen35::Extent;
+using qwen35::ranksBefore;
+using qwen35::SamplingLoops;
+using qwen35::weightOf;
+
 namespace {
 
 // Up to this many candidates a full sort is as fast as a search for the best ones.

@@ -34,16 +34,27 @@ int64_t roundedInteger(double shifted) {
                               std::bit_cast<uint64_t>(kRoundingShift));
 }
 
-// log of a positive normal double, good to 1e-11 relative: with
+// A positive normal double u = 2^k m in the terms of its logarithm: with
 // f = (m - 1) / (m + 1), log m = 2 (f + f^3 / 3 + f^5 / 5 + ...).
+struct LogTerms {
+  explicit LogTerms(double u) {
+    const auto bits = std::bit_cast<uint64_t>(u);
+    // Counting the exponent from sqrt(1/2) keeps m within [0.707, 1.414).
+    constexpr uint64_t kSqrtHalf = 0x3FE6A09E667F3BCD;
+    const uint64_t offset = bits - kSqrtHalf;
+    const int64_t exponent = static_cast<int64_t>(offset) >> 52;
+    const double m = std::bit_cast<double>(bits - (static_cast<uint64_t>(exponent) << 52));
+    k = static_cast<double>(exponent);
+    f = (m - 1.0) / (m + 1.0);
+  }
+
+  double k;
+  double f;
+};
+
+// log of a positive normal double, good to 1e-11 relative.
 double logForFloat(double u) {
-  const auto bits = std::bit_cast<uint64_t>(u);
-  // Counting the exponent from sqrt(1/2) keeps m within [0.707, 1.414).
-  constexpr uint64_t kSqrtHalf = 0x3FE6A09E667F3BCD;
-  const uint64_t offset = bits - kSqrtHalf;
-  const int64_t k = static_cast<int64_t>(offset) >> 52;
-  const double m = std::bit_cast<double>(bits - (static_cast<uint64_t>(k) << 52));
-  const double f = (m - 1.0) / (m + 1.0);
+  const auto [k, f] = LogTerms(u);
   const double s = f * f;
   double p = 1.0 / 15;
   p = p * s + 1.0 / 13;
@@ -53,7 +64,24 @@ double logForFloat(double u) {
   p = p * s + 1.0 / 5;
   p = p * s + 1.0 / 3;
   p = p * s + 1.0;
-  return static_cast<double>(k) * kLn2 + 2.0 * f * p;
+  return k * kLn2 + 2.0 * f * p;
+}
+
+// f^3 / 3 + f^5 / 5 + ..., the first term left out below 2^-60 of f.
+double logSeries(double f) {
+  const double s = f * f;
+  double p = 1.0 / 23;
+  p = p * s + 1.0 / 21;
+  p = p * s + 1.0 / 19;
+  p = p * s + 1.0 / 17;
+  p = p * s + 1.0 / 15;
+  p = p * s + 1.0 / 13;
+  p = p * s + 1.0 / 11;
+  p = p * s + 1.0 / 9;
+  p = p * s + 1.0 / 7;
+  p = p * s + 1.0 / 5;
+  p = p * s + 1.0 / 3;
+  return (f * s) * p;
 }
 
 double sinSeries(double r) {
@@ -108,6 +136,19 @@ double expF64(double x) {
   const int64_t k = roundedInteger(shifted);
   const int64_t half = k / 2;
   return value * powerOfTwo(half) * powerOfTwo(k - half);
+}
+
+double logF64(double x) {
+  if (!(x > 0.0)) {
+    return x == 0.0 ? -std::numeric_limits<double>::infinity()
+                    : std::numeric_limits<double>::quiet_NaN();
+  }
+  if (x > std::numeric_limits<double>::max()) return x;
+  // Subnormal numbers lack the leading bit.
+  const bool subnormal = x < std::numeric_limits<double>::min();
+  const auto [exponent, f] = LogTerms(subnormal ? x * 0x1p54 : x);
+  const double k = subnormal ? exponent - 54.0 : exponent;
+  return k * kLn2High + (k * kLn2Low + (2.0 * f + 2.0 * logSeries(f)));
 }
 
 void sinCosF64(double angle, double& sine, double& cosine) {

@@ -25,6 +25,10 @@ float log1pF32(float x);
 /// e^x in double, within 1 unit in the last place for |x| < 700.
 double expF64(double x);
 
+/// The natural logarithm in double, within 2 units in the last place. 0 gives negative
+/// infinity, a negative x NaN; infinity and NaN stay.
+double logF64(double x);
+
 /// Sine and cosine of `angle` (radians), |angle| <= 2^20, absolute error below
 /// 1e-15: rounding to float is right but for near-ties.
 void sinCosF64(double angle, double& sine, double& cosine);

@@ -106,6 +106,33 @@ TEST(ExpF64, LimitsAreReached) {
   EXPECT_TRUE(std::isnan(expF64(std::numeric_limits<double>::quiet_NaN())));
 }
 
+TEST(LogF64, IsWithinTwoUnits) {
+  std::mt19937_64 rng(5);
+  std::uniform_real_distribution<double> exponent(-1070.0, 1023.0);
+  std::uniform_real_distribution<double> nearOne(-0.4, 0.4);
+  for (int i = 0; i < 400000; ++i) {
+    const double x = i % 2 == 0 ? std::exp2(exponent(rng)) : 1.0 + nearOne(rng);
+    const long double want = std::log(static_cast<long double>(x));
+    const auto nearest = std::fabs(static_cast<double>(want));
+    const double unit = std::nextafter(nearest, std::numeric_limits<double>::infinity()) - nearest;
+    ASSERT_LE(std::fabs(static_cast<long double>(logF64(x)) - want) / unit, 2.0L) << x;
+  }
+}
+
+TEST(LogF64, KnownValuesAndLimits) {
+  const double inf = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(logF64(1.0), 0.0);
+  EXPECT_EQ(logF64(2.0), 0x1.62e42fefa39efp-1);
+  EXPECT_EQ(logF64(0.0), -inf);
+  EXPECT_EQ(logF64(-0.0), -inf);
+  EXPECT_EQ(logF64(inf), inf);
+  EXPECT_TRUE(std::isnan(logF64(-1e-300)));
+  EXPECT_TRUE(std::isnan(logF64(-inf)));
+  EXPECT_TRUE(std::isnan(logF64(std::numeric_limits<double>::quiet_NaN())));
+  EXPECT_NEAR(logF64(std::numeric_limits<double>::denorm_min()), -744.4400719213812, 1e-12);
+  EXPECT_NEAR(logF64(std::numeric_limits<double>::max()), 709.782712893384, 1e-12);
+}
+
 struct SinCos {
   long double sin;
   long double cos;

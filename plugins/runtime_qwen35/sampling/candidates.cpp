@@ -9,7 +9,7 @@
 
 #include "kiv/math/exact_math.h"
 
-namespace qwen35rt {
+namespace qwen35 {
 namespace {
 
 constexpr size_t kBlock = 1024;
@@ -240,4 +240,4 @@ std::optional<int> drawByWeight(const CandidateList& list, const Extent& extent,
   return std::nullopt;
 }
 
-}  // namespace qwen35rt
+}  // namespace qwen35

@@ -8,10 +8,7 @@
 
 #include "kernels/kernel_table.h"
 
-namespace qwen35rt {
-
-using qwen35::Extent;
-using qwen35::SamplingLoops;
+namespace qwen35 {
 
 struct Candidate {
   float value;  // logit / temperature
@@ -51,4 +48,4 @@ std::vector<Candidate> bestCandidates(const CandidateList& list, const Extent& e
 std::optional<int> drawByWeight(const CandidateList& list, const Extent& extent, double u,
                                 const SamplingLoops& loops);
 
-}  // namespace qwen35rt
+}  // namespace qwen35

@@ -9,85 +9,23 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "kiv/math/exact_math.h"
 #include "qwen35_cpu.h"
+#include "runtime_qwen35/sampling/hard_logits.h"
 #include "runtime_qwen35_vulkan/sampling/plain_sampling.h"
-#include "sampling/sampling.h"
 
-namespace qwen35rt {
+namespace qwen35 {
 namespace {
 
-using qwen35::CpuLevel;
-using qwen35::cpuLevelName;
-using qwen35::cpuLevels;
-using qwen35::ForcedCpuLevel;
-
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
-constexpr float kMax = std::numeric_limits<float>::max();
-constexpr float kTiny = std::numeric_limits<float>::denorm_min();
-
-// Kinds of logits, each with something that is hard on one step of the choice.
-enum Kind {
-  Bell,
-  Peaked,
-  FewValues,
-  AllEqual,
-  NeighbouringFloats,
-  TwoTowers,
-  EverFiner,  // distances to the largest of every magnitude
-  Enormous,
-  Masked,  // mostly negative infinity
-  Zeros,   // of both signs, and the smallest numbers
-  AnyBits,
-  kKinds
-};
-
-float logit(int kind, std::mt19937& random) {
-  std::normal_distribution<float> bell(0.0F, 2.5F);
-  switch (kind) {
-    case Bell:
-      return bell(random);
-    case Peaked:
-      return random() % 100 == 0 ? 20.0F + bell(random) : bell(random);
-    case FewValues:
-      return static_cast<float>(random() % 5);
-    case AllEqual:
-      return 3.25F;
-    case NeighbouringFloats:
-      return std::bit_cast<float>(0x41200000U + static_cast<uint32_t>(random() % 40));
-    case TwoTowers:
-      return (random() % 2 == 0 ? 0.0F : 30.0F) + static_cast<float>(random() % 1000) * 1e-5F;
-    case EverFiner:
-      return -std::ldexp(1.0F, -static_cast<int>(random() % 140));
-    case Enormous:
-      return (random() % 2 == 0 ? 1.0F : -1.0F) * kMax / static_cast<float>(1 + random() % 3);
-    case Masked:
-      return random() % 8 == 0 ? bell(random) : -kInf;
-    case Zeros:
-      return random() % 3 == 0 ? 0.0F : (random() % 2 == 0 ? -0.0F : kTiny);
-    default: {
-      const auto value = std::bit_cast<float>(static_cast<uint32_t>(random()));
-      return std::isnan(value) ? -kInf : value;
-    }
-  }
-}
-
-std::vector<float> logitsOf(int kind, size_t n, uint32_t seed) {
-  std::mt19937 random(seed);
-  std::vector<float> logits(n);
-  for (float& x : logits) x = logit(kind, random);
-  return logits;
-}
+namespace plain = qwen35rt::plain;
+using namespace zemtest::hard;
 
 class LoopsTest : public ::testing::TestWithParam<CpuLevel> {
  protected:
-  const SamplingLoops& loops_ = qwen35::kernelTable(GetParam()).sampling;
+  const SamplingLoops& loops_ = kernelTable(GetParam()).sampling;
 };
 
 INSTANTIATE_TEST_SUITE_P(Levels, LoopsTest,
@@ -96,12 +34,12 @@ INSTANTIATE_TEST_SUITE_P(Levels, LoopsTest,
 
 TEST_P(LoopsTest, AForcedLevelIsTheOneThatIsUsed) {
   const ForcedCpuLevel forced(GetParam());
-  EXPECT_EQ(&qwen35::kernelTable().sampling, &loops_);
+  EXPECT_EQ(&kernelTable().sampling, &loops_);
 }
 
 TEST(SamplingLoopsTest, Avx2HasLoopsOfItsOwn) {
-  const SamplingLoops& avx2 = qwen35::kernelTable(CpuLevel::Avx2).sampling;
-  const SamplingLoops& baseline = qwen35::kernelTable(CpuLevel::Baseline).sampling;
+  const SamplingLoops& avx2 = kernelTable(CpuLevel::Avx2).sampling;
+  const SamplingLoops& baseline = kernelTable(CpuLevel::Baseline).sampling;
   EXPECT_NE(avx2.extent, baseline.extent);
   EXPECT_NE(avx2.buckets, baseline.buckets);
   EXPECT_NE(avx2.weights, baseline.weights);
@@ -276,55 +214,5 @@ TEST_P(LoopsTest, IdsComeFromTheListThatNamesThem) {
   EXPECT_EQ(byRank(bestCandidates(list, extent, 3, loops_))[2].id, 2003);
 }
 
-// The whole choice, vocabularies on both sides of the size where it changes.
-TEST(FastSamplingTest, EqualsSortingEverything) {
-  for (uint32_t seed = 0; seed < 66; ++seed) {
-    std::mt19937 random(seed);
-    const size_t n = 1000 + random() % 1500;
-    std::vector<float> logits = logitsOf(static_cast<int>(seed) % kKinds, n, seed);
-    if (seed % 7 == 0) logits[random() % n] = kNan;
-    if (seed % 11 == 3) logits[random() % n] = kInf;
-    for (const float temperature : {0.05F, 0.7F, 1.0F, 30.0F, 1e-45F, kInf, kNan}) {
-      for (const int topK : {0, 2, 40, 1100, static_cast<int>(n) - 1, static_cast<int>(n)}) {
-        for (const float topP : {0.0F, 0.9F}) {
-          std::mt19937 fast(seed);
-          std::mt19937 slow(seed);
-          const int id = sampleNext(logits.data(), n, temperature, topK, topP, fast);
-          const int expected = plain::sampleNext(logits.data(), n, temperature, topK, topP, slow);
-          ASSERT_EQ(id, expected) << "seed " << seed << " temperature " << temperature << " topK "
-                                  << topK << " topP " << topP;
-          ASSERT_EQ(fast, slow);
-        }
-      }
-    }
-  }
-}
-
-TEST_P(LoopsTest, AChoiceEqualsSortingAVocabularyOfFullSize) {
-  const ForcedCpuLevel forced(GetParam());
-  constexpr size_t kVocabulary = 248320;
-  for (const int kind : {Bell, Peaked, AllEqual, TwoTowers}) {
-    const std::vector<float> logits = logitsOf(kind, kVocabulary, 9);
-    const auto ranked = plain::ranking(logits.data(), kVocabulary, 0.8F, 0);
-    std::mt19937 fast(3);
-    std::mt19937 slow(3);
-    for (int i = 0; i < 5; ++i) {
-      ASSERT_EQ(sampleNext(logits.data(), kVocabulary, 0.8F, 0, 0.0F, fast),
-                plain::walk(ranked, plain::canonical(slow), 0.0F));
-    }
-  }
-}
-
-TEST_P(LoopsTest, ArgmaxEqualsAPlainLoop) {
-  const ForcedCpuLevel forced(GetParam());
-  for (uint32_t seed = 0; seed < 400; ++seed) {
-    std::mt19937 random(seed);
-    std::vector<float> x = logitsOf(static_cast<int>(seed) % kKinds, random() % 2300, seed);
-    for (size_t nans = seed % 3; nans > 0 && !x.empty(); --nans) x[random() % x.size()] = kNan;
-    if (seed % 9 == 0 && !x.empty()) x[0] = kNan;
-    ASSERT_EQ(argmax(x.data(), x.size()), plain::argmax(x.data(), x.size())) << seed;
-  }
-}
-
 }  // namespace
-}  // namespace qwen35rt
+}  // namespace qwen35

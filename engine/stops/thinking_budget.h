@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+// A limit for what a model thinks before it answers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "engine/stops/stop_rules.h"
+
+namespace zem {
+
+struct ThinkingOptions {
+  uint32_t beginToken = 0;          // <think>
+  uint32_t endToken = 0;            // </think>
+  std::vector<uint32_t> closing;    // ids of a short text that ends the thinking; may be empty
+  uint64_t budget = kNoTokenLimit;  // tokens of thinking
+  bool inside = false;              // the prompt has begun the thinking
+};
+
+// Counts tokens between <think> and </think>. When the budget is used up, the next tokens are
+// forced: the closing text and </think>. Then the answer goes on. Neither they nor the two
+// markers count as thinking. Should the model begin to think again, it has what is left
+// of the budget.
+class ThinkingBudget {
+ public:
+  explicit ThinkingBudget(const ThinkingOptions& options);
+
+  // The id that has to come next in place of one that is drawn; nothing: draw one.
+  std::optional<uint32_t> forced() const;
+
+  // Each token of the reply, drawn or forced.
+  void push(uint32_t id);
+
+  bool inside() const { return inside_; }  // of the thinking
+  uint64_t used() const { return used_; }  // tokens of thinking so far
+
+ private:
+  uint32_t beginToken_;
+  uint32_t endToken_;
+  std::vector<uint32_t> ending_;  // closing text and </think>
+  uint64_t budget_;
+  bool inside_;
+  uint64_t used_ = 0;
+  size_t written_ = 0;  // of the ending
+};
+
+}  // namespace zem
