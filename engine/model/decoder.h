@@ -41,6 +41,11 @@ class Decoder {
   const Weights& weights() const { return weights_; }
   size_t vocabulary() const { return weights_.shape().vocabulary; }
   SequenceState newSequence();
+  // Of the part of a conversation's state that does not grow.
+  size_t recurrentBytes() const {
+    return weights_.linearLayers() * (linearSizes_.stateFloats() + linearSizes_.windowFloats()) *
+           sizeof(float);
+  }
 
   // Computes the chunks together. `logits` becomes one row of vocabulary() floats for each token
   // that asked, in the order of the chunks. Throws std::bad_alloc, and std::invalid_argument for a

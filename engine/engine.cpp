@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "engine/engine.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "engine/model/decoder.h"
+#include "engine/model/weights.h"
+#include "engine/schedule/scheduler.h"
+#include "matmul/thread_team.h"
+
+namespace zem {
+namespace {
+
+using kiv::Status;
+
+// Positions of a model whose file does not say.
+constexpr size_t kUnstatedContext = 8192;
+
+class VocabularyBytes : public TokenBytes {
+ public:
+  explicit VocabularyBytes(const Vocabulary& vocabulary) : vocabulary_(vocabulary) {}
+  std::string_view bytesOf(uint32_t id) const override { return vocabulary_.bytesOf(id); }
+  uint32_t size() const override { return vocabulary_.size(); }
+
+ private:
+  const Vocabulary& vocabulary_;
+};
+
+SchedulerOptions schedulerOptions(const EngineOptions& options, const Shape& shape) {
+  SchedulerOptions result;
+  const size_t most = shape.contextLength != 0 ? shape.contextLength : kUnstatedContext;
+  result.context = options.context != 0 ? std::min(options.context, most) : most;
+  result.sequences = std::max<size_t>(options.sequences, 1);
+  if (options.batchTokens != 0) result.batchTokens = options.batchTokens;
+  result.memoryBytes = options.memoryBytes;
+  result.cacheBytes = options.cacheBytes;
+  return result;
+}
+
+size_t threadsOf(const EngineOptions& options) {
+  return options.threads != 0 ? options.threads
+                              : std::max<size_t>(std::thread::hardware_concurrency(), 1);
+}
+
+CacheType cacheType(CacheNumbers numbers) {
+  return numbers == CacheNumbers::Float ? CacheType::F32 : CacheType::F16;
+}
+
+}  // namespace
+
+struct Engine::Impl {
+  Impl(std::unique_ptr<Weights> opened, Vocabulary loaded, const EngineOptions& engineOptions)
+      : weights(std::move(opened)),
+        vocabulary(std::move(loaded)),
+        bytes(vocabulary),
+        decoder(*weights, cacheType(engineOptions.cacheNumbers)),
+        options(schedulerOptions(engineOptions, weights->shape())),
+        mostWaiting(engineOptions.waiting),
+        scheduler(decoder, bytes, options),
+        team(threadsOf(engineOptions)) {}
+
+  void compute();
+  bool waitForWork();
+  void takeArrivals();
+  void noteLoad();
+
+  std::unique_ptr<Weights> weights;
+  Vocabulary vocabulary;
+  VocabularyBytes bytes;
+  Decoder decoder;
+  SchedulerOptions options;
+  size_t mostWaiting;
+  Scheduler scheduler;  // of the engine's thread, but for check()
+  qwen35::ThreadTeam team;
+
+  mutable std::mutex mutex;
+  std::condition_variable arrived;
+  std::deque<Ticket> arrivals;  // under the mutex, as what follows
+  bool ends = false;
+  Load load;
+
+  std::thread thread;
+};
+
+// The engine's thread.
+void Engine::Impl::compute() {
+  const qwen35::UseTeam use(team);
+  while (waitForWork()) {
+    try {
+      scheduler.turn();
+    } catch (const std::exception& error) {  // memory, in all likelihood
+      scheduler.endAll(EndReason::Error, error.what());
+    }
+    noteLoad();
+  }
+  scheduler.endAll(EndReason::Cancelled, {});
+}
+
+// False: the engine goes.
+bool Engine::Impl::waitForWork() {
+  std::unique_lock lock(mutex);
+  const bool idle = scheduler.running() == 0 && scheduler.waiting() == 0;
+  if (idle) arrived.wait(lock, [&] { return ends || !arrivals.empty(); });
+  takeArrivals();
+  return !ends;
+}
+
+void Engine::Impl::takeArrivals() {
+  for (; !arrivals.empty(); arrivals.pop_front()) scheduler.add(std::move(arrivals.front()));
+}
+
+void Engine::Impl::noteLoad() {
+  const std::lock_guard lock(mutex);
+  load = {scheduler.running(), scheduler.waiting(), scheduler.cache().states(),
+          scheduler.cache().bytes()};
+}
+
+Status Engine::open(const std::string& path, const EngineOptions& options,
+                    std::unique_ptr<Engine>& out) {
+  std::unique_ptr<Weights> weights;
+  Status status = Weights::open(path, weights);
+  Vocabulary vocabulary;
+  if (status.ok()) status = Vocabulary::load(weights->loader(), vocabulary);
+  if (!status.ok()) return status;
+  try {
+    auto impl = std::make_unique<Impl>(std::move(weights), std::move(vocabulary), options);
+    impl->thread = std::thread([&engine = *impl] { engine.compute(); });
+    out.reset(new Engine(std::move(impl)));
+  } catch (const std::system_error& error) {
+    return kiv::ioError(std::string("the system gives no more threads: ") + error.what());
+  }
+  return {};
+}
+
+Engine::Engine(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+Engine::~Engine() {
+  {
+    const std::lock_guard lock(impl_->mutex);
+    impl_->ends = true;
+  }
+  impl_->arrived.notify_one();
+  impl_->thread.join();
+}
+
+Status Engine::submit(Request request, std::shared_ptr<Listener> listener, RequestHandle& handle) {
+  Status status = impl_->scheduler.check(request);
+  if (!status.ok()) return status;
+  Ticket ticket;
+  ticket.request = std::move(request);
+  ticket.listener = std::move(listener);
+  ticket.cancelled = std::make_shared<std::atomic<bool>>(false);
+  handle = RequestHandle(ticket.cancelled);
+  {
+    const std::lock_guard lock(impl_->mutex);
+    const size_t waiting = impl_->arrivals.size() + impl_->load.waiting;
+    if (waiting >= impl_->mostWaiting) {
+      return kiv::unsupported("too many requests wait: " + std::to_string(waiting));
+    }
+    impl_->arrivals.push_back(std::move(ticket));
+  }
+  impl_->arrived.notify_one();
+  return {};
+}
+
+const Vocabulary& Engine::vocabulary() const { return impl_->vocabulary; }
+size_t Engine::context() const { return impl_->options.context; }
+
+Engine::Load Engine::load() const {
+  const std::lock_guard lock(impl_->mutex);
+  return impl_->load;
+}
+
+}  // namespace zem

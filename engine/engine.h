@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+/// \file
+/// Replies of a model, many at once.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "engine/request.h"
+#include "engine/vocabulary.h"
+#include "kiv/status.h"
+
+namespace zem {
+
+/// What keys and values of earlier positions are stored as.
+enum class CacheNumbers : uint8_t {
+  Half,   ///< half precision
+  Float,  ///< single precision: twice the memory, and no rounding
+};
+
+/// How an engine is set up. Zero means the default that is named.
+struct EngineOptions {
+  size_t threads = 0;                              ///< that compute; all processors
+  CacheNumbers cacheNumbers = CacheNumbers::Half;  ///< of the key/value cache
+  size_t sequences = 4;                            ///< requests that run at the same time
+  size_t waiting = 64;                             ///< requests that may wait for a place
+  size_t context = 0;                              ///< tokens of prompt and reply; the model's
+  size_t batchTokens = 0;                          ///< that are computed together; 48
+  size_t memoryBytes = 0;                          ///< for running requests; no limit
+  size_t cacheBytes = size_t{1} << 30;             ///< for what later requests may reuse
+};
+
+/// A request on its way. Copies stand for the same request.
+class RequestHandle {
+ public:
+  RequestHandle() = default;
+  /// Ends the request after the step that runs. Any thread; without effect once it has ended.
+  void cancel() const {
+    if (cancelled_ != nullptr) *cancelled_ = true;
+  }
+
+ private:
+  friend class Engine;
+  explicit RequestHandle(std::shared_ptr<std::atomic<bool>> cancelled)
+      : cancelled_(std::move(cancelled)) {}
+
+  std::shared_ptr<std::atomic<bool>> cancelled_;
+};
+
+/// A model with a thread that computes. The same request gives the same tokens, whatever else
+/// runs, is reused, or how many threads there are. Every member may be called from any thread.
+class Engine {
+ public:
+  /// Opens the container at `path`. Failures: those of the file, and IOError when the system
+  /// gives no threads.
+  static kiv::Status open(const std::string& path, const EngineOptions& options,
+                          std::unique_ptr<Engine>& out);
+  /// Ends all requests as cancelled, and waits for their last calls.
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  /// Asks for a reply. Fails with InvalidFormat, and a message that says what is wrong, for a
+  /// request that cannot be computed; with Unsupported while too many requests wait. Otherwise
+  /// `listener` hears of the reply, maybe before this call returns; it lives until its last call.
+  kiv::Status submit(Request request, std::shared_ptr<Listener> listener, RequestHandle& handle);
+
+  const Vocabulary& vocabulary() const;  ///< of the model
+  size_t context() const;                ///< tokens of prompt and reply together
+
+  /// What is going on.
+  struct Load {
+    size_t running = 0;     ///< requests that compute
+    size_t waiting = 0;     ///< requests that wait
+    size_t keptStates = 0;  ///< kept for later requests
+    size_t keptBytes = 0;   ///< of them
+  };
+  Load load() const;  ///< after the latest step
+
+ private:
+  struct Impl;
+  explicit Engine(std::unique_ptr<Impl> impl);
+
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace zem

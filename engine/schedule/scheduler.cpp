@@ -1,0 +1,265 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "engine/schedule/scheduler.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace zem {
+namespace {
+
+// A state is worth keeping where it saves at least as many tokens.
+constexpr size_t kFewTokens = 16;
+
+}  // namespace
+
+struct Scheduler::Place {
+  Place(ActiveReply active, std::shared_ptr<std::atomic<bool>> cancelFlag)
+      : reply(std::move(active)), cancelled(std::move(cancelFlag)) {}
+
+  size_t fed() const { return state->length(); }
+  bool inPrompt() const { return reply.inPrompt(fed()); }
+  size_t left() const { return reply.tokens().size() - fed(); }
+
+  ActiveReply reply;
+  std::shared_ptr<std::atomic<bool>> cancelled;
+  std::unique_ptr<SequenceState> state;
+  std::vector<size_t> keepAt;  // ascending, beyond what is fed
+  size_t reservedBytes = 0;
+};
+
+Scheduler::Scheduler(Decoder& decoder, const TokenBytes& bytes, const SchedulerOptions& options)
+    : decoder_(decoder),
+      bytes_(bytes),
+      options_(options),
+      cache_(options.cacheBytes, decoder.pool().layout().bytes()) {
+  options_.batchTokens = std::max(options_.batchTokens, options_.sequences + kFewTokens);
+  places_.reserve(options_.sequences);
+  idleStates_.reserve(options_.sequences);
+  batch_.reserve(options_.sequences);
+  chunks_.reserve(options_.sequences);
+}
+Scheduler::~Scheduler() = default;
+
+kiv::Status Scheduler::check(const Request& request) const {
+  const size_t prompt = request.prompt.size();
+  if (prompt == 0) return kiv::invalidFormat("the prompt is empty, needs at least one token");
+  for (size_t i = 0; i < prompt; ++i) {
+    if (request.prompt[i] >= decoder_.vocabulary()) {
+      return kiv::invalidFormat("token " + std::to_string(i) + " of the prompt is " +
+                                std::to_string(request.prompt[i]) + ", the model has " +
+                                std::to_string(decoder_.vocabulary()) + " tokens");
+    }
+  }
+  if (prompt >= options_.context) {
+    return kiv::invalidFormat("the prompt has " + std::to_string(prompt) +
+                              " tokens, but prompt and reply together have room for " +
+                              std::to_string(options_.context));
+  }
+  const size_t bytes = bytesFor(request);
+  if (options_.memoryBytes != 0 && bytes > options_.memoryBytes) {
+    return kiv::invalidFormat("the request may need " + std::to_string(bytes >> 20) +
+                              " MiB, the limit is " + std::to_string(options_.memoryBytes >> 20) +
+                              " MiB; ask for fewer tokens");
+  }
+  kiv::Status status = validate(request.sampling, bytes_.size());
+  return status.ok() ? validate(request.stops) : status;
+}
+
+void Scheduler::add(Ticket ticket) { waiting_.push_back(std::move(ticket)); }
+
+bool Scheduler::turn() {
+  dropCancelled();
+  admit();
+  removeEnded();
+  plan();
+  if (!batch_.empty()) compute();
+  removeEnded();
+  return !places_.empty() || !waiting_.empty();
+}
+
+void Scheduler::endAll(EndReason reason, const std::string& error) {
+  for (const auto& place : places_) place->reply.end(reason, error);
+  removeEnded();
+  for (; !waiting_.empty(); waiting_.pop_front()) {
+    Ticket& ticket = waiting_.front();
+    ActiveReply(std::move(ticket.request), ticket.listener, bytes_, options_.context, ticket.asked)
+        .end(reason, error);
+  }
+}
+
+void Scheduler::dropCancelled() {
+  for (const auto& place : places_) {
+    if (*place->cancelled) place->reply.end(EndReason::Cancelled);
+  }
+  removeEnded();
+  for (auto it = waiting_.begin(); it != waiting_.end();) {
+    if (!*it->cancelled) {
+      ++it;
+      continue;
+    }
+    ActiveReply(std::move(it->request), it->listener, bytes_, options_.context, it->asked)
+        .end(EndReason::Cancelled);
+    it = waiting_.erase(it);
+  }
+}
+
+void Scheduler::admit() {
+  while (!waiting_.empty() && places_.size() < options_.sequences &&
+         hasRoomFor(waiting_.front().request)) {
+    Ticket ticket = std::move(waiting_.front());
+    waiting_.pop_front();
+    const std::shared_ptr<Listener> listener = ticket.listener;
+    try {
+      start(std::move(ticket));
+    } catch (const std::bad_alloc&) {
+      refuse(*listener);
+    }
+  }
+}
+
+// A request that failed before it had a place.
+void Scheduler::refuse(Listener& listener) {
+  End end;
+  end.reason = EndReason::Error;
+  end.error = "out of memory";  // short enough to need none
+  try {
+    listener.onEnd(end);
+  } catch (...) {  // the listener has lost interest
+  }
+}
+
+bool Scheduler::hasRoomFor(const Request& request) const {
+  return options_.memoryBytes == 0 || reservedBytes_ + bytesFor(request) <= options_.memoryBytes;
+}
+
+// Of the state and the pages that the request may come to use.
+size_t Scheduler::bytesFor(const Request& request) const {
+  const uint64_t room = options_.context - request.prompt.size();
+  const auto reply = static_cast<size_t>(std::min<uint64_t>(room, request.stops.maxTokens));
+  const size_t pages = (request.prompt.size() + reply + kPagePositions - 1) / kPagePositions;
+  return decoder_.recurrentBytes() + pages * decoder_.pool().layout().bytes();
+}
+
+std::unique_ptr<SequenceState> Scheduler::takeState() {
+  if (idleStates_.empty()) return std::make_unique<SequenceState>(decoder_.newSequence());
+  std::unique_ptr<SequenceState> state = std::move(idleStates_.back());
+  idleStates_.pop_back();
+  return state;
+}
+
+void Scheduler::start(Ticket ticket) {
+  ActiveReply reply(std::move(ticket.request), std::move(ticket.listener), bytes_, options_.context,
+                    ticket.asked);
+  auto place = std::make_unique<Place>(std::move(reply), std::move(ticket.cancelled));
+  const Request& request = place->reply.request();
+  place->state = takeState();
+  // The last token is evaluated anew: its logits choose the reply's first.
+  const PrefixCache::Match match = cache_.find(request.prompt, request.prompt.size() - 1);
+  if (match.snapshot != nullptr) {
+    place->state->restore(*match.snapshot);
+  } else {
+    place->state->reset();
+  }
+  const size_t fed = place->fed();
+  place->keepAt = request.keepAt;
+  if (match.known >= fed + kFewTokens) place->keepAt.push_back(match.known);
+  place->keepAt.push_back(request.prompt.size());
+  std::ranges::sort(place->keepAt);
+  std::erase_if(place->keepAt, [&](size_t at) { return at <= fed || at > request.prompt.size(); });
+  place->reservedBytes = bytesFor(request);
+  reservedBytes_ += place->reservedBytes;
+  place->reply.begin(fed, match.known);
+  places_.push_back(std::move(place));
+}
+
+// Every reply's next token, then prompts, from firstPrompt_ on.
+void Scheduler::plan() {
+  batch_.clear();
+  chunks_.clear();
+  size_t left = options_.batchTokens;
+  const auto take = [&](Place& place, size_t count) {
+    const std::span<const uint32_t> tokens(place.reply.tokens());
+    const bool last = count == place.left();
+    chunks_.push_back({place.state.get(), tokens.subspan(place.fed(), count),
+                       last ? LogitsOf::Last : LogitsOf::None});
+    batch_.push_back(&place);
+    left -= count;
+  };
+  for (const auto& place : places_) {
+    if (!place->inPrompt() && left > 0) take(*place, 1);
+  }
+  for (size_t i = 0; i < places_.size() && left > 0; ++i) {
+    Place& place = *places_[(firstPrompt_ + i) % places_.size()];
+    if (place.inPrompt()) take(place, chunkOf(place, left));
+  }
+  ++firstPrompt_;
+}
+
+// Chunks end where a state is to be kept.
+size_t Scheduler::chunkOf(const Place& place, size_t most) const {
+  const size_t count = std::min(most, place.left());
+  const auto next = std::ranges::upper_bound(place.keepAt, place.fed());
+  return next == place.keepAt.end() ? count : std::min(count, *next - place.fed());
+}
+
+void Scheduler::compute() {
+  try {
+    decoder_.step(chunks_, logits_);
+  } catch (const std::bad_alloc&) {
+    const bool untouched =
+        std::ranges::none_of(batch_, [](const Place* place) { return place->state->broken(); });
+    // What is kept for later requests gives way to those that run.
+    if (untouched && cache_.dropOne()) return;
+    return failBatch("not enough memory");
+  }
+  deliver();
+}
+
+void Scheduler::deliver() {
+  const float* row = logits_.data();
+  for (size_t i = 0; i < batch_.size(); ++i) {
+    Place& place = *batch_[i];
+    if (place.fed() <= place.reply.request().prompt.size()) {
+      place.reply.reportPrompt(place.fed());
+      keep(place, place.fed());
+    }
+    if (chunks_[i].logits == LogitsOf::None) continue;
+    try {
+      place.reply.choose({row, decoder_.vocabulary()});
+    } catch (const std::bad_alloc&) {
+      place.reply.end(EndReason::Error, "not enough memory");
+    }
+    row += decoder_.vocabulary();
+    if (place.reply.ended()) keep(place, place.fed());
+  }
+}
+
+// Keeps the state after `length` tokens for later requests, where that was asked for or the reply
+// has ended.
+void Scheduler::keep(Place& place, size_t length) {
+  const bool wanted = std::ranges::binary_search(place.keepAt, length) || place.reply.ended();
+  if (!wanted || length < kFewTokens) return;
+  if (!cache_.hasRoomFor(decoder_.recurrentBytes(), length)) return;
+  try {
+    cache_.insert(std::span(place.reply.tokens()).first(length), place.state->snapshot());
+  } catch (const std::bad_alloc&) {
+    cache_.dropOne();
+  }
+}
+
+void Scheduler::failBatch(const std::string& error) {
+  for (Place* place : batch_) place->reply.end(EndReason::Error, error);
+}
+
+void Scheduler::removeEnded() {
+  std::erase_if(places_, [&](std::unique_ptr<Place>& place) {
+    if (!place->reply.ended()) return false;
+    place->state->reset();
+    idleStates_.push_back(std::move(place->state));
+    reservedBytes_ -= place->reservedBytes;
+    return true;
+  });
+}
+
+}  // namespace zem
