@@ -13,7 +13,7 @@ constexpr double kNever = std::numeric_limits<double>::infinity();
 // Most of the probability lies with few: a search for a cut begins with so many ...
 constexpr size_t kFirstPortion = 256;
 // ... and goes on with a portion so many times as large.
-constexpr size_t kPortionGrowth = 16;
+constexpr size_t kPortionGrowth = 12;
 
 double targetOf(const Cuts& cuts, double total) {
   return cuts.hasShare() ? cuts.share * total : kNever;

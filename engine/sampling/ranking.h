@@ -44,6 +44,9 @@ class Ranking {
   Ranking(std::span<const float> values, const qwen35::Extent& extent)
       : values_(values), extent_(extent) {}
 
+  std::optional<std::vector<uint32_t>> fewBest(size_t count) const;
+  std::vector<uint32_t> someBest(size_t count) const;
+
   qwen35::CandidateList list(float scale) const {
     return {values_.data(), values_.size(), scale, nullptr};
   }

@@ -13,6 +13,7 @@
 #include "engine/sampling/plain_chain.h"
 #include "engine/sampling/sampler_chain.h"
 #include "runtime_qwen35/sampling/hard_logits.h"
+#include "support/thorough.h"
 
 namespace zemtest {
 
@@ -20,6 +21,8 @@ using namespace zem;
 using namespace hard;
 
 namespace {
+
+const uint32_t kSeeds = thorough() ? 5000 : 500;
 
 // Draws in the middle of nowhere, and right at the borders between two ids.
 std::vector<double> drawsFor(const std::vector<plain_chain::Entry>& kept, float temperature,
@@ -45,7 +48,7 @@ std::vector<double> drawsFor(const std::vector<plain_chain::Entry>& kept, float 
 TEST(ConstrainedDraw, IsThatOfAMaskOrDeclined) {
   size_t answered = 0;
   size_t asked = 0;
-  for (uint32_t seed = 0; seed < 1500; ++seed) {
+  for (uint32_t seed = 0; seed < kSeeds; ++seed) {
     std::mt19937 random(seed);
     const size_t n = 1 + random() % (seed % 4 == 0 ? 4000 : 200);
     const std::vector<float> logits = logitsOf(static_cast<int>(seed) % kKinds, n, seed);

@@ -15,6 +15,7 @@
 #include "engine/sampling/plain_chain.h"
 #include "qwen35_cpu.h"
 #include "runtime_qwen35/sampling/hard_logits.h"
+#include "support/thorough.h"
 
 namespace zemtest {
 
@@ -24,6 +25,7 @@ using namespace hard;
 namespace {
 
 constexpr uint32_t kVocabulary = 248320;
+const uint32_t kSeeds = thorough() ? 2000 : 220;
 
 SamplingOptions seeded(uint64_t seed = 1) {
   SamplingOptions options;
@@ -260,7 +262,7 @@ INSTANTIATE_TEST_SUITE_P(Levels, SamplerChainLevels,
                          [](const auto& level) { return qwen35::cpuLevelName(level.param); });
 
 TEST_P(SamplerChainLevels, DrawWhatTheDefinitionDraws) {
-  for (uint32_t seed = 0; seed < 600; ++seed) {
+  for (uint32_t seed = 0; seed < kSeeds; ++seed) {
     std::mt19937 random(seed);
     const int kind = static_cast<int>(seed) % kKinds;
     const size_t n = 1 + random() % (seed % 4 == 0 ? 6000 : 300);
@@ -282,7 +284,7 @@ TEST_P(SamplerChainLevels, DrawWhatTheDefinitionDraws) {
 }
 
 TEST_P(SamplerChainLevels, DrawUnderAFilterWhatTheDefinitionDrawsBehindAMask) {
-  for (uint32_t seed = 0; seed < 900; ++seed) {
+  for (uint32_t seed = 0; seed < kSeeds; ++seed) {
     std::mt19937 random(seed);
     const int kind = static_cast<int>(seed) % kKinds;
     const size_t n = 1 + random() % (seed % 4 == 0 ? 6000 : 300);
@@ -306,7 +308,7 @@ TEST_P(SamplerChainLevels, DrawUnderAFilterWhatTheDefinitionDrawsBehindAMask) {
 }
 
 TEST_P(SamplerChainLevels, DrawFromAVocabularyOfFullSize) {
-  for (const int kind : {Bell, Peaked, AllEqual, TwoTowers}) {
+  for (const int kind : {Peaked, TwoTowers}) {
     const std::vector<float> logits = logitsOf(kind, kVocabulary, 9);
     SamplingOptions options[] = {defaultSampling(true), defaultSampling(false), seeded(), seeded(),
                                  seeded()};
@@ -316,7 +318,7 @@ TEST_P(SamplerChainLevels, DrawFromAVocabularyOfFullSize) {
       each.seed = 11;
       SamplerChain chain(each, kVocabulary - 243);
       plain_chain::Chain plain(each, kVocabulary - 243);
-      for (int i = 0; i < 2; ++i) ASSERT_EQ(chain.next(logits), plain.next(logits)) << kind;
+      ASSERT_EQ(chain.next(logits), plain.next(logits)) << kind;
     }
   }
 }
