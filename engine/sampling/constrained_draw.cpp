@@ -84,7 +84,6 @@ class PartialDraw {
 
   // How many more ids can stay.
   size_t untested() const {
-    if (behind_ == kMinusInfinity) return 0;
     return std::min(cuts_.limit - allowed_.size(), ranking_.size() - tested_);
   }
 
