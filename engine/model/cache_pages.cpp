@@ -19,6 +19,21 @@ void storeHead(Number* keys, Number* values, size_t size, size_t position, const
   for (size_t i = 0; i < size; ++i) row[i] = convert(value[i]);
 }
 
+template <typename Number>
+void clearBlocks(const PageLayout& layout, size_t position, Number* numbers) {
+  const size_t size = layout.headSize();
+  for (size_t layer = 0; layer < layout.layers(); ++layer) {
+    for (size_t head = 0; head < layout.heads(); ++head) {
+      Number* keys = numbers + layout.keys(layer, head);
+      for (size_t i = 0; i < size; ++i) {
+        std::fill(keys + i * kPagePositions + position, keys + (i + 1) * kPagePositions, Number{});
+      }
+      Number* values = numbers + layout.values(layer, head);
+      std::fill(values + position * size, values + kPagePositions * size, Number{});
+    }
+  }
+}
+
 }  // namespace
 
 PageLayout::PageLayout(const Shape& shape, size_t fullLayers, CacheType type)
@@ -51,5 +66,13 @@ void Page::store(const PageLayout& layout, size_t layer, size_t head, size_t pos
 }
 
 void Page::copyFrom(const Page& other) { std::memcpy(data_, other.data_, bytes_); }
+
+void Page::clearFrom(const PageLayout& layout, size_t position) {
+  if (layout.type() == CacheType::F16) {
+    clearBlocks(layout, position, static_cast<uint16_t*>(data_));
+  } else {
+    clearBlocks(layout, position, static_cast<float*>(data_));
+  }
+}
 
 }  // namespace zem

@@ -24,6 +24,8 @@ class PageLayout {
   PageLayout(const Shape& shape, size_t fullLayers, CacheType type);
 
   CacheType type() const { return type_; }
+  size_t layers() const { return layers_; }
+  size_t heads() const { return heads_; }
   size_t headSize() const { return headSize_; }
   size_t bytes() const { return layers_ * heads_ * 2 * blockNumbers() * numberBytes(); }
   // In numbers from the page's start: component 0 of position 0.
@@ -59,6 +61,12 @@ class Page {
   void store(const PageLayout& layout, size_t layer, size_t head, size_t position, const float* key,
              const float* value);
   void copyFrom(const Page& other);
+  // Zeroes the positions from `position` on.
+  void clearFrom(const PageLayout& layout, size_t position);
+
+  // All of it, for files.
+  void* data() { return data_; }
+  const void* data() const { return data_; }
 
  private:
   PagePool& pool_;

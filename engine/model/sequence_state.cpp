@@ -23,9 +23,7 @@ void SequenceState::reset() {
 Snapshot SequenceState::snapshot() const {
   Snapshot copy;
   copy.length = length_;
-  auto recurrent = std::make_shared<RecurrentState>(recurrent_.sizes(), recurrent_.layers());
-  recurrent->copyFrom(recurrent_);
-  copy.recurrent = std::move(recurrent);
+  copy.recurrent = std::make_shared<RecurrentState>(recurrent_);
   // Pages made for a step that failed stay behind: they are not filled, and not to be shared.
   const size_t filled = (length_ + kPagePositions - 1) / kPagePositions;
   copy.pages.assign(pages_.begin(), pages_.begin() + static_cast<ptrdiff_t>(filled));

@@ -29,6 +29,12 @@ class RecurrentState {
   void zero() { floats_.zero(); }
   void copyFrom(const RecurrentState& other);
 
+  RecurrentState(const RecurrentState& other) : RecurrentState(other.sizes_, other.layers_) {
+    copyFrom(other);
+  }
+  RecurrentState(RecurrentState&&) = default;
+  RecurrentState& operator=(RecurrentState&&) = default;
+
   // All of it, for files and comparisons.
   float* data() { return floats_.data(); }
   const float* data() const { return floats_.data(); }
