@@ -5,6 +5,8 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <system_error>
@@ -14,6 +16,7 @@
 #include "engine/model/decoder.h"
 #include "engine/model/weights.h"
 #include "engine/schedule/scheduler.h"
+#include "engine/session/session_file.h"
 #include "matmul/thread_team.h"
 
 namespace zem {
@@ -70,6 +73,8 @@ struct Engine::Impl {
   void compute();
   bool waitForWork();
   void takeArrivals();
+  void runErrands(std::unique_lock<std::mutex>& lock);
+  Status onThread(const std::function<Status()>& errand);
   void noteLoad();
 
   std::unique_ptr<Weights> weights;
@@ -84,6 +89,7 @@ struct Engine::Impl {
   mutable std::mutex mutex;
   std::condition_variable arrived;
   std::deque<Ticket> arrivals;  // under the mutex, as what follows
+  std::deque<std::packaged_task<Status()>> errands;
   bool ends = false;
   Load load;
 
@@ -108,9 +114,32 @@ void Engine::Impl::compute() {
 bool Engine::Impl::waitForWork() {
   std::unique_lock lock(mutex);
   const bool idle = scheduler.running() == 0 && scheduler.waiting() == 0;
-  if (idle) arrived.wait(lock, [&] { return ends || !arrivals.empty(); });
+  if (idle) arrived.wait(lock, [&] { return ends || !arrivals.empty() || !errands.empty(); });
   takeArrivals();
+  runErrands(lock);
   return !ends;
+}
+
+void Engine::Impl::runErrands(std::unique_lock<std::mutex>& lock) {
+  while (!errands.empty()) {
+    std::packaged_task<Status()> errand = std::move(errands.front());
+    errands.pop_front();
+    lock.unlock();
+    errand();
+    lock.lock();
+  }
+}
+
+// Runs `errand` between two steps and waits for it.
+Status Engine::Impl::onThread(const std::function<Status()>& errand) {
+  std::packaged_task<Status()> task(errand);
+  std::future<Status> result = task.get_future();
+  {
+    const std::lock_guard lock(mutex);
+    errands.push_back(std::move(task));
+  }
+  arrived.notify_one();
+  return result.get();
 }
 
 void Engine::Impl::takeArrivals() {
@@ -169,6 +198,38 @@ Status Engine::submit(Request request, std::shared_ptr<Listener> listener, Reque
   }
   impl_->arrived.notify_one();
   return {};
+}
+
+Status Engine::save(const std::vector<uint32_t>& conversation, const std::string& path,
+                    size_t& saved) {
+  return impl_->onThread([&]() -> Status {
+    const PrefixCache::Match match =
+        impl_->scheduler.cache().find(conversation, conversation.size());
+    if (match.snapshot == nullptr) {
+      return kiv::invalidFormat("nothing of this conversation is kept");
+    }
+    saved = match.snapshot->length;
+    const std::vector<uint32_t> tokens(conversation.begin(),
+                                       conversation.begin() + static_cast<ptrdiff_t>(saved));
+    return saveSession(path, impl_->decoder, tokens, *match.snapshot);
+  });
+}
+
+Status Engine::restore(const std::string& path, std::vector<uint32_t>& conversation) {
+  return impl_->onThread([&]() -> Status {
+    std::vector<uint32_t> tokens;
+    Snapshot snapshot;
+    const Status status = loadSession(path, impl_->decoder, tokens, snapshot);
+    if (!status.ok()) return status;
+    PrefixCache& cache = impl_->scheduler.cache();
+    if (!cache.hasRoomFor(impl_->decoder.recurrentBytes(), tokens.size())) {
+      return kiv::invalidFormat(path + ": is larger than the memory for kept states, " +
+                                std::to_string(impl_->options.cacheBytes >> 20) + " MiB");
+    }
+    cache.insert(tokens, std::move(snapshot));
+    conversation = std::move(tokens);
+    return {};
+  });
 }
 
 const Vocabulary& Engine::vocabulary() const { return impl_->vocabulary; }

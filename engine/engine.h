@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/request.h"
 #include "engine/vocabulary.h"
@@ -67,6 +68,20 @@ class Engine {
   /// request that cannot be computed; with Unsupported while too many requests wait. Otherwise
   /// `listener` hears of the reply, maybe before this call returns; it lives until its last call.
   kiv::Status submit(Request request, std::shared_ptr<Listener> listener, RequestHandle& handle);
+
+  /// Writes what is kept of a conversation to a file: the longest state whose tokens are the
+  /// beginning of `conversation`. That is all but its last token after a reply that went on from
+  /// it. `saved` becomes their number. Fails with InvalidFormat when nothing is kept, with IOError
+  /// when the file cannot be written; an older file then stays as it was. Waits for the step that
+  /// runs. session_file.h has the format.
+  kiv::Status save(const std::vector<uint32_t>& conversation, const std::string& path,
+                   size_t& saved);
+
+  /// Keeps a saved state as if its conversation had just been here: a prompt that begins with
+  /// `conversation`, which becomes its tokens, goes on from there. Fails with IOError for a file
+  /// that cannot be read, with InvalidFormat for one that is damaged, that belongs to another
+  /// model, or that is larger than EngineOptions::cacheBytes. Waits for the step that runs.
+  kiv::Status restore(const std::string& path, std::vector<uint32_t>& conversation);
 
   const Vocabulary& vocabulary() const;  ///< of the model
   size_t context() const;                ///< tokens of prompt and reply together

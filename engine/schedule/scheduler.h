@@ -58,7 +58,7 @@ class Scheduler {
 
   size_t running() const { return places_.size(); }
   size_t waiting() const { return waiting_.size(); }
-  const PrefixCache& cache() const { return cache_; }
+  PrefixCache& cache() { return cache_; }
 
  private:
   struct Place;

@@ -131,6 +131,47 @@ TEST_F(EngineTest, LoadShowsWhatIsKept) {
   EXPECT_GT(engine->load().keptBytes, 0U);
 }
 
+TEST_F(EngineTest, SavedConversationGoesOnInAnotherEngine) {
+  const zemtest::TempFile saved;
+  std::vector<uint32_t> conversation = zemtest::randomIds(100, 100, 1);
+  std::string want;
+  {
+    const auto engine = open();
+    const auto first = std::make_shared<RecordingListener>();
+    RequestHandle handle;
+    ASSERT_TRUE(engine->submit(requestFor(conversation, 20), first, handle).ok());
+    first->waitForEnd();
+    const std::vector<uint32_t> reply = first->ids();
+    conversation.insert(conversation.end(), reply.begin(), reply.end());
+    size_t tokens = 0;
+    const kiv::Status status = engine->save(conversation, saved.string(), tokens);
+    ASSERT_TRUE(status.ok()) << status.message();
+    EXPECT_EQ(tokens, 119U);
+    conversation.push_back(5);
+    want = replyOf(*engine, requestFor(conversation, 30));
+  }
+  const auto engine = open();
+  std::vector<uint32_t> restored;
+  const kiv::Status status = engine->restore(saved.string(), restored);
+  ASSERT_TRUE(status.ok()) << status.message();
+  EXPECT_EQ(restored, std::vector<uint32_t>(conversation.begin(), conversation.begin() + 119));
+  const auto next = std::make_shared<RecordingListener>();
+  RequestHandle handle;
+  ASSERT_TRUE(engine->submit(requestFor(conversation, 30), next, handle).ok());
+  EXPECT_EQ(next->waitForEnd().usage.reused, 119U);
+  EXPECT_EQ(next->text(), want);
+}
+
+TEST_F(EngineTest, WhatCannotBeSavedOrRestoredIsTold) {
+  const auto engine = open({.threads = 1, .cacheBytes = 1000});
+  size_t tokens = 0;
+  EXPECT_EQ(engine->save({1, 2, 3}, file_.string(), tokens).message(),
+            "nothing of this conversation is kept");
+  std::vector<uint32_t> conversation;
+  EXPECT_EQ(engine->restore(file_.string(), conversation).message(),
+            file_.string() + ": is not a saved conversation");
+}
+
 TEST_F(EngineTest, ContextIsTheModelsAndCanBeSmaller) {
   EXPECT_EQ(open()->context(), 4096U);
   EXPECT_EQ(open({.context = 100})->context(), 100U);
