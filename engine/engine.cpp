@@ -219,7 +219,7 @@ Status Engine::restore(const std::string& path, std::vector<uint32_t>& conversat
   return impl_->onThread([&]() -> Status {
     std::vector<uint32_t> tokens;
     Snapshot snapshot;
-    const Status status = loadSession(path, impl_->decoder, tokens, snapshot);
+    Status status = loadSession(path, impl_->decoder, tokens, snapshot);
     if (!status.ok()) return status;
     PrefixCache& cache = impl_->scheduler.cache();
     if (!cache.hasRoomFor(impl_->decoder.recurrentBytes(), tokens.size())) {

@@ -55,8 +55,7 @@ void Vocabulary::Impl::findEndTokens(const kiv::ZEMLoader& loader) {
   const int32_t eos = loader.tokenizer().eosId;
   if (eos >= 0) endTokens.push_back(static_cast<uint32_t>(eos));
   std::ranges::sort(endTokens);
-  const auto repeated = std::ranges::unique(endTokens);
-  endTokens.erase(repeated.begin(), repeated.end());
+  endTokens.erase(std::unique(endTokens.begin(), endTokens.end()), endTokens.end());
 }
 
 Vocabulary::Vocabulary() = default;

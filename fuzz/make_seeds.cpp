@@ -326,6 +326,14 @@ void textTokenizers(const Corpus& corpus) {
   }
 }
 
+// How many changes, each a place and a byte; whether the file is cut, and where.
+void savedChats(const Corpus& corpus) {
+  corpus.add("sound", Bytes{0, 1});
+  corpus.add("changed_token", Bytes{1, 0x40, 0, 0, 0, 7, 1});
+  corpus.add("count", Bytes{2, 0x18, 0, 0, 0, 0xFF, 0x1F, 0, 0, 0, 0xFF, 1});
+  corpus.add("cut", Bytes{0, 0, 0x50, 0, 0, 0});
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -344,6 +352,7 @@ int main(int argc, char** argv) {
   configs({folder, "config"});
   tokenizers({folder, "tokenizer_json"});
   sessions({folder, "session"});
+  savedChats({folder, "saved_chat"});
   replies({folder, "reply_parser"});
   chatRequests({folder, "chat_request"});
   schemas({folder, "schema"});

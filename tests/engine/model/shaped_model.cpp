@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engine/model/shaped_model.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -107,8 +105,7 @@ void writeShapedModel(const TempFile& file, const kiv::Architecture& architectur
 
 std::unique_ptr<zem::Weights> openWeights(const TempFile& file) {
   std::unique_ptr<zem::Weights> weights;
-  const kiv::Status status = zem::Weights::open(file.string(), weights);
-  EXPECT_TRUE(status.ok()) << status.message();
+  require(zem::Weights::open(file.string(), weights));
   return weights;
 }
 

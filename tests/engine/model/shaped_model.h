@@ -21,7 +21,7 @@ kiv::Architecture smallArchitecture();
 void writeShapedModel(const TempFile& file, const kiv::Architecture& architecture,
                       kiv::DType type = kiv::DType::F32, uint32_t seed = 1);
 
-// The model opened; a failure is a failure of the test, and then null.
+// The model opened. Throws std::runtime_error with the message of a failure.
 std::unique_ptr<zem::Weights> openWeights(const TempFile& file);
 
 // Ids below `vocabulary` that follow from the seed.
