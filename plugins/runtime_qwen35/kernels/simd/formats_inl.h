@@ -78,8 +78,9 @@ struct Tile {
     }
   }
 
-  const uint8_t* rows[G][V::kLanes];
-  const uint8_t* ahead;  // in the tile after this one, whose rows follow without a gap
+  const uint8_t* rows[G][V::kLanes];  // where they begin
+  size_t at = 0;                      // the current place, the same in every row
+  const uint8_t* ahead;               // in the tile after this one, whose rows follow without a gap
 
   // Prefetches one of kParts parts of the next tile's block, which has kRowBytes bytes a row.
   // Formats call this evenly between the sums: prefetching a whole block at once would fill the
@@ -87,15 +88,20 @@ struct Tile {
   template <size_t kRowBytes, size_t kParts>
   ZEM_INLINE void fetchAhead() {
     constexpr size_t kPiece = G * V::kLanes * kRowBytes / kParts;
-    for (size_t i = 0; i < kPiece; i += 64) __builtin_prefetch(ahead + i, 0, 3);
+    for (size_t i = 0; i < kPiece; i += 64) __builtin_prefetch(ahead + i, 0, V::kFetchLocality);
     ahead += kPiece;
   }
 
-  ZEM_INLINE void advance(size_t bytes) {
-    for (auto& group : rows) {
-      for (const uint8_t*& row : group) row += bytes;
-    }
+  // Word w of group g's rows, from `offset` bytes behind the current place on, as V::loadWords.
+  template <size_t kWords>
+  ZEM_INLINE void loadWords(size_t g, size_t offset, typename V::I* words) const {
+    V::template loadWords<kWords>(rows[g], at + offset, words);
   }
+
+  // The current place of a row.
+  const uint8_t* row(size_t g, size_t lane) const { return rows[g][lane] + at; }
+
+  ZEM_INLINE void advance(size_t bytes) { at += bytes; }
 };
 
 // Scale and minimum of a sub-block, one row a lane.
@@ -115,27 +121,49 @@ ZEM_INLINE void widenSixBits(typename V::I word, typename V::F d, size_t g,
   });
 }
 
-// Scales and minima of the eight sub-blocks of Q4_K and Q5_K, which begin with the same 16 bytes.
+// What the first 16 bytes of Q4_K and Q5_K hold, one row a lane: the half-precision scales in
+// `halves`, and the six-bit scales and minima of sub-blocks 0 to 3 and 4 to 7, one in each byte.
 // See kiv::quant::getScaleMinK4; this takes four sub-blocks at once.
-template <class V, size_t G>
-ZEM_INLINE void loadAffines(const Tile<V, G>& tile, Affine<V, G>* affines) {
-  using I = typename V::I;
-  const I six = V::setBits(0x3F3F3F3F);
-  const I four = V::setBits(0x0F0F0F0F);
-  const I two = V::setBits(0x30303030);
-  for (size_t g = 0; g < G; ++g) {
+template <class V>
+struct SixBitHead {
+  typename V::I halves;
+  typename V::I scales[2];
+  typename V::I minima[2];
+
+  template <size_t G>
+  ZEM_INLINE SixBitHead(const Tile<V, G>& tile, size_t g) {
+    using I = typename V::I;
+    const I six = V::setBits(0x3F3F3F3F);
+    const I four = V::setBits(0x0F0F0F0F);
+    const I two = V::setBits(0x30303030);
     I head[4];
-    V::template loadWords<4>(tile.rows[g], 0, head);
-    const auto d = V::fromHalf(head[0]);
-    const auto dmin = V::fromHalf(V::template shiftDown<16>(head[0]));
+    tile.template loadWords<4>(g, 0, head);
     const I scaleTop = V::both(V::template shiftDown<2>(head[1]), two);
     const I minTop = V::both(V::template shiftDown<2>(head[2]), two);
     const I minLow = V::both(V::template shiftDown<4>(head[3]), four);
-    const I scaleHigh = V::either(V::both(head[3], four), scaleTop);
-    widenSixBits<V, G>(V::both(head[1], six), d, g, &Affine<V, G>::scale, affines);
-    widenSixBits<V, G>(scaleHigh, d, g, &Affine<V, G>::scale, affines + 4);
-    widenSixBits<V, G>(V::both(head[2], six), dmin, g, &Affine<V, G>::min, affines);
-    widenSixBits<V, G>(V::either(minLow, minTop), dmin, g, &Affine<V, G>::min, affines + 4);
+    halves = head[0];
+    scales[0] = V::both(head[1], six);
+    scales[1] = V::either(V::both(head[3], four), scaleTop);
+    minima[0] = V::both(head[2], six);
+    minima[1] = V::either(minLow, minTop);
+  }
+
+  ZEM_INLINE typename V::F d() const { return V::fromHalf(halves); }
+  ZEM_INLINE typename V::F dmin() const { return V::fromHalf(V::template shiftDown<16>(halves)); }
+};
+
+// Scales and minima of the eight sub-blocks of Q4_K and Q5_K, which begin with the same 16 bytes.
+template <class V, size_t G>
+ZEM_INLINE void loadAffines(const Tile<V, G>& tile, Affine<V, G>* affines) {
+  for (size_t g = 0; g < G; ++g) {
+    const SixBitHead<V> head(tile, g);
+    const auto d = head.d();
+    const auto dmin = head.dmin();
+    for (size_t half = 0; half < 2; ++half) {
+      Affine<V, G>* const four = affines + 4 * half;
+      widenSixBits<V, G>(head.scales[half], d, g, &Affine<V, G>::scale, four);
+      widenSixBits<V, G>(head.minima[half], dmin, g, &Affine<V, G>::min, four);
+    }
   }
 }
 
@@ -146,7 +174,7 @@ struct Words {
   typename V::I at[G][N];
 
   ZEM_INLINE void load(const Tile<V, G>& tile, size_t offset) {
-    for (size_t g = 0; g < G; ++g) V::template loadWords<N>(tile.rows[g], offset, at[g]);
+    for (size_t g = 0; g < G; ++g) tile.template loadWords<N>(g, offset, at[g]);
   }
 };
 
@@ -162,6 +190,8 @@ struct Words {
 //       vector steps are not exact for them
 // `column` counts from the first of the kColumns. Columns arrive in order. `rest`, where there is
 // one, hands over what is left at the end of a row. matvec reads kMostRows rows side by side.
+// `addCodes` hands over the quantised columns alone, with scales that the caller has loaded: the
+// integer products have scales of another kind.
 inline constexpr size_t kBlockRows = 32;
 
 struct Q4K {
@@ -176,14 +206,19 @@ struct Q4K {
   ZEM_INLINE static void add(Tile<V, G>& tile, Sink& sink) {
     Affine<V, G> affines[8];
     loadAffines<V, G>(tile, affines);
+    addCodes<V, G>(tile, affines, sink);
+  }
+
+  template <class V, size_t G, class Scale, class Sink>
+  ZEM_INLINE static void addCodes(Tile<V, G>& tile, const Scale* scales, Sink& sink) {
     for (size_t c = 0; c < 4; ++c) {
       Words<V, G, 8> codes;
       codes.load(tile, kCodes + 32 * c);
       const auto wordOf = [&](auto g, size_t w) ZEM_INLINE_LAMBDA { return codes.at[g.value][w]; };
       tile.template fetchAhead<kBytes, 8>();
-      sink.template columns<0x0F>(8, wordOf, affines[2 * c], 64 * c);
+      sink.template columns<0x0F>(8, wordOf, scales[2 * c], 64 * c);
       tile.template fetchAhead<kBytes, 8>();
-      sink.template columns<0xF0>(8, wordOf, affines[2 * c + 1], 64 * c + 32);
+      sink.template columns<0xF0>(8, wordOf, scales[2 * c + 1], 64 * c + 32);
     }
   }
 };
@@ -201,6 +236,11 @@ struct Q5K {
   ZEM_INLINE static void add(Tile<V, G>& tile, Sink& sink) {
     Affine<V, G> affines[8];
     loadAffines<V, G>(tile, affines);
+    addCodes<V, G>(tile, affines, sink);
+  }
+
+  template <class V, size_t G, class Scale, class Sink>
+  ZEM_INLINE static void addCodes(Tile<V, G>& tile, const Scale* scales, Sink& sink) {
     Words<V, G, 8> fifth;
     fifth.load(tile, kFifthBits);
     const auto nibbles = V::setBits(0x0F0F0F0F);
@@ -217,9 +257,9 @@ struct Q5K {
                          shift<V, up - 1>(fifth.at[g.value][w]));
       };
       tile.template fetchAhead<kBytes, 8>();
-      sink.template columns<0x1F>(8, low, affines[2 * c], 64 * c);
+      sink.template columns<0x1F>(8, low, scales[2 * c], 64 * c);
       tile.template fetchAhead<kBytes, 8>();
-      sink.template columns<0x1F>(8, high, affines[2 * c + 1], 64 * c + 32);
+      sink.template columns<0x1F>(8, high, scales[2 * c + 1], 64 * c + 32);
     });
   }
 };
@@ -242,12 +282,12 @@ struct Q6K {
     bool finite = true;
     for (size_t g = 0; g < G; ++g) {
       typename V::I last[4];  // the scale is the upper half of the last word
-      V::template loadWords<4>(tile.rows[g], kBytes - 16, last);
+      tile.template loadWords<4>(g, kBytes - 16, last);
       const auto d = V::fromHalf(V::template shiftDown<16>(last[3]));
       finite = finite && V::allFinite(d);
       const auto bias = V::mul(d, V::set(128.0F));
       typename V::I words[4];
-      V::template loadWords<4>(tile.rows[g], kScales, words);
+      tile.template loadWords<4>(g, kScales, words);
       for (size_t w = 0; w < 4; ++w) {
         const auto word = V::flip(words[w], flip);  // -128 to 127 becomes 0 to 255
         unrolled<4>([&](auto k) ZEM_INLINE_LAMBDA {
@@ -268,19 +308,24 @@ struct Q6K {
       sink.widened(kiv::quant::dequantQ6K, tile, kColumns, 0);
       return;
     }
+    addCodes<V, G>(tile, affines, sink);
+  }
+
+  template <class V, size_t G, class Scale, class Sink>
+  ZEM_INLINE static void addCodes(Tile<V, G>& tile, const Scale* scales, Sink& sink) {
     for (size_t half = 0; half < 2; ++half) {
       Words<V, G, 16> low;
       Words<V, G, 8> high;
       low.load(tile, 64 * half);
       high.load(tile, kHigh + 32 * half);
-      addHalf<V, G>(tile, low, high, affines + 8 * half, 128 * half, sink);
+      addHalf<V, G>(tile, low, high, scales + 8 * half, 128 * half, sink);
     }
   }
 
-  template <class V, size_t G, class Sink>
+  template <class V, size_t G, class Scale, class Sink>
   ZEM_INLINE static void addHalf(Tile<V, G>& tile, const Words<V, G, 16>& low,
-                                 const Words<V, G, 8>& high, const Affine<V, G>* affines,
-                                 size_t column, Sink& sink) {
+                                 const Words<V, G, 8>& high, const Scale* scales, size_t column,
+                                 Sink& sink) {
     const auto nibbles = V::setBits(0x0F0F0F0F);
     unrolled<4>([&](auto quarter) ZEM_INLINE_LAMBDA {
       constexpr size_t q = decltype(quarter)::value;
@@ -292,7 +337,7 @@ struct Q6K {
           return V::select(nibbles, shift < V, q < 2 ? 0 : -4 > (code),
                            shift<V, up>(high.at[g.value][4 * s + w]));
         };
-        sink.template columns<0x3F>(4, wordOf, affines[2 * q + s], column + 32 * q + 16 * s);
+        sink.template columns<0x3F>(4, wordOf, scales[2 * q + s], column + 32 * q + 16 * s);
       }
     });
   }
@@ -323,7 +368,7 @@ struct Q80 {
     for (size_t b = 0; b < blocks; ++b) {
       for (size_t g = 0; g < G; ++g) {
         typename V::I first[4];  // the scale is the lower half of the first word
-        V::template loadWords<4>(tile.rows[g], b * kBlockBytes, first);
+        tile.template loadWords<4>(g, b * kBlockBytes, first);
         const auto d = V::fromHalf(first[0]);
         finite = finite && V::allFinite(d);
         affines[b].scale[g] = d;
@@ -340,6 +385,12 @@ struct Q80 {
       sink.widened(kiv::quant::dequantQ80, tile, blocks * kBlockColumns, 0);
       return;
     }
+    addCodes<V, G>(tile, blocks, affines, sink);
+  }
+
+  template <class V, size_t G, class Scale, class Sink>
+  ZEM_INLINE static void addCodes(Tile<V, G>& tile, size_t blocks, const Scale* scales,
+                                  Sink& sink) {
     const auto flip = V::setBits(0x80808080);
     for (size_t b = 0; b < blocks; ++b) {
       Words<V, G, 8> codes;
@@ -348,7 +399,7 @@ struct Q80 {
         return V::flip(codes.at[g.value][w], flip);  // -128 to 127 becomes 0 to 255
       };
       tile.template fetchAhead<kBlockBytes, 1>();
-      sink.template columns<0xFF>(8, wordOf, affines[b], b * kBlockColumns);
+      sink.template columns<0xFF>(8, wordOf, scales[b], b * kBlockColumns);
     }
   }
 };
@@ -392,7 +443,7 @@ struct Bf16 {
         uint32_t bits[V::kLanes];
         for (size_t r = 0; r < V::kLanes; ++r) {
           Stored stored = 0;
-          std::memcpy(&stored, tile.rows[g.value][r] + c * sizeof(Stored), sizeof(Stored));
+          std::memcpy(&stored, tile.row(g.value, r) + c * sizeof(Stored), sizeof(Stored));
           bits[r] = static_cast<uint32_t>(stored) << kShift;
         }
         sink.column(g, V::asFloat(V::loadBits(bits)), c);

@@ -13,7 +13,8 @@ namespace {
 
 struct Avx2 {
   static constexpr size_t kLanes = 8;
-  static constexpr size_t kTokens = 6;  // of one group: their sums fill 12 of 16 registers
+  static constexpr size_t kTokens = 6;      // of one group: their sums fill 12 of 16 registers
+  static constexpr int kFetchLocality = 3;  // of weights: into the first-level cache
   static constexpr size_t kStateVectors = 4;
   using F = __m256;
   using I = __m256i;

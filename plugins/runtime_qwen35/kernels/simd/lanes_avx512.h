@@ -13,7 +13,8 @@ namespace {
 
 struct Avx512 {
   static constexpr size_t kLanes = 16;
-  static constexpr size_t kTokens = 8;  // of one group: their sums fill 16 of 32 registers
+  static constexpr size_t kTokens = 8;      // of one group: their sums fill 16 of 32 registers
+  static constexpr int kFetchLocality = 3;  // of weights: into the first-level cache
   static constexpr size_t kStateVectors = 8;
   using F = __m512;
   using I = __m512i;

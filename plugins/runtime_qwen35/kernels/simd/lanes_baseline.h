@@ -14,7 +14,8 @@ namespace {
 // SSE2, which every x86-64 processor has.
 struct Baseline {
   static constexpr size_t kLanes = 4;
-  static constexpr size_t kTokens = 6;  // of one group: their sums fill 12 of 16 registers
+  static constexpr size_t kTokens = 6;      // of one group: their sums fill 12 of 16 registers
+  static constexpr int kFetchLocality = 3;  // of weights: into the first-level cache
   static constexpr size_t kStateVectors = 2;
   using F = __m128;
   using I = __m128i;

@@ -134,7 +134,7 @@ struct PanelSink {
                                  size_t column) {
     float wide[kRows][256];
     for (size_t r = 0; r < kRows; ++r) {
-      widen(tile.rows[r / V::kLanes][r % V::kLanes], wide[r], columns);
+      widen(tile.row(r / V::kLanes, r % V::kLanes), wide[r], columns);
     }
     for (size_t c = 0; c < columns; ++c) {
       float* out = place(column + c);

@@ -48,8 +48,10 @@ template <class V, size_t G>
                                   size_t columns, typename V::F (&sums)[G]) {
   for (size_t g = 0; g < G; ++g) {
     float lanes[V::kLanes];
+    const uint8_t* rows[V::kLanes];
+    for (size_t r = 0; r < V::kLanes; ++r) rows[r] = tile.row(g, r);
     V::store(lanes, sums[g]);
-    addWidenedRows(widen, tile.rows[g], V::kLanes, x, columns, lanes);
+    addWidenedRows(widen, rows, V::kLanes, x, columns, lanes);
     sums[g] = V::load(lanes);
   }
 }
