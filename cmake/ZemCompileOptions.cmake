@@ -47,8 +47,9 @@ if(ZEM_SANITIZE)
   target_compile_options(zem_compile_options INTERFACE
     -fsanitize=${ZEM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(zem_compile_options INTERFACE -fsanitize=${ZEM_SANITIZE})
+  add_library(zem_sanitized_program OBJECT ${CMAKE_CURRENT_LIST_DIR}/sanitized_program.cpp)
   target_sources(zem_compile_options INTERFACE
-    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${CMAKE_CURRENT_LIST_DIR}/sanitized_program.cpp>)
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:zem_sanitized_program>>)
 endif()
 
 # zem_unoptimised(TARGET): compiles it for the shortest build, whatever the build type.

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# What takes too long for every change: all mutations, all failing requests for memory, the
-# tests on a Vulkan device under the sanitizers, the thread sanitizer, every test under Wine,
-# the lint of every file, the fuzzers, long runs, and a fresh Debian.
+# What takes too long for every change: each source compiled by itself, all mutations, all
+# failing requests for memory, the tests on a Vulkan device under the sanitizers, the thread
+# sanitizer, every test under Wine, the lint of every file, the fuzzers, long runs, and a fresh
+# Debian.
 #   scripts/nightly.sh [MINUTES]   minutes for each fuzzer, 5 by default
 # Takes hours. Every step runs, whatever became of the one before; the table at the end says
 # which failed. The fresh Debian needs root and debootstrap, and is left out without them.
@@ -23,10 +24,16 @@ step() {
   table+=("$(printf '%6d s  %s  %s' $((SECONDS - begin)) "$verdict" "$name")")
 }
 
+each_source() {
+  cmake --preset debug -DZEM_WARNINGS_AS_ERRORS=ON -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
+  cmake --build --preset debug
+}
+
 bash scripts/bootstrap.sh
 bash scripts/bootstrap.sh clang
 bash scripts/bootstrap.sh windows
 step "tests, with all mutations and requests" env ZEM_ALL=1 bash scripts/test.sh release
+step "each source compiles by itself" each_source
 step "benchmarks build" cmake --build --preset release --target benchmarks
 step "lint of every file" bash scripts/check.sh --all
 step "thread sanitizer" bash scripts/test.sh tsan

@@ -14,8 +14,7 @@ namespace {
 constexpr size_t kMostTests = 64;
 // More than all sums together can be off by rounding, as a share of them.
 constexpr double kSlack = 1e-9;
-constexpr float kMinusInfinity = -std::numeric_limits<float>::infinity();
-constexpr double kNever = std::numeric_limits<double>::infinity();
+constexpr float kForbidden = -std::numeric_limits<float>::infinity();
 
 double sumOf(std::span<const double> weights) {
   return std::accumulate(weights.begin(), weights.end(), 0.0);
@@ -151,7 +150,7 @@ std::optional<uint32_t> drawByTests(const Ranking& ranking, const Cuts& cuts, do
                                     const TokenFilter& filter) {
   const std::vector<Candidate> best = ranking.best(kMostTests);
   PartialDraw partial(ranking, cuts, u);
-  for (size_t i = 0; i < best.size() && best[i].value > kMinusInfinity; ++i) {
+  for (size_t i = 0; i < best.size() && best[i].value > kForbidden; ++i) {
     const float behind = best[std::min(i + 1, best.size() - 1)].value;
     partial.add(best[i], filter.allows(static_cast<uint32_t>(best[i].id)), behind);
     if (const std::optional<uint32_t> id = partial.result()) return id;

@@ -9,7 +9,6 @@
 namespace zem {
 namespace {
 
-constexpr double kNever = std::numeric_limits<double>::infinity();
 // Most of the probability lies with few: a search for a cut begins with so many ...
 constexpr size_t kFirstPortion = 256;
 // ... and goes on with a portion so many times as large.

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <vector>
 
@@ -11,6 +12,9 @@
 #include "engine/sampling/sampling_options.h"
 
 namespace zem {
+
+// A target that no sum of weights reaches.
+inline constexpr double kNever = std::numeric_limits<double>::infinity();
 
 // The options in the terms of the arithmetic, for `ids` values.
 struct Cuts {

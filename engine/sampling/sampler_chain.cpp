@@ -11,7 +11,7 @@
 namespace zem {
 namespace {
 
-constexpr float kMinusInfinity = -std::numeric_limits<float>::infinity();
+constexpr float kMasked = -std::numeric_limits<float>::infinity();
 
 uint64_t unpredictable() {
   std::random_device device;
@@ -76,7 +76,7 @@ std::optional<uint32_t> SamplerChain::drawMasked(std::span<const float> values, 
   mask_.resize(values.size(), false);
   if (values.data() != values_.data()) values_.assign(values.begin(), values.end());
   for (size_t id = 0; id < values_.size(); ++id) {
-    if (!mask_[id]) values_[id] = kMinusInfinity;
+    if (!mask_[id]) values_[id] = kMasked;
   }
   const std::optional<Ranking> ranking = Ranking::of(values_, orderly_);
   if (!ranking) return std::nullopt;

@@ -13,7 +13,7 @@ namespace {
 
 using kiv::Status;
 
-constexpr std::string_view kThinkEnd = "</think>";
+constexpr std::string_view kReasoningEnd = "</think>";
 
 constexpr std::string_view kToolsBegin =
     "# Tools\n\nYou have access to the following functions:\n\n<tools>";
@@ -254,11 +254,11 @@ Reply Renderer::splitReply(const Turn& turn) const {
   Reply reply{{}, turn.text()};
   if (turn.message->reasoning) {
     reply.reasoning = *turn.message->reasoning;
-  } else if (const size_t end = reply.content.find(kThinkEnd);
+  } else if (const size_t end = reply.content.find(kReasoningEnd);
              format_.splitsContent && end != std::string_view::npos) {
     const std::string_view before = withoutNewlinesAtEnd(reply.content.substr(0, end));
     reply.reasoning = withoutNewlinesAtFront(behindLast(before, "<think>"));
-    reply.content = withoutNewlinesAtFront(behindLast(reply.content, kThinkEnd));
+    reply.content = withoutNewlinesAtFront(behindLast(reply.content, kReasoningEnd));
   }
   reply.reasoning = pythonStrip(reply.reasoning);
   return reply;

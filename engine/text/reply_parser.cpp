@@ -25,7 +25,6 @@ constexpr std::array<std::string_view, 6> kValueEnds = {
     "\n</parameter>", kParameterEnd, "\n</function>\n</tool_call>", "</function>\n</tool_call>",
     "\n</tool_call>", kCallEnd};
 
-constexpr size_t kLongestName = 128;
 constexpr size_t kMostArguments = 1024;
 
 bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
@@ -194,7 +193,7 @@ bool ReplyParser::stepName(bool isFunction) {
   const size_t end = rest().find_first_of("><\n");
   name_ += take(std::min(end, rest().size()));
   const bool closed = !rest().empty() && rest()[0] == '>';
-  const bool tooLong = name_.size() > kLongestName;
+  const bool tooLong = name_.size() > kLongestFunctionName;
   if (rest().empty() && !tooLong) return false;
   const std::string name = std::exchange(name_, {});
   if (closed && !tooLong && !(isFunction && name.empty())) {

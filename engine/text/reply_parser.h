@@ -14,6 +14,9 @@
 
 namespace zem::text {
 
+/// The longest name of a function that a call may have, in bytes.
+inline constexpr size_t kLongestFunctionName = 128;
+
 /// One thing that a reply said.
 struct ReplyEvent {
   /// What it is.

@@ -8,9 +8,9 @@
 namespace kiv::quant {
 namespace {
 
-constexpr size_t kGroup = 32;   // elements in a sub-block of Q4_K and Q5_K
-constexpr size_t kGroups = 8;   // sub-blocks in a block of either
-constexpr size_t kGroup6 = 16;  // elements in a sub-block of Q6_K
+constexpr size_t kGroupSize = 32;  // elements in a sub-block of Q4_K and Q5_K
+constexpr size_t kGroups = 8;      // sub-blocks in a block of either
+constexpr size_t kGroup6 = 16;     // elements in a sub-block of Q6_K
 
 // How a sub-block spans its codes: element = lo + code * scale.
 struct GroupRange {
@@ -19,8 +19,8 @@ struct GroupRange {
 };
 
 GroupRange quantGroupK(const float* x, float maxCode) {
-  const float lo = smallest(x, kGroup);
-  const float hi = largest(x, kGroup);
+  const float lo = smallest(x, kGroupSize);
+  const float hi = largest(x, kGroupSize);
   return {(hi - lo) / maxCode, lo};
 }
 
@@ -60,7 +60,7 @@ void packScalesK(const std::array<GroupRange, kGroups>& ranges, float& d, float&
 // codes = (x + offset) / step, rounded.
 template <int kMaxCode>
 void roundGroup(const float* x, float offset, float step, uint8_t* codes) {
-  for (size_t l = 0; l < kGroup; ++l) {
+  for (size_t l = 0; l < kGroupSize; ++l) {
     codes[l] = static_cast<uint8_t>(roundToCode((x[l] + offset) / step, 0, kMaxCode));
   }
 }
@@ -70,7 +70,7 @@ void roundGroup(const float* x, float offset, float step, uint8_t* codes) {
 template <int kMaxCode>
 void requantK(const float* x, const std::array<GroupRange, kGroups>& ranges, float d, float dmin,
               const uint8_t* packed, uint8_t* codes) {
-  for (size_t j = 0; j < kGroups; ++j, x += kGroup, codes += kGroup) {
+  for (size_t j = 0; j < kGroups; ++j, x += kGroupSize, codes += kGroupSize) {
     uint8_t scale = 0;
     uint8_t min = 0;
     getScaleMinK4(static_cast<int>(j), packed, scale, min);
@@ -80,7 +80,7 @@ void requantK(const float* x, const std::array<GroupRange, kGroups>& ranges, flo
     } else if (ranges[j].scale > 0.0F) {
       roundGroup<kMaxCode>(x, -ranges[j].lo, ranges[j].scale, codes);
     } else {
-      std::fill_n(codes, kGroup, uint8_t{0});
+      std::fill_n(codes, kGroupSize, uint8_t{0});
     }
   }
 }
@@ -90,7 +90,7 @@ template <int kMaxCode, typename Block>
 std::array<uint8_t, kBlock256> encodeGroups(const float* x, Block& block) {
   std::array<GroupRange, kGroups> ranges;
   for (size_t j = 0; j < kGroups; ++j) {
-    ranges[j] = quantGroupK(x + j * kGroup, static_cast<float>(kMaxCode));
+    ranges[j] = quantGroupK(x + j * kGroupSize, static_cast<float>(kMaxCode));
   }
   float d = 0.0F;
   float dmin = 0.0F;
@@ -107,8 +107,8 @@ std::array<uint8_t, kBlock256> encodeGroups(const float* x, Block& block) {
 void packNibbles(const std::array<uint8_t, kBlock256>& codes, uint8_t* qs) {
   for (size_t c = 0; c < 4; ++c) {
     const uint8_t* a = &codes[64 * c];
-    for (size_t l = 0; l < kGroup; ++l) {
-      qs[32 * c + l] = static_cast<uint8_t>((a[l] & 0xF) | ((a[l + kGroup] & 0xF) << 4));
+    for (size_t l = 0; l < kGroupSize; ++l) {
+      qs[32 * c + l] = static_cast<uint8_t>((a[l] & 0xF) | ((a[l + kGroupSize] & 0xF) << 4));
     }
   }
 }
@@ -120,10 +120,10 @@ void encodeQ4K(const float* x, Q4KBlock& block) {
 void encodeQ5K(const float* x, Q5KBlock& block) {
   const std::array<uint8_t, kBlock256> codes = encodeGroups<31>(x, block);
   packNibbles(codes, block.qs);
-  std::fill_n(block.qh, kGroup, uint8_t{0});
+  std::fill_n(block.qh, kGroupSize, uint8_t{0});
   for (size_t j = 0; j < kGroups; ++j) {
-    for (size_t l = 0; l < kGroup; ++l) {
-      block.qh[l] = static_cast<uint8_t>(block.qh[l] | ((codes[kGroup * j + l] >> 4) << j));
+    for (size_t l = 0; l < kGroupSize; ++l) {
+      block.qh[l] = static_cast<uint8_t>(block.qh[l] | ((codes[kGroupSize * j + l] >> 4) << j));
     }
   }
 }

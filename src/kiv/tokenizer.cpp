@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "kiv/text/byte_level.h"
 #include "kiv/text/piece_memo.h"
 #include "kiv/text/text_index.h"
 #include "kiv/text/tokenizer_bpe.h"
@@ -14,7 +15,6 @@
 namespace kiv {
 namespace {
 
-constexpr std::string_view kSpaceMarker = "\xE2\x96\x81";       // U+2581
 constexpr std::string_view kByteLevelSpaceMarker = "\xC4\xA0";  // U+0120
 constexpr std::string_view kByteTokenPrefix = "<0x";
 constexpr size_t kByteTokenLength = 6;  // "<0xHH>"

@@ -131,7 +131,7 @@ bool writtenByItself(SectionType type) {
 }
 
 // For messages: a name may be of any length and hold any bytes.
-std::string quoted(const std::string& name) {
+std::string nameInQuotes(const std::string& name) {
   return "'" + (name.size() > 80 ? name.substr(0, 80) + "..." : name) + "'";
 }
 
@@ -187,9 +187,9 @@ struct ZEM2Writer::Impl {
   void addMeta(const std::string& key, MetaType type, size_t count, const Encode& encodeValue) {
     if (!declaring()) return;
     if (key.size() > std::numeric_limits<uint16_t>::max()) {
-      return refuse("metadata key " + quoted(key) + " is longer than 65535 bytes");
+      return refuse("metadata key " + nameInQuotes(key) + " is longer than 65535 bytes");
     }
-    if (!fitsU32(count)) return refuse("metadata " + quoted(key) + " is too long");
+    if (!fitsU32(count)) return refuse("metadata " + nameInQuotes(key) + " is too long");
     put(meta, static_cast<uint16_t>(key.size()));
     meta += key;
     put(meta, static_cast<uint8_t>(type));
@@ -231,7 +231,7 @@ struct ZEM2Writer::Impl {
 
 bool ZEM2Writer::Impl::nameIsGood(const std::string& name) {
   const auto refuseIf = [&](bool wrong, const char* what) {
-    if (wrong) refuse("tensor name " + quoted(name) + " " + what);
+    if (wrong) refuse("tensor name " + nameInQuotes(name) + " " + what);
     return wrong;
   };
   // A search by name stops at a NUL byte.
@@ -243,14 +243,14 @@ bool ZEM2Writer::Impl::nameIsGood(const std::string& name) {
 
 void ZEM2Writer::Impl::addTensor(const std::string& name, Tensor tensor) {
   if (tensor.shape.size() > zem2::kMaxDims) {
-    return refuse("tensor " + quoted(name) + " has more than 4 extents");
+    return refuse("tensor " + nameInQuotes(name) + " has more than 4 extents");
   }
   if (std::count(tensor.shape.begin(), tensor.shape.end(), 0) != 0) {
-    return refuse("tensor " + quoted(name) + " has an extent of 0");
+    return refuse("tensor " + nameInQuotes(name) + " has an extent of 0");
   }
   tensor.bytes = dtypeBytes(tensor.type, 1);
   if (tensor.bytes == 0) {
-    return refuse("tensor " + quoted(name) + " has a type without a layout, " +
+    return refuse("tensor " + nameInQuotes(name) + " has a type without a layout, " +
                   dtypeName(tensor.type));
   }
   if (!tensor.shape.empty()) tensor.bytes = dtypeBytes(tensor.type, tensor.shape[0]);
@@ -259,7 +259,7 @@ void ZEM2Writer::Impl::addTensor(const std::string& name, Tensor tensor) {
     fits = fits && checkedMul(tensor.bytes, tensor.shape[i], tensor.bytes);
   }
   if (!fits || tensor.bytes > kMaxFileBytes) {
-    return refuse("tensor " + quoted(name) + " is larger than a file can be");
+    return refuse("tensor " + nameInQuotes(name) + " is larger than a file can be");
   }
   tensors.emplace(name, std::move(tensor));
 }
@@ -272,7 +272,8 @@ Status ZEM2Writer::Impl::layOut() {
     tensor.offset = alignUp(weightBytes);
     weightBytes = tensor.offset + tensor.bytes;
     if (weightBytes > kMaxFileBytes) {
-      return failInvalid("the tensors up to " + quoted(name) + " are larger than a file can be");
+      return failInvalid("the tensors up to " + nameInQuotes(name) +
+                         " are larger than a file can be");
     }
     totalBytes += tensor.bytes;
     order.push_back(name);
@@ -281,8 +282,8 @@ Status ZEM2Writer::Impl::layOut() {
     if (tensor.target.empty()) continue;
     const auto target = tensors.find(tensor.target);
     if (target == tensors.end() || !target->second.target.empty()) {
-      return failInvalid("alias " + quoted(name) + " stands for " + quoted(tensor.target) +
-                         ", which is not a tensor of its own");
+      return failInvalid("alias " + nameInQuotes(name) + " stands for " +
+                         nameInQuotes(tensor.target) + ", which is not a tensor of its own");
     }
     tensor.type = target->second.type;
     tensor.shape = target->second.shape;
@@ -435,7 +436,7 @@ void ZEM2Writer::addTensor(const std::string& name, DType type, std::vector<uint
 
 void ZEM2Writer::addAlias(const std::string& name, std::string target) {
   if (!impl_->declaring() || !impl_->nameIsGood(name)) return;
-  if (target.empty()) return impl_->refuse("alias " + quoted(name) + " has no target");
+  if (target.empty()) return impl_->refuse("alias " + nameInQuotes(name) + " has no target");
   impl_->tensors[name].target = std::move(target);
 }
 
@@ -479,11 +480,11 @@ Status ZEM2Writer::write(const void* bytes, size_t count) {
 Status ZEM2Writer::finish() {
   if (impl_->state != Impl::State::Streaming) return impl_->misuse("finish()");
   if (impl_->bytesLeft > 0) {
-    return impl_->failInvalid("tensor " + quoted(impl_->order[impl_->nextTensor - 1]) + " lacks " +
-                              std::to_string(impl_->bytesLeft) + " bytes");
+    return impl_->failInvalid("tensor " + nameInQuotes(impl_->order[impl_->nextTensor - 1]) +
+                              " lacks " + std::to_string(impl_->bytesLeft) + " bytes");
   }
   if (impl_->nextTensor < impl_->order.size()) {
-    return impl_->failInvalid("tensor " + quoted(impl_->order[impl_->nextTensor]) +
+    return impl_->failInvalid("tensor " + nameInQuotes(impl_->order[impl_->nextTensor]) +
                               " was not written");
   }
   const zem2::Header header = impl_->header();

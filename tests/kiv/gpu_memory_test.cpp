@@ -29,8 +29,6 @@ using ::testing::IsEmpty;
 static_assert(!std::is_copy_constructible_v<VRAMAllocator>);
 static_assert(!std::is_copy_assignable_v<VRAMAllocator>);
 
-constexpr uint64_t kMiB = uint64_t{1} << 20;
-
 FakeDevice deviceWithHeap(uint64_t bytes) {
   FakeDevice device;
   device.heaps[0].size = bytes;
@@ -130,16 +128,16 @@ TEST(GpuMemoryPool, TotalIsTheLargestDeviceLocalHeapNotTheSum) {
   EXPECT_EQ(context.info().vramBytes, 8 * kGiB);
 }
 
-struct TypeChoice {
+struct PoolChoice {
   const char* name;
   std::vector<VkMemoryPropertyFlags> types;
   uint64_t poolSize;
   int chosen;  // -1: none
 };
 
-void PrintTo(const TypeChoice& choice, std::ostream* out) { *out << choice.name; }
+void PrintTo(const PoolChoice& choice, std::ostream* out) { *out << choice.name; }
 
-class PoolMemoryType : public ::testing::TestWithParam<TypeChoice> {};
+class PoolMemoryType : public ::testing::TestWithParam<PoolChoice> {};
 
 TEST_P(PoolMemoryType, IsChosenBySizeAndOrder) {
   FakeDevice device = deviceWithHeap(16 * kGiB);
@@ -167,27 +165,26 @@ TEST_P(PoolMemoryType, IsChosenBySizeAndOrder) {
   EXPECT_EQ(pool.memoryType(), static_cast<uint32_t>(GetParam().chosen));
 }
 
-constexpr VkMemoryPropertyFlags kHost = kHostVisible | kHostCoherent;
 constexpr VkMemoryPropertyFlags kBoth = kDeviceLocal | kHost;
 
 INSTANTIATE_TEST_SUITE_P(
     Table, PoolMemoryType,
     ::testing::Values(
-        TypeChoice{"LastDeviceLocal", {kDeviceLocal, kHost, kDeviceLocal, kHost}, kMiB, 2},
-        TypeChoice{"SmallPoolPrefersTheFirstHostVisible",
+        PoolChoice{"LastDeviceLocal", {kDeviceLocal, kHost, kDeviceLocal, kHost}, kMiB, 2},
+        PoolChoice{"SmallPoolPrefersTheFirstHostVisible",
                    {kDeviceLocal, kBoth, kDeviceLocal, kBoth},
                    kMiB,
                    1},
-        TypeChoice{"TwoGiBIsSmall", {kDeviceLocal, kBoth, kDeviceLocal}, 2 * kGiB, 1},
-        TypeChoice{"OneByteMoreIsNot", {kDeviceLocal, kBoth, kDeviceLocal}, 2 * kGiB + 1, 2},
-        TypeChoice{
+        PoolChoice{"TwoGiBIsSmall", {kDeviceLocal, kBoth, kDeviceLocal}, 2 * kGiB, 1},
+        PoolChoice{"OneByteMoreIsNot", {kDeviceLocal, kBoth, kDeviceLocal}, 2 * kGiB + 1, 2},
+        PoolChoice{
             "LargePoolTakesTheLastAlsoWhenHostVisible", {kDeviceLocal, kBoth, kHost}, 4 * kGiB, 1},
-        TypeChoice{
+        PoolChoice{
             "HostVisibleNeedNotBeCoherent", {kDeviceLocal | kHostVisible, kDeviceLocal}, kMiB, 0},
-        TypeChoice{"DefaultSizeIsLarge", {kBoth, kDeviceLocal}, 0, 1},
-        TypeChoice{"HostMemoryIsNoCandidate", {kHost, kDeviceLocal, kHost}, kMiB, 1},
-        TypeChoice{"NoneIsDeviceLocal", {kHost, 0}, kMiB, -1}, TypeChoice{"NoTypes", {}, kMiB, -1},
-        TypeChoice{"NoTypesForTheDefault", {}, 0, -1}),
+        PoolChoice{"DefaultSizeIsLarge", {kBoth, kDeviceLocal}, 0, 1},
+        PoolChoice{"HostMemoryIsNoCandidate", {kHost, kDeviceLocal, kHost}, kMiB, 1},
+        PoolChoice{"NoneIsDeviceLocal", {kHost, 0}, kMiB, -1}, PoolChoice{"NoTypes", {}, kMiB, -1},
+        PoolChoice{"NoTypesForTheDefault", {}, 0, -1}),
     [](const auto& param) { return std::string(param.param.name); });
 
 TEST(GpuMemoryPool, FailedAllocationLeavesItInvalidAndMayBeRepeated) {

@@ -31,7 +31,6 @@ using ::testing::SizeIs;
 static_assert(!std::is_copy_constructible_v<GPUModelLoader>);
 static_assert(!std::is_copy_assignable_v<GPUModelLoader>);
 
-constexpr uint64_t kMiB = uint64_t{1} << 20;
 constexpr uint64_t kChunk = 64 * kMiB;
 
 Bytes threeTensors() {

@@ -14,6 +14,7 @@
 
 #include "kiv/dequant.h"
 #include "kiv/quant_testing.h"
+#include "support/float_values.h"
 
 namespace zemtest {
 
@@ -21,9 +22,6 @@ using namespace kiv;
 using namespace kiv::quant;
 
 namespace {
-
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
 TEST(QuantizedBytesKTest, OnlyTypesOfTwoHundredFiftySixElements) {
   EXPECT_EQ(quantizedBytesK(QuantType::Q4_K, 1), 144U);
@@ -38,7 +36,7 @@ TEST(QuantizedBytesKTest, OnlyTypesOfTwoHundredFiftySixElements) {
             uint64_t{176} << 56);
 }
 
-TEST(BlockRecordTest, FieldsLieAtTheirOffsets) {
+TEST(BlockRecordKTest, FieldsLieAtTheirOffsets) {
   EXPECT_EQ(offsetof(Q4KBlock, d), 0U);
   EXPECT_EQ(offsetof(Q4KBlock, dmin), 2U);
   EXPECT_EQ(offsetof(Q4KBlock, scales), 4U);
@@ -287,7 +285,7 @@ TEST_P(QuantKTest, NanCountsAsZero) {
 }
 
 TEST_P(QuantKTest, ABlockWithAnInfinityLeavesItsNeighboursAlone) {
-  for (const float bad : {kInfinity, -kInfinity}) {
+  for (const float bad : {kInf, -kInf}) {
     std::vector<float> x = randomFloats(14, 768, -1.0F, 1.0F);
     const std::vector<float> clean = roundTrip(GetParam(), x);
     x[300] = bad;

@@ -9,13 +9,12 @@
 #include <vector>
 
 #include "kiv/sampler.h"
+#include "support/float_values.h"
 
 namespace zemtest {
 
 using namespace kiv;
 
-inline constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-inline constexpr float kInf = std::numeric_limits<float>::infinity();
 inline constexpr int32_t kIntMin = std::numeric_limits<int32_t>::min();
 inline constexpr int32_t kIntMax = std::numeric_limits<int32_t>::max();
 inline constexpr size_t kSizeMax = std::numeric_limits<size_t>::max();

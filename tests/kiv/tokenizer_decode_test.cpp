@@ -13,7 +13,7 @@ using namespace kiv;
 
 namespace {
 
-Tokenizer loaded(std::vector<std::string> tokens, std::vector<int32_t> types = {}) {
+Tokenizer loadedWith(std::vector<std::string> tokens, std::vector<int32_t> types = {}) {
   TokenizerData data;
   data.tokens = std::move(tokens);
   data.tokenTypes = std::move(types);
@@ -32,7 +32,7 @@ std::string decoded(const Tokenizer& tokenizer, const std::vector<int32_t>& ids)
 std::string decodedAll(std::vector<std::string> tokens, std::vector<int32_t> types = {}) {
   std::vector<int32_t> ids;
   for (size_t i = 0; i < tokens.size(); ++i) ids.push_back(static_cast<int32_t>(i));
-  return decoded(loaded(std::move(tokens), std::move(types)), ids);
+  return decoded(loadedWith(std::move(tokens), std::move(types)), ids);
 }
 
 TEST(TokenizerDecodeTest, AnEmptyVocabularyIsRefused) {
@@ -48,10 +48,10 @@ TEST(TokenizerDecodeTest, MarkersBecomeSpacesAndTheFirstStays) {
   EXPECT_EQ(decodedAll({"▁▁x▁"}), "  x ");
 }
 
-TEST(TokenizerDecodeTest, NoIdsGiveNoText) { EXPECT_EQ(decoded(loaded({"a"}), {}), ""); }
+TEST(TokenizerDecodeTest, NoIdsGiveNoText) { EXPECT_EQ(decoded(loadedWith({"a"}), {}), ""); }
 
 TEST(TokenizerDecodeTest, IdsOutsideTheVocabularyAreSkipped) {
-  const Tokenizer tokenizer = loaded({"a", "b"});
+  const Tokenizer tokenizer = loadedWith({"a", "b"});
   EXPECT_EQ(decoded(tokenizer, {-1, 99999}), "");
   EXPECT_EQ(decoded(tokenizer, {0, 2, INT32_MIN, 1, INT32_MAX, 0}), "aba");
 }
@@ -159,7 +159,7 @@ TEST(WhitespaceTest, TheMembersFollowTheStyleOnTheWayInOnly) {
   byteLevel.unescapeWhitespace(text);
   EXPECT_EQ(text, "Ġ ");
 
-  const Tokenizer plain = loaded({"t"});
+  const Tokenizer plain = loadedWith({"t"});
   text = "a b";
   plain.escapeWhitespace(text);
   EXPECT_EQ(text, "a▁b");

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "kiv/small_vocabulary.h"
 #include "kiv/tokenizer.h"
 
 namespace zemtest {
@@ -20,13 +21,6 @@ Tokenizer loaded(TokenizerData data) {
   Tokenizer tokenizer;
   EXPECT_TRUE(tokenizer.load(std::move(data)).ok());
   return tokenizer;
-}
-
-TokenizerData vocabulary(std::vector<std::string> tokens, std::vector<std::string> merges = {}) {
-  TokenizerData data;
-  data.tokens = std::move(tokens);
-  data.merges = std::move(merges);
-  return data;
 }
 
 // The texts of the ids, so that a test reads without counting.

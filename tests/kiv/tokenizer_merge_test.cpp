@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kiv/plain_encoder.h"
+#include "kiv/small_vocabulary.h"
 #include "kiv/tokenizer.h"
 
 namespace zemtest {
@@ -19,19 +20,12 @@ namespace {
 using ::testing::Each;
 using ::testing::ElementsAre;
 
-std::vector<int32_t> idsOf(const TokenizerData& data, const std::string& text) {
+std::vector<int32_t> mergedIds(const TokenizerData& data, const std::string& text) {
   Tokenizer tokenizer;
   EXPECT_TRUE(tokenizer.load(data).ok());
   std::vector<int32_t> ids;
   EXPECT_TRUE(tokenizer.encode(text, ids, true).ok());
   return ids;
-}
-
-TokenizerData vocabulary(std::vector<std::string> tokens, std::vector<std::string> merges) {
-  TokenizerData data;
-  data.tokens = std::move(tokens);
-  data.merges = std::move(merges);
-  return data;
 }
 
 class RandomCase {
@@ -105,52 +99,53 @@ class RandomCase {
 
 TEST(MergeTest, TheSmallestRankComesFirst) {
   const std::vector<std::string> tokens = {"a", "b", "c", "ab", "bc"};
-  EXPECT_THAT(idsOf(vocabulary(tokens, {"a b", "b c"}), "abc"), ElementsAre(3, 2));
-  EXPECT_THAT(idsOf(vocabulary(tokens, {"b c", "a b"}), "abc"), ElementsAre(0, 4));
+  EXPECT_THAT(mergedIds(vocabulary(tokens, {"a b", "b c"}), "abc"), ElementsAre(3, 2));
+  EXPECT_THAT(mergedIds(vocabulary(tokens, {"b c", "a b"}), "abc"), ElementsAre(0, 4));
 }
 
 TEST(MergeTest, TheLeftmostOfEqualRanksComesFirst) {
   const TokenizerData data = vocabulary({"a", "aa", "aaaa"}, {"a a", "aa aa"});
-  EXPECT_THAT(idsOf(data, "aaa"), ElementsAre(1, 0));
-  EXPECT_THAT(idsOf(data, "aaaa"), ElementsAre(2));
-  EXPECT_THAT(idsOf(data, "aaaaaaa"), ElementsAre(2, 1, 0));
+  EXPECT_THAT(mergedIds(data, "aaa"), ElementsAre(1, 0));
+  EXPECT_THAT(mergedIds(data, "aaaa"), ElementsAre(2));
+  EXPECT_THAT(mergedIds(data, "aaaaaaa"), ElementsAre(2, 1, 0));
 }
 
 TEST(MergeTest, AMergeMayEnableABetterRule) {
   EXPECT_THAT(
-      idsOf(vocabulary({"a", "b", "c", "abc", "ca", "ab"}, {"ab c", "a b", "c a"}), "abcab"),
+      mergedIds(vocabulary({"a", "b", "c", "abc", "ca", "ab"}, {"ab c", "a b", "c a"}), "abcab"),
       ElementsAre(3, 5));
 }
 
 TEST(MergeTest, TheFirstOfEqualRulesCounts) {
-  EXPECT_THAT(idsOf(vocabulary({"a", "b", "c", "ab", "bc"}, {"a b", "b c", "a b"}), "abc"),
+  EXPECT_THAT(mergedIds(vocabulary({"a", "b", "c", "ab", "bc"}, {"a b", "b c", "a b"}), "abc"),
               ElementsAre(3, 2));
 }
 
 TEST(MergeTest, MergesPassThroughTextsThatAreNoTokens) {
   const TokenizerData data = vocabulary({"abc", "c"}, {"a b", "ab c"});
-  EXPECT_THAT(idsOf(data, "abc"), ElementsAre(0));
-  EXPECT_THAT(idsOf(data, "abab"), ElementsAre());
+  EXPECT_THAT(mergedIds(data, "abc"), ElementsAre(0));
+  EXPECT_THAT(mergedIds(data, "abab"), ElementsAre());
 }
 
 TEST(MergeTest, AResultWithoutATokenOrARuleIsOneUnknown) {
   TokenizerData data = vocabulary({"a", "b"}, {"a b"});
   data.unkId = 9;
-  EXPECT_THAT(idsOf(data, "abb"), ElementsAre(9, 1));
+  EXPECT_THAT(mergedIds(data, "abb"), ElementsAre(9, 1));
 }
 
 TEST(MergeTest, TheSameTextMadeInTwoWaysIsOneSymbol) {
   const TokenizerData data =
       vocabulary({"a", "b", "c", "d", "abcd"}, {"b c", "a bc", "abc d", "a b", "ab c"});
-  EXPECT_THAT(idsOf(data, "abcd"), ElementsAre(4));
+  EXPECT_THAT(mergedIds(data, "abcd"), ElementsAre(4));
 }
 
 TEST(MergeTest, RulesOfOtherShapesFitNothing) {
   // A piece holds no spaces, so no symbol does, and none is empty.
   for (const char* rule : {"", " ", "ab", "a  b", " ab", "ab ", "a b ", " a b", "a b c"}) {
-    EXPECT_THAT(idsOf(vocabulary({"a", "b", "ab", "c", "a b"}, {rule}), "ab"), ElementsAre(0, 1))
+    EXPECT_THAT(mergedIds(vocabulary({"a", "b", "ab", "c", "a b"}, {rule}), "ab"),
+                ElementsAre(0, 1))
         << '"' << rule << '"';
-    EXPECT_THAT(idsOf(vocabulary({"a", "b", "ab", "c", "a b"}, {rule, "a b"}), "ab"),
+    EXPECT_THAT(mergedIds(vocabulary({"a", "b", "ab", "c", "a b"}, {rule, "a b"}), "ab"),
                 ElementsAre(2))
         << '"' << rule << '"';
   }
@@ -158,17 +153,17 @@ TEST(MergeTest, RulesOfOtherShapesFitNothing) {
 
 TEST(MergeTest, ARuleMaySplitACharacter) {
   // The stray byte, then the character that was cut off by the end of the text.
-  EXPECT_THAT(idsOf(vocabulary({"\x80\xE2\x82", "\x80"}, {"\x80 \xE2\x82"}), "\x80\xE2\x82"),
+  EXPECT_THAT(mergedIds(vocabulary({"\x80\xE2\x82", "\x80"}, {"\x80 \xE2\x82"}), "\x80\xE2\x82"),
               ElementsAre(0));
-  EXPECT_THAT(idsOf(vocabulary({"€", "\xE2"}, {"\xE2 \x82\xAC"}), "€\xE2"), ElementsAre(0, 1));
+  EXPECT_THAT(mergedIds(vocabulary({"€", "\xE2"}, {"\xE2 \x82\xAC"}), "€\xE2"), ElementsAre(0, 1));
 }
 
 TEST(MergeTest, ZerosAndACutOffCharacterDiffer) {
   TokenizerData data =
       vocabulary({std::string("\xE2\0\0", 3), "\xE2", std::string("\xE2\0", 2)}, {});
-  EXPECT_THAT(idsOf(data, "\xE2"), ElementsAre(1));
-  EXPECT_THAT(idsOf(data, std::string("\xE2\0", 2)), ElementsAre(2));
-  EXPECT_THAT(idsOf(data, std::string("\xE2\0\0", 3)), ElementsAre(0));
+  EXPECT_THAT(mergedIds(data, "\xE2"), ElementsAre(1));
+  EXPECT_THAT(mergedIds(data, std::string("\xE2\0", 2)), ElementsAre(2));
+  EXPECT_THAT(mergedIds(data, std::string("\xE2\0\0", 3)), ElementsAre(0));
 }
 
 TEST(MergeTest, AgreesWithThePlainRuleOnRandomVocabularies) {
@@ -211,7 +206,7 @@ TEST(LongPieceTest, AMillionEqualLetters) {
     data.merges.push_back(std::string(run).append(" ").append(run));
     data.tokens.push_back(run + run);
   }
-  const std::vector<int32_t> ids = idsOf(data, std::string(kMillion, 'a'));
+  const std::vector<int32_t> ids = mergedIds(data, std::string(kMillion, 'a'));
   // 976 runs of 1024 letters, then 576 = 512 + 64.
   ASSERT_EQ(ids.size(), 978U);
   EXPECT_THAT(std::vector<int32_t>(ids.begin(), ids.begin() + 976), Each(10));
@@ -224,14 +219,14 @@ TEST(LongPieceTest, ASymbolThatGrowsLetterByLetter) {
     data.merges.insert(data.merges.begin(), std::string(length, 'a') + " a");
     data.tokens.emplace_back(length + 1, 'a');
   }
-  const std::vector<int32_t> ids = idsOf(data, std::string(kMillion, 'a'));
+  const std::vector<int32_t> ids = mergedIds(data, std::string(kMillion, 'a'));
   ASSERT_EQ(ids.size(), 500U);
   EXPECT_THAT(ids, Each(1999));
 }
 
 TEST(LongPieceTest, AMillionSpaces) {
   const TokenizerData data = vocabulary({"▁", "▁▁"}, {"▁ ▁"});
-  const std::vector<int32_t> ids = idsOf(data, std::string(kMillion, ' '));
+  const std::vector<int32_t> ids = mergedIds(data, std::string(kMillion, ' '));
   EXPECT_EQ(ids.size(), kMillion / 2);
   EXPECT_THAT(ids, Each(1));
 }
@@ -241,7 +236,7 @@ TEST(LongPieceTest, AMillionSpecialTokens) {
   data.tokenTypes = {1, 3, 1};
   std::string text;
   for (size_t i = 0; i < kMillion; ++i) text += "<s>";
-  const std::vector<int32_t> ids = idsOf(data, text);
+  const std::vector<int32_t> ids = mergedIds(data, text);
   EXPECT_EQ(ids.size(), kMillion);
   EXPECT_THAT(ids, Each(1));
 }
@@ -252,13 +247,14 @@ TEST(LongPieceTest, HundredsOfSpecialTokensThatNearlyMatch) {
     data.tokens.push_back(std::to_string(i).insert(0, "<<").append(">"));
   data.tokenTypes.assign(data.tokens.size(), 3);
   data.tokenTypes[0] = 1;
-  const std::vector<int32_t> ids = idsOf(data, std::string(kMillion, '<') + "<<499>");
+  const std::vector<int32_t> ids = mergedIds(data, std::string(kMillion, '<') + "<<499>");
   ASSERT_EQ(ids.size(), kMillion + 1);
   EXPECT_EQ(ids.back(), 500);
 }
 
 TEST(LongPieceTest, AMillionLineFeeds) {
-  const std::vector<int32_t> ids = idsOf(vocabulary({"a", "\n"}, {}), std::string(kMillion, '\n'));
+  const std::vector<int32_t> ids =
+      mergedIds(vocabulary({"a", "\n"}, {}), std::string(kMillion, '\n'));
   EXPECT_EQ(ids.size(), kMillion);
   EXPECT_THAT(ids, Each(1));
 }

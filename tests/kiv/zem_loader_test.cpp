@@ -42,7 +42,7 @@ kiv::TokenizerData tokenizer() {
   return data;
 }
 
-ContainerBuilder full() {
+ContainerBuilder model() {
   ContainerBuilder b;
   b.modelType(7).hiddenSize(2560).layerCount(32).vocabSize(2).tokenizer(tokenizer());
   b.addMetaStr("general.architecture", "qwen35").graph({0, 1, 0});
@@ -53,7 +53,7 @@ ContainerBuilder full() {
 }
 
 TEST(ZemLoaderTest, SummaryIsTheHeaders) {
-  OpenedLoader opened(full().build());
+  OpenedLoader opened(model().build());
   ASSERT_THAT(opened.status, IsOk());
   EXPECT_TRUE(opened.loader.valid());
   const kiv::ModelInfo& info = opened.loader.modelInfo();
@@ -65,7 +65,7 @@ TEST(ZemLoaderTest, SummaryIsTheHeaders) {
 }
 
 TEST(ZemLoaderTest, TokenizerTemplateAndGraphAreCopied) {
-  OpenedLoader opened(full().build());
+  OpenedLoader opened(model().build());
   EXPECT_THAT(opened.loader.tokenizer().tokens, ElementsAre("x", "y"));
   EXPECT_EQ(opened.loader.tokenizer().eosId, 1);
   EXPECT_EQ(opened.loader.chatTemplate(), "template");
@@ -74,7 +74,7 @@ TEST(ZemLoaderTest, TokenizerTemplateAndGraphAreCopied) {
 }
 
 TEST(ZemLoaderTest, MetadataIsForwarded) {
-  OpenedLoader opened(full()
+  OpenedLoader opened(model()
                           .addMetaU32("1", 1)
                           .addMetaI32("2", -2)
                           .addMetaF32("3", 3)
@@ -108,7 +108,7 @@ TEST(ZemLoaderTest, MetadataIsForwarded) {
 }
 
 TEST(ZemLoaderTest, ViewsFollowTheIndex) {
-  OpenedLoader opened(full().build());
+  OpenedLoader opened(model().build());
   ASSERT_EQ(opened.loader.tensorCount(), 3U);
   const TensorView& a = opened.loader.tensorView(0);
   EXPECT_EQ(a.name, "a");
@@ -127,7 +127,7 @@ TEST(ZemLoaderTest, ViewsFollowTheIndex) {
 
 TEST(ZemLoaderTest, FindTensorComparesWholeNames) {
   const std::string longest(64, 'n');
-  OpenedLoader opened(full().addTensor(longest, DType::F32, {}, {}).build());
+  OpenedLoader opened(model().addTensor(longest, DType::F32, {}, {}).build());
   EXPECT_EQ(opened.loader.findTensor("a"), &opened.loader.tensorView(0));
   EXPECT_EQ(opened.loader.findTensor("c"), &opened.loader.tensorView(2));
   EXPECT_EQ(opened.loader.findTensor(longest), &opened.loader.tensorView(3));
@@ -139,7 +139,7 @@ TEST(ZemLoaderTest, FindTensorComparesWholeNames) {
 }
 
 TEST(ZemLoaderTest, UnsortedIndexHidesTensorsButIsSafe) {
-  Bytes file = full().build();
+  Bytes file = model().build();
   const auto at = [&](size_t i) {
     return file.begin() + static_cast<ptrdiff_t>(zemtest::tensorOffset(file, i));
   };
@@ -153,7 +153,7 @@ TEST(ZemLoaderTest, UnsortedIndexHidesTensorsButIsSafe) {
 }
 
 TEST(ZemLoaderTest, WithoutQuantInfoOnlyTheTypeIsKnown) {
-  OpenedLoader opened(full().build());
+  OpenedLoader opened(model().build());
   const kiv::QuantInfo& quant = opened.loader.findTensor("b")->quant;
   EXPECT_EQ(quant.quantType, 5U);
   EXPECT_EQ(quant.blockSize, 0U);
@@ -164,7 +164,7 @@ TEST(ZemLoaderTest, WithoutQuantInfoOnlyTheTypeIsKnown) {
 }
 
 TEST(ZemLoaderTest, QuantInfoTravelsWithTheViewExceptItsType) {
-  Bytes file = full().quantInfo().build();
+  Bytes file = model().quantInfo().build();
   const size_t entry = zemtest::sectionOffset(file, kiv::zem2::SectionType::QuantInfo) + 32;
   zemtest::setUint(file, entry, 2, 99);      // quantType
   zemtest::setUint(file, entry + 8, 4, 16);  // scaleBytes
@@ -181,7 +181,7 @@ TEST(ZemLoaderTest, QuantInfoTravelsWithTheViewExceptItsType) {
 }
 
 TEST(ZemLoaderTest, UnknownTypesAreShownAsQ8K) {
-  const Bytes intact = full().build();
+  const Bytes intact = model().build();
   for (uint64_t code = 0; code < 300; ++code) {
     Bytes file = intact;
     set(file, 0, zemtest::tensor::dtype, code);
@@ -215,7 +215,7 @@ TEST(ZemLoaderTest, NameLengthIsClampedToTheField) {
 // ---- Where a tensor's bytes lie ----
 
 TEST(ZemLoaderTest, HoldsBytesExactlyInsideTheWeights) {
-  OpenedLoader opened(full().build());  // a: 0 to 12, b: 64 to 352
+  OpenedLoader opened(model().build());  // a: 0 to 12, b: 64 to 352
   const TensorView& a = *opened.loader.findTensor("a");
   const TensorView& b = *opened.loader.findTensor("b");
   for (const uint64_t bytes : {0U, 1U, 12U, 13U, 351U, 352U}) {
@@ -228,7 +228,7 @@ TEST(ZemLoaderTest, HoldsBytesExactlyInsideTheWeights) {
 }
 
 TEST(ZemLoaderTest, HoldsBytesIsFalseForPlacesOutside) {
-  const Bytes intact = full().build();
+  const Bytes intact = model().build();
   const auto holds = [&](uint64_t offset, uint64_t bytes) {
     Bytes file = intact;
     set(file, 0, zemtest::tensor::offset, offset);
@@ -248,7 +248,7 @@ TEST(ZemLoaderTest, HoldsBytesIsFalseForPlacesOutside) {
 }
 
 TEST(ZemLoaderTest, HoldsBytesIsFalseForForeignViewsAndClosedLoaders) {
-  OpenedLoader opened(full().build());
+  OpenedLoader opened(model().build());
   EXPECT_FALSE(opened.loader.holdsBytes(TensorView(), 0));
   const TensorView view = opened.loader.tensorView(0);
   opened.loader.close();
@@ -257,7 +257,7 @@ TEST(ZemLoaderTest, HoldsBytesIsFalseForForeignViewsAndClosedLoaders) {
 
 // ---- Opening and closing ----
 
-void expectClosed(const ZEMLoader& loader) {
+void expectClosedLoader(const ZEMLoader& loader) {
   EXPECT_FALSE(loader.valid());
   EXPECT_EQ(loader.tensorCount(), 0U);
   EXPECT_EQ(loader.findTensor("a"), nullptr);
@@ -275,11 +275,11 @@ void expectClosed(const ZEMLoader& loader) {
 }
 
 TEST(ZemLoaderTest, NewAndClosedLoadersAreEmpty) {
-  expectClosed(ZEMLoader());
-  OpenedLoader opened(full().build());
+  expectClosedLoader(ZEMLoader());
+  OpenedLoader opened(model().build());
   for (int i = 0; i < 2; ++i) {
     opened.loader.close();
-    expectClosed(opened.loader);
+    expectClosedLoader(opened.loader);
   }
 }
 
@@ -287,16 +287,16 @@ TEST(ZemLoaderTest, ReadersFailuresPassThrough) {
   ZEMLoader loader;
   EXPECT_THAT(loader.open(nullptr), IsInvalidFormat("ZEM2: null path"));
   EXPECT_THAT(loader.open(TempFile().path()), IsInvalidFormat("ZEM2: cannot open file"));
-  EXPECT_THAT(OpenedLoader(full().rawMeta({}).build()).status,
+  EXPECT_THAT(OpenedLoader(model().rawMeta({}).build()).status,
               IsInvalidFormat("ZEM2: missing meta section"));
-  expectClosed(loader);
+  expectClosedLoader(loader);
 }
 
 TEST(ZemLoaderTest, TokenizerIsMandatory) {
   Bytes broken = zemtest::tokenizerBytes(tokenizer());
   broken.pop_back();
-  for (const Bytes& file : {full().noTokenizer().build(), full().rawTokenizer({}).build(),
-                            full().rawTokenizer(broken).build()}) {
+  for (const Bytes& file : {model().noTokenizer().build(), model().rawTokenizer({}).build(),
+                            model().rawTokenizer(broken).build()}) {
     OpenedLoader opened(file);
     EXPECT_THAT(opened.status, IsInvalidFormat("ZEMLoader: no tokenizer section"));
     EXPECT_FALSE(opened.loader.valid());
@@ -305,7 +305,7 @@ TEST(ZemLoaderTest, TokenizerIsMandatory) {
     EXPECT_TRUE(opened.loader.reader().valid());
     EXPECT_EQ(opened.loader.tensorCount(), 3U);
     opened.loader.close();
-    expectClosed(opened.loader);
+    expectClosedLoader(opened.loader);
   }
 }
 
@@ -317,7 +317,7 @@ TEST(ZemLoaderTest, MissingAndEmptyGraphsAreEmpty) {
 }
 
 TEST(ZemLoaderTest, OpeningAgainReplacesEverything) {
-  OpenedLoader opened(full().build());
+  OpenedLoader opened(model().build());
   const TempFile other(ContainerBuilder().addTensor("z", DType::F32, {1}, Bytes(4)).build());
   ASSERT_THAT(opened.loader.open(other.path()), IsOk());
   EXPECT_EQ(opened.loader.tensorCount(), 1U);
@@ -329,11 +329,11 @@ TEST(ZemLoaderTest, OpeningAgainReplacesEverything) {
   EXPECT_EQ(opened.loader.metaCount(), 0U);
 
   EXPECT_FALSE(opened.loader.open("").ok());
-  expectClosed(opened.loader);
+  expectClosedLoader(opened.loader);
 }
 
 TEST(ZemLoaderTest, RandomDamageBehindTheChecksumIsSafe) {
-  const Bytes intact = full().quantInfo().build();
+  const Bytes intact = model().quantInfo().build();
   const TempFile file;
   std::mt19937 random(7);
   for (int round = 0; round < 2000; ++round) {

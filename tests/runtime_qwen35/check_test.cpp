@@ -25,7 +25,7 @@ std::string complaint(const TinyModel& tiny) {
 
 TEST(CheckWeights, SoundModelsPass) {
   EXPECT_EQ(complaint(TinyModel()), "");
-  for (const DType type : {DType::BF16, DType::Q8_0, DType::Q4_K, DType::Q5_K, DType::Q6_K}) {
+  for (const kiv::DType type : kStoredTypes) {
     zemtest::TinyModelOptions options;
     options.width = 256;
     options.feedForward = 256;

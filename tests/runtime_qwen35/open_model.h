@@ -10,11 +10,18 @@
 #include "kiv/zem_loader.h"
 #include "qwen35_model.h"
 #include "support/temp_file.h"
+#include "support/thorough.h"
 #include "support/tiny_model.h"
 
 namespace qwen35 {
 
 using Floats = std::vector<float>;
+
+// The types that matrices of a model are stored in.
+inline const std::vector<kiv::DType> kStoredTypes =
+    zemtest::fewCases() ? std::vector{kiv::DType::Q4_K}
+                        : std::vector{kiv::DType::BF16, kiv::DType::Q8_0, kiv::DType::Q4_K,
+                                      kiv::DType::Q5_K, kiv::DType::Q6_K};
 
 // Keeps the file, the loader and the model together; the model points into the
 // loader's mapping.

@@ -25,11 +25,16 @@ namespace zemtest {
 
 using namespace kiv;
 
+constexpr uint64_t kMiB = uint64_t{1} << 20;
 constexpr uint64_t kGiB = uint64_t{1} << 30;
 
 constexpr VkMemoryPropertyFlags kDeviceLocal = VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT;
 constexpr VkMemoryPropertyFlags kHostVisible = VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT;
 constexpr VkMemoryPropertyFlags kHostCoherent = VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
+constexpr VkMemoryPropertyFlags kHost = kHostVisible | kHostCoherent;
+
+// A shader module without instructions.
+constexpr uint32_t kCode[] = {0x07230203, 0x00010500, 0, 1, 0};
 
 // Little above the least that every device must offer.
 VkPhysicalDeviceLimits usualLimits();

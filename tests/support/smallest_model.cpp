@@ -11,7 +11,7 @@ namespace {
 using kiv::DType;
 using kiv::zem2::SectionType;
 
-constexpr size_t kLayers = 32;
+constexpr size_t kSmallestLayers = 32;
 
 // Small numbers of both signs, other ones for each tensor.
 Bytes floats(size_t count, uint32_t seed) {
@@ -165,7 +165,7 @@ void append(std::vector<Field>& all, const std::vector<Field>& more) {
 
 Bytes smallestModel() {
   ContainerBuilder builder;
-  builder.hiddenSize(1).layerCount(kLayers).vocabSize(7).quantInfo().graph({'g'});
+  builder.hiddenSize(1).layerCount(kSmallestLayers).vocabSize(7).quantInfo().graph({'g'});
   builder.addMetaStr("general.architecture", "qwen35")
       .addMetaU32("u", 1)
       .addMetaI32("i", -1)
@@ -178,7 +178,8 @@ Bytes smallestModel() {
   addLinear(builder, "blk.0.");
   addFull(builder, "blk.1.");
   addBiases(builder, "blk.1.");
-  for (size_t i = 2; i < kLayers; ++i) addAliases(builder, "blk." + std::to_string(i) + ".");
+  for (size_t i = 2; i < kSmallestLayers; ++i)
+    addAliases(builder, "blk." + std::to_string(i) + ".");
   return builder.build();
 }
 

@@ -6,6 +6,7 @@
 # calls this.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
+source scripts/changed.sh
 source scripts/steps.sh
 
 export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive} CI=${CI:-}
@@ -32,10 +33,14 @@ cross_build() {
 }
 
 lint() {
-  local headers
+  local headers base= checks=('--checks=-clang-analyzer-*')
+  if [[ ${ZEM_ALL:-} == 1 ]]; then
+    base=--all
+    checks=()
+  fi
   headers=$(x86_64-w64-mingw32-g++-posix -print-file-name=include)/c++
-  git ls-files -z 'src/*_windows.cpp' 'tools/zem/console/windows/*.cpp' |
-    xargs -0 -P "$(nproc)" -I{} clang-tidy-14 --quiet {} -- \
+  changed_files "$base" 'src/*_windows.cpp' 'tools/zem/console/windows/*.cpp' |
+    xargs -P "$(nproc)" -I{} clang-tidy-14 --quiet "${checks[@]}" {} -- \
       --target=x86_64-w64-mingw32 -std=c++20 -isystem "$headers" \
       -isystem "$headers/x86_64-w64-mingw32" -isystem build/windows/host-headers \
       -Iinclude -Isrc -Itools/zem \

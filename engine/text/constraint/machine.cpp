@@ -19,8 +19,10 @@ constexpr std::string_view kArgumentsEnd = "</function>";
 // What the text of an argument cannot hold: it would end there.
 constexpr std::array<std::string_view, 2> kTextEnds = {"</parameter>", "</tool_call>"};
 
-bool isBlank(uint8_t byte) { return byte == ' ' || byte == '\n' || byte == '\t' || byte == '\r'; }
-bool isDigit(uint8_t byte) { return byte >= '0' && byte <= '9'; }
+bool isBlankByte(uint8_t byte) {
+  return byte == ' ' || byte == '\n' || byte == '\t' || byte == '\r';
+}
+bool isDigitByte(uint8_t byte) { return byte >= '0' && byte <= '9'; }
 
 bool sameBelow(const Link* a, const Link* b) {
   while (a != b) {
@@ -174,7 +176,7 @@ class Stepper {
 
   // Takes a blank.
   bool skip(Way& way) {
-    if (!isBlank(byte_) || way.top.blanks == kMostBlanks) return false;
+    if (!isBlankByte(byte_) || way.top.blanks == kMostBlanks) return false;
     ++way.top.blanks;
     keep(std::move(way));
     return true;
@@ -248,21 +250,21 @@ class Stepper {
         [[fallthrough]];
       case Minus:
         if (byte_ == '0') return to(Zero);
-        if (isDigit(byte_)) return to(Digits);
+        if (isDigitByte(byte_)) return to(Digits);
         return;
       case Digits:
-        if (isDigit(byte_) && top.a < kMostDigits) return to(Digits);
+        if (isDigitByte(byte_) && top.a < kMostDigits) return to(Digits);
         break;
       case Point:
       case Fraction:
-        if (isDigit(byte_) && (top.phase == Point || top.a < kMostDigits)) return to(Fraction);
+        if (isDigitByte(byte_) && (top.phase == Point || top.a < kMostDigits)) return to(Fraction);
         break;
       case Exponent:
         if (byte_ == '+' || byte_ == '-') return to(ExponentSign);
         [[fallthrough]];
       case ExponentSign:
       case ExponentDigits:
-        if (isDigit(byte_) && (top.phase != ExponentDigits || top.a < kMostExponentDigits)) {
+        if (isDigitByte(byte_) && (top.phase != ExponentDigits || top.a < kMostExponentDigits)) {
           return to(ExponentDigits);
         }
         break;
@@ -299,7 +301,7 @@ class Stepper {
       top.phase = Point;
       after.pointed = true;
       after.digits = 0;
-    } else if (isDigit(byte_) && top.phase != Zero && top.a < kBoundedDigits) {
+    } else if (isDigitByte(byte_) && top.phase != Zero && top.a < kBoundedDigits) {
       after = before.with(byte_ - uint32_t{'0'});
       top.phase = after.pointed ? Fraction : before.digits == 0 && byte_ == '0' ? Zero : Digits;
     } else {
@@ -394,7 +396,7 @@ class Stepper {
     const bool low = (top.flags & kLowHalf) != 0;
     const uint8_t lower = byte_ | 0x20;
     const bool letter = lower >= 'a' && lower <= 'f';
-    if (!isDigit(byte_) && !letter) return;
+    if (!isDigitByte(byte_) && !letter) return;
     top.a = top.a << 4 | (letter ? lower - uint32_t{'a'} + 10 : byte_ - uint32_t{'0'});
     if (low && top.a >> 4 == 1 && top.a != 0x1D) return;
     const bool beginsLow = (top.a & 0xFF) >= 0xDC && (top.a & 0xFF) <= 0xDF;

@@ -67,8 +67,10 @@ const Ranges& alphabet() {
   return ranges;
 }
 
+}  // namespace
+
 // Nondeterministic, over bytes. State 0 is where texts end.
-class Links {
+class PatternLinks {
  public:
   static constexpr int kEnd = 0;
   struct State {
@@ -81,7 +83,7 @@ class Links {
     std::vector<Step> steps;
   };
 
-  Links() { add(); }
+  PatternLinks() { add(); }
   int add() {
     states_.emplace_back();
     return static_cast<int>(states_.size()) - 1;
@@ -102,6 +104,8 @@ class Links {
   std::vector<State> states_;
   size_t count_ = 0;
 };
+
+namespace {
 
 std::string utf8(uint32_t point) {
   std::string out;
@@ -124,9 +128,9 @@ std::string utf8(uint32_t point) {
   return out;
 }
 
-// Links for the characters of a range: cut where the number of bytes changes, and so
+// PatternLinks for the characters of a range: cut where the number of bytes changes, and so
 // that in each piece all bytes behind the first that differs run through all values.
-void addRange(Links& links, int from, int to, Range range) {
+void addRange(PatternLinks& links, int from, int to, Range range) {
   for (const uint32_t edge : {0x7FU, 0x7FFU, 0xFFFFU}) {
     if (range.first <= edge && range.last > edge) {
       addRange(links, from, to, {range.first, edge});
@@ -160,7 +164,7 @@ void addRange(Links& links, int from, int to, Range range) {
 // Reads the pattern. Each part is linked from a state, and returns the state behind it.
 class Reader {
  public:
-  Reader(std::string_view pattern, Links& links) : pattern_(pattern), links_(links) {}
+  Reader(std::string_view pattern, PatternLinks& links) : pattern_(pattern), links_(links) {}
 
   // Returns the first state.
   int read() {
@@ -172,7 +176,7 @@ class Reader {
     if (!rest().empty()) fail("a bracket that is not opened");
     if (alternatives_ > 1 && (begins || ends)) fail("an anchor of one alternative alone");
     if (!ends) at = anything(at);
-    links_.link(at, Links::kEnd);
+    links_.link(at, PatternLinks::kEnd);
     return start;
   }
 
@@ -470,7 +474,7 @@ class Reader {
   static constexpr uint32_t kForever = std::numeric_limits<uint32_t>::max();
 
   std::string_view pattern_;
-  Links& links_;
+  PatternLinks& links_;
   size_t pos_ = 0;
   int groups_ = 0;
   size_t alternatives_ = 1;
@@ -483,7 +487,7 @@ class Reader {
 // characters so far where that matters.
 class PatternBuilder {
  public:
-  PatternBuilder(const Links& links, size_t least, size_t most, size_t mostStates)
+  PatternBuilder(const PatternLinks& links, size_t least, size_t most, size_t mostStates)
       : links_(links), least_(least), most_(most), mostStates_(mostStates), seen_(links.size()) {}
 
   bool build(int start, PatternAutomaton& out) {
@@ -531,7 +535,7 @@ class PatternBuilder {
       ++work_;
       if (seen_[size_t(state)] == round_) continue;
       seen_[size_t(state)] = round_;
-      if (state == Links::kEnd || !links_[state].steps.empty()) out.push_back(state);
+      if (state == PatternLinks::kEnd || !links_[state].steps.empty()) out.push_back(state);
       set.insert(set.end(), links_[state].free.begin(), links_[state].free.end());
     }
     std::sort(out.begin(), out.end());
@@ -561,7 +565,7 @@ class PatternBuilder {
 
   bool accepts(size_t state) const {
     const Set& set = sets_[state].first;
-    return sets_[state].second >= least_ && !set.empty() && set[0] == Links::kEnd;
+    return sets_[state].second >= least_ && !set.empty() && set[0] == PatternLinks::kEnd;
   }
 
   // States from which no accepting one is reached become the dead one.
@@ -605,7 +609,7 @@ class PatternBuilder {
     }
   }
 
-  const Links& links_;
+  const PatternLinks& links_;
   size_t least_;
   size_t most_;
   size_t mostStates_;
@@ -624,7 +628,7 @@ Status PatternAutomaton::compile(std::string_view pattern, size_t least, size_t 
     return Status(kiv::StatusCode::Unsupported,
                   "the pattern " + quotedStart(pattern) + ": " + reason);
   };
-  Links links;
+  PatternLinks links;
   Reader reader(pattern, links);
   const int start = reader.read();
   if (!reader.error().empty()) return failed(reader.error() + " is not supported");

@@ -7,6 +7,7 @@
 #include "engine/text/constraint.h"
 #include "engine/text/constraint/grammar.h"
 #include "engine/text/constraint/schema.h"
+#include "engine/text/reply_parser.h"
 
 namespace zem::text {
 
@@ -16,8 +17,6 @@ using kiv::Status;
 using kiv::StatusCode;
 
 namespace {
-
-constexpr size_t kLongestName = 128;  // that ReplyParser reads
 
 // Adds rules for the calls of one function.
 class ToolReader {
@@ -46,7 +45,7 @@ class ToolReader {
   static constexpr const char* kNames = "a name has at most 128 bytes, and none of < > and newline";
 
   static bool canBeRead(const std::string& name) {
-    return name.size() <= kLongestName && name.find_first_of("<>\n") == std::string::npos;
+    return name.size() <= kLongestFunctionName && name.find_first_of("<>\n") == std::string::npos;
   }
 
   Status failed(const std::string& place, const std::string& reason) const {

@@ -187,7 +187,7 @@ struct Layout {
   uint64_t bytes;
 };
 
-Layout layoutOf(GgufType type) {
+Layout ggufLayoutOf(GgufType type) {
   switch (type) {
     case GgufType::F32:
       return {"F32", 1, 4};
@@ -225,9 +225,9 @@ Layout layoutOf(GgufType type) {
 
 }  // namespace
 
-const char* ggufTypeName(GgufType type) { return layoutOf(type).name; }
-uint64_t ggufBlockSize(GgufType type) { return layoutOf(type).elements; }
-uint64_t ggufBlockBytes(GgufType type) { return layoutOf(type).bytes; }
+const char* ggufTypeName(GgufType type) { return ggufLayoutOf(type).name; }
+uint64_t ggufBlockSize(GgufType type) { return ggufLayoutOf(type).elements; }
+uint64_t ggufBlockBytes(GgufType type) { return ggufLayoutOf(type).bytes; }
 
 bool ggufStoredAs(GgufType type, DType& stored) {
   switch (type) {

@@ -8,7 +8,6 @@
 namespace kiv {
 namespace {
 
-constexpr std::string_view kSpaceMarker = "\xE2\x96\x81";  // U+2581
 constexpr std::string_view kBytePrefix = "<0x";
 constexpr size_t kByteLength = 6;  // "<0xNN>"
 constexpr uint32_t kFirstSpelling = 0x100;

@@ -12,6 +12,9 @@
 
 namespace kiv {
 
+/// What stored tokens have for a space: U+2581.
+inline constexpr std::string_view kSpaceMarker = "\xE2\x96\x81";
+
 /// Replaces `bytes` by what `spelled` stands for. False, with `bytes` unchanged,
 /// when it holds a character that spells no byte.
 bool byteLevelToBytes(std::string_view spelled, std::string& bytes);

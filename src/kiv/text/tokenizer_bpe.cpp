@@ -6,6 +6,7 @@
 #include <optional>
 #include <unordered_map>
 
+#include "kiv/text/byte_level.h"
 #include "kiv/text/tokenizer_pieces.h"
 
 namespace kiv {
@@ -14,7 +15,6 @@ namespace {
 constexpr int32_t kNoSymbol = -1;
 constexpr uint32_t kNoRank = UINT32_MAX;
 constexpr uint32_t kNoNeighbour = UINT32_MAX;
-constexpr std::string_view kSpaceMarker = "\xE2\x96\x81";  // U+2581
 
 // Up to here looking at every pair for each merge beats a heap.
 constexpr size_t kShortPiece = 24;

@@ -25,7 +25,7 @@ using namespace hard;
 namespace {
 
 constexpr uint32_t kVocabulary = 248320;
-const uint32_t kSeeds = thorough() ? 2000 : 220;
+const uint32_t kChainSeeds = thorough() ? 2000 : 220;
 
 SamplingOptions seeded(uint64_t seed = 1) {
   SamplingOptions options;
@@ -262,7 +262,7 @@ INSTANTIATE_TEST_SUITE_P(Levels, SamplerChainLevels,
                          [](const auto& level) { return qwen35::cpuLevelName(level.param); });
 
 TEST_P(SamplerChainLevels, DrawWhatTheDefinitionDraws) {
-  for (uint32_t seed = 0; seed < kSeeds; ++seed) {
+  for (uint32_t seed = 0; seed < kChainSeeds; ++seed) {
     std::mt19937 random(seed);
     const int kind = static_cast<int>(seed) % kKinds;
     const size_t n = 1 + random() % (seed % 4 == 0 ? 6000 : 300);
@@ -284,7 +284,7 @@ TEST_P(SamplerChainLevels, DrawWhatTheDefinitionDraws) {
 }
 
 TEST_P(SamplerChainLevels, DrawUnderAFilterWhatTheDefinitionDrawsBehindAMask) {
-  for (uint32_t seed = 0; seed < kSeeds; ++seed) {
+  for (uint32_t seed = 0; seed < kChainSeeds; ++seed) {
     std::mt19937 random(seed);
     const int kind = static_cast<int>(seed) % kKinds;
     const size_t n = 1 + random() % (seed % 4 == 0 ? 6000 : 300);

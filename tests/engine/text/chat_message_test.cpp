@@ -7,17 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "engine/text/parsed_json.h"
+
 namespace zem::text {
 namespace {
 
-Json parsed(std::string_view text) {
-  Json value;
-  const kiv::Status status = parseJson(text, "test", value);
-  EXPECT_TRUE(status.ok()) << status.message();
-  return value;
-}
+using test::parsed;
 
-std::string errorOf(std::string_view json) {
+std::string errorOfMessages(std::string_view json) {
   std::vector<Message> messages(1);
   const kiv::Status status = readMessages(parsed(json), messages);
   EXPECT_TRUE(messages.empty());
@@ -69,12 +66,13 @@ TEST(ChatMessage, ErrorsSayWhereAndWhatWasFound) {
        "messages[0].tool_calls[0].arguments: found a number, expected an object, or JSON text of "
        "one"},
   };
-  for (const Case& c : cases) EXPECT_EQ(errorOf(c.json), c.error);
+  for (const Case& c : cases) EXPECT_EQ(errorOfMessages(c.json), c.error);
 }
 
 TEST(ChatMessage, ArgumentsThatAreBrokenJsonAreNamed) {
   EXPECT_THAT(
-      errorOf(R"([{"role": "assistant", "tool_calls": [{"name": "f", "arguments": "{\"a\""}]}])"),
+      errorOfMessages(
+          R"([{"role": "assistant", "tool_calls": [{"name": "f", "arguments": "{\"a\""}]}])"),
       testing::StartsWith("messages[0].tool_calls[0].arguments: parse error"));
 }
 

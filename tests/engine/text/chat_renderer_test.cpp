@@ -33,7 +33,7 @@ RenderedChat rendered(const char* json, const RenderOptions& options = {},
   return chat;
 }
 
-std::string errorOf(const char* json, const RenderOptions& options = {}) {
+std::string errorOfRendering(const char* json, const RenderOptions& options = {}) {
   RenderedChat chat;
   chat.segments.push_back({"left over", true});
   const kiv::Status status = renderChat(format(), messagesOf(json), {}, options, chat);
@@ -155,20 +155,21 @@ TEST(ChatRenderer, WithoutEmptyThinkBlocksAConversationStaysAPrefix) {
 }
 
 TEST(ChatRenderer, ErrorsNameTheMessageAndWhatToDo) {
-  EXPECT_EQ(errorOf("[]"), "messages: the list is empty, give at least one message");
-  EXPECT_EQ(errorOf(R"([{"role": "assistant", "content": "x"}])"),
+  EXPECT_EQ(errorOfRendering("[]"), "messages: the list is empty, give at least one message");
+  EXPECT_EQ(errorOfRendering(R"([{"role": "assistant", "content": "x"}])"),
             "messages: none of them is a question of the user, add one with the role user");
-  EXPECT_EQ(errorOf(R"([{"role": "user", "content": "x"}, {"role": "system", "content": "x"}])"),
-            "messages[1]: a system message must be the first of all messages");
-  EXPECT_EQ(errorOf(R"([{"role": "developer", "content": "x"}, {"role": "user"}])"),
+  EXPECT_EQ(
+      errorOfRendering(R"([{"role": "user", "content": "x"}, {"role": "system", "content": "x"}])"),
+      "messages[1]: a system message must be the first of all messages");
+  EXPECT_EQ(errorOfRendering(R"([{"role": "developer", "content": "x"}, {"role": "user"}])"),
             "messages[0]: the role developer is not one of the model's, use system");
-  EXPECT_EQ(errorOf(R"([{"role": "system", "content": [{"text": "x"}, {"image": "x"}]}])"),
+  EXPECT_EQ(errorOfRendering(R"([{"role": "system", "content": [{"text": "x"}, {"image": "x"}]}])"),
             "messages[0]: a system message cannot hold images");
   RenderOptions merging;
   merging.mergeSystem = true;
-  EXPECT_EQ(
-      errorOf(R"([{"role": "user"}, {"role": "developer", "content": [{"video": 1}]}])", merging),
-      "messages[1]: a developer message cannot hold videos");
+  EXPECT_EQ(errorOfRendering(
+                R"([{"role": "user"}, {"role": "developer", "content": [{"video": 1}]}])", merging),
+            "messages[1]: a developer message cannot hold videos");
 }
 
 TEST(ChatRenderer, EffortIsForFormatsThatKnowIt) {

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "engine/text/chat/python_text.h"
+#include "engine/text/constraint_replies.h"
+#include "engine/text/parsed_json.h"
 #include "engine/text/schema_validator.h"
 
 namespace zem::text {
@@ -17,14 +19,9 @@ namespace {
 
 using testing::HasSubstr;
 
-using ConstraintPtr = std::shared_ptr<const Constraint>;
-
-Json parsed(std::string_view text) {
-  Json value;
-  const kiv::Status status = parseJson(text, "test", value);
-  EXPECT_TRUE(status.ok()) << status.message() << "\n" << text;
-  return value;
-}
+using test::ConstraintPtr;
+using test::parsed;
+using test::takes;
 
 ConstraintPtr compiled(std::string_view schema, const ConstraintLimits& limits = {}) {
   ConstraintPtr constraint;
@@ -38,12 +35,6 @@ std::string errorOf(std::string_view schema, const ConstraintLimits& limits = {}
   const kiv::Status status = Constraint::compile(parsed(schema), limits, constraint);
   EXPECT_EQ(constraint, nullptr);
   return status.message();
-}
-
-// Whether the whole of `text` is a reply.
-bool takes(const ConstraintPtr& constraint, std::string_view text) {
-  ConstraintState state = Constraint::begin(constraint);
-  return state.advance(text) && state.complete();
 }
 
 // ---- Any JSON

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "engine/text/byte_vocabulary.h"
+#include "engine/text/encoded_text.h"
+#include "engine/text/gguf_bytes.h"
 #include "support/container_builder.h"
 #include "support/opened_reader.h"
 #include "support/status_matchers.h"
@@ -17,6 +19,9 @@ namespace zem::text {
 namespace {
 
 using test::ByteVocabulary;
+using test::encoded;
+using test::lengthAnd;
+using test::number;
 using zemtest::Bytes;
 using zemtest::ContainerBuilder;
 using zemtest::IsInvalidFormat;
@@ -25,23 +30,15 @@ using zemtest::OpenedReader;
 
 constexpr auto kAsset = kiv::zem2::SectionType::Asset;
 
-Bytes bytesOf(const std::string& text) { return {text.begin(), text.end()}; }
+Bytes contentOf(const std::string& text) { return {text.begin(), text.end()}; }
 
 ContainerBuilder containerOf(const std::string& name, const std::string& asset) {
   ContainerBuilder builder;
   builder.addMetaStr("tokenizer.source.section", "Asset").addMetaStr("tokenizer.source.name", name);
   builder.addMetaU64("tokenizer.source.bytes", asset.size());
-  builder.addSection(kAsset, bytesOf(asset));
+  builder.addSection(kAsset, contentOf(asset));
   return builder;
 }
-
-std::string number(uint64_t value, size_t bytes) {
-  std::string out;
-  for (size_t i = 0; i < bytes; ++i) out += static_cast<char>(value >> (8 * i));
-  return out;
-}
-
-std::string lengthAnd(const std::string& text) { return number(text.size(), 8) + text; }
 
 // The tokenizer's entries of a GGUF file: bytes, one merge, one control token.
 std::string ggufAsset() {
@@ -62,12 +59,6 @@ std::string ggufAsset() {
          number(0, 1) + list("tokenizer.ggml.tokens", 8, 258, tokens) +
          list("tokenizer.ggml.token_type", 5, 258, types) +
          list("tokenizer.ggml.merges", 8, 1, lengthAnd("a b"));
-}
-
-std::vector<int32_t> encoded(const Tokenizer& tokenizer, const std::string& text) {
-  std::vector<int32_t> ids;
-  EXPECT_THAT(tokenizer.encode(text, AddedTokens::Recognised, ids), IsOk());
-  return ids;
 }
 
 TEST(ContainerTokenizerTest, TokenizerJsonIsLoaded) {
@@ -123,7 +114,7 @@ TEST(ContainerTokenizerTest, ContainersWithoutASourceHaveNone) {
   EXPECT_FALSE(tokenizer.has_value());
 
   ContainerBuilder otherAsset;  // an asset that is not called a tokenizer
-  otherAsset.addSection(kAsset, bytesOf("text"));
+  otherAsset.addSection(kAsset, contentOf("text"));
   const OpenedReader other(otherAsset.build());
   EXPECT_THAT(loadTokenizer(other.reader, tokenizer), IsOk());
   EXPECT_FALSE(tokenizer.has_value());
@@ -151,7 +142,7 @@ TEST(ContainerTokenizerTest, BrokenSourcesAreRefused) {
   ContainerBuilder longer;
   longer.addMetaStr("tokenizer.source.name", "tokenizer.json");
   longer.addMetaU64("tokenizer.source.bytes", 5);
-  longer.addSection(kAsset, bytesOf("{}"));
+  longer.addSection(kAsset, contentOf("{}"));
   const OpenedReader cut(longer.build());
   EXPECT_THAT(loadTokenizer(cut.reader, tokenizer),
               IsInvalidFormat("tokenizer: the source has 5 bytes, but its section 2"));

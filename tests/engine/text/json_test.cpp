@@ -11,7 +11,7 @@
 namespace zem::text {
 namespace {
 
-std::string errorOf(std::string_view text) {
+std::string errorOfJson(std::string_view text) {
   Json value = 1;
   const kiv::Status status = parseJson(text, "here", value);
   EXPECT_TRUE(value.is_null());
@@ -39,19 +39,19 @@ TEST(ChatJson, NestsToItsLimitAndNoDeeper) {
     return std::string(depth, '[') + std::string(depth, ']');
   };
   EXPECT_EQ(again(nested(kMaxJsonDepth)), nested(kMaxJsonDepth));
-  EXPECT_EQ(errorOf(nested(kMaxJsonDepth + 1)), "here: nested deeper than 128 levels");
-  EXPECT_EQ(errorOf(std::string(1000000, '[')), "here: nested deeper than 128 levels");
+  EXPECT_EQ(errorOfJson(nested(kMaxJsonDepth + 1)), "here: nested deeper than 128 levels");
+  EXPECT_EQ(errorOfJson(std::string(1000000, '[')), "here: nested deeper than 128 levels");
 }
 
 TEST(ChatJson, RefusesWhatItCannotKeep) {
-  EXPECT_EQ(errorOf("[18446744073709551616]"),
+  EXPECT_EQ(errorOfJson("[18446744073709551616]"),
             "here: the integer 18446744073709551616 needs more than 64 bits");
-  EXPECT_THAT(errorOf("[1e999]"), testing::StartsWith("here: number overflow"));
-  EXPECT_THAT(errorOf("{\"a\": }"), testing::StartsWith("here: parse error at line 1"));
-  EXPECT_THAT(errorOf("1 2"), testing::StartsWith("here: parse error"));
-  EXPECT_THAT(errorOf(""), testing::StartsWith("here: parse error"));
-  EXPECT_THAT(errorOf("\"\\ud800\""), testing::StartsWith("here: parse error"));
-  EXPECT_THAT(errorOf("\"\x80\""), testing::StartsWith("here: parse error"));
+  EXPECT_THAT(errorOfJson("[1e999]"), testing::StartsWith("here: number overflow"));
+  EXPECT_THAT(errorOfJson("{\"a\": }"), testing::StartsWith("here: parse error at line 1"));
+  EXPECT_THAT(errorOfJson("1 2"), testing::StartsWith("here: parse error"));
+  EXPECT_THAT(errorOfJson(""), testing::StartsWith("here: parse error"));
+  EXPECT_THAT(errorOfJson("\"\\ud800\""), testing::StartsWith("here: parse error"));
+  EXPECT_THAT(errorOfJson("\"\x80\""), testing::StartsWith("here: parse error"));
 }
 
 TEST(ChatJson, AnObjectOfManyKeysTakesLinearTime) {

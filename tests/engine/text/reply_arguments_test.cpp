@@ -6,15 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "engine/text/parsed_json.h"
+
 namespace zem::text {
 namespace {
 
-Json parsed(std::string_view text) {
-  Json value;
-  const kiv::Status status = parseJson(text, "test", value);
-  EXPECT_TRUE(status.ok()) << status.message() << "\n" << text;
-  return value;
-}
+using test::parsed;
 
 ArgumentKind kindOf(const std::string& schema, const std::string& definitions = "{}") {
   const Json tool = parsed(R"({"name": "f", "parameters": {"$defs": )" + definitions +

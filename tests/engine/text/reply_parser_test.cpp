@@ -10,20 +10,15 @@
 
 #include "engine/text/chat/python_text.h"
 #include "engine/text/chat_renderer.h"
+#include "engine/text/parsed_json.h"
 
 namespace zem::text {
 namespace {
 
+using test::parsed;
 using Kind = ReplyEvent::Kind;
 
-Json parsed(std::string_view text) {
-  Json value;
-  const kiv::Status status = parseJson(text, "test", value);
-  EXPECT_TRUE(status.ok()) << status.message() << "\n" << text;
-  return value;
-}
-
-std::vector<Json> someTools() {
+std::vector<Json> typedTools() {
   return {parsed(R"({"type": "function", "function": {"name": "f", "parameters": {
       "type": "object", "properties": {
         "s": {"type": "string"}, "n": {"type": "integer"}, "o": {"type": "object"},
@@ -57,7 +52,7 @@ std::string shown(const std::vector<ReplyEvent>& events) {
 }
 
 std::string read(const std::vector<std::string_view>& deltas, const ReplyOptions& options) {
-  ReplyParser parser(options, ArgumentKinds(someTools()));
+  ReplyParser parser(options, ArgumentKinds(typedTools()));
   std::vector<ReplyEvent> events;
   for (const std::string_view delta : deltas) parser.feed(delta, events);
   parser.finish(events);
@@ -251,7 +246,7 @@ TEST(ReplyParser, EveryPrefixGivesValidArguments) {
   for (const Case& c : cases()) {
     for (size_t length = 0; length <= c.reply.size(); ++length) {
       std::vector<ReplyEvent> events;
-      ReplyParser parser({}, ArgumentKinds(someTools()));
+      ReplyParser parser({}, ArgumentKinds(typedTools()));
       parser.feed(std::string_view(c.reply).substr(0, length), events);
       parser.finish(events);
       std::string arguments;
@@ -292,7 +287,7 @@ TEST(ReplyParser, ReadsBackWhatTheRendererWrites) {
 }
 
 TEST(ReplyParser, EventsComeAsSoonAsTheyAreDecided) {
-  ReplyParser parser({}, ArgumentKinds(someTools()));
+  ReplyParser parser({}, ArgumentKinds(typedTools()));
   std::vector<ReplyEvent> events;
   const auto feed = [&](std::string_view delta) {
     events.clear();
@@ -384,7 +379,7 @@ TEST(ReplyParser, HostileRepliesAreHeldBackInBounds) {
   for (const std::string_view pattern : patterns) {
     ReplyOptions options;
     options.longestHeldArgument = 1000;
-    ReplyParser parser(options, ArgumentKinds(someTools()));
+    ReplyParser parser(options, ArgumentKinds(typedTools()));
     std::vector<ReplyEvent> events;
     size_t most = 0;
     for (size_t i = 0; i < 1000000; ++i) {

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "engine/text/byte_vocabulary.h"
+#include "engine/text/encoded_text.h"
+#include "engine/text/gguf_bytes.h"
 #include "engine/text/tokenizer.h"
 #include "kiv/container/gguf.h"
 #include "support/status_matchers.h"
@@ -18,6 +20,9 @@ namespace {
 
 using nlohmann::json;
 using test::ByteVocabulary;
+using test::encoded;
+using test::lengthAnd;
+using test::number;
 using test::spelled;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -45,12 +50,6 @@ std::string changed(const std::function<void(json&)>& change) {
   ByteVocabulary vocabulary = small();
   change(vocabulary.root());
   return vocabulary.text();
-}
-
-Ids encoded(const Tokenizer& tokenizer, const std::string& text) {
-  Ids ids;
-  EXPECT_THAT(tokenizer.encode(text, AddedTokens::Recognised, ids), IsOk());
-  return ids;
 }
 
 TEST(TokenizerLoadTest, EverySpellingOfTheSameIsRead) {
@@ -281,14 +280,6 @@ TEST(TokenizerLoadTest, FurtherTokensAreAdded) {
 }
 
 // ---- GGUF ----
-
-std::string number(uint64_t value, size_t bytes) {
-  std::string out;
-  for (size_t i = 0; i < bytes; ++i) out += static_cast<char>(value >> (8 * i));
-  return out;
-}
-
-std::string lengthAnd(const std::string& text) { return number(text.size(), 8) + text; }
 
 // Metadata of a GGUF file, with the payloads that its values point to.
 class GgufMetadata {

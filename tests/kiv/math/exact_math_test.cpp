@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kiv/math/exact_math.h"
+#include "support/float_values.h"
 
 #include <gtest/gtest.h>
 
@@ -15,9 +16,6 @@ using namespace kiv;
 using namespace kiv::math;
 
 namespace {
-
-constexpr float kInf = std::numeric_limits<float>::infinity();
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
 // Distance of `got` from the exact `want`, in units of the last place of the
 // float nearest to `want`.

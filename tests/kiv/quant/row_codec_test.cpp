@@ -23,7 +23,7 @@ std::vector<float> wave(size_t n) {
   return x;
 }
 
-std::vector<uint8_t> encoded(DType type, const std::vector<float>& x) {
+std::vector<uint8_t> encodedRow(DType type, const std::vector<float>& x) {
   std::vector<uint8_t> bytes(dtypeBytes(type, x.size()));
   encodeRow(type, x.data(), x.size(), bytes.data());
   return bytes;
@@ -33,7 +33,7 @@ TEST(RowCodecTest, EveryTypeComesBackNearby) {
   const std::vector<float> x = wave(512);
   for (const DType type : kTypes) {
     ASSERT_TRUE(hasRowCodec(type));
-    const std::vector<uint8_t> bytes = encoded(type, x);
+    const std::vector<uint8_t> bytes = encodedRow(type, x);
     EXPECT_TRUE(rowIsFinite(type, bytes.data(), bytes.size()));
     std::vector<float> y(x.size());
     decodeRow(type, bytes.data(), y.size(), y.data());
@@ -51,7 +51,7 @@ TEST(RowCodecTest, TypesWithoutAnEncoderAreKnown) {
 TEST(RowCodecTest, Bf16RoundsToNearestAndTiesToEven) {
   const std::vector<float> x = {1.0F, 1.00390625F, 1.01171875F, 1.00390637F, -1.00390637F};
   std::vector<float> y(x.size());
-  decodeRow(DType::BF16, encoded(DType::BF16, x).data(), y.size(), y.data());
+  decodeRow(DType::BF16, encodedRow(DType::BF16, x).data(), y.size(), y.data());
   EXPECT_EQ(y, (std::vector<float>{1.0F, 1.0F, 1.015625F, 1.0078125F, -1.0078125F}));
 }
 
@@ -59,7 +59,7 @@ TEST(RowCodecTest, Bf16KeepsNanAndInfinity) {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   const std::vector<float> x = {std::numeric_limits<float>::quiet_NaN(), kInfinity, 3.4e38F};
   std::vector<float> y(x.size());
-  decodeRow(DType::BF16, encoded(DType::BF16, x).data(), y.size(), y.data());
+  decodeRow(DType::BF16, encodedRow(DType::BF16, x).data(), y.size(), y.data());
   EXPECT_TRUE(std::isnan(y[0]));
   EXPECT_EQ(y[1], kInfinity);
   EXPECT_EQ(y[2], kInfinity);  // beyond the largest
@@ -70,7 +70,7 @@ TEST(RowCodecTest, InfiniteScalesAndElementsAreSeen) {
     for (const size_t at : {0U, 255U, 256U, 511U}) {
       std::vector<float> x = wave(512);
       x[at] = std::numeric_limits<float>::infinity();
-      const std::vector<uint8_t> bytes = encoded(type, x);
+      const std::vector<uint8_t> bytes = encodedRow(type, x);
       EXPECT_FALSE(rowIsFinite(type, bytes.data(), bytes.size())) << dtypeName(type) << at;
     }
   }
@@ -80,7 +80,7 @@ TEST(RowCodecTest, ScalesBeyondHalfPrecisionAreSeen) {
   for (const DType type : {DType::Q8_0, DType::Q4_K, DType::Q5_K, DType::Q6_K}) {
     std::vector<float> x = wave(256);
     for (float& value : x) value *= 1e9F;
-    const std::vector<uint8_t> bytes = encoded(type, x);
+    const std::vector<uint8_t> bytes = encodedRow(type, x);
     EXPECT_FALSE(rowIsFinite(type, bytes.data(), bytes.size())) << dtypeName(type);
   }
 }

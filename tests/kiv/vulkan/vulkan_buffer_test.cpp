@@ -86,7 +86,7 @@ TEST_F(VulkanBufferTest, MemoryIsAsLargeAsTheDeviceRequires) {
   EXPECT_FALSE(buffer.hostVisible());
 }
 
-struct TypeChoice {
+struct BufferChoice {
   const char* name;
   std::vector<VkMemoryPropertyFlags> types;
   uint32_t allowed;
@@ -94,12 +94,12 @@ struct TypeChoice {
   int chosen;  // -1: none
 };
 
-void PrintTo(const TypeChoice& choice, std::ostream* out) { *out << choice.name; }
+void PrintTo(const BufferChoice& choice, std::ostream* out) { *out << choice.name; }
 
-class BufferMemoryType : public ::testing::TestWithParam<TypeChoice> {};
+class BufferMemoryType : public ::testing::TestWithParam<BufferChoice> {};
 
 TEST_P(BufferMemoryType, IsTheLowestThatIsAllowedAndHasEveryFlag) {
-  const TypeChoice& choice = GetParam();
+  const BufferChoice& choice = GetParam();
   FakeDevice device;
   device.memoryTypes.clear();
   for (const VkMemoryPropertyFlags flags : choice.types) device.memoryTypes.push_back({flags, 0});
@@ -121,29 +121,29 @@ TEST_P(BufferMemoryType, IsTheLowestThatIsAllowedAndHasEveryFlag) {
   EXPECT_EQ(vulkan.requests.allocations[0].memoryTypeIndex, static_cast<uint32_t>(choice.chosen));
 }
 
-constexpr VkMemoryPropertyFlags kHost = kHostVisible | kHostCoherent;
 constexpr VkMemoryPropertyFlags kCached = VK_MEMORY_PROPERTY_HOST_CACHED_BIT;
 constexpr uint32_t kAny = ~0U;
 
 INSTANTIATE_TEST_SUITE_P(
     Table, BufferMemoryType,
     ::testing::Values(
-        TypeChoice{"Host", {kDeviceLocal, kHost}, kAny, true, 1},
-        TypeChoice{"Device", {kHost, kDeviceLocal}, kAny, false, 1},
-        TypeChoice{"FirstOfSeveralHost", {0, kHost, kHost | kCached}, kAny, true, 1},
-        TypeChoice{"FirstOfSeveralDevice", {0, kDeviceLocal, kDeviceLocal}, kAny, false, 1},
-        TypeChoice{"DeviceMayBeHostVisible", {kDeviceLocal | kHost, kDeviceLocal}, kAny, false, 0},
-        TypeChoice{"HostMayBeDeviceLocal", {kDeviceLocal | kHost, kHost}, kAny, true, 0},
-        TypeChoice{"HostWithoutCoherenceIsPassedOver", {kHostVisible, kHost}, kAny, true, 1},
-        TypeChoice{"CoherenceAloneIsPassedOver", {kHostCoherent, kHost}, kAny, true, 1},
-        TypeChoice{"TypesNotAllowedArePassedOver", {kHost, kHost, kHost}, 0b100, true, 2},
-        TypeChoice{"DeviceTypesNotAllowed", {kDeviceLocal, kDeviceLocal}, 0b10, false, 1},
-        TypeChoice{"LastOfThirtyTwo", std::vector<VkMemoryPropertyFlags>(32, kHost), 0x80000000,
-                   true, 31},
-        TypeChoice{"NoneIsCoherent", {kHostVisible, kDeviceLocal}, kAny, true, -1},
-        TypeChoice{"NoneIsDeviceLocal", {kHost}, kAny, false, -1},
-        TypeChoice{"TheOnlyOneIsNotAllowed", {kDeviceLocal, kHost}, 0b01, true, -1},
-        TypeChoice{"NoTypes", {}, kAny, true, -1}),
+        BufferChoice{"Host", {kDeviceLocal, kHost}, kAny, true, 1},
+        BufferChoice{"Device", {kHost, kDeviceLocal}, kAny, false, 1},
+        BufferChoice{"FirstOfSeveralHost", {0, kHost, kHost | kCached}, kAny, true, 1},
+        BufferChoice{"FirstOfSeveralDevice", {0, kDeviceLocal, kDeviceLocal}, kAny, false, 1},
+        BufferChoice{
+            "DeviceMayBeHostVisible", {kDeviceLocal | kHost, kDeviceLocal}, kAny, false, 0},
+        BufferChoice{"HostMayBeDeviceLocal", {kDeviceLocal | kHost, kHost}, kAny, true, 0},
+        BufferChoice{"HostWithoutCoherenceIsPassedOver", {kHostVisible, kHost}, kAny, true, 1},
+        BufferChoice{"CoherenceAloneIsPassedOver", {kHostCoherent, kHost}, kAny, true, 1},
+        BufferChoice{"TypesNotAllowedArePassedOver", {kHost, kHost, kHost}, 0b100, true, 2},
+        BufferChoice{"DeviceTypesNotAllowed", {kDeviceLocal, kDeviceLocal}, 0b10, false, 1},
+        BufferChoice{"LastOfThirtyTwo", std::vector<VkMemoryPropertyFlags>(32, kHost), 0x80000000,
+                     true, 31},
+        BufferChoice{"NoneIsCoherent", {kHostVisible, kDeviceLocal}, kAny, true, -1},
+        BufferChoice{"NoneIsDeviceLocal", {kHost}, kAny, false, -1},
+        BufferChoice{"TheOnlyOneIsNotAllowed", {kDeviceLocal, kHost}, 0b01, true, -1},
+        BufferChoice{"NoTypes", {}, kAny, true, -1}),
     [](const auto& param) { return std::string(param.param.name); });
 
 class CreateFails : public VulkanBufferTest,

@@ -32,7 +32,7 @@ void expectStatus(const Status& status, StatusCode code, const std::string& mess
 
 void expectOk(const Status& status) { expectStatus(status, StatusCode::Ok, ""); }
 
-void expectEmpty(const VulkanContext& context) {
+void expectNoContext(const VulkanContext& context) {
   EXPECT_EQ(context.instance(), VK_NULL_HANDLE);
   EXPECT_EQ(context.physicalDevice(), VK_NULL_HANDLE);
   EXPECT_EQ(context.device(), VK_NULL_HANDLE);
@@ -143,7 +143,7 @@ TEST_P(InitFails, AndLeavesNothingBehind) {
   vulkan.fail(failure.function, result, failure.call);
   VulkanContext context;
   expectStatus(context.init(0), StatusCode::IOError, failure.message);
-  expectEmpty(context);
+  expectNoContext(context);
   EXPECT_EQ(vulkan.live(), 0U);
 
   expectOk(context.init(0));
@@ -158,7 +158,7 @@ TEST_P(InitFails, AfterAnEarlierUseAsWell) {
   context.destroy();
   vulkan.fail(failure.function, result, failure.call);
   expectStatus(context.init(0), StatusCode::IOError, failure.message);
-  expectEmpty(context);
+  expectNoContext(context);
   EXPECT_EQ(vulkan.live(), 0U);
 }
 
@@ -184,7 +184,7 @@ TEST(VulkanContext, MachineWithoutDevicesFailsAndMayGainOne) {
   FakeVulkan vulkan({});
   VulkanContext context;
   expectStatus(context.init(0), StatusCode::IOError, "no Vulkan physical devices");
-  expectEmpty(context);
+  expectNoContext(context);
   EXPECT_EQ(vulkan.live(), 0U);
   EXPECT_EQ(vulkan.calls("vkEnumeratePhysicalDevices"), 1);
 
@@ -199,7 +199,7 @@ TEST(VulkanContext, DevicesThatVanishBetweenTheTwoCallsAreNoDevices) {
     vulkan.during("vkEnumeratePhysicalDevices", [&vulkan] { vulkan.devices.clear(); });
   });
   expectStatus(context.init(0), StatusCode::IOError, "no Vulkan physical devices");
-  expectEmpty(context);
+  expectNoContext(context);
   EXPECT_EQ(vulkan.live(), 0U);
 }
 
@@ -212,7 +212,7 @@ TEST(VulkanContext, MachineWithoutALoaderFailsToCreateAnInstance) {
   EXPECT_FALSE(loadVulkan());
   VulkanContext context;
   expectStatus(context.init(0), StatusCode::IOError, "vkCreateInstance failed");
-  expectEmpty(context);
+  expectNoContext(context);
   VkCommandBuffer cmd = VK_NULL_HANDLE;
   expectStatus(context.beginCommand(&cmd), StatusCode::InvalidFormat,
                "beginCommand: uninitialized");
@@ -250,7 +250,7 @@ TEST(VulkanContext, DestroyReleasesEverythingAndMayBeRepeated) {
   VulkanContext context;
   expectOk(context.init(0));
   context.destroy();
-  expectEmpty(context);
+  expectNoContext(context);
   EXPECT_EQ(vulkan.live(), 0U);
   context.destroy();
   EXPECT_EQ(vulkan.calls("vkDestroyInstance"), 1);
@@ -263,7 +263,7 @@ TEST(VulkanContext, DestroyOfAnEmptyContextCallsNothing) {
   const FakeVulkan vulkan({FakeDevice{}});
   VulkanContext context;
   context.destroy();
-  expectEmpty(context);
+  expectNoContext(context);
   EXPECT_EQ(vulkan.calls("vkDestroyInstance"), 0);
 }
 

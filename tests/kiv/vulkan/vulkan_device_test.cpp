@@ -247,7 +247,7 @@ TEST(DeviceEnumeration, DeviceThatAppearsInBetweenWaitsForTheNextTime) {
 
 // ---- the list for people
 
-std::vector<std::string> namesOf(const std::vector<ListedDevice>& devices) {
+std::vector<std::string> deviceNames(const std::vector<ListedDevice>& devices) {
   std::vector<std::string> names;
   names.reserve(devices.size());
   for (const ListedDevice& device : devices) names.push_back(device.info.deviceName);
@@ -259,7 +259,7 @@ TEST(ListDevices, OrderIsThatOfTheIndex) {
       {integrated("shared", 32), discrete("small", 8), software("cpu", 64), discrete("large", 24)});
   std::vector<ListedDevice> devices;
   ASSERT_TRUE(listDevices(devices).ok());
-  EXPECT_THAT(namesOf(devices), ElementsAre("large", "small", "cpu", "shared"));
+  EXPECT_THAT(deviceNames(devices), ElementsAre("large", "small", "cpu", "shared"));
   for (uint64_t i = 0; i < devices.size(); ++i) {
     EXPECT_EQ(chosenName(i), devices[i].info.deviceName);
   }
@@ -316,7 +316,7 @@ TEST(ListDevices, DeviceWithoutComputeIsListed) {
   const FakeVulkan vulkan({device});
   std::vector<ListedDevice> devices;
   ASSERT_TRUE(listDevices(devices).ok());
-  EXPECT_THAT(namesOf(devices), ElementsAre("display only"));
+  EXPECT_THAT(deviceNames(devices), ElementsAre("display only"));
 }
 
 void expectListFails(const FakeVulkan& vulkan, const char* message) {

@@ -30,7 +30,6 @@ using ::testing::IsEmpty;
 static_assert(!std::is_copy_constructible_v<VulkanKernel>);
 static_assert(!std::is_copy_assignable_v<VulkanKernel>);
 
-constexpr uint32_t kCode[] = {0x07230203, 0x00010500, 0, 1, 0};
 constexpr uint32_t kPush[] = {11, 22};
 
 class VulkanKernelTest : public ::testing::Test {

@@ -17,7 +17,6 @@ using namespace kiv::vulkan;
 
 namespace {
 
-constexpr uint32_t kCode[] = {0x07230203, 0x00010500, 0, 1, 0};
 constexpr size_t kWords = std::size(kCode);
 
 class ShaderModule : public ::testing::Test {

@@ -271,20 +271,20 @@ TEST(HiddenDump, FileThatCannotBeOpenedChangesNothing) {
 
 // A GPU that declines everything and counts what it was offered: once a product for tokens that
 // go together, once a token for others.
-struct CountingGpu {
+struct DecliningGpu {
   size_t offers = 0;
 
   static bool decline(void* self, const TensorView* /*W*/, const float* /*x*/, float* /*y*/) {
-    ++static_cast<CountingGpu*>(self)->offers;
+    ++static_cast<DecliningGpu*>(self)->offers;
     return false;
   }
 };
 
 size_t offersOfARun(const TinyModel& tiny, size_t tokens) {
   OpenModel m(tiny);
-  CountingGpu gpu;
+  DecliningGpu gpu;
   m.model.gpuCtx = &gpu;
-  m.model.gpuGemvRow = CountingGpu::decline;
+  m.model.gpuGemvRow = DecliningGpu::decline;
   Floats x;
   for (size_t t = 0; t < tokens; ++t) {
     const Floats token = m.embedding(20 + t);
@@ -297,13 +297,17 @@ size_t offersOfARun(const TinyModel& tiny, size_t tokens) {
 
 class DiagnosticVariable : public testing::TestWithParam<const char*> {};
 
-TEST_P(DiagnosticVariable, MakesTokensGoOneByOne) {
+TinyModel quantisedModel() {
   zemtest::TinyModelOptions options;
   options.width = 256;
   options.feedForward = 256;
   options.matrixType = kiv::DType::Q4_K;
-  const TinyModel tiny(options);
-  const size_t single = offersOfARun(tiny, 1);
+  return TinyModel(options);
+}
+
+TEST_P(DiagnosticVariable, MakesTokensGoOneByOne) {
+  static const TinyModel tiny = quantisedModel();
+  static const size_t single = offersOfARun(tiny, 1);
   ASSERT_GT(single, 100U);
   ASSERT_EQ(offersOfARun(tiny, 3), single) << "together";
   const ScopedEnv env(GetParam(), "1");

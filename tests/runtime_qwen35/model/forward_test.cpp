@@ -80,8 +80,7 @@ TEST(Forward, EveryThreadCountGivesTheBitsOfOneThread) {
 }
 
 TEST(Forward, QuantisedModelsRun) {
-  for (const auto type :
-       {kiv::DType::BF16, kiv::DType::Q8_0, kiv::DType::Q4_K, kiv::DType::Q5_K, kiv::DType::Q6_K}) {
+  for (const kiv::DType type : kStoredTypes) {
     zemtest::TinyModelOptions options;
     options.width = 256;
     options.feedForward = 256;

@@ -18,15 +18,18 @@
 #include "runtime_qwen35/open_model.h"
 #include "runtime_qwen35/random_matrix.h"
 #include "support/scoped_env.h"
+#include "support/thorough.h"
 
 namespace qwen35 {
 namespace {
 
+using zemtest::fewCases;
 using zemtest::ScopedEnv;
 using zemtest::TinyModel;
 using zemtest::TinyModelOptions;
 
 constexpr size_t kCapacity = 160;
+const std::vector<int> kThreads = fewCases() ? std::vector{5} : std::vector{1, 2, 5};
 
 Floats embeddings(OpenModel& m, size_t count, size_t first) {
   Floats all;
@@ -103,7 +106,7 @@ TEST_P(TokenRuns, AreTheSameForAnyNumberOfThreads) {
   OpenModel b(tiny, kCapacity);
   const Floats x = embeddings(b, 21, 1);
   const Floats want = oneByOne(b, x, 0);
-  for (const int threads : {1, 2, 5}) {
+  for (const int threads : kThreads) {
     SCOPED_TRACE(threads);
     const ThreadCount guard(threads);
     OpenModel a(tiny, kCapacity);
@@ -113,7 +116,8 @@ TEST_P(TokenRuns, AreTheSameForAnyNumberOfThreads) {
 }
 
 TEST_P(TokenRuns, QuantisedModelsAreOneByOne) {
-  for (const DType type : {DType::Q8_0, DType::Q6_K}) {
+  for (const DType type :
+       fewCases() ? std::vector{DType::Q6_K} : std::vector{DType::Q8_0, DType::Q6_K}) {
     SCOPED_TRACE(kiv::dtypeName(type));
     TinyModelOptions options;
     options.width = 256;
@@ -151,7 +155,7 @@ Floats attendedByHand(const Model& m, const Layer& L, const Floats& q, size_t po
 }
 
 TEST_P(TokenRuns, ALongCacheIsReadInThePlainOrder) {
-  for (const int threads : {1, 2, 5}) {
+  for (const int threads : kThreads) {
     const ThreadCount guard(threads);
     for (const size_t before : {0, 1, 30, 31, 255, 256, 700}) {
       SCOPED_TRACE(testing::Message() << threads << " threads, " << before << " slots");

@@ -10,10 +10,13 @@
 #include <random>
 #include <vector>
 
+#include "support/float_values.h"
+
 namespace zemtest::hard {
 
-inline constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-inline constexpr float kInf = std::numeric_limits<float>::infinity();
+using zemtest::kInf;
+using zemtest::kNan;
+
 inline constexpr float kMax = std::numeric_limits<float>::max();
 inline constexpr float kTiny = std::numeric_limits<float>::denorm_min();
 

@@ -15,14 +15,14 @@
 #include <vector>
 
 #include "kiv/math/exact_math.h"
+#include "support/float_values.h"
 
 namespace {
 
 using qwen35rt::argmax;
 using qwen35rt::sampleNext;
-
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
+using zemtest::kInf;
+using zemtest::kNan;
 
 int draw(const std::vector<float>& logits, float temperature, int topK, float topP,
          std::mt19937& rng) {

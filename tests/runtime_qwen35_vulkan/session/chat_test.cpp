@@ -20,7 +20,9 @@
 namespace {
 
 using zemtest::cheapOptions;
+using zemtest::encode;
 using zemtest::endlessModel;
+using zemtest::kBudget;
 using zemtest::keepAll;
 using zemtest::linked;
 using zemtest::ModelFile;
@@ -31,17 +33,10 @@ using zemtest::TextResult;
 using zemtest::TinyModel;
 using zemtest::TinyModelOptions;
 
-constexpr size_t kBudget = 96;
 constexpr int32_t kEndOfTurn = 2;
 
 std::string framed(const std::string& user) {
   return "<|im_start|>user\n" + user + "<|im_end|>\n<|im_start|>assistant\n";
-}
-
-std::vector<int32_t> encode(const Session& session, const std::string& text) {
-  std::vector<int32_t> ids;
-  EXPECT_TRUE(session.members().tok->encode(text, ids, true).ok());
-  return ids;
 }
 
 void setSystemPrompt(const Session& session, const char* text) {

@@ -14,12 +14,17 @@
 
 #include "runtime_qwen35_vulkan/cpu_only.h"
 #include "runtime_qwen35_vulkan/session/session_support.h"
+#include "support/float_values.h"
 
 namespace {
 
 using zemtest::cheapOptions;
+using zemtest::encode;
 using zemtest::endlessModel;
+using zemtest::kBudget;
 using zemtest::keepAll;
+using zemtest::kInf;
+using zemtest::kNan;
 using zemtest::linked;
 using zemtest::ModelFile;
 using zemtest::Session;
@@ -28,16 +33,6 @@ using zemtest::stderrOf;
 using zemtest::TextResult;
 using zemtest::TinyModel;
 using zemtest::TinyModelOptions;
-
-constexpr float kInf = std::numeric_limits<float>::infinity();
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr size_t kBudget = 96;
-
-std::vector<int32_t> encode(const Session& session, const std::string& text) {
-  std::vector<int32_t> ids;
-  EXPECT_TRUE(session.members().tok->encode(text, ids, true).ok());
-  return ids;
-}
 
 // The first token that greedy decoding takes after `prompt`.
 int32_t firstGreedyId(const TinyModelOptions& options, const std::string& prompt) {

@@ -153,6 +153,16 @@ class Session {
   std::string createOutput_;
 };
 
+// The ids of `text`, for a session made with linked() tables.
+inline std::vector<int32_t> encode(const Session& session, const std::string& text) {
+  std::vector<int32_t> ids;
+  EXPECT_TRUE(session.members().tok->encode(text, ids, true).ok());
+  return ids;
+}
+
+// The most tokens of a reply, unless a call asks for another number.
+inline constexpr size_t kBudget = 96;
+
 // Options that change nothing until a field is set.
 inline ZEMSessionOptions keepAll() {
   ZEMSessionOptions options = {};

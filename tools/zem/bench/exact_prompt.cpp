@@ -12,7 +12,7 @@ namespace zemtool {
 namespace {
 
 constexpr int32_t kTokenTypeNormal = 1;
-constexpr size_t kWords = 256;
+constexpr size_t kMostWords = 256;
 constexpr int kAttempts = 64;
 constexpr std::string_view kByteLevelSpace = "\xC4\xA0";  // U+0120
 // docs/plugin-abi.md, chat_turn: every turn of a conversation has this frame.
@@ -71,7 +71,7 @@ std::vector<std::string> findTexts(const kiv::Tokenizer& tokenizer, size_t limit
 }  // namespace
 
 ExactPrompt::ExactPrompt(kiv::Tokenizer tokenizer) : tokenizer_(std::move(tokenizer)) {
-  words_ = findTexts(tokenizer_, kWords, isWord);
+  words_ = findTexts(tokenizer_, kMostWords, isWord);
   if (words_.empty()) words_ = findTexts(tokenizer_, 1, [](const std::string&) { return true; });
   if (words_.empty()) {
     throw Failure(

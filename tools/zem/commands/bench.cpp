@@ -22,7 +22,7 @@
 namespace zemtool {
 namespace {
 
-constexpr int kMaxTokens = 4095;  // steps that the runtime's benchmark takes at most
+constexpr int kMaxSteps = 4095;  // steps that the runtime's benchmark takes at most
 constexpr int kDefaultTokens = 64;
 
 struct BenchOptions {
@@ -116,7 +116,7 @@ void addTestOptions(Command& command, BenchOptions& options) {
   addNumberList(command, "-p,--prompt", "Prompts to process, of 1 to 8192 tokens", 1, kPositions,
                 options.prompts);
   addNumberList(command, "-n,--tokens",
-                "Tokens to decode, 1 to 4095 (default: 64, but not with -p)", 1, kMaxTokens,
+                "Tokens to decode, 1 to 4095 (default: 64, but not with -p)", 1, kMaxSteps,
                 options.tokens);
   addNumberList(command, "-d,--depth", "Positions to fill before, 0 to 8191 (default: 0)", 0,
                 kPositions - 1, options.depths);
@@ -132,7 +132,7 @@ void addTestOptions(Command& command, BenchOptions& options) {
       .valueName("FORMAT");
 }
 
-constexpr const char* kFooter =
+constexpr const char* kBenchFooter =
     "Lists are separated by commas; every depth is measured with every prompt and every number\n"
     "of tokens, and all of that with every number of threads. t/s is the mean over the\n"
     "repetitions, with its standard deviation. What a row measures:\n"
@@ -164,7 +164,7 @@ void addBench(Command& program, int& status) {
   Command command = program.command("bench", "Measure the speed of prompts and of decoding");
   addRuntimeOptions(command, options->session);
   addTestOptions(command, *options);
-  command.footer(kFooter);
+  command.footer(kBenchFooter);
   command.action([options, &status] { status = guarded([&] { bench(*options); }); });
 }
 

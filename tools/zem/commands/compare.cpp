@@ -26,7 +26,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr size_t kMaxTokens = 8192;
+constexpr size_t kMostCompared = 8192;
 
 struct CompareOptions {
   std::string first;
@@ -176,9 +176,9 @@ std::vector<int32_t> tokensOf(const kiv::ZEMLoader& first, const kiv::ZEMLoader&
   if (status.ok()) status = tokenizer.encode(text, ids, true);
   if (!status.ok()) throw Failure(status.message());
   if (ids.empty()) throw Failure("the text has no tokens");
-  if (ids.size() > kMaxTokens) {
+  if (ids.size() > kMostCompared) {
     throw Failure("the text has " + std::to_string(ids.size()) + " tokens, at most " +
-                  std::to_string(kMaxTokens) + " can be compared");
+                  std::to_string(kMostCompared) + " can be compared");
   }
   return ids;
 }
@@ -217,7 +217,7 @@ std::string typesText(const TensorDifference& tensor) {
   return shown(tensor.firstType) + " and " + shown(tensor.secondType);
 }
 
-void printTensors(const std::vector<TensorDifference>& tensors, bool all) {
+void printTensorErrors(const std::vector<TensorDifference>& tensors, bool all) {
   std::vector<std::vector<std::string>> rows = {
       {"tensor", "type", "relative difference", "largest", ""}};
   size_t same = 0;
@@ -237,14 +237,15 @@ void printTensors(const std::vector<TensorDifference>& tensors, bool all) {
            " tensors have the same bytes\n");
 }
 
-void printText(const TextDifference& text) {
+void printComparison(const TextDifference& text) {
   writeOut("  over " + std::to_string(text.tokens) + " tokens: mean KL divergence " +
            formatNumber(text.divergence, 6) + ", worst " + formatNumber(text.worst, 6) +
            ", the same best token in " + formatNumber(100 * text.sameBest, 1) + " %\n");
 }
 
-void printJson(const CompareOptions& options, const std::vector<TensorDifference>& tensors,
-               const std::optional<TextDifference>& text) {
+void printComparisonJson(const CompareOptions& options,
+                         const std::vector<TensorDifference>& tensors,
+                         const std::optional<TextDifference>& text) {
   Json list = Json::array();
   for (const TensorDifference& tensor : tensors) {
     Json entry = {{"name", tensor.name}, {"same", tensor.same}};
@@ -282,9 +283,9 @@ void compare(const CompareOptions& options) {
   const std::vector<TensorDifference> tensors = compareTensors(first, second, threads);
   std::optional<TextDifference> text;
   if (!ids.empty()) text = compareText(options, ids);
-  if (options.json) return printJson(options, tensors, text);
-  printTensors(tensors, options.all);
-  if (text) printText(*text);
+  if (options.json) return printComparisonJson(options, tensors, text);
+  printTensorErrors(tensors, options.all);
+  if (text) printComparison(*text);
 }
 
 }  // namespace

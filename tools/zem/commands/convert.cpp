@@ -39,7 +39,7 @@ WeightMix mixNamed(const std::string& name) {
 
 std::string shownError(double error) { return error == 0 ? "0" : formatNumber(error, 6); }
 
-Json typesJson(const WeightReport& report, bool verified) {
+Json convertedTypesJson(const WeightReport& report, bool verified) {
   Json list = Json::array();
   for (const auto& [name, type] : report.types) {
     Json entry = {{"type", name},
@@ -68,7 +68,7 @@ Json fallbacksJson(const std::vector<Fallback>& fallbacks) {
   return list;
 }
 
-void printJson(const ConvertOptions& options, const ConversionReport& report) {
+void printConversionJson(const ConvertOptions& options, const ConversionReport& report) {
   const TokenizerCounts& tokens = report.tokenizer;
   writeJson({{"input", options.conversion.input},
              {"output", options.conversion.output},
@@ -83,7 +83,7 @@ void printJson(const ConvertOptions& options, const ConversionReport& report) {
                {"prediction", report.leftOut.prediction},
                {"repeated", report.leftOut.repeated},
                {"others", report.leftOut.others}}},
-             {"types", typesJson(report.weights, options.conversion.verify)},
+             {"types", convertedTypesJson(report.weights, options.conversion.verify)},
              {"fallbacks", fallbacksJson(report.fallbacks)},
              {"tokenizer",
               {{"tokens", tokens.tokens},
@@ -98,7 +98,7 @@ void printJson(const ConvertOptions& options, const ConversionReport& report) {
              {"warnings", report.weights.warnings}});
 }
 
-void printTypes(const WeightReport& report, bool verified) {
+void printConvertedTypes(const WeightReport& report, bool verified) {
   std::vector<std::vector<std::string>> rows = {
       {"type", "tensors", "copied", "weights", "bytes", "relative error", "worst"}};
   for (const auto& [name, type] : report.types) {
@@ -140,7 +140,7 @@ void printLeftOut(const LeftOut& leftOut) {
   if (!text.empty()) writeOut(text + "\n");
 }
 
-void printTokenizer(const TokenizerCounts& counts) {
+void printConvertedTokenizer(const TokenizerCounts& counts) {
   writeOut("  vocabulary: " + std::to_string(counts.tokens) + " tokens, of them " +
            std::to_string(counts.added) + " added and " + std::to_string(counts.asBytes) +
            " stored as bytes; " + std::to_string(counts.filled) + " rows without a token\n");
@@ -148,17 +148,17 @@ void printTokenizer(const TokenizerCounts& counts) {
            std::to_string(counts.droppedMerges) + " dropped, which join parts of characters\n");
 }
 
-void printText(const ConvertOptions& options, const ConversionReport& report) {
+void printConversion(const ConvertOptions& options, const ConversionReport& report) {
   const double rate =
       report.seconds > 0 ? static_cast<double>(report.weights.bytesRead) / report.seconds : 0;
   writeOut(escapeControls(options.conversion.output) + ": " +
            formatBytes(report.weights.bytesWritten) + " of weights from " +
            formatBytes(report.weights.bytesRead) + " in " + formatNumber(report.seconds, 1) +
            " s (" + formatBytes(static_cast<uint64_t>(rate)) + "/s read)\n");
-  printTypes(report.weights, options.conversion.verify);
+  printConvertedTypes(report.weights, options.conversion.verify);
   printFallbacks(report.fallbacks);
   printLeftOut(report.leftOut);
-  printTokenizer(report.tokenizer);
+  printConvertedTokenizer(report.tokenizer);
 }
 
 void warn(const ConversionReport& report) {
@@ -188,9 +188,9 @@ void convert(ConvertOptions options) {
   const ConversionReport report = convertModel(conversion);
   bar.reset();
   if (options.json) {
-    printJson(options, report);
+    printConversionJson(options, report);
   } else {
-    printText(options, report);
+    printConversion(options, report);
   }
   warn(report);
 }

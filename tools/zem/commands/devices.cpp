@@ -19,7 +19,7 @@ const char* kindOf(const ListedDevice& device) {
   return device.info.discrete ? "discrete" : "integrated";
 }
 
-void printJson(const std::vector<ListedDevice>& devices, const std::string& problem) {
+void printDevicesJson(const std::vector<ListedDevice>& devices, const std::string& problem) {
   auto list = nlohmann::ordered_json::array();
   for (size_t i = 0; i < devices.size(); ++i) {
     const ListedDevice& device = devices[i];
@@ -62,7 +62,7 @@ void listDevices(bool json) {
     problem = "no Vulkan physical devices";
   }
   if (json) {
-    printJson(devices, problem);
+    printDevicesJson(devices, problem);
   } else if (!problem.empty()) {
     writeOut("no usable Vulkan device: " + problem + "; models run on the CPU\n");
   } else {

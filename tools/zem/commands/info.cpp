@@ -206,7 +206,7 @@ Json tensorsJson(const std::vector<TensorFacts>& tensors) {
   return list;
 }
 
-void printJson(const kiv::ZEM2Reader& reader, const InfoOptions& options) {
+void printInfoJson(const kiv::ZEM2Reader& reader, const InfoOptions& options) {
   const std::vector<TensorFacts> tensors = readTensors(reader);
   Json value = {{"file", options.file},
                 {"header", headerJson(reader.header())},
@@ -303,7 +303,7 @@ void info(const InfoOptions& options) {
   openContainer(reader, options.file);
   const std::vector<TensorFacts> tensors = readTensors(reader);
   if (options.json) {
-    printJson(reader, options);
+    printInfoJson(reader, options);
   } else {
     printHeader(reader, options.file);
     printSections(reader);

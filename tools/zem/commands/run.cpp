@@ -20,7 +20,7 @@ struct RunOptions {
   bool json = false;
 };
 
-void printText(const std::string& text) {
+void printReply(const std::string& text) {
   Utf8Joiner joiner;
   std::string shown = joiner.push(text);
   shown += joiner.finish();
@@ -29,7 +29,7 @@ void printText(const std::string& text) {
   writeOut(shown);
 }
 
-void printJson(const std::string& text, const ZEMRuntimeStats& stats) {
+void printReplyJson(const std::string& text, const ZEMRuntimeStats& stats) {
   writeJson({{"text", text},
              {"tokens", stats.tokens},
              {"generation_ms", stats.generation_ms},
@@ -46,10 +46,10 @@ void run(RunOptions options) {
   const std::string text = session.generate(prompt, sessionRecord(options.sampling));
   const ZEMRuntimeStats stats = session.stats();
   if (options.json) {
-    printJson(text, stats);
+    printReplyJson(text, stats);
     return;
   }
-  printText(text);
+  printReply(text);
   remark(describeStats(stats));
 }
 

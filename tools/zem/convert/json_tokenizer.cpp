@@ -12,12 +12,12 @@ namespace zemtool {
 namespace {
 
 constexpr uint64_t kMaxTokenizerBytes = uint64_t{64} << 20;
-constexpr uint64_t kMaxConfigBytes = uint64_t{8} << 20;
+constexpr uint64_t kMaxTokenizerConfigBytes = uint64_t{8} << 20;
 constexpr uint64_t kMaxTemplateBytes = uint64_t{4} << 20;
 
-class TokenizerReader {
+class JsonTokenizerReader {
  public:
-  TokenizerReader(const std::string& folder, uint64_t rows) : folder_(folder), rows_(rows) {}
+  JsonTokenizerReader(const std::string& folder, uint64_t rows) : folder_(folder), rows_(rows) {}
 
   SourceTokenizer read() {
     where_ = folder_ + "/tokenizer.json";
@@ -142,7 +142,7 @@ class TokenizerReader {
     const std::string path = folder_ + "/tokenizer_config.json";
     std::string text;
     json config = json::object();
-    if (readFileIfAny(path, kMaxConfigBytes, text)) config = parseJson(text, path);
+    if (readFileIfAny(path, kMaxTokenizerConfigBytes, text)) config = parseJson(text, path);
     where_ = path;
     readAddedMap(config);
     result_.eosId = idOf(config, "eos_token");
@@ -221,7 +221,7 @@ class TokenizerReader {
 }  // namespace
 
 SourceTokenizer readJsonTokenizer(const std::string& folder, uint64_t rows) {
-  return TokenizerReader(folder, rows).read();
+  return JsonTokenizerReader(folder, rows).read();
 }
 
 }  // namespace zemtool

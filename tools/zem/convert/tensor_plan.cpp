@@ -33,7 +33,7 @@ bool has(const ModelSource& source, TensorRole role, uint32_t layer) {
   return source.tensors.count(kiv::tensorName(role, layer)) != 0;
 }
 
-const SourceTensor& require(const ModelSource& source, TensorRole role, uint32_t layer = 0) {
+const SourceTensor& requiredTensor(const ModelSource& source, TensorRole role, uint32_t layer = 0) {
   const auto found = source.tensors.find(kiv::tensorName(role, layer));
   if (found == source.tensors.end()) {
     throw Failure("tensor " + nameInSource(source, role, layer) + " is missing");
@@ -83,7 +83,7 @@ class Planner {
     tensor.name = needed.name;
     tensor.role = needed.role;
     tensor.shape = needed.shape;
-    tensor.source = &require(source_, needed.role, needed.layer);
+    tensor.source = &requiredTensor(source_, needed.role, needed.layer);
     checkShape(source_, *tensor.source, needed.shape);
     checkType(source_, *tensor.source);
     chooseType(needed.matrix, tensor);
@@ -121,7 +121,7 @@ class Planner {
     for (uint32_t layer = 0; layer < plan_.architecture.layers; ++layer) {
       const auto present = [&](TensorRole role) { return has(source_, role, layer); };
       if (std::none_of(kBiases.begin(), kBiases.end(), present)) continue;
-      for (const TensorRole role : kBiases) require(source_, role, layer);
+      for (const TensorRole role : kBiases) requiredTensor(source_, role, layer);
     }
   }
 
@@ -143,7 +143,7 @@ uint64_t ConversionPlan::bytes() const {
 
 kiv::Architecture architectureOf(const ModelSource& source) {
   const auto matrix = [&](TensorRole role) {
-    const SourceTensor& tensor = require(source, role);
+    const SourceTensor& tensor = requiredTensor(source, role);
     if (tensor.shape.size() == 2 && tensor.shape[0] > 0 && tensor.shape[1] > 0) return tensor.shape;
     throw Failure("tensor '" + tensor.name + "' has the shape " +
                   sourceShape(source, tensor.shape) + ", needs two extents");

@@ -38,7 +38,7 @@ constexpr CodePoints kCharacters[] = {
     {0xE0020, 0xE007F},  // tags of subdivision flags
 };
 
-constexpr char kWords[] =
+constexpr char kCommonWords[] =
     "the of and to in a is that it was for on are as with his they at be this from have or by one "
     "had not but what all were when we there can an your which their said if do will each about "
     "how up out them then she many some so these would other into has more her two like him see "
@@ -164,7 +164,7 @@ void addWords(Builder& builder) {
     word[0] = static_cast<char>(word[0] - 'a' + 'A');
     return word;
   };
-  forEachWord(kWords, addWord);
+  forEachWord(kCommonWords, addWord);
   forEachWord(kStarts, [&](const std::string& word) { addWord(capitalised(word)); });
   builder.raise(kWord, whole);
   forEachWord(kStarts, [&](const std::string& word) {

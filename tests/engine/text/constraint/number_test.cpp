@@ -8,9 +8,12 @@
 #include <string>
 
 #include "engine/text/constraint.h"
+#include "engine/text/constraint_replies.h"
 
 namespace zem::text {
 namespace {
+
+using test::ConstraintPtr;
 
 // Whether `text` is taken, and whether each of its beginnings is.
 struct Taken {
@@ -18,14 +21,14 @@ struct Taken {
   bool beginnings;
 };
 
-Taken taken(const std::shared_ptr<const Constraint>& constraint, const std::string& text) {
+Taken taken(const ConstraintPtr& constraint, const std::string& text) {
   ConstraintState state = Constraint::begin(constraint);
   if (!state.advance(text)) return {false, false};
   return {state.complete(), true};
 }
 
-std::shared_ptr<const Constraint> compiled(const Json& schema) {
-  std::shared_ptr<const Constraint> constraint;
+ConstraintPtr compiledNumber(const Json& schema) {
+  ConstraintPtr constraint;
   const kiv::Status status = Constraint::compile(schema, {}, constraint);
   EXPECT_TRUE(status.ok()) << status.message() << schema;
   return constraint;
@@ -39,7 +42,8 @@ TEST(ConstraintNumber, IntegersAreTakenExactlyWithinTheirBounds) {
     const int b = bound();
     const int least = std::min(a, b);
     const int most = std::max(a, b);
-    const auto constraint = compiled({{"type", "integer"}, {"minimum", least}, {"maximum", most}});
+    const auto constraint =
+        compiledNumber({{"type", "integer"}, {"minimum", least}, {"maximum", most}});
     for (int value = -2100; value <= 2100; ++value) {
       const bool inside = value >= least && value <= most;
       ASSERT_EQ(taken(constraint, std::to_string(value)).whole, inside)
@@ -63,9 +67,9 @@ TEST(ConstraintNumber, DecimalsAreTakenExactlyWithinTheirBounds) {
     const int b = bound();
     const int least = std::min(a, b);
     const int most = std::max(a, b);
-    const auto constraint = compiled({{"type", "number"},
-                                      {"minimum", Json::parse(decimal(least))},
-                                      {"maximum", Json::parse(decimal(most))}});
+    const auto constraint = compiledNumber({{"type", "number"},
+                                            {"minimum", Json::parse(decimal(least))},
+                                            {"maximum", Json::parse(decimal(most))}});
     for (int value = -1700; value <= 1700; ++value) {
       const bool inside = value >= least && value <= most;
       const std::string text = decimal(value);
@@ -80,7 +84,7 @@ TEST(ConstraintNumber, DecimalsAreTakenExactlyWithinTheirBounds) {
 
 TEST(ConstraintNumber, ExclusiveBoundsAreOutside) {
   const auto constraint =
-      compiled({{"type", "number"}, {"exclusiveMinimum", 0}, {"exclusiveMaximum", 0.5}});
+      compiledNumber({{"type", "number"}, {"exclusiveMinimum", 0}, {"exclusiveMaximum", 0.5}});
   EXPECT_FALSE(taken(constraint, "0").whole);
   EXPECT_FALSE(taken(constraint, "0.0").whole);
   EXPECT_FALSE(taken(constraint, "0.5").beginnings);
@@ -92,7 +96,7 @@ TEST(ConstraintNumber, ExclusiveBoundsAreOutside) {
 
 TEST(ConstraintNumber, BoundsOfAllSizes) {
   const auto inside = [](const char* keyword, const char* bound, const char* text) {
-    return taken(compiled({{"type", "number"}, {keyword, Json::parse(bound)}}), text).whole;
+    return taken(compiledNumber({{"type", "number"}, {keyword, Json::parse(bound)}}), text).whole;
   };
   EXPECT_TRUE(inside("maximum", "1e300", "999999999999999999"));
   EXPECT_TRUE(inside("minimum", "-1e300", "-999999999999999999"));
@@ -114,12 +118,12 @@ TEST(ConstraintNumber, BoundsOfAllSizes) {
 }
 
 TEST(ConstraintNumber, DigitsEndSomewhere) {
-  const auto plain = compiled({{"type", "number"}});
+  const auto plain = compiledNumber({{"type", "number"}});
   EXPECT_TRUE(taken(plain, std::string(40, '1') + "." + std::string(40, '2') + "e-99").whole);
   EXPECT_FALSE(taken(plain, std::string(41, '1')).beginnings);
   EXPECT_FALSE(taken(plain, "0." + std::string(41, '1')).beginnings);
   EXPECT_FALSE(taken(plain, "1e100").beginnings);
-  const auto bounded = compiled({{"type", "number"}, {"minimum", 0}});
+  const auto bounded = compiledNumber({{"type", "number"}, {"minimum", 0}});
   EXPECT_TRUE(taken(bounded, std::string(18, '9') + "." + std::string(18, '9')).whole);
   EXPECT_FALSE(taken(bounded, std::string(19, '9')).beginnings);
   EXPECT_FALSE(taken(bounded, "1." + std::string(19, '9')).beginnings);

@@ -14,14 +14,15 @@ namespace {
 
 constexpr size_t kUnlimited = std::numeric_limits<size_t>::max();
 
-PatternAutomaton compiled(std::string_view pattern, size_t least = 0, size_t most = kUnlimited) {
+PatternAutomaton compiledPattern(std::string_view pattern, size_t least = 0,
+                                 size_t most = kUnlimited) {
   PatternAutomaton automaton;
   const kiv::Status status = PatternAutomaton::compile(pattern, least, most, 2000, automaton);
   EXPECT_TRUE(status.ok()) << status.message();
   return automaton;
 }
 
-std::string errorOf(std::string_view pattern) {
+std::string errorOfPattern(std::string_view pattern) {
   PatternAutomaton automaton;
   return PatternAutomaton::compile(pattern, 0, kUnlimited, 200, automaton).message();
 }
@@ -67,7 +68,7 @@ TEST(ConstraintPattern, MatchesWhatTheStandardLibraryMatches) {
   std::mt19937 random(1);
   for (const char* pattern : patterns) {
     if (std::string_view(pattern) == "^a|^b") continue;  // refused, see below
-    const PatternAutomaton automaton = compiled(pattern);
+    const PatternAutomaton automaton = compiledPattern(pattern);
     const std::regex expected(pattern);
     for (int round = 0; round < 1500; ++round) {
       std::string text;
@@ -79,18 +80,18 @@ TEST(ConstraintPattern, MatchesWhatTheStandardLibraryMatches) {
 }
 
 TEST(ConstraintPattern, CharactersAreWhole) {
-  EXPECT_TRUE(matches(compiled("^.$"), "ä"));
-  EXPECT_TRUE(matches(compiled("^.$"), "生"));
-  EXPECT_TRUE(matches(compiled("^.$"), "😊"));
-  EXPECT_FALSE(matches(compiled("^..$"), "ä"));
-  EXPECT_TRUE(matches(compiled("^[ä-ü]+$"), "äöü"));
-  EXPECT_FALSE(matches(compiled("^[ä-ü]+$"), "a"));
-  EXPECT_TRUE(matches(compiled("^[^a]$"), "😊"));
-  EXPECT_TRUE(matches(compiled("^\\u00e4$"), "ä"));
-  EXPECT_FALSE(matches(compiled("^.$"), "\xC3"));
-  EXPECT_FALSE(matches(compiled("^.$"), "\xED\xA0\x80"));
-  EXPECT_FALSE(matches(compiled("^.$"), "\n"));
-  EXPECT_TRUE(matches(compiled("^\\s$"), "\u3000"));
+  EXPECT_TRUE(matches(compiledPattern("^.$"), "ä"));
+  EXPECT_TRUE(matches(compiledPattern("^.$"), "生"));
+  EXPECT_TRUE(matches(compiledPattern("^.$"), "😊"));
+  EXPECT_FALSE(matches(compiledPattern("^..$"), "ä"));
+  EXPECT_TRUE(matches(compiledPattern("^[ä-ü]+$"), "äöü"));
+  EXPECT_FALSE(matches(compiledPattern("^[ä-ü]+$"), "a"));
+  EXPECT_TRUE(matches(compiledPattern("^[^a]$"), "😊"));
+  EXPECT_TRUE(matches(compiledPattern("^\\u00e4$"), "ä"));
+  EXPECT_FALSE(matches(compiledPattern("^.$"), "\xC3"));
+  EXPECT_FALSE(matches(compiledPattern("^.$"), "\xED\xA0\x80"));
+  EXPECT_FALSE(matches(compiledPattern("^.$"), "\n"));
+  EXPECT_TRUE(matches(compiledPattern("^\\s$"), "\u3000"));
 }
 
 // Every range of code points, against its plain meaning, at its edges.
@@ -120,7 +121,8 @@ TEST(ConstraintPattern, RangesOfAllLengths) {
     uint32_t last = point();
     if (first > last) std::swap(first, last);
     if (first == '\\' || first == ']' || first == '^' || last == '\\' || last == ']') continue;
-    const PatternAutomaton automaton = compiled("^[" + utf8(first) + "-" + utf8(last) + "]$");
+    const PatternAutomaton automaton =
+        compiledPattern("^[" + utf8(first) + "-" + utf8(last) + "]$");
     for (int i = 0; i < 200; ++i) {
       const uint32_t near[] = {first, last, first + 1, last - 1, first - 1, last + 1, point()};
       const uint32_t value = near[i % 7];
@@ -132,19 +134,19 @@ TEST(ConstraintPattern, RangesOfAllLengths) {
 }
 
 TEST(ConstraintPattern, LengthsAreCounted) {
-  const PatternAutomaton automaton = compiled("^[äa]*$", 2, 3);
+  const PatternAutomaton automaton = compiledPattern("^[äa]*$", 2, 3);
   EXPECT_FALSE(matches(automaton, "ä"));
   EXPECT_TRUE(matches(automaton, "äa"));
   EXPECT_TRUE(matches(automaton, "äää"));
   EXPECT_FALSE(matches(automaton, "äääa"));
-  EXPECT_TRUE(matches(compiled("a", 3), "bab"));
-  EXPECT_FALSE(matches(compiled("a", 3), "ab"));
+  EXPECT_TRUE(matches(compiledPattern("a", 3), "bab"));
+  EXPECT_FALSE(matches(compiledPattern("a", 3), "ab"));
 }
 
 // From every state that is reached, an accepting one is.
 TEST(ConstraintPattern, EveryStateLeadsToAnEnd) {
   for (const char* pattern : {"^(ab|cd){2,4}$", "x", "^[a-f0-9]{8}-[a-f0-9]{4}$"}) {
-    const PatternAutomaton automaton = compiled(pattern, 0, 40);
+    const PatternAutomaton automaton = compiledPattern(pattern, 0, 40);
     std::vector<bool> ends(automaton.size());
     for (bool changed = true; changed;) {
       changed = false;
@@ -192,24 +194,26 @@ TEST(ConstraintPattern, WhatIsNotSupportedIsNamed) {
       {"\xC3", "it is not UTF-8 is not supported"},
   };
   for (const Case& c : cases) {
-    EXPECT_THAT(errorOf(c.pattern), testing::EndsWith(std::string(": ") + c.reason)) << c.pattern;
+    EXPECT_THAT(errorOfPattern(c.pattern), testing::EndsWith(std::string(": ") + c.reason))
+        << c.pattern;
   }
 }
 
 TEST(ConstraintPattern, LargePatternsAreRefusedInTime) {
-  EXPECT_THAT(errorOf("^[ab]*a[ab]{30}$"), testing::HasSubstr("it needs more than 200 states"));
-  EXPECT_THAT(errorOf("((((a{1000}){1000}){1000}){1000}){1000}"),
+  EXPECT_THAT(errorOfPattern("^[ab]*a[ab]{30}$"),
+              testing::HasSubstr("it needs more than 200 states"));
+  EXPECT_THAT(errorOfPattern("((((a{1000}){1000}){1000}){1000}){1000}"),
               testing::HasSubstr("it is too large"));
   std::string deep(5000, '(');
-  EXPECT_THAT(errorOf(deep), testing::HasSubstr("groups deeper than 100"));
+  EXPECT_THAT(errorOfPattern(deep), testing::HasSubstr("groups deeper than 100"));
   PatternAutomaton automaton;
   EXPECT_FALSE(
       PatternAutomaton::compile("(.*.*.*.*.*.*.*.*a){200}", 0, 1000, 60000, automaton).ok());
 }
 
 TEST(ConstraintPattern, WhatNoTextMatchesIsRefused) {
-  EXPECT_THAT(errorOf("^[]$"), testing::HasSubstr("no text matches it"));
-  EXPECT_THAT(errorOf("^\\u0001$"), testing::HasSubstr("no text matches it"));
+  EXPECT_THAT(errorOfPattern("^[]$"), testing::HasSubstr("no text matches it"));
+  EXPECT_THAT(errorOfPattern("^\\u0001$"), testing::HasSubstr("no text matches it"));
   PatternAutomaton automaton;
   EXPECT_FALSE(PatternAutomaton::compile("^a$", 2, 3, 100, automaton).ok());
 }

@@ -8,20 +8,17 @@
 #include <vector>
 
 #include "engine/text/constraint.h"
+#include "engine/text/constraint_replies.h"
+#include "engine/text/parsed_json.h"
 #include "engine/text/reply_parser.h"
 #include "engine/text/schema_validator.h"
 
 namespace zem::text {
 namespace {
 
-using ConstraintPtr = std::shared_ptr<const Constraint>;
-
-Json parsed(std::string_view text) {
-  Json value;
-  const kiv::Status status = parseJson(text, "test", value);
-  EXPECT_TRUE(status.ok()) << status.message() << "\n" << text;
-  return value;
-}
+using test::ConstraintPtr;
+using test::parsed;
+using test::takes;
 
 std::vector<Json> someTools() {
   return {parsed(R"({"type": "function", "function": {"name": "weather", "parameters": {
@@ -34,27 +31,24 @@ std::vector<Json> someTools() {
           parsed(R"({"name": "now"})"), parsed(R"({"name": "weathers", "parameters": {}})")};
 }
 
-ConstraintPtr compiled(const std::vector<Json>& tools, std::string_view name = "",
-                       bool several = false) {
+ConstraintPtr compiledCalls(const std::vector<Json>& tools, std::string_view name = "",
+                            bool several = false) {
   ConstraintPtr constraint;
   const kiv::Status status = Constraint::compileToolCalls(tools, name, several, {}, constraint);
   EXPECT_TRUE(status.ok()) << status.message();
   return constraint;
 }
 
-std::string errorOf(const std::vector<Json>& tools, std::string_view name = "") {
+std::string errorOfCalls(const std::vector<Json>& tools, std::string_view name = "") {
   ConstraintPtr constraint;
   return Constraint::compileToolCalls(tools, name, false, {}, constraint).message();
 }
 
-std::string errorOf(std::string_view tool) { return errorOf(std::vector<Json>{parsed(tool)}); }
-
-bool takes(const ConstraintPtr& constraint, std::string_view text) {
-  ConstraintState state = Constraint::begin(constraint);
-  return state.advance(text) && state.complete();
+std::string errorOfCalls(std::string_view tool) {
+  return errorOfCalls(std::vector<Json>{parsed(tool)});
 }
 
-std::string call(const std::string& name, const std::string& arguments) {
+std::string callOf(const std::string& name, const std::string& arguments) {
   return "<tool_call>\n<function=" + name + ">\n" + arguments + "</function>\n</tool_call>";
 }
 
@@ -63,38 +57,38 @@ std::string argument(const std::string& name, const std::string& value) {
 }
 
 TEST(ConstraintToolCalls, CallsOfTheTools) {
-  const ConstraintPtr constraint = compiled(someTools());
+  const ConstraintPtr constraint = compiledCalls(someTools());
   const std::string city = argument("city", "Bonn");
-  EXPECT_TRUE(takes(constraint, call("now", "")));
-  EXPECT_TRUE(takes(constraint, "\n\n" + call("weathers", "") + "\n"));
-  EXPECT_TRUE(takes(constraint, call("weather", city)));
-  EXPECT_TRUE(takes(constraint, call("weather", argument("days", "14") + city)));
-  EXPECT_TRUE(takes(constraint, call("weather", city + argument("more", "[\"a\", \"b\"]"))));
-  EXPECT_FALSE(takes(constraint, call("weather", "")));
-  EXPECT_FALSE(takes(constraint, call("weather", city + city)));
-  EXPECT_FALSE(takes(constraint, call("weather", city + argument("days", "15"))));
-  EXPECT_FALSE(takes(constraint, call("weather", city + argument("x", "1"))));
-  EXPECT_FALSE(takes(constraint, call("now", city)));
-  EXPECT_FALSE(takes(constraint, call("then", "")));
-  EXPECT_FALSE(takes(constraint, "Let me see. " + call("now", "")));
-  EXPECT_FALSE(takes(constraint, call("now", "") + "\n" + call("now", "")));
+  EXPECT_TRUE(takes(constraint, callOf("now", "")));
+  EXPECT_TRUE(takes(constraint, "\n\n" + callOf("weathers", "") + "\n"));
+  EXPECT_TRUE(takes(constraint, callOf("weather", city)));
+  EXPECT_TRUE(takes(constraint, callOf("weather", argument("days", "14") + city)));
+  EXPECT_TRUE(takes(constraint, callOf("weather", city + argument("more", "[\"a\", \"b\"]"))));
+  EXPECT_FALSE(takes(constraint, callOf("weather", "")));
+  EXPECT_FALSE(takes(constraint, callOf("weather", city + city)));
+  EXPECT_FALSE(takes(constraint, callOf("weather", city + argument("days", "15"))));
+  EXPECT_FALSE(takes(constraint, callOf("weather", city + argument("x", "1"))));
+  EXPECT_FALSE(takes(constraint, callOf("now", city)));
+  EXPECT_FALSE(takes(constraint, callOf("then", "")));
+  EXPECT_FALSE(takes(constraint, "Let me see. " + callOf("now", "")));
+  EXPECT_FALSE(takes(constraint, callOf("now", "") + "\n" + callOf("now", "")));
 }
 
 TEST(ConstraintToolCalls, OneNamedFunctionAndSeveralCalls) {
-  const ConstraintPtr now = compiled(someTools(), "now");
-  EXPECT_TRUE(takes(now, call("now", "")));
-  EXPECT_FALSE(takes(now, call("weathers", "")));
-  const ConstraintPtr several = compiled(someTools(), "", true);
-  EXPECT_TRUE(takes(several, call("now", "")));
+  const ConstraintPtr now = compiledCalls(someTools(), "now");
+  EXPECT_TRUE(takes(now, callOf("now", "")));
+  EXPECT_FALSE(takes(now, callOf("weathers", "")));
+  const ConstraintPtr several = compiledCalls(someTools(), "", true);
+  EXPECT_TRUE(takes(several, callOf("now", "")));
   EXPECT_TRUE(
-      takes(several, call("now", "") + "\n" + call("weathers", "") + "\n" + call("now", "")));
-  EXPECT_FALSE(takes(several, call("now", "") + call("now", "")));
+      takes(several, callOf("now", "") + "\n" + callOf("weathers", "") + "\n" + callOf("now", "")));
+  EXPECT_FALSE(takes(several, callOf("now", "") + callOf("now", "")));
 }
 
 TEST(ConstraintToolCalls, TextIsRaw) {
-  const ConstraintPtr constraint = compiled(someTools());
+  const ConstraintPtr constraint = compiledCalls(someTools());
   const auto city = [&](const std::string& text) {
-    return takes(constraint, call("weather", argument("city", text)));
+    return takes(constraint, callOf("weather", argument("city", text)));
   };
   EXPECT_TRUE(city("a\n\n\"b\" \\ </parameter <parameter=x>\n</function>ä😊"));
   EXPECT_TRUE(city("\n"));
@@ -105,9 +99,9 @@ TEST(ConstraintToolCalls, TextIsRaw) {
 }
 
 TEST(ConstraintToolCalls, ValuesOfTextAndPatternsAreRawToo) {
-  const ConstraintPtr constraint = compiled(someTools());
+  const ConstraintPtr constraint = compiledCalls(someTools());
   const auto with = [&](const std::string& name, const std::string& text) {
-    return takes(constraint, call("weather", argument("city", "x") + argument(name, text)));
+    return takes(constraint, callOf("weather", argument("city", "x") + argument(name, text)));
   };
   EXPECT_TRUE(with("unit", "C"));
   EXPECT_TRUE(with("unit", "CF"));
@@ -122,7 +116,7 @@ TEST(ConstraintToolCalls, ValuesOfTextAndPatternsAreRawToo) {
 // What is produced is read back as whole calls with arguments that satisfy the schema.
 TEST(ConstraintToolCalls, RandomCallsAreReadBack) {
   const std::vector<Json> tools = someTools();
-  const ConstraintPtr constraint = compiled(tools, "weather", true);
+  const ConstraintPtr constraint = compiledCalls(tools, "weather", true);
   const Json schema = tools[0]["function"]["parameters"];
   const SchemaValidator validator(schema);
   std::mt19937 random(1);
@@ -156,35 +150,36 @@ TEST(ConstraintToolCalls, RandomCallsAreReadBack) {
 }
 
 TEST(ConstraintToolCalls, ErrorsSayWhere) {
-  EXPECT_EQ(errorOf(std::vector<Json>{}), "tools: expected at least one");
-  EXPECT_EQ(errorOf(someTools(), "then"), "tools: there is no function \"then\"");
-  EXPECT_EQ(errorOf("{}"), "tools[0].name: expected text");
-  EXPECT_EQ(errorOf(R"({"function": {"name": 1}})"), "tools[0].function.name: expected text");
+  EXPECT_EQ(errorOfCalls(std::vector<Json>{}), "tools: expected at least one");
+  EXPECT_EQ(errorOfCalls(someTools(), "then"), "tools: there is no function \"then\"");
+  EXPECT_EQ(errorOfCalls("{}"), "tools[0].name: expected text");
+  EXPECT_EQ(errorOfCalls(R"({"function": {"name": 1}})"), "tools[0].function.name: expected text");
   const std::string names = "a name has at most 128 bytes, and none of < > and newline";
-  EXPECT_EQ(errorOf(R"({"name": ""})"), "tools[0].name: " + names);
-  EXPECT_EQ(errorOf(R"({"name": "a>b"})"), "tools[0].name: " + names);
-  EXPECT_EQ(errorOf(R"({"name": "f", "parameters": {"properties": {"a\n": {}}}})"),
+  EXPECT_EQ(errorOfCalls(R"({"name": ""})"), "tools[0].name: " + names);
+  EXPECT_EQ(errorOfCalls(R"({"name": "a>b"})"), "tools[0].name: " + names);
+  EXPECT_EQ(errorOfCalls(R"({"name": "f", "parameters": {"properties": {"a\n": {}}}})"),
             "tools[0].parameters/properties: " + names);
-  EXPECT_EQ(errorOf(R"({"name": "f", "parameters": []})"),
+  EXPECT_EQ(errorOfCalls(R"({"name": "f", "parameters": []})"),
             "tools[0].parameters: expected an object");
-  EXPECT_EQ(errorOf(R"({"name": "f", "parameters": {"properties": 1}})"),
+  EXPECT_EQ(errorOfCalls(R"({"name": "f", "parameters": {"properties": 1}})"),
             "tools[0].parameters/properties: expected an object");
-  EXPECT_EQ(errorOf(R"({"name": "f", "parameters": {"required": ["a"]}})"),
+  EXPECT_EQ(errorOfCalls(R"({"name": "f", "parameters": {"required": ["a"]}})"),
             "tools[0].parameters/required: \"a\" is not one of the properties");
-  EXPECT_EQ(errorOf(R"({"name": "f", "parameters": {"required": "a"}})"),
+  EXPECT_EQ(errorOfCalls(R"({"name": "f", "parameters": {"required": "a"}})"),
             "tools[0].parameters/required: expected a list of names");
   EXPECT_EQ(
-      errorOf(
+      errorOfCalls(
           R"({"name": "f", "parameters": {"properties": {"a": {"type": "string", "not": {}}}}})"),
       "tools[0].parameters: not supported: \"not\" at /properties/a");
-  EXPECT_EQ(errorOf(R"({"name": "f", "parameters": {"properties": {"a": {"multipleOf": 2}}}})"),
-            "tools[0].parameters: not supported: \"multipleOf\" at /properties/a");
   EXPECT_EQ(
-      errorOf(R"({"name": "f", "parameters": {"properties": {"a": {"const": "</parameter>"}}}})"),
-      "tools[0].parameters/properties/a: a value holds what ends a tool call's argument");
-  EXPECT_EQ(
-      errorOf(R"({"name": "f", "parameters": {"properties": {"a": false}, "required": ["a"]}})"),
-      "tools: nothing satisfies it within 64 levels of arrays and objects");
+      errorOfCalls(R"({"name": "f", "parameters": {"properties": {"a": {"multipleOf": 2}}}})"),
+      "tools[0].parameters: not supported: \"multipleOf\" at /properties/a");
+  EXPECT_EQ(errorOfCalls(
+                R"({"name": "f", "parameters": {"properties": {"a": {"const": "</parameter>"}}}})"),
+            "tools[0].parameters/properties/a: a value holds what ends a tool call's argument");
+  EXPECT_EQ(errorOfCalls(
+                R"({"name": "f", "parameters": {"properties": {"a": false}, "required": ["a"]}})"),
+            "tools: nothing satisfies it within 64 levels of arrays and objects");
 }
 
 TEST(ConstraintToolCalls, OddStringSchemasAreRefused) {
@@ -193,8 +188,8 @@ TEST(ConstraintToolCalls, OddStringSchemasAreRefused) {
         R"({"type": "string", "allOf": {}})",
         R"({"type": "string", "oneOf": [{"type": "string"}]})",
         R"({"anyOf": [{"type": "string", "$ref": 1}, {"type": "string"}]})"}) {
-    EXPECT_NE(errorOf(std::string(R"({"name": "f", "parameters": {"properties": {"a": )") + schema +
-                      "}}}"),
+    EXPECT_NE(errorOfCalls(std::string(R"({"name": "f", "parameters": {"properties": {"a": )") +
+                           schema + "}}}"),
               "")
         << schema;
   }

@@ -12,9 +12,6 @@ namespace {
 
 using vulkan::ShaderId;
 
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-
 // What one query of one head sees: its first element, a row of keys and values an
 // attended position, and what is added to each score.
 struct View {
@@ -28,7 +25,7 @@ struct View {
 void attend(const View& view, size_t headDim, double scale, size_t chain,
             std::vector<Expected>& expected) {
   std::vector<double> scores;
-  double largest = -kInfinity;
+  double largest = -kInf;
   double error = 0;  // of a score: a rounding a product and sum, then scale and bias
   for (size_t p = 0; p < view.keys.size(); ++p) {
     double sum = 0;
@@ -40,14 +37,14 @@ void attend(const View& view, size_t headDim, double scale, size_t chain,
     }
     scores.push_back(scale * sum + view.bias[p]);
     largest = std::max(largest, scores[p]);
-    if (scores[p] == -kInfinity) continue;
+    if (scores[p] == -kInf) continue;
     const double steps = static_cast<double>(headDim) / 8 + 8;
     error = std::max(error, (scale * size * steps + std::abs(view.bias[p])) * kUlp);
   }
   double total = 0;
   std::vector<double> values(headDim);
   std::vector<double> sizes(headDim);
-  for (size_t p = 0; p < scores.size() && largest > -kInfinity; ++p) {
+  for (size_t p = 0; p < scores.size() && largest > -kInf; ++p) {
     const double weight = std::exp(scores[p] - largest);
     total += weight;
     // An exponential of x may be off by 3 + 2|x| units.
@@ -68,22 +65,22 @@ void attend(const View& view, size_t headDim, double scale, size_t chain,
   }
 }
 
-struct Shape {
+struct AttentionShape {
   size_t heads;
   size_t kvHeads;
   size_t headDim;
   size_t positions;
 };
 
-void PrintTo(const Shape& s, std::ostream* out) {
+void PrintTo(const AttentionShape& s, std::ostream* out) {
   *out << s.heads << " heads on " << s.kvHeads << " of " << s.headDim << ", " << s.positions
        << " positions";
 }
 
-class AttentionShader : public ShaderTest, public ::testing::WithParamInterface<Shape> {
+class AttentionShader : public ShaderTest, public ::testing::WithParamInterface<AttentionShape> {
  protected:
   // Inputs as big as `size` make scores that differ much.
-  void expectAttention(const Shape& s, float size, float scale) {
+  void expectAttention(const AttentionShape& s, float size, float scale) {
     const size_t row = s.kvHeads * s.headDim;
     const std::vector<float> q = randomFloats(1, s.heads * s.headDim, -size, size);
     const std::vector<float> keys = randomFloats(2, s.positions * row, -size, size);
@@ -114,17 +111,19 @@ class AttentionShader : public ShaderTest, public ::testing::WithParamInterface<
 };
 
 TEST_P(AttentionShader, SumsValuesByTheSoftmaxOfTheScores) {
-  const Shape& s = GetParam();
+  const AttentionShape& s = GetParam();
   expectAttention(s, 1, 1 / std::sqrt(static_cast<float>(s.headDim)));
 }
 
 TEST_P(AttentionShader, HoldsForScoresFarApart) { expectAttention(GetParam(), 4, 1); }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, AttentionShader,
-                         ::testing::Values(Shape{1, 1, 1, 1}, Shape{1, 1, 4, 3}, Shape{2, 1, 5, 31},
-                                           Shape{4, 2, 80, 33}, Shape{8, 2, 128, 300},
-                                           Shape{3, 3, 256, 65}, Shape{2, 2, 300, 40},
-                                           Shape{2, 1, 600, 17}, Shape{6, 2, 64, 1025}));
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, AttentionShader,
+    ::testing::Values(AttentionShape{1, 1, 1, 1}, AttentionShape{1, 1, 4, 3},
+                      AttentionShape{2, 1, 5, 31}, AttentionShape{4, 2, 80, 33},
+                      AttentionShape{8, 2, 128, 300}, AttentionShape{3, 3, 256, 65},
+                      AttentionShape{2, 2, 300, 40}, AttentionShape{2, 1, 600, 17},
+                      AttentionShape{6, 2, 64, 1025}));
 
 using AttentionEdges = AttentionShader;
 
@@ -154,15 +153,15 @@ TEST_F(AttentionEdges, AScoreThatTowersTakesAll) {
   expectResults(buffers[4], {{randomFloats(4, 3000)[1700]}});
 }
 
-struct GemmaCase {
-  Shape shape;
+struct GemmaAttention {
+  AttentionShape shape;
   size_t queries = 1;
   uint32_t firstPosition = 0;
   uint32_t window = 0;
   size_t gap = 0;  // floats between one row of the caches and the next
 };
 
-void PrintTo(const GemmaCase& c, std::ostream* out) {
+void PrintTo(const GemmaAttention& c, std::ostream* out) {
   PrintTo(c.shape, out);
   *out << ", " << c.queries << " queries from " << c.firstPosition << ", window " << c.window
        << ", gap " << c.gap;
@@ -170,7 +169,7 @@ void PrintTo(const GemmaCase& c, std::ostream* out) {
 
 // Tensors for a case: what must not be read is NaN.
 struct GemmaInputs {
-  explicit GemmaInputs(const GemmaCase& c)
+  explicit GemmaInputs(const GemmaAttention& c)
       : used(c.shape.kvHeads * c.shape.headDim),
         stride(used + c.gap),
         q(randomFloats(1, c.queries * c.shape.heads * c.shape.headDim, -2, 2)),
@@ -179,7 +178,7 @@ struct GemmaInputs {
         bias(randomFloats(4, c.shape.positions, -1, 1)) {}
 
   std::vector<float> spread(const std::vector<float>& rows) const {
-    std::vector<float> all(rows.size() / used * stride, kNaN);
+    std::vector<float> all(rows.size() / used * stride, kNan);
     for (size_t i = 0; i < rows.size(); ++i) all[i / used * stride + i % used] = rows[i];
     return all;
   }
@@ -194,16 +193,17 @@ struct GemmaInputs {
 
 // Vectors of four: as `guarded`, in whole vectors.
 BufferBytes guardedVectors(std::vector<float> x) {
-  x.resize(x.size() + 4, kNaN);
+  x.resize(x.size() + 4, kNan);
   return bytesOf(x);
 }
 
-class AttentionGemmaShader : public ShaderTest, public ::testing::WithParamInterface<GemmaCase> {
+class AttentionGemmaShader : public ShaderTest,
+                             public ::testing::WithParamInterface<GemmaAttention> {
  protected:
   static constexpr float kScale = 0.5F;
 
-  static std::vector<Expected> expectedFor(const GemmaCase& c, const GemmaInputs& in) {
-    const Shape& s = c.shape;
+  static std::vector<Expected> expectedFor(const GemmaAttention& c, const GemmaInputs& in) {
+    const AttentionShape& s = c.shape;
     std::vector<Expected> expected;
     for (size_t i = 0; i < c.queries * s.heads; ++i) {
       const size_t position = c.firstPosition + i / s.heads;
@@ -220,8 +220,8 @@ class AttentionGemmaShader : public ShaderTest, public ::testing::WithParamInter
     return expected;
   }
 
-  void expectAttention(const GemmaCase& c, const GemmaInputs& in) {
-    const Shape& s = c.shape;
+  void expectAttention(const GemmaAttention& c, const GemmaInputs& in) {
+    const AttentionShape& s = c.shape;
     std::vector<BufferBytes> buffers = {guarded(in.q), guardedVectors(in.keys), guarded(in.values),
                                         guarded(in.bias), room(in.q.size())};
     run(ShaderId::AttentionGemma, buffers,
@@ -240,12 +240,12 @@ TEST_P(AttentionGemmaShader, SumsTheValuesThatAQueryMaySee) {
 TEST_P(AttentionGemmaShader, MaskedPositionsAreLeftOut) {
   GemmaInputs in(GetParam());
   for (size_t p = 0; p < in.bias.size(); ++p) {
-    if (p % 3 != 1) in.bias[p] = -kInfinity;
+    if (p % 3 != 1) in.bias[p] = -kInf;
   }
   expectAttention(GetParam(), in);
 }
 
-const GemmaCase kGemmaCases[] = {
+const GemmaAttention kGemmaAttentions[] = {
     {{1, 1, 4, 1}},                     // the least
     {{1, 1, 4, 7}, 7},                  // a prompt
     {{4, 2, 64, 70}, 3, 67},            // more positions than teams
@@ -263,35 +263,35 @@ const GemmaCase kGemmaCases[] = {
     {{1, 1, 8, 10}, 2, 30, 25},         // whose window reaches the cache
 };
 
-INSTANTIATE_TEST_SUITE_P(Cases, AttentionGemmaShader, ::testing::ValuesIn(kGemmaCases));
+INSTANTIATE_TEST_SUITE_P(Cases, AttentionGemmaShader, ::testing::ValuesIn(kGemmaAttentions));
 
 using AttentionGemmaEdges = AttentionGemmaShader;
 
 TEST_F(AttentionGemmaEdges, AWindowThatMissesTheCacheGivesZeros) {
-  const GemmaCase c = {{2, 1, 8, 10}, 2, 30, 5};
+  const GemmaAttention c = {{2, 1, 8, 10}, 2, 30, 5};
   expectAttention(c, GemmaInputs(c));
 }
 
 TEST_F(AttentionGemmaEdges, NoPositionsGiveZeros) {
-  const GemmaCase c = {{2, 1, 8, 0}, 1, 0, 0};
+  const GemmaAttention c = {{2, 1, 8, 0}, 1, 0, 0};
   expectAttention(c, GemmaInputs(c));
 }
 
 TEST_F(AttentionGemmaEdges, AQueryWithAllMaskedGivesZeros) {
-  const GemmaCase c = {{2, 1, 8, 5000}, 1, 4999, 0};
+  const GemmaAttention c = {{2, 1, 8, 5000}, 1, 4999, 0};
   GemmaInputs in(c);
-  in.bias.assign(in.bias.size(), -kInfinity);
+  in.bias.assign(in.bias.size(), -kInf);
   expectAttention(c, in);
 }
 
 TEST_F(AttentionGemmaEdges, ALaterChunkMayHoldTheLargestScore) {
-  const GemmaCase c = {{1, 1, 4, 9000}, 1, 8999, 0};
+  const GemmaAttention c = {{1, 1, 4, 9000}, 1, 8999, 0};
   GemmaInputs in(c);
   for (size_t p = 0; p < in.bias.size(); ++p) in.bias[p] = 0.01F * static_cast<float>(p);
   expectAttention(c, in);
   std::reverse(in.bias.begin(), in.bias.end());
   expectAttention(c, in);
-  for (size_t p = 0; p < 5000; ++p) in.bias[p] = -kInfinity;  // a whole chunk masked
+  for (size_t p = 0; p < 5000; ++p) in.bias[p] = -kInf;  // a whole chunk masked
   expectAttention(c, in);
 }
 

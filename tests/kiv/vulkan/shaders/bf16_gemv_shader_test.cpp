@@ -12,7 +12,7 @@ namespace {
 
 using vulkan::ShaderId;
 
-constexpr float kScale = 0.75F;
+constexpr float kProjScale = 0.75F;
 
 class Bf16GemvShader : public ShaderTest {
  protected:
@@ -55,8 +55,8 @@ class Bf16GemvShader : public ShaderTest {
       std::vector<float> weights = matrix.row(r);
       weights.resize(columns);
       Expected one = product(weights, x.data());
-      one.value *= kScale;
-      one.tolerance *= kScale;
+      one.value *= kProjScale;
+      one.tolerance *= kProjScale;
       all.push_back(one);
     }
     return all;
@@ -69,7 +69,7 @@ class Bf16GemvShader : public ShaderTest {
                        Workgroups groups) {
     std::vector<BufferBytes> buffers = {matrix.bytes, guarded(x), room(matrix.n)};
     run(ShaderId::Bf16GemvV1, buffers,
-        {matrix.n, matrix.k, wordsPerRow, matrix.rowBytes, pushFloat(kScale)}, groups);
+        {matrix.n, matrix.k, wordsPerRow, matrix.rowBytes, pushFloat(kProjScale)}, groups);
     return buffers[2];
   }
   BufferBytes multiply(const Matrix& matrix, const std::vector<float>& x) {

@@ -4,6 +4,7 @@
 #include <ostream>
 #include <tuple>
 
+#include "float_testing.h"
 #include "support/k_matrix.h"
 #include "support/shader_runner.h"
 
@@ -15,8 +16,6 @@ namespace {
 
 using vulkan::EmbeddedShader;
 using vulkan::ShaderId;
-
-constexpr float kUntouched = -12345.0F;
 
 const EmbeddedShader& shaderFor(DType type) {
   if (type == DType::Q4_K) return vulkan::embeddedShader(ShaderId::Q4KGemvLlama);
@@ -52,7 +51,7 @@ TEST_P(DecoderGemvShapes, IsTheProduct) {
   expectProduct(m, x, product(m, x, {groups}), allRows(m));
 }
 
-std::string nameOf(const ::testing::TestParamInfo<Case>& info) {
+std::string caseName(const ::testing::TestParamInfo<Case>& info) {
   const auto [type, weights, rows, cols] = info.param;
   return std::string(dtypeName(type)) + (weights == Weights::Encoded ? "Encoded" : "RandomBytes") +
          std::to_string(rows) + "x" + std::to_string(cols);
@@ -66,7 +65,7 @@ INSTANTIATE_TEST_SUITE_P(Small, DecoderGemvShapes,
                                             ::testing::ValuesIn(kWeights),
                                             ::testing::Values(1, 2, 3, 33),
                                             ::testing::Values(256, 512, 1024, 1280, 2560, 9216)),
-                         nameOf);
+                         caseName);
 
 class DecoderGemvTypes : public DecoderGemv, public ::testing::WithParamInterface<DType> {};
 

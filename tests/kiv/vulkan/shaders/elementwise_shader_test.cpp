@@ -187,8 +187,7 @@ TEST_F(ElementwiseShader, SoftcapKeepsSmallValuesAndBoundsLargeOnes) {
 }
 
 TEST_F(ElementwiseShader, SoftcapOfInfinityIsTheCap) {
-  constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  std::vector<BufferBytes> buffers = {changeable({kInfinity, -kInfinity, 1e38F, -1e38F})};
+  std::vector<BufferBytes> buffers = {changeable({kInf, -kInf, 1e38F, -1e38F})};
   run(ShaderId::Softcap, buffers, {4, pushFloat(30)}, {});
   expectResults(buffers[0], {{30}, {-30}, {30}, {-30}});
 }

@@ -7,7 +7,9 @@
 #include <cmath>
 #include <limits>
 
+#include "kiv/quant_k.h"
 #include "kiv/quant_testing.h"
+#include "support/float_values.h"
 #include "support/shader_runner.h"
 
 namespace zemtest {
@@ -22,9 +24,11 @@ inline constexpr double kUlp = 0x1p-23;
 inline constexpr size_t kGuard = 3;
 inline constexpr float kUntouched = -12345.0F;
 
+inline constexpr uint32_t kQ4KBytes = sizeof(quant::Q4KBlock);
+
 // `x` with NaN behind it: a shader that reads too far spoils its result.
 inline BufferBytes guarded(std::vector<float> x) {
-  x.resize(x.size() + kGuard, std::numeric_limits<float>::quiet_NaN());
+  x.resize(x.size() + kGuard, kNan);
   return bytesOf(x);
 }
 

@@ -59,7 +59,7 @@ std::vector<Gemm> allGemms() {
           full("Q6K", q6kFormat(), ShaderId::Q6KGemm),   small("Q6KSmall", q6kFormat(), kQ6KSmall)};
 }
 
-struct Shape {
+struct GemmShape {
   uint32_t n;
   uint32_t k;
   uint32_t tokens;
@@ -67,9 +67,9 @@ struct Shape {
 
 // One of everything, exact tiles, one more and one less, several tiles either way,
 // columns that end inside a block and inside a group of four.
-constexpr Shape kShapes[] = {{1, 256, 1},   {64, 256, 32}, {128, 512, 128}, {65, 512, 33},
-                             {63, 768, 31}, {200, 256, 2}, {3, 256, 150},   {130, 300, 7},
-                             {5, 33, 5},    {70, 257, 40}, {2, 63, 1}};
+constexpr GemmShape kGemmShapes[] = {{1, 256, 1},   {64, 256, 32}, {128, 512, 128}, {65, 512, 33},
+                                     {63, 768, 31}, {200, 256, 2}, {3, 256, 150},   {130, 300, 7},
+                                     {5, 33, 5},    {70, 257, 40}, {2, 63, 1}};
 
 class GemmShader : public ShaderTest, public ::testing::WithParamInterface<Gemm> {
  protected:
@@ -94,13 +94,13 @@ class GemmShader : public ShaderTest, public ::testing::WithParamInterface<Gemm>
     return multiply(matrix, x, matrix.wholeBlocks());
   }
 
-  static std::vector<float> inputs(const Shape& shape) {
+  static std::vector<float> inputs(const GemmShape& shape) {
     return randomFloats(shape.n + shape.tokens, size_t{shape.tokens} * shape.k, -2, 2);
   }
 };
 
 TEST_P(GemmShader, MultipliesQuantisedWeights) {
-  for (const Shape& shape : kShapes) {
+  for (const GemmShape& shape : kGemmShapes) {
     SCOPED_TRACE(::testing::PrintToString(std::vector{shape.n, shape.k, shape.tokens}));
     const auto matrix = QuantisedMatrix::ofWeights(GetParam().format, shape.n, shape.k);
     const std::vector<float> x = inputs(shape);
@@ -109,7 +109,7 @@ TEST_P(GemmShader, MultipliesQuantisedWeights) {
 }
 
 TEST_P(GemmShader, MultipliesRandomBlocks) {
-  for (const Shape& shape : kShapes) {
+  for (const GemmShape& shape : kGemmShapes) {
     SCOPED_TRACE(::testing::PrintToString(std::vector{shape.n, shape.k, shape.tokens}));
     const auto matrix = QuantisedMatrix::ofRandomBytes(GetParam().format, shape.n, shape.k);
     const std::vector<float> x = inputs(shape);
@@ -143,7 +143,7 @@ TEST_P(GemmShader, SurplusWorkgroupsDoNothing) {
 }
 
 TEST_P(GemmShader, NaNStaysInItsTokenAndItsRow) {
-  constexpr Shape kShape = {70, 256, 40};
+  constexpr GemmShape kShape = {70, 256, 40};
   constexpr uint32_t kRow = 65;
   constexpr uint32_t kToken = 3;
   auto matrix = QuantisedMatrix::ofWeights(GetParam().format, kShape.n, kShape.k);

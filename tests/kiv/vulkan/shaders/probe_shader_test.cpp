@@ -5,6 +5,7 @@
 #include <limits>
 #include <random>
 
+#include "float_testing.h"
 #include "kiv/quant_testing.h"
 #include "support/shader_runner.h"
 
@@ -16,8 +17,6 @@ namespace {
 
 using vulkan::ShaderId;
 
-constexpr float kSentinel = -12345.0F;
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 constexpr double kRounding = 0x1p-24;
 
 struct Rows {
@@ -45,7 +44,7 @@ class ProbeRowShader : public ShaderTest {
       }
     }
     std::vector<BufferBytes> buffers = {bytesOf(w),
-                                        bytesOf(std::vector<float>(rows.n + 3, kSentinel))};
+                                        bytesOf(std::vector<float>(rows.n + 3, kUntouched))};
     run(ShaderId::ProbeRow, buffers, {rows.n, rows.k, rows.k / 256, 4 * stride}, rows.groups);
     const auto y = valuesOf<float>(buffers[1]);
     // One addition of two halves is exact; then one a word of an invocation, and seven.
@@ -53,7 +52,7 @@ class ProbeRowShader : public ShaderTest {
     for (uint32_t r = 0; r < rows.n; ++r) {
       EXPECT_NEAR(y[r], sums[r], roundings * kRounding * sums[r]) << "row " << r;
     }
-    for (size_t i = rows.n; i < y.size(); ++i) EXPECT_EQ(y[i], kSentinel) << "behind y: " << i;
+    for (size_t i = rows.n; i < y.size(); ++i) EXPECT_EQ(y[i], kUntouched) << "behind y: " << i;
   }
 };
 
@@ -83,7 +82,7 @@ TEST_F(ProbeRowShader, EveryBitCounts) {
   for (uint32_t bit = 0; bit < 32; ++bit) {
     std::vector<uint32_t> w(36);
     w[bit] = 1U << bit;
-    std::vector<BufferBytes> buffers = {bytesOf(w), bytesOf(std::vector<float>(1, kSentinel))};
+    std::vector<BufferBytes> buffers = {bytesOf(w), bytesOf(std::vector<float>(1, kUntouched))};
     run(ShaderId::ProbeRow, buffers, {1, 256, 1, 144}, {});
     EXPECT_EQ(valuesOf<float>(buffers[1])[0], std::ldexp(1.0F, static_cast<int>(bit % 16)));
   }
@@ -117,7 +116,7 @@ class ProbeFlatShader : public ShaderTest {
     x.resize(x.size() + 4 * 256, kNan);
     const uint32_t groups = pattern.groups.x * pattern.groups.y;
     std::vector<BufferBytes> buffers = {bytesOf(x),
-                                        bytesOf(std::vector<float>(groups + 3, kSentinel))};
+                                        bytesOf(std::vector<float>(groups + 3, kUntouched))};
     run(ShaderId::ProbeFlat, buffers,
         {pattern.count, pattern.lines, pattern.lineStride, pattern.groupStride}, pattern.groups);
     const auto y = valuesOf<float>(buffers[1]);
@@ -133,7 +132,7 @@ class ProbeFlatShader : public ShaderTest {
       // One addition a line, two over the components, seven over the workgroup.
       EXPECT_NEAR(y[group], sum, (pattern.lines + 9) * kRounding * magnitude) << "group " << group;
     }
-    for (size_t i = groups; i < y.size(); ++i) EXPECT_EQ(y[i], kSentinel) << "behind y: " << i;
+    for (size_t i = groups; i < y.size(); ++i) EXPECT_EQ(y[i], kUntouched) << "behind y: " << i;
   }
 };
 

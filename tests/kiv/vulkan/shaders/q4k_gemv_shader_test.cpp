@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "float_testing.h"
 #include "support/k_matrix.h"
 #include "support/shader_runner.h"
 
@@ -23,9 +24,6 @@ using vulkan::EmbeddedShader;
 using vulkan::embeddedShader;
 using vulkan::ShaderId;
 
-constexpr uint32_t kBlockBytes = sizeof(quant::Q4KBlock);
-constexpr float kSentinel = -12345.0F;
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 constexpr uint8_t kNanByte = 0xFF;  // as a half or a float: NaN
 
 // The two modules that need more shared memory than every device has, with tiles
@@ -150,7 +148,7 @@ void Q4KGemvShader::SetUp() {
 // The matrix with NaN between its rows and behind the last one.
 BufferBytes storedRows(const KMatrix& w, const Layout& layout) {
   const size_t stride = w.rowBytes() + layout.gap;
-  BufferBytes stored(stride * layout.rows + kBlockBytes, kNanByte);
+  BufferBytes stored(stride * layout.rows + kQ4KBytes, kNanByte);
   for (size_t r = 0; r < layout.rows; ++r) {
     std::copy_n(w.bytes.data() + r * w.rowBytes(), w.rowBytes(), stored.data() + r * stride);
   }
@@ -164,7 +162,7 @@ std::vector<float> Q4KGemvShader::gemv(const Product& product, const Layout& lay
   const BufferBytes w = storedRows(product.w, layout);
   std::vector<BufferBytes> buffers = {bytesOf(x), w};
   if (GetParam().needs == Needs::NativeStorage) buffers.push_back(w);
-  buffers.push_back(bytesOf(std::vector<float>(layout.rows + kBehind, kSentinel)));
+  buffers.push_back(bytesOf(std::vector<float>(layout.rows + kBehind, kUntouched)));
 
   const uint32_t perGroup = GetParam().rowsPerGroup;
   const uint32_t groups = std::max((layout.rows + perGroup - 1) / perGroup, 1U);
@@ -186,7 +184,7 @@ void Q4KGemvShader::expectProduct(const Product& product, const Layout& layout) 
     ASSERT_NEAR(y[r], product.y[r], 1e-5 * product.magnitudes[r])
         << "row " << r << " of " << layout.rows << ", k " << product.w.cols;
   }
-  for (size_t i = layout.rows; i < y.size(); ++i) ASSERT_EQ(y[i], kSentinel) << "behind y: " << i;
+  for (size_t i = layout.rows; i < y.size(); ++i) ASSERT_EQ(y[i], kUntouched) << "behind y: " << i;
 }
 
 TEST_P(Q4KGemvShader, MultipliesRowsOfTheQuantiser) {
@@ -225,7 +223,7 @@ TEST_P(Q4KGemvShader, WorkgroupsThatAreTooManyWriteNothing) {
 TEST_P(Q4KGemvShader, ARowOfNanStaysARowOfNan) {
   constexpr uint32_t kRows = 9;
   Product product = randomProduct(kRows, 512);
-  std::fill_n(product.w.bytes.data() + 4 * product.w.rowBytes(), kBlockBytes, kNanByte);
+  std::fill_n(product.w.bytes.data() + 4 * product.w.rowBytes(), kQ4KBytes, kNanByte);
   const std::vector<float> y = gemv(product, {kRows});
   for (uint32_t r = 0; r < kRows; ++r) {
     if (r == 4) {
@@ -244,7 +242,7 @@ TEST_P(Q4KGemvShader, ARowOfNoColumnsIsZero) {
 // As d and dmin of weights of a few hundredths are: below the least normal half.
 TEST_P(Q4KGemvShader, ScalesMayBeSubnormal) {
   KMatrix w = makeKMatrix(DType::Q4_K, 3, 512, Weights::RandomBytes);
-  for (size_t block = 0; block < w.bytes.size(); block += kBlockBytes) {
+  for (size_t block = 0; block < w.bytes.size(); block += kQ4KBytes) {
     for (const size_t offset : superScaleOffsets(w.type)) w.bytes[block + offset + 1] &= 0x83;
   }
   expectProduct(productOf(std::move(w)), {.rows = 3});
@@ -253,7 +251,7 @@ TEST_P(Q4KGemvShader, ScalesMayBeSubnormal) {
 // The larger of d and dmin of the block that holds column c of row r.
 double superScale(const KMatrix& w, size_t r, size_t c) {
   quant::Q4KBlock block;
-  std::memcpy(&block, w.bytes.data() + r * w.rowBytes() + c / 256 * kBlockBytes, kBlockBytes);
+  std::memcpy(&block, w.bytes.data() + r * w.rowBytes() + c / 256 * kQ4KBytes, kQ4KBytes);
   return std::max(std::fabs(quant::f16ToF32(block.d)), std::fabs(quant::f16ToF32(block.dmin)));
 }
 
@@ -284,7 +282,9 @@ TEST_P(Q4KGemvAnyK, LeavesOutWhatLiesBehindKInTheLastBlock) {
   }
 }
 
-std::string nameOf(const ::testing::TestParamInfo<Variant>& tested) { return tested.param.name; }
+std::string variantName(const ::testing::TestParamInfo<Variant>& tested) {
+  return tested.param.name;
+}
 
 std::vector<Variant> variantsOfAnyK() {
   std::vector<Variant> variants;
@@ -293,8 +293,8 @@ std::vector<Variant> variantsOfAnyK() {
   return variants;
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Q4KGemvShader, ::testing::ValuesIn(kVariants), nameOf);
-INSTANTIATE_TEST_SUITE_P(All, Q4KGemvAnyK, ::testing::ValuesIn(variantsOfAnyK()), nameOf);
+INSTANTIATE_TEST_SUITE_P(All, Q4KGemvShader, ::testing::ValuesIn(kVariants), variantName);
+INSTANTIATE_TEST_SUITE_P(All, Q4KGemvAnyK, ::testing::ValuesIn(variantsOfAnyK()), variantName);
 
 }  // namespace
 }  // namespace zemtest

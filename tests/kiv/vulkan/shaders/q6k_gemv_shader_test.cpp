@@ -63,18 +63,18 @@ class Q6KGemvShader : public ShaderTest, public ::testing::WithParamInterface<Ge
 // The variants that need no whole last block.
 using Q6KGemvOfAnyWidth = Q6KGemvShader;
 
-struct Shape {
+struct GemvShape {
   uint32_t n;
   uint32_t k;
 };
 
 // One row, odd numbers, several workgroups; one block, fewer and more than are read at
 // once, the longest rows of the models.
-constexpr Shape kShapes[] = {{1, 256},  {2, 512},   {3, 768},  {5, 2560}, {33, 1024},
-                             {64, 256}, {130, 512}, {7, 2048}, {10, 9216}};
+constexpr GemvShape kGemvShapes[] = {{1, 256},  {2, 512},   {3, 768},  {5, 2560}, {33, 1024},
+                                     {64, 256}, {130, 512}, {7, 2048}, {10, 9216}};
 
 TEST_P(Q6KGemvShader, MultipliesQuantisedWeights) {
-  for (const Shape& shape : kShapes) {
+  for (const GemvShape& shape : kGemvShapes) {
     SCOPED_TRACE(::testing::PrintToString(std::vector{shape.n, shape.k}));
     const auto matrix = QuantisedMatrix::ofWeights(q6kFormat(), shape.n, shape.k);
     const std::vector<float> x = inputs(shape.k);
@@ -83,7 +83,7 @@ TEST_P(Q6KGemvShader, MultipliesQuantisedWeights) {
 }
 
 TEST_P(Q6KGemvShader, MultipliesRandomBlocks) {
-  for (const Shape& shape : kShapes) {
+  for (const GemvShape& shape : kGemvShapes) {
     SCOPED_TRACE(::testing::PrintToString(std::vector{shape.n, shape.k}));
     const auto matrix = QuantisedMatrix::ofRandomBytes(q6kFormat(), shape.n, shape.k);
     const std::vector<float> x = inputs(shape.k);
@@ -149,10 +149,10 @@ TEST_P(Q6KGemvShader, NaNStaysInItsRow) {
   }
 }
 
-std::string nameOf(const ::testing::TestParamInfo<Gemv>& gemv) { return gemv.param.name; }
+std::string gemvName(const ::testing::TestParamInfo<Gemv>& gemv) { return gemv.param.name; }
 
-INSTANTIATE_TEST_SUITE_P(Modules, Q6KGemvShader, ::testing::Values(kV1, kV2, kNative), nameOf);
-INSTANTIATE_TEST_SUITE_P(Modules, Q6KGemvOfAnyWidth, ::testing::Values(kV1, kV2), nameOf);
+INSTANTIATE_TEST_SUITE_P(Modules, Q6KGemvShader, ::testing::Values(kV1, kV2, kNative), gemvName);
+INSTANTIATE_TEST_SUITE_P(Modules, Q6KGemvOfAnyWidth, ::testing::Values(kV1, kV2), gemvName);
 
 }  // namespace
 }  // namespace zemtest

@@ -12,8 +12,6 @@ namespace {
 
 using vulkan::ShaderId;
 
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr size_t kWidths[] = {4, 7, 255, 256, 257, 1000, 2560};
 
 // A sum over a row: each invocation its share, then eight halvings.
@@ -141,7 +139,7 @@ TEST_F(ReductionShader, SoftmaxOfOneValueIsOne) {
 TEST_F(ReductionShader, SoftmaxGivesMaskedValuesNothing) {
   std::vector<float> x = randomFloats(6, 900, -3, 3);
   for (size_t i = 0; i < x.size(); ++i) {
-    if (i % 3 != 1) x[i] = -kInfinity;
+    if (i % 3 != 1) x[i] = -kInf;
   }
   std::vector<BufferBytes> buffers = {guarded(x), room(x.size())};
   run(ShaderId::Softmax, buffers, {900}, {});
@@ -149,7 +147,7 @@ TEST_F(ReductionShader, SoftmaxGivesMaskedValuesNothing) {
 }
 
 TEST_F(ReductionShader, SoftmaxOfARowThatIsAllMaskedIsZero) {
-  const std::vector<float> x(300, -kInfinity);
+  const std::vector<float> x(300, -kInf);
   std::vector<BufferBytes> buffers = {guarded(x), room(x.size())};
   run(ShaderId::Softmax, buffers, {300}, {});
   expectResults(buffers[1], std::vector<Expected>(300));
@@ -200,7 +198,7 @@ TEST_F(ArgmaxShader, FindsTheLargestOfEachPart) {
   for (const size_t count : {1, 2, 255, 257, 4095, 4096, 4097, 10000, 20481}) {
     SCOPED_TRACE(count);
     std::vector<float> x = randomFloats(8, count, -5, 5);
-    x.resize(count + 10, kInfinity);
+    x.resize(count + 10, kInf);
     std::vector<Winner> expected;
     for (size_t first = 0; first < count; first += kPart) {
       const auto begin = x.begin() + static_cast<std::ptrdiff_t>(first);
@@ -231,28 +229,28 @@ TEST_F(ArgmaxShader, TakesTheLowestIndexOfEquals) {
 }
 
 TEST_F(ArgmaxShader, NeverPicksNaN) {
-  std::vector<float> x(1000, kNaN);
+  std::vector<float> x(1000, kNan);
   x[700] = -3;
   x[10] = -4;
   EXPECT_EQ(winner(x), (Winner{-3, 700}));
-  x[0] = -kInfinity;
+  x[0] = -kInf;
   EXPECT_EQ(winner(x), (Winner{-3, 700}));
 }
 
 TEST_F(ArgmaxShader, PrefersMinusInfinityToNaN) {
-  std::vector<float> x(1000, kNaN);
-  x[700] = -kInfinity;
-  x[900] = -kInfinity;
-  EXPECT_EQ(winner(x), (Winner{-kInfinity, 700}));
+  std::vector<float> x(1000, kNan);
+  x[700] = -kInf;
+  x[900] = -kInf;
+  EXPECT_EQ(winner(x), (Winner{-kInf, 700}));
 }
 
 TEST_F(ArgmaxShader, GivesThePartsFirstIndexWhenAllIsNaN) {
-  const std::vector<float> x(kPart + 20, kNaN);
+  const std::vector<float> x(kPart + 20, kNan);
   EXPECT_EQ(winners(x, x.size(), {2}),
-            (std::vector<Winner>{{-kInfinity, 0}, {-kInfinity, static_cast<uint32_t>(kPart)}}));
+            (std::vector<Winner>{{-kInf, 0}, {-kInf, static_cast<uint32_t>(kPart)}}));
 }
 
-TEST_F(ArgmaxShader, OfNothingIsNothing) { EXPECT_TRUE(winners({kNaN}, 0, {2}).empty()); }
+TEST_F(ArgmaxShader, OfNothingIsNothing) { EXPECT_TRUE(winners({kNan}, 0, {2}).empty()); }
 
 }  // namespace
 }  // namespace zemtest

@@ -54,7 +54,7 @@ TEST_F(RopeShader, RoPETurnsTheHalvesOfEachHead) {
   }
 }
 
-struct GemmaCase {
+struct GemmaTurn {
   size_t heads;
   size_t headDim;
   size_t rotated;
@@ -62,7 +62,7 @@ struct GemmaCase {
   uint32_t position;
 };
 
-void PrintTo(const GemmaCase& c, std::ostream* out) {
+void PrintTo(const GemmaTurn& c, std::ostream* out) {
   *out << c.heads << " heads of " << c.headDim << ", " << c.rotated << " rotated, base " << c.base
        << ", position " << c.position;
 }
@@ -76,7 +76,7 @@ double angleError(double angle, double base, double exponent) {
 }
 
 // One head.
-void rotateHead(const float* x, const std::vector<float>& factors, const GemmaCase& c,
+void rotateHead(const float* x, const std::vector<float>& factors, const GemmaTurn& c,
                 uint32_t position, std::vector<Expected>& expected) {
   const size_t half = c.rotated / 2;
   const size_t start = expected.size();
@@ -91,19 +91,19 @@ void rotateHead(const float* x, const std::vector<float>& factors, const GemmaCa
   }
 }
 
-std::vector<float> factorsFor(const GemmaCase& c) { return randomFloats(4, c.rotated / 2, 1, 8); }
+std::vector<float> factorsFor(const GemmaTurn& c) { return randomFloats(4, c.rotated / 2, 1, 8); }
 
-const GemmaCase kGemmaCases[] = {
+const GemmaTurn kGemmaTurns[] = {
     {1, 2, 2, 10000, 0},       {1, 2, 2, 10000, 1},       {1, 4, 0, 10000, 5},
     {3, 6, 4, 10000, 7},       {8, 64, 64, 10000, 1},     {8, 64, 64, 10000, 4095},
     {2, 256, 256, 1e6F, 300},  {2, 256, 256, 1e6F, 8191}, {5, 512, 128, 1e6F, 100},
     {5, 512, 128, 1e6F, 2000}, {4, 128, 128, 1e7F, 1000}, {4, 128, 128, 1e6F, 131071},
 };
 
-class RopeGemmaShader : public ShaderTest, public ::testing::WithParamInterface<GemmaCase> {};
+class RopeGemmaShader : public ShaderTest, public ::testing::WithParamInterface<GemmaTurn> {};
 
 TEST_P(RopeGemmaShader, TurnsWhatIsRotatedAndCopiesTheRest) {
-  const GemmaCase& c = GetParam();
+  const GemmaTurn& c = GetParam();
   const size_t count = c.heads * c.headDim;
   const std::vector<float> x = randomFloats(3, count, -2, 2);
   const std::vector<float> factors = factorsFor(c);
@@ -124,7 +124,7 @@ TEST_P(RopeGemmaShader, TurnsWhatIsRotatedAndCopiesTheRest) {
 
 // `rotated` is the whole head here.
 TEST_P(RopeGemmaShader, ABatchTurnsEachTokenByItsPosition) {
-  GemmaCase c = GetParam();
+  GemmaTurn c = GetParam();
   c.rotated = c.headDim;
   constexpr size_t kTokens = 3;
   const size_t count = kTokens * c.heads * c.headDim;
@@ -143,7 +143,7 @@ TEST_P(RopeGemmaShader, ABatchTurnsEachTokenByItsPosition) {
   expectResults(buffers[2], expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, RopeGemmaShader, ::testing::ValuesIn(kGemmaCases));
+INSTANTIATE_TEST_SUITE_P(Cases, RopeGemmaShader, ::testing::ValuesIn(kGemmaTurns));
 
 TEST_F(RopeShader, AnInfiniteFactorLeavesAPairAlone) {
   const std::vector<float> x = {1, 2, 3, 4};

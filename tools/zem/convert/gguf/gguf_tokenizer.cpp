@@ -22,9 +22,9 @@ enum TokenType : uint64_t {
   kUnused = 5
 };
 
-class TokenizerReader {
+class GgufTokenizerReader {
  public:
-  TokenizerReader(const kiv::GgufFile& gguf, uint64_t rows) : gguf_(gguf), rows_(rows) {}
+  GgufTokenizerReader(const kiv::GgufFile& gguf, uint64_t rows) : gguf_(gguf), rows_(rows) {}
 
   SourceTokenizer read() {
     requireByteLevel();
@@ -156,7 +156,7 @@ class TokenizerReader {
 }  // namespace
 
 SourceTokenizer readGgufTokenizer(const kiv::GgufFile& gguf, uint64_t rows) {
-  return TokenizerReader(gguf, rows).read();
+  return GgufTokenizerReader(gguf, rows).read();
 }
 
 }  // namespace zemtool
