@@ -27,16 +27,6 @@ using kiv::Status;
 // Positions of a model whose file does not say.
 constexpr size_t kUnstatedContext = 8192;
 
-class VocabularyBytes : public TokenBytes {
- public:
-  explicit VocabularyBytes(const Vocabulary& vocabulary) : vocabulary_(vocabulary) {}
-  std::string_view bytesOf(uint32_t id) const override { return vocabulary_.bytesOf(id); }
-  uint32_t size() const override { return vocabulary_.size(); }
-
- private:
-  const Vocabulary& vocabulary_;
-};
-
 SchedulerOptions schedulerOptions(const EngineOptions& options, const Shape& shape) {
   SchedulerOptions result;
   const size_t most = shape.contextLength != 0 ? shape.contextLength : kUnstatedContext;
@@ -60,11 +50,22 @@ CacheType cacheType(CacheNumbers numbers) {
 }  // namespace
 
 struct Engine::Impl {
+  class VocabularyBytes : public TokenBytes {
+   public:
+    explicit VocabularyBytes(const Vocabulary& vocabulary) : vocabulary_(vocabulary) {}
+    std::string_view bytesOf(uint32_t id) const override { return vocabulary_.bytesOf(id); }
+    uint32_t size() const override { return vocabulary_.size(); }
+
+   private:
+    const Vocabulary& vocabulary_;
+  };
+
   Impl(std::unique_ptr<Weights> opened, Vocabulary loaded, const EngineOptions& engineOptions)
       : weights(std::move(opened)),
         vocabulary(std::move(loaded)),
         bytes(vocabulary),
-        decoder(*weights, cacheType(engineOptions.cacheNumbers)),
+        decoder(*weights, cacheType(engineOptions.cacheNumbers),
+                engineOptions.math == Math::Fast ? Arithmetic::Fast : Arithmetic::Exact),
         options(schedulerOptions(engineOptions, weights->shape())),
         mostWaiting(engineOptions.waiting),
         scheduler(decoder, bytes, options),

@@ -22,10 +22,17 @@ enum class CacheNumbers : uint8_t {
   Float,  ///< single precision: twice the memory, and no rounding
 };
 
+/// How matrix products are computed. Either gives the same bits on every machine.
+enum class Math : uint8_t {
+  Exact,  ///< in single precision, as the plug-in does
+  Fast,   ///< with activations of 14 bits and integer sums, where the weights' type allows
+};
+
 /// How an engine is set up. Zero means the default that is named.
 struct EngineOptions {
   size_t threads = 0;                              ///< that compute; all processors
   CacheNumbers cacheNumbers = CacheNumbers::Half;  ///< of the key/value cache
+  Math math = Math::Exact;                         ///< of the matrix products
   size_t sequences = 4;                            ///< requests that run at the same time
   size_t waiting = 64;                             ///< requests that may wait for a place
   size_t context = 0;                              ///< tokens of prompt and reply; the model's

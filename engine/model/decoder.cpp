@@ -2,10 +2,12 @@
 #include "engine/model/decoder.h"
 
 #include <algorithm>
+#include <optional>
 #include <stdexcept>
 
 #include "kernels/kernel_table.h"
 #include "kernels/reference.h"
+#include "matmul/integer_products.h"
 #include "matmul/matmul.h"
 #include "matmul/matrix.h"
 #include "matmul/team.h"
@@ -36,15 +38,38 @@ void norm(const float* weight, const Activations& x, size_t tokens, Activations&
   });
 }
 
-// The first `cols` floats of each row as products read them.
-PackedTokens packed(const Activations& x, size_t tokens) {
-  return {x.values.data(), x.width, tokens, x.width};
-}
+// `tokens` vectors of `cols` floats, `stride` floats apart, as products read them.
+class Factors {
+ public:
+  Factors(Arithmetic arithmetic, const float* x, size_t stride, size_t tokens, size_t cols)
+      : arithmetic_(arithmetic), x_(x), stride_(stride), tokens_(tokens), cols_(cols) {}
+  Factors(Arithmetic arithmetic, const Activations& x, size_t tokens)
+      : Factors(arithmetic, x.values.data(), x.width, tokens, x.width) {}
 
-void multiply(const TensorView& W, const PackedTokens& X, Activations& y) {
-  shape(y, qwen35::matrixRows(W), X.tokens());
-  qwen35::matmul(GpuHook{}, W, X, y.values.data());
-}
+  // y = W x for each of them: matrixRows floats a token.
+  void multiply(const TensorView& W, float* y) {
+    if (arithmetic_ == Arithmetic::Fast && qwen35::hasIntegerProducts(W)) {
+      if (!rounded_) rounded_.emplace(x_, stride_, tokens_, cols_);
+      qwen35::integerMatmul(W, *rounded_, y);
+    } else {
+      if (!packed_) packed_.emplace(x_, stride_, tokens_, cols_);
+      qwen35::matmul(GpuHook{}, W, *packed_, y);
+    }
+  }
+  void multiply(const TensorView& W, Activations& y) {
+    shape(y, qwen35::matrixRows(W), tokens_);
+    multiply(W, y.values.data());
+  }
+
+ private:
+  Arithmetic arithmetic_;
+  const float* x_;
+  size_t stride_;
+  size_t tokens_;
+  size_t cols_;
+  std::optional<PackedTokens> packed_;                 // for floats
+  std::optional<qwen35::RoundedActivations> rounded_;  // for integers
+};
 
 void add(const Activations& a, Activations& sum) {
   for (size_t i = 0; i < sum.values.size(); ++i) sum.values[i] += a.values[i];
@@ -75,8 +100,9 @@ size_t logitRows(const Chunk& chunk) {
 
 }  // namespace
 
-Decoder::Decoder(const Weights& weights, CacheType cacheType)
+Decoder::Decoder(const Weights& weights, CacheType cacheType, Arithmetic arithmetic)
     : weights_(weights),
+      arithmetic_(arithmetic),
       linearSizes_{weights.shape().keyHeads, weights.shape().valueHeads, weights.shape().stateSize},
       fullSizes_{weights.shape().heads, weights.shape().kvHeads, weights.shape().headSize},
       pool_(PageLayout(weights.shape(), weights.fullLayers(), cacheType)) {}
@@ -150,29 +176,28 @@ void Decoder::linearAttention(std::span<const Chunk> chunks, const LayerWeights&
     first += chunk.tokens.size();
   }
 
-  const PackedTokens X = packed(xn_, tokens_);
-  multiply(*w.mixed, X, mixed_);
-  multiply(*w.gate, X, gate_);
-  multiply(*w.beta, X, beta_);
-  multiply(*w.alpha, X, decay_);
+  Factors X(arithmetic_, xn_, tokens_);
+  X.multiply(*w.mixed, mixed_);
+  X.multiply(*w.gate, gate_);
+  X.multiply(*w.beta, beta_);
+  X.multiply(*w.alpha, decay_);
   qwen35::writeStrengths(beta_, tokens_);
   qwen35::logDecays(stages, decay_, tokens_);
   qwen35::convolve(linearSizes_, stages, runs, mixed_);
   qwen35::normaliseKeys(linearSizes_, mixed_, tokens_);
   qwen35::recur(linearSizes_, runs, mixed_, beta_, decay_);
   qwen35::gateOutputs(linearSizes_, stages, mixed_, gate_, tokens_);
-  const size_t width = linearSizes_.valueChannels();
-  multiply(*w.out,
-           PackedTokens(mixed_.token(0) + linearSizes_.keyChannels(), mixed_.width, tokens_, width),
-           part_);
+  Factors(arithmetic_, mixed_.token(0) + linearSizes_.keyChannels(), mixed_.width, tokens_,
+          linearSizes_.valueChannels())
+      .multiply(*w.out, part_);
 }
 
 void Decoder::fullAttention(std::span<const Chunk> chunks, const LayerWeights& layer) {
   const FullWeights& w = layer.full;
-  const PackedTokens X = packed(xn_, tokens_);
-  multiply(*w.query, X, mixed_);
-  multiply(*w.key, X, key_);
-  multiply(*w.value, X, value_);
+  Factors X(arithmetic_, xn_, tokens_);
+  X.multiply(*w.query, mixed_);
+  X.multiply(*w.key, key_);
+  X.multiply(*w.value, value_);
   addBias(w.queryBias, mixed_, tokens_);
   addBias(w.keyBias, key_, tokens_);
   addBias(w.valueBias, value_, tokens_);
@@ -187,7 +212,7 @@ void Decoder::fullAttention(std::span<const Chunk> chunks, const LayerWeights& l
     pagedAttention(fullSizes_, pool_.layout(), layer.kindIndex, run, mixed_, out_, scratch_);
     first += chunk.tokens.size();
   }
-  multiply(*w.out, packed(out_, tokens_), part_);
+  Factors(arithmetic_, out_, tokens_).multiply(*w.out, part_);
 }
 
 // q = rope(rmsNorm(q)), head by head, in place; the gate behind each head stays as it is.
@@ -229,14 +254,14 @@ void Decoder::storeKeysAndValues(std::span<const Chunk> chunks, const LayerWeigh
 
 // down(silu(gate(x)) * up(x)).
 void Decoder::feedForward(const LayerWeights& layer) {
-  const PackedTokens X = packed(xn_, tokens_);
-  multiply(*layer.feedForwardGate, X, gate_);
-  multiply(*layer.feedForwardUp, X, mixed_);
+  Factors X(arithmetic_, xn_, tokens_);
+  X.multiply(*layer.feedForwardGate, gate_);
+  X.multiply(*layer.feedForwardUp, mixed_);
   Floats& h = gate_.values;
   qwen35::forEachShare(h.size(), h.size() >= kTeamElements, [&](size_t, size_t begin, size_t end) {
     qwen35::kernelTable().siluMul(&h[begin], &mixed_.values[begin], &h[begin], end - begin);
   });
-  multiply(*layer.feedForwardDown, packed(gate_, tokens_), part_);
+  Factors(arithmetic_, gate_, tokens_).multiply(*layer.feedForwardDown, part_);
 }
 
 void Decoder::computeLogits(std::span<const Chunk> chunks, std::vector<float>& logits) {
@@ -255,7 +280,7 @@ void Decoder::computeLogits(std::span<const Chunk> chunks, std::vector<float>& l
     first = end;
   }
   norm(weights_.outputNorm(), part_, rows, xn_);
-  qwen35::matmul(GpuHook{}, weights_.head(), packed(xn_, rows), logits.data());
+  Factors(arithmetic_, xn_, rows).multiply(weights_.head(), logits.data());
 }
 
 }  // namespace zem

@@ -32,10 +32,16 @@ struct Chunk {
 // faster.
 inline constexpr size_t kBatchTokens = 48;
 
+// How products are computed. Either gives the same bits on every machine.
+enum class Arithmetic : uint8_t {
+  Exact,  // in single precision, each sum in the order of the columns
+  Fast,   // activations rounded to 14 bits, sums of integers; matmul/integer_products.h
+};
+
 // One thread at a time. The weights and the pool outlive it.
 class Decoder {
  public:
-  Decoder(const Weights& weights, CacheType cacheType);
+  Decoder(const Weights& weights, CacheType cacheType, Arithmetic arithmetic = Arithmetic::Exact);
 
   PagePool& pool() { return pool_; }
   const Weights& weights() const { return weights_; }
@@ -67,6 +73,7 @@ class Decoder {
   void computeLogits(std::span<const Chunk> chunks, std::vector<float>& logits);
 
   const Weights& weights_;
+  Arithmetic arithmetic_;
   qwen35::DeltaNetSizes linearSizes_;
   AttentionSizes fullSizes_;
   PagePool pool_;

@@ -13,26 +13,32 @@ extern const IntegerKernels kIntegerKernelsBaseline;
 
 namespace {
 
-bool has(CpuLevel level) { return std::ranges::find(cpuLevels(), level) != cpuLevels().end(); }
+bool processorHas(CpuLevel level) {
+  return std::ranges::find(cpuLevels(), level) != cpuLevels().end();
+}
 
-bool hasAvx2() { return has(CpuLevel::Avx2); }
-
-bool hasAvx512Bw() { return has(CpuLevel::Avx512) && __builtin_cpu_supports("avx512bw") != 0; }
+bool hasAvx512Bw() {
+  return processorHas(CpuLevel::Avx512) && __builtin_cpu_supports("avx512bw") != 0;
+}
 
 bool hasAvx512Vnni() { return hasAvx512Bw() && __builtin_cpu_supports("avx512vnni") != 0; }
 
-bool always() { return true; }
+template <CpuLevel kLevel>
+bool isLevelOfProcessor() {
+  return processorHas(kLevel);
+}
 
-constexpr IntegerLevel kLevels[] = {
+constexpr IntegerLevel kIntegerLevels[] = {
     {"avx512vnni", CpuLevel::Avx512, hasAvx512Vnni, &kIntegerKernelsAvx512Vnni},
     {"avx512bw", CpuLevel::Avx512, hasAvx512Bw, &kIntegerKernelsAvx512Bw},
-    {"avx2", CpuLevel::Avx2, hasAvx2, &kIntegerKernelsAvx2},
-    {"baseline", CpuLevel::Baseline, always, &kIntegerKernelsBaseline},
+    {"avx2", CpuLevel::Avx2, isLevelOfProcessor<CpuLevel::Avx2>, &kIntegerKernelsAvx2},
+    {"baseline", CpuLevel::Baseline, isLevelOfProcessor<CpuLevel::Baseline>,
+     &kIntegerKernelsBaseline},
 };
 
 // The best of those that belong to `level` or a level below.
 const IntegerKernels& bestOf(CpuLevel level) {
-  for (const IntegerLevel& known : kLevels) {
+  for (const IntegerLevel& known : kIntegerLevels) {
     if (known.cpuLevel <= level && known.isSupported()) return *known.kernels;
   }
   return kIntegerKernelsBaseline;
@@ -40,7 +46,7 @@ const IntegerKernels& bestOf(CpuLevel level) {
 
 }  // namespace
 
-std::span<const IntegerLevel> integerLevels() { return kLevels; }
+std::span<const IntegerLevel> integerLevels() { return kIntegerLevels; }
 
 const IntegerKernels& integerKernels() {
   static const IntegerKernels* const best[] = {&bestOf(CpuLevel::Baseline), &bestOf(CpuLevel::Avx2),

@@ -6,14 +6,6 @@
 #include "matmul/team.h"
 
 namespace qwen35 {
-namespace {
-
-const uint8_t* rowAt(const TensorView& W, size_t row) {
-  return static_cast<const uint8_t*>(W.data) + row * kiv::dtypeBytes(W.dtype, matrixCols(W));
-}
-
-}  // namespace
-
 bool hasIntegerProducts(const TensorView& W) {
   return integerKernels().matvec[W.dtype] != nullptr &&
          matrixCols(W) % kiv::dtypeBlockSize(W.dtype) == 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Products in the arithmetic `fast`, on the OpenMP team: activations are rounded to integers once,
-// and every product that reads them shares them. docs/kernels.md has the formula.
+// Products in the arithmetic `fast`, on the team of matmul/team.h: activations are rounded to
+// integers once, and every product that reads them shares them. docs/kernels.md has the formula.
 //
 //   const RoundedActivations X(x, stride, tokens, cols);
 //   for (const TensorView* W : {wq, wk, wv}) {

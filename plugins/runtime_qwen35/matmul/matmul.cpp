@@ -21,10 +21,6 @@ bool hasWholeBlocks(const TensorView& W) {
   return matrixCols(W) % kiv::dtypeBlockSize(W.dtype) == 0;
 }
 
-const uint8_t* rowAt(const TensorView& W, size_t row) {
-  return static_cast<const uint8_t*>(W.data) + row * kiv::dtypeBytes(W.dtype, matrixCols(W));
-}
-
 // Rows that end within a block go through the plain loop. The format allows them, converters do
 // not write them.
 void matvecOfWidenedRows(const TensorView& W, const float* x, std::span<float> y) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "kiv/tensor.h"
@@ -14,6 +15,11 @@ using kiv::TensorView;
 // Columns and rows of a matrix view: shape[0], and the product of the others.
 inline size_t matrixCols(const TensorView& W) { return W.shape[0]; }
 size_t matrixRows(const TensorView& W);
+
+// Where row `row` begins. No row may end within a block.
+inline const uint8_t* rowAt(const TensorView& W, size_t row) {
+  return static_cast<const uint8_t*>(W.data) + row * kiv::dtypeBytes(W.dtype, matrixCols(W));
+}
 
 // Widens row `row` of `n` elements to floats. Types that the decoder does not
 // compute with (F16, Q4_0, ...) leave `out` as it was.

@@ -255,6 +255,51 @@ TEST_F(EngineDecoder, InstructionSetsDoNotMatter) {
   }
 }
 
+// Rows of whole blocks everywhere.
+kiv::Architecture quantisable() {
+  kiv::Architecture architecture = smallArchitecture();
+  architecture.width = 256;
+  architecture.feedForward = 512;
+  architecture.heads = 4;
+  architecture.headSize = 64;
+  architecture.keyHeads = 2;
+  architecture.valueHeads = 4;
+  architecture.stateSize = 64;
+  architecture.layers = 4;
+  return architecture;
+}
+
+TEST_F(EngineDecoder, FastArithmeticHasOneResult) {
+  for (const kiv::DType type : {kiv::DType::Q4_K, kiv::DType::Q6_K, kiv::DType::Q8_0}) {
+    open(quantisable(), CacheType::F16, type);
+    const Ids text = ids(70);
+    const Floats exact = logitsOf(*decoder_, text, {48});
+    Decoder fast(*weights_, CacheType::F16, Arithmetic::Fast);
+    const Floats want = logitsOf(fast, text, {48});
+    EXPECT_NE(want, exact);
+    EXPECT_EQ(logitsOf(fast, text, {1}), want) << kiv::dtypeName(type);
+    EXPECT_EQ(logitsOf(fast, text, {2, 31, 5}), want) << kiv::dtypeName(type);
+    for (const qwen35::CpuLevel level : qwen35::cpuLevels()) {
+      const qwen35::ForcedCpuLevel forced(level);
+      EXPECT_EQ(logitsOf(fast, text, {17}), want) << qwen35::cpuLevelName(level);
+    }
+    double largest = 0;
+    double worst = 0;
+    for (size_t i = 0; i < want.size(); ++i) {
+      largest = std::max(largest, std::abs(static_cast<double>(exact[i])));
+      worst = std::max(worst, std::abs(static_cast<double>(exact[i]) - want[i]));
+    }
+    EXPECT_LE(worst, 1e-2 * largest) << kiv::dtypeName(type);
+  }
+}
+
+TEST_F(EngineDecoder, FastArithmeticIsExactForFloats) {
+  open(smallArchitecture());
+  const Ids text = ids(30);
+  Decoder fast(*weights_, CacheType::F16, Arithmetic::Fast);
+  EXPECT_EQ(logitsOf(fast, text, {9}), logitsOf(*decoder_, text, {9}));
+}
+
 TEST_F(EngineDecoder, BadChunksAreRefusedAndChangeNothing) {
   open(smallArchitecture());
   SequenceState sequence = decoder_->newSequence();
