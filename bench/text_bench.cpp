@@ -7,20 +7,29 @@
 // The vocabulary is learnt from one half of the project's own files and of the
 // licences that Debian ships, and encodes the other half. Encoding is first held
 // against encoding as it is defined.
+//
+// And what it costs to hold a reply to a form: the test of each sampled token ("accept"),
+// which is the usual path, and the mask over all tokens ("mask"), for when one is refused.
+// Masks are first held against the tests of single tokens.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "corpus.h"
 #include "engine/text/byte_vocabulary.h"
+#include "engine/text/constraint.h"
 #include "engine/text/plain_tokenizer.h"
 #include "engine/text/tokenizer.h"
 #include "engine/text/unicode/nfc.h"
@@ -29,7 +38,10 @@
 namespace {
 
 using zem::text::AddedTokens;
+using zem::text::Constraint;
+using zem::text::ConstraintState;
 using zem::text::Tokenizer;
+using zem::text::TokenTexts;
 using zem::text::test::ByteVocabulary;
 using zembench::filesBelow;
 using zembench::Halves;
@@ -173,6 +185,116 @@ void addLoad(const Model& model) {
   });
 }
 
+// ---- Replies of a form
+
+// Reports the percentage of a decoding step of 200 ms, about that of a model of four billion
+// weights on two threads, that the work for one token takes on one.
+class StepShare {
+ public:
+  void report(benchmark::State& state, size_t tokens) const {
+    constexpr double kStepSeconds = 0.2;
+    const double seconds = static_cast<double>(std::clock() - begin_) / CLOCKS_PER_SEC;
+    const double all = static_cast<double>(state.iterations()) * static_cast<double>(tokens);
+    state.counters["percent_of_step"] = seconds / all / kStepSeconds * 100;
+  }
+
+ private:
+  std::clock_t begin_ = std::clock();
+};
+
+constexpr const char* kSchema = R"({
+  "type": "object", "required": ["name", "age", "tags"], "additionalProperties": false,
+  "properties": {
+    "name": {"type": "string", "maxLength": 200}, "age": {"type": "integer", "minimum": 0},
+    "mail": {"type": "string", "pattern": "^[a-z.]+@[a-z.]+$"},
+    "tags": {"type": "array", "items": {"enum": ["red", "green", "blue"]}},
+    "notes": {"type": "array", "items": {"type": "string"}}}})";
+const std::string kReply =
+    R"({"name": "Ada Lovelace", "age": 36, "tags": ["red", "blue"], "mail": "ada@example.org", )"
+    R"("notes": ["The engine might compose elaborate pieces of music", "of any complexity"]})";
+
+struct Place {
+  const char* name;
+  const char* before;  // of a reply
+};
+constexpr Place kPlaces[] = {{"beginning", ""},
+                             {"key", "{\""},
+                             {"in text", R"({"name": "Ada)"},
+                             {"in a pattern", R"({"mail": "ada)"},
+                             {"in a number", R"({"age": 3)"},
+                             {"word of a list", R"({"tags": ["red", )"}};
+
+std::shared_ptr<const Constraint> compiled(const char* schema) {
+  zem::text::Json value;
+  std::shared_ptr<const Constraint> constraint;
+  if (!zem::text::parseJson(schema, "schema", value).ok() ||
+      !Constraint::compile(value, {}, constraint).ok()) {
+    throw std::runtime_error("a schema does not compile");
+  }
+  return constraint;
+}
+
+TokenTexts textsOf(const Tokenizer& tokenizer) {
+  std::vector<std::string> texts(kVocabulary);
+  for (size_t id = 0; id < std::min(texts.size(), tokenizer.size()); ++id) {
+    const auto token = static_cast<int32_t>(id);
+    if (!tokenizer.isSpecial(token)) texts[id] = tokenizer.bytesOf(token);
+  }
+  return TokenTexts(texts);
+}
+
+void verifyMask(const ConstraintState& state, const TokenTexts& tokens) {
+  std::vector<bool> allowed;
+  state.mask(tokens, allowed);
+  for (size_t i = 0; i < tokens.sorted().size(); i += 97) {
+    const TokenTexts::Entry& entry = tokens.sorted()[i];
+    if (allowed[entry.id] != state.accepts(entry.text)) throw std::runtime_error("a wrong mask");
+  }
+}
+
+void addMask(const std::string& name, const char* schema, const Place& place,
+             const TokenTexts& tokens) {
+  ConstraintState begun = Constraint::begin(compiled(schema));
+  if (!begun.advance(std::string_view(place.before))) throw std::runtime_error("a wrong place");
+  verifyMask(begun, tokens);
+  add("mask/" + name + "/" + place.name, [begun, &tokens](benchmark::State& state) {
+    std::vector<bool> allowed;
+    const StepShare share;
+    for (auto _ : state) {
+      begun.mask(tokens, allowed);
+      benchmark::DoNotOptimize(allowed);
+    }
+    share.report(state, 1);
+    state.counters["allowed"] =
+        static_cast<double>(std::count(allowed.begin(), allowed.end(), true));
+  });
+}
+
+// The time of all tokens of a reply; each is tested and taken.
+void addAccept(const Model& model, const std::string& name, const char* schema) {
+  add("accept/" + name, [&model, constraint = compiled(schema),
+                         ids = model.encoded(kReply)](benchmark::State& state) {
+    const StepShare share;
+    for (auto _ : state) {
+      ConstraintState reply = Constraint::begin(constraint);
+      for (const int32_t id : ids) {
+        const std::string_view text = model.tokenizer.bytesOf(id);
+        if (!reply.accepts(text) || !reply.advance(text)) state.SkipWithError("refused");
+      }
+      if (!reply.complete()) state.SkipWithError("not complete");
+    }
+    state.counters["tokens"] = static_cast<double>(ids.size());
+    share.report(state, ids.size());
+  });
+}
+
+void addReplies(const Model& model, const TokenTexts& tokens) {
+  for (const auto& [name, schema] : {std::pair("any JSON", "true"), std::pair("schema", kSchema)}) {
+    addAccept(model, name, schema);
+    for (const Place& place : kPlaces) addMask(name, schema, place, tokens);
+  }
+}
+
 std::string repeated(const std::string& unit, size_t count) {
   std::string text;
   for (size_t i = 0; i < count; ++i) text += unit;
@@ -201,7 +323,9 @@ int main(int argc, char** argv) {
     const Halves texts = prose();
     const Halves sources = code();
     const Model model(texts.learnt + sources.learnt);
+    const TokenTexts tokens = textsOf(model.tokenizer);
     addAll(model, texts.unseen, sources.unseen);
+    addReplies(model, tokens);
     benchmark::RunSpecifiedBenchmarks();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "text_bench: %s\n", error.what());

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Any text as a chat request: a prompt in every format, or an error. The segments of a
 // prompt are the prompt, and those that may hold control tokens are the template's.
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -3,6 +3,7 @@
 // the same however that is, and every call has valid JSON.
 #include "engine/text/reply_parser.h"
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>

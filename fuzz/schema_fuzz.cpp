@@ -2,6 +2,7 @@
 // A schema, and behind a byte FF, which no text has, bytes that choose a reply: of the
 // bytes that are allowed next, the one that comes at or behind each. What is complete is
 // JSON, what is not can go on, and a mask agrees with tokens tried one by one.
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>

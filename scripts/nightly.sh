@@ -2,11 +2,12 @@
 # SPDX-License-Identifier: Apache-2.0
 # What takes too long for every change: each source compiled by itself, all mutations, all
 # failing requests for memory, the tests on a Vulkan device under the sanitizers, the thread
-# sanitizer, every test under Wine, the lint of every file, the fuzzers, long runs, and a fresh
-# Debian.
+# sanitizer, every test under Wine, the text library against other programs, the lint of
+# every file, the fuzzers, long runs, and a fresh Debian.
 #   scripts/nightly.sh [MINUTES]   minutes for each fuzzer, 5 by default
 # Takes hours. Every step runs, whatever became of the one before; the table at the end says
-# which failed. The fresh Debian needs root and debootstrap, and is left out without them.
+# which failed. The fresh Debian needs root and debootstrap, the other programs npm and its
+# registry; they are left out without root, debootstrap or npm.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export CI=${CI:-true} OMP_WAIT_POLICY=passive
@@ -34,6 +35,11 @@ bash scripts/bootstrap.sh clang
 bash scripts/bootstrap.sh windows
 step "tests, with all mutations and requests" env ZEM_ALL=1 bash scripts/test.sh release
 step "each source compiles by itself" each_source
+if command -v npm >/dev/null; then
+  step "text against other programs" bash tests/clients/compare.sh
+else
+  table+=("         left out  text against other programs (needs Node.js with npm)")
+fi
 step "benchmarks build" cmake --build --preset release --target benchmarks
 step "lint of every file" bash scripts/check.sh --all
 step "thread sanitizer" bash scripts/test.sh tsan

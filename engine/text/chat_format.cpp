@@ -65,6 +65,10 @@ const ChatFormat* chatFormatOfTemplate(std::string_view text) {
   return nullptr;
 }
 
+std::string describeUnknownTemplate(std::string_view text) {
+  return "none of the known revisions (SHA-256 " + sha256Hex(text) + ")";
+}
+
 std::string chatFormatNames() {
   std::string names;
   for (const ChatFormat& format : kFormats) {

@@ -36,6 +36,10 @@ const ChatFormat* chatFormatByName(std::string_view name);
 /// not known; choose one by name then.
 const ChatFormat* chatFormatOfTemplate(std::string_view text);
 
+/// A text that chatFormatOfTemplate() does not know, for a message: "none of the known
+/// revisions (SHA-256 a4aee8...)".
+std::string describeUnknownTemplate(std::string_view text);
+
 /// All names, for a message: "qwen3.5, qwen3.5-small, ...".
 std::string chatFormatNames();
 

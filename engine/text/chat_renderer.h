@@ -9,10 +9,12 @@
 #include <vector>
 
 #include "engine/text/chat_format.h"
-#include "engine/text/chat_message.h"
+#include "engine/text/json.h"
 #include "kiv/status.h"
 
 namespace zem::text {
+
+struct Message;
 
 /// A run of a prompt.
 ///

@@ -16,7 +16,9 @@ class TokenTexts {
  public:
   /// `texts` has one entry an id: the bytes that the token adds to a reply. Empty where
   /// a constrained reply may never have the token: end markers and other special tokens.
-  explicit TokenTexts(std::vector<std::string> texts);
+  explicit TokenTexts(const std::vector<std::string>& texts);
+  TokenTexts(TokenTexts&&) = default;             ///< entries stay valid
+  TokenTexts& operator=(TokenTexts&&) = default;  ///< entries stay valid
 
   /// One token.
   struct Entry {
@@ -25,10 +27,11 @@ class TokenTexts {
     std::string_view text;  ///< never empty
   };
   const std::vector<Entry>& sorted() const { return sorted_; }  ///< by their bytes
-  size_t size() const { return texts_.size(); }                 ///< ids of the vocabulary
+  size_t size() const { return size_; }                         ///< ids of the vocabulary
 
  private:
-  std::vector<std::string> texts_;
+  size_t size_;
+  std::vector<char> bytes_;  // of all texts in this order: they are read one by one
   std::vector<Entry> sorted_;
 };
 

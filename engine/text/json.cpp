@@ -2,6 +2,7 @@
 #include "engine/text/json.h"
 
 #include <charconv>
+#include <nlohmann/json.hpp>
 #include <system_error>
 #include <unordered_map>
 #include <utility>

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// JSON of chat requests: read within limits, key order kept.
+/// JSON of chat requests: read within limits, key order kept. Who looks into a value
+/// includes <nlohmann/json.hpp>, which takes a second to compile.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 

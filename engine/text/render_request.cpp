@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "engine/text/chat/python_text.h"
-#include "engine/text/chat_renderer.h"
+#include "engine/text/chat_message.h"
 #include "engine/text/json.h"
 
 namespace zem::text {
@@ -60,9 +60,9 @@ Status readFormat(const Json& request, const ChatFormat*& out) {
   return wrong("chat_template", "one of " + chatFormatNames(), quotedStart(name));
 }
 
-Status render(std::string_view line, const ChatFormat* format, std::string& out) {
+Status render(std::string_view text, const ChatFormat* format, RenderedChat& out) {
   Json request;
-  if (Status status = parseJson(line, "request", request); !status.ok()) return status;
+  if (Status status = parseJson(text, "request", request); !status.ok()) return status;
   if (!request.is_object()) return wrong("request", "an object", kindOf(request));
   if (Status status = readFormat(request, format); !status.ok()) return status;
   RenderOptions options;
@@ -74,20 +74,20 @@ Status render(std::string_view line, const ChatFormat* format, std::string& out)
   if (Status status = readMessages(listOf("messages"), messages); !status.ok()) return status;
   std::vector<Json> tools;
   if (Status status = readTools(listOf("tools"), tools); !status.ok()) return status;
-  RenderedChat chat;
-  if (Status status = renderChat(*format, messages, tools, options, chat); !status.ok()) {
-    return status;
-  }
-  out = chat.text();
-  return {};
+  return renderChat(*format, messages, tools, options, out);
 }
 
 }  // namespace
 
+Status renderRequest(std::string_view request, const ChatFormat& format, RenderedChat& out) {
+  out = RenderedChat();
+  return render(request, &format, out);
+}
+
 std::string renderRequest(std::string_view line, const ChatFormat& format) {
-  std::string prompt;
-  const Status status = render(line, &format, prompt);
-  if (status.ok()) return quotedJson(prompt);
+  RenderedChat chat;
+  const Status status = renderRequest(line, format, chat);
+  if (status.ok()) return quotedJson(chat.text());
   return "{\"error\": " + quotedJson(status.message()) + "}";
 }
 

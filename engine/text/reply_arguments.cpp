@@ -2,6 +2,7 @@
 #include "engine/text/reply_arguments.h"
 
 #include <cctype>
+#include <nlohmann/json.hpp>
 
 #include "engine/text/chat/python_text.h"
 

@@ -13,6 +13,10 @@ using nlohmann::json;
 
 constexpr uint64_t kLayers = 32;
 
+// How vocabularies of the supported architecture cut text.
+constexpr const char* kPattern =
+    R"((?i:'s|'t|'re|'ve|'m|'ll|'d)|[^\r\n\p{L}\p{N}]?[\p{L}\p{M}]+|\p{N}| ?[^\s\p{L}\p{M}\p{N}]+[\r\n]*|\s*[\r\n]+|\s+(?!\S)|\s+)";
+
 uint64_t elementBytes(const std::string& type) {
   if (type == "F32" || type == "I32") return 4;
   if (type == "BF16" || type == "F16") return 2;
@@ -232,6 +236,17 @@ json byteLevelTokenizer() {
        {{"type", "Sequence"}, {"pretokenizers", {{{"type", "Split"}}, {{"type", "ByteLevel"}}}}}},
       {"decoder", {{"type", "ByteLevel"}}},
       {"model", {{"type", "BPE"}, {"vocab", vocab}, {"merges", merges}}}};
+}
+
+json completeTokenizer() {
+  json tokenizer = byteLevelTokenizer();
+  json& merges = tokenizer["model"]["merges"];
+  while (merges.size() > 6) merges.erase(6);
+  tokenizer["normalizer"] = {{"type", "NFC"}};
+  tokenizer["pre_tokenizer"]["pretokenizers"] = {
+      {{"type", "Split"}, {"pattern", {{"Regex", kPattern}}}, {"behavior", "Isolated"}},
+      {{"type", "ByteLevel"}, {"add_prefix_space", false}, {"use_regex", false}}};
+  return tokenizer;
 }
 
 std::string spelledByte(uint8_t byte) {

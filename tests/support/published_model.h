@@ -79,6 +79,9 @@ nlohmann::json wrappedConfig(uint64_t width, uint64_t feedForward, uint64_t voca
 // "<|endoftext|>", "<|im_start|>", "<|im_end|>" and "<think>" from 270 on.
 nlohmann::json byteLevelTokenizer();
 
+// The same with what an exact reading needs: NFC, a pattern, and both sides of each merge.
+nlohmann::json completeTokenizer();
+
 // How byte-level vocabularies spell a byte.
 std::string spelledByte(uint8_t byte);
 std::string spelled(std::string_view bytes);

@@ -50,6 +50,9 @@ Ways beginning();
 /// list, which keeps its memory. At most 256 ways go on, the first ones.
 void step(const Grammar& grammar, const Ways& from, uint8_t byte, Ways& to);
 
+/// Whether both go on in the same way, whatever comes.
+bool same(const Ways& a, const Ways& b);
+
 /// Whether the document may end here.
 bool canEnd(const Grammar& grammar, const Ways& ways);
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/text/chat_message.h"
 #include "engine/text/render_request.h"
 
 namespace zem::text {

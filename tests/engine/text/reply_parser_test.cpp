@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engine/text/chat/python_text.h"
+#include "engine/text/chat_message.h"
 #include "engine/text/chat_renderer.h"
 #include "engine/text/parsed_json.h"
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cmath>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
 

@@ -15,6 +15,7 @@
 #include "support/needs_gpu.h"
 #include "support/subprocess.h"
 #include "support/temp_folder.h"
+#include "support/whole_file.h"
 
 namespace zemtest {
 
@@ -110,6 +111,25 @@ inline ContainerBuilder smallContainer() {
   builder.addTensor("token_embd.weight", kiv::DType::F32, {4, 7}, Bytes(112, 1));
   builder.addTensorAlias("output.weight", kiv::DType::F32, {4, 7}, "token_embd.weight");
   builder.addTensor("blk.0.w", kiv::DType::F16, {4, 2, 2}, Bytes(32, 2));
+  return builder;
+}
+
+// The chat template of the revision qwen3.5.
+inline const std::string kTemplateFile = ZEM_TEST_DATA "/chat/qwen3.5-4b.jinja";
+inline std::string publishedTemplate() { return wholeFile(kTemplateFile); }
+
+// smallContainer() with the tokenizer of its source in the form `name`.
+inline ContainerBuilder containerFromSource(const std::string& name, const std::string& asset,
+                                            const std::string& chatTemplate) {
+  kiv::TokenizerData vocabulary;
+  vocabulary.tokens = {"<s>", "a", "b"};
+  vocabulary.bosId = 0;
+  vocabulary.chatTemplate = chatTemplate;
+  ContainerBuilder builder = smallContainer();
+  builder.tokenizer(vocabulary);
+  builder.addMetaStr("tokenizer.source.name", name);
+  builder.addMetaU64("tokenizer.source.bytes", asset.size());
+  builder.addSection(kiv::zem2::SectionType::Asset, Bytes(asset.begin(), asset.end()));
   return builder;
 }
 

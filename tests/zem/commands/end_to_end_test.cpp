@@ -218,7 +218,7 @@ TEST_F(EndToEnd, InfoAndTokenizeHaveNothingToWarnOf) {
   EXPECT_EQ(info.err, "");
   const ProcessResult tokens = realZem({"tokenize", "-m", model_, "-p", "Hello there, world\n"});
   EXPECT_EQ(tokens.status, 0);
-  EXPECT_EQ(tokens.err, "");
+  EXPECT_EQ(tokens.err, "tokenizer: the plug-in's\n");
 }
 
 TEST_F(EndToEnd, ModelsThatTheRuntimeRefusesAreExplained) {
@@ -239,6 +239,7 @@ TEST_F(EndToEnd, ModelsThatTheRuntimeRefusesAreExplained) {
 // From a published folder to a completion, as a person would.
 TEST_F(EndToEnd, AConvertedCheckpointSpeaks) {
   CheckpointBuilder checkpoint;
+  checkpoint.tokenizer() = completeTokenizer();
   for (auto& [name, tensor] : checkpoint.tensors()) {
     for (const float value : goldenTensor("spoken", name, tensor.shape)) putF32(tensor.data, value);
   }
@@ -252,9 +253,12 @@ TEST_F(EndToEnd, AConvertedCheckpointSpeaks) {
   const ProcessResult run = realZem({"run", "-m", model, "-p", "the heat", "-c", "8"});
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_THAT(run.err, HasSubstr("tokens/s"));
-  const ProcessResult tokens = realZem({"tokenize", "-m", model, "--ids", "-p", " the\n<think>"});
-  EXPECT_EQ(tokens.out, "258 10 273\n");
-  EXPECT_EQ(tokens.err, "");
+  for (const char* tokenizer : {"--exact", "--plugin"}) {
+    const ProcessResult tokens =
+        realZem({"tokenize", "-m", model, tokenizer, "--ids", "-p", " the\n<think>"});
+    EXPECT_EQ(tokens.out, "258 10 273\n");
+    EXPECT_EQ(tokens.err, "");
+  }
 }
 
 TEST_F(EndToEnd, AModelWithWeightsOutsideTheFileFailsWithoutText) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "cli_support.h"
+#include "support/published_model.h"
 
 namespace zemtest {
 namespace {
@@ -37,6 +38,40 @@ TEST(Info, SharedBytesCountOnceAsWeights) {
   const TempFolder folder;
   EXPECT_THAT(zem({"info", folder.write("m.zem", smallContainer().build())}).out,
               HasSubstr("  weights      44\n"));
+}
+
+TEST(Info, SaysWhichTokenizerAndChatFormatTextHas) {
+  const TempFolder folder;
+  const auto textOf = [&](const ContainerBuilder& builder) {
+    const std::string path = folder.write("m.zem", builder.build());
+    const std::string shown = zem({"info", path}).out;
+    const size_t begin = shown.find("\ntext\n") + 6;
+    return std::pair(shown.substr(begin, shown.find("\n\n", begin) - begin),
+                     infoJson(path)["text"]);
+  };
+  const auto [plain, plainJson] = textOf(smallContainer());
+  EXPECT_THAT(plain, AllOf(HasSubstr("  tokenizer    the plug-in's\n  chat format  none of the "
+                                     "known revisions (SHA-256 "),
+                           Not(HasSubstr("usable"))));
+  EXPECT_EQ(plainJson, nlohmann::json({{"tokenizer", "the plug-in's"},
+                                       {"exact", false},
+                                       {"problem", nullptr},
+                                       {"chat_format", nullptr}}));
+
+  const auto [exact, exactJson] = textOf(
+      containerFromSource("tokenizer.json", completeTokenizer().dump(), publishedTemplate()));
+  EXPECT_EQ(exact, "  tokenizer    exact, of tokenizer.json\n  chat format  qwen3.5");
+  EXPECT_EQ(exactJson["exact"], true);
+  EXPECT_EQ(exactJson["chat_format"], "qwen3.5");
+
+  const auto [broken, brokenJson] = textOf(containerFromSource("tokenizer.json", "{", ""));
+  EXPECT_THAT(broken, HasSubstr("  tokenizer    the plug-in's\n               the source's is not "
+                                "usable: tokenizer.json: "));
+  EXPECT_THAT(broken, HasSubstr("  chat format  none"));
+  EXPECT_THAT(brokenJson["problem"], ::testing::StartsWith("tokenizer.json: "));
+
+  EXPECT_EQ(textOf(smallContainer().noTokenizer()).first,
+            "  tokenizer    none\n  chat format  none");
 }
 
 TEST(Info, ListsTensors) {

@@ -167,8 +167,8 @@ TEST(MakeDemoTest, TokenizeGivesItsTextBack) {
   const TempFolder folder;
   const std::string path = folder.path("m.zem");
   expectSuccess(makeDemo({path}));
-  const ProcessResult result =
-      zem({"tokenize", "-m", path, "-p", "The river \u2014 \u0440\u0435\u043A\u0430, \u5DDD."});
+  const ProcessResult result = zem({"tokenize", "--plugin", "-m", path, "-p",
+                                    "The river \u2014 \u0440\u0435\u043A\u0430, \u5DDD."});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");  // where a text that does not come back is noted
 }

@@ -10,8 +10,8 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-const Arguments kCommands = {"chat",     "run",     "info",      "probe",   "bench",
-                             "tokenize", "devices", "make-demo", "convert", "compare"};
+const Arguments kCommands = {"chat",   "run",     "info",      "probe",   "bench",  "tokenize",
+                             "render", "devices", "make-demo", "convert", "compare"};
 
 TEST(Usage, BareZemPrintsHelp) {
   const ProcessResult result = zem({});
@@ -119,7 +119,17 @@ INSTANTIATE_TEST_SUITE_P(
         BadUsage{"CompareTwoTexts", {"compare", "a", "b", "-p", "x", "-f", "y"}, "excludes"},
         BadUsage{"OneOptionWithoutItsValue", {"run", "-m"}, "--model"},
         BadUsage{"AnotherCommandAfterOne", {"devices", "run"}, "run"},
-        BadUsage{"IdsAndJson", {"tokenize", "-m", "m", "-p", "x", "--ids", "--json"}, "--json"}),
+        BadUsage{"IdsAndJson", {"tokenize", "-m", "m", "-p", "x", "--ids", "--json"}, "--json"},
+        BadUsage{"TwoTokenizers", {"tokenize", "-m", "m", "--exact", "--plugin"}, "--exact"},
+        BadUsage{"DecodeToIds", {"tokenize", "-m", "m", "--decode", "--ids"}, "--decode"},
+        BadUsage{"DecodeToJson", {"tokenize", "-m", "m", "--decode", "--json"}, "--decode"},
+        BadUsage{"SelfTestOfThePlugin", {"tokenize", "-m", "m", "--self-test", "--plugin"}, "self"},
+        BadUsage{"SelfTestWithAText", {"tokenize", "-m", "m", "--self-test", "-p", ""}, "its own"},
+        BadUsage{"RenderWithoutATemplate", {"render", "-"}, "a chat template is needed: -m"},
+        BadUsage{"RenderAsNoRevision",
+                 {"render", "-", "--chat-template", "x"},
+                 "\"x\" is none of qwen3.5, qwen3.5-small,"},
+        BadUsage{"SegmentsOfLines", {"render", "-", "--segments", "--lines"}, "excludes"}),
     [](const auto& test) { return test.param.name; });
 
 struct BadPlugin {

@@ -122,5 +122,20 @@ TEST(FormatTest, TablesAlignByCharacters) {
   EXPECT_EQ(formatTable({}), "");
 }
 
+TEST(EscapeBytesTest, SpellsOutWhatIsNotUtf8) {
+  EXPECT_EQ(escapeBytes("a\n\xC3\xA9"), "a\\n\xC3\xA9");
+  EXPECT_EQ(escapeBytes("\xE6\x97"), "\\xe6\\x97");
+  EXPECT_EQ(escapeBytes("\xFFx\xC3"), "\\xffx\\xc3");
+  EXPECT_EQ(escapeBytes(""), "");
+}
+
+TEST(IsWholeUtf8Test, HoldsForWholeCharactersAlone) {
+  EXPECT_TRUE(isWholeUtf8(""));
+  EXPECT_TRUE(isWholeUtf8("a\n\xF0\x9F\x98\x8A"));
+  EXPECT_FALSE(isWholeUtf8("a\xF0\x9F\x98"));
+  EXPECT_FALSE(isWholeUtf8("\x80"));
+  EXPECT_FALSE(isWholeUtf8("\xED\xA0\x80"));
+}
+
 }  // namespace
 }  // namespace zemtool

@@ -22,8 +22,8 @@ ZemCommandLine::ZemCommandLine()
     : CommandLine("zem", "Runs Qwen3.5 hybrid language models through a runtime plug-in.") {
   footer(kFooter);
   flag("--version", version, "Print the versions of this program and of the plug-in");
-  for (const auto add : {addChat, addRun, addInfo, addProbe, addBench, addTokenize, addDevices,
-                         addMakeDemo, addConvert, addCompare}) {
+  for (const auto add : {addChat, addRun, addInfo, addProbe, addBench, addTokenize, addRender,
+                         addDevices, addMakeDemo, addConvert, addCompare}) {
     add(*this, status);
   }
 }

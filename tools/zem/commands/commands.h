@@ -14,6 +14,7 @@ void addRun(Command& program, int& status);
 void addChat(Command& program, int& status);
 void addBench(Command& program, int& status);
 void addTokenize(Command& program, int& status);
+void addRender(Command& program, int& status);
 void addDevices(Command& program, int& status);
 void addMakeDemo(Command& program, int& status);
 void addConvert(Command& program, int& status);

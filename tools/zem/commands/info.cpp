@@ -11,7 +11,9 @@
 #include "compat/files.h"
 #include "console/terminal.h"
 #include "console/text.h"
+#include "engine/text/chat_format.h"
 #include "host/model_file.h"
+#include "host/text_source.h"
 #include "kiv/tokenizer.h"
 #include "kiv/zem2_reader.h"
 
@@ -184,6 +186,45 @@ Json tokenizerJson(const kiv::ZEM2Reader& reader) {
           {"chat_template_bytes", data.chatTemplate.size()}};
 }
 
+// What goes into a model and comes out of it as text.
+struct TextFacts {
+  std::string tokenizer;   // "exact, of tokenizer.json", "the plug-in's"; empty: none
+  std::string problem;     // why the source's tokenizer is not used
+  std::string chatFormat;  // "qwen3.5", "none of the known revisions (...)"; empty: no template
+  bool knownFormat = false;
+  bool exact = false;
+};
+
+TextFacts readTextFacts(const kiv::ZEM2Reader& reader) {
+  TextFacts facts;
+  kiv::TokenizerData data;
+  const bool hasVocabulary = reader.readTokenizer(data);
+  if (hasVocabulary) facts.tokenizer = "the plug-in's";
+  try {
+    if (const auto exact = exactTokenizerOf(reader)) {
+      facts.tokenizer = exact->description();
+      facts.exact = true;
+    }
+  } catch (const Failure& failure) {
+    facts.problem = failure.what();
+  }
+  if (!data.chatTemplate.empty()) {
+    const zem::text::ChatFormat* format = zem::text::chatFormatOfTemplate(data.chatTemplate);
+    facts.knownFormat = format != nullptr;
+    facts.chatFormat = format != nullptr ? std::string(format->name)
+                                         : zem::text::describeUnknownTemplate(data.chatTemplate);
+  }
+  return facts;
+}
+
+Json textJson(const TextFacts& facts) {
+  const auto orNull = [](const std::string& text) { return text.empty() ? Json() : Json(text); };
+  return {{"tokenizer", orNull(facts.tokenizer)},
+          {"exact", facts.exact},
+          {"problem", orNull(facts.problem)},
+          {"chat_format", facts.knownFormat ? Json(facts.chatFormat) : Json()}};
+}
+
 Json typesJson(const std::vector<TensorFacts>& tensors) {
   Json list = Json::array();
   for (const auto& [type, sum] : sumByType(tensors)) {
@@ -213,6 +254,7 @@ void printInfoJson(const kiv::ZEM2Reader& reader, const InfoOptions& options) {
                 {"sections", sectionsJson(reader)},
                 {"metadata", metaJson(reader)},
                 {"tokenizer", tokenizerJson(reader)},
+                {"text", textJson(readTextFacts(reader))},
                 {"types", typesJson(tensors)}};
   if (options.tensors) value["tensors"] = tensorsJson(tensors);
   writeJson(value);
@@ -271,6 +313,17 @@ void printTokenizer(const kiv::ZEM2Reader& reader) {
               {"chat template", formatBytes(data.chatTemplate.size())}});
 }
 
+void printText(const kiv::ZEM2Reader& reader) {
+  const TextFacts facts = readTextFacts(reader);
+  const auto orNone = [](const std::string& text) { return text.empty() ? "none" : text; };
+  Rows rows = {{"tokenizer", orNone(facts.tokenizer)}};
+  if (!facts.problem.empty()) {
+    rows.push_back({"", "the source's is not usable: " + escapeControls(facts.problem)});
+  }
+  rows.push_back({"chat format", orNone(facts.chatFormat)});
+  printBlock("text", rows);
+}
+
 void printTypes(const std::vector<TensorFacts>& tensors) {
   Rows rows = {{"type", "tensors", "elements", "bytes"}};
   for (const auto& [type, sum] : sumByType(tensors)) {
@@ -309,6 +362,7 @@ void info(const InfoOptions& options) {
     printSections(reader);
     printMeta(reader);
     printTokenizer(reader);
+    printText(reader);
     printTypes(tensors);
     if (options.tensors) printTensors(tensors);
   }
@@ -326,7 +380,8 @@ void addInfo(Command& program, int& status) {
   command.footer(
       "Reads the file only, so it works on files that a runtime refuses. Extents of a shape are\n"
       "given from the innermost, contiguous one; offsets of tensors count from the start of the\n"
-      "weight data.\n"
+      "weight data. `text` says which tokenizer `zem tokenize` uses, and the revision of the chat\n"
+      "template.\n"
       "\nExample:\n  zem info model.zem --tensors");
   command.action([options, &status] { status = guarded([&] { info(*options); }); });
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <utility>
 
 #include "compat/files.h"
 #include "console/streams.h"
@@ -38,10 +39,12 @@ std::string readAll(std::FILE* file, const std::string& where) {
   return text;
 }
 
-std::string readFile(const std::string& path) {
+std::string readFile(const std::string& path, const std::string& kind) {
   using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
   const File file(compat::openStream(path.c_str(), "rb"), &std::fclose);
-  if (!file) throw Failure("cannot open the prompt file " + path + ": " + std::strerror(errno));
+  if (!file) {
+    throw Failure("cannot open the " + kind + " " + path + ": " + std::strerror(errno));
+  }
   return readAll(file.get(), path);
 }
 
@@ -138,15 +141,19 @@ void addPromptOptions(Command& command, PromptOptions& options) {
       .valueName("FILE");
 }
 
+std::string readWhole(const std::string& path, const std::string& kind) {
+  return path == "-" ? readStandardInput() : readFile(path, kind);
+}
+
 std::string readPrompt(const PromptOptions& options) {
   if (options.hasText) return options.text;
-  const bool fromFile = !options.file.empty() && options.file != "-";
   if (options.file.empty() && stdinIsTerminal()) {
     throw UsageError("a prompt is needed: -p TEXT, -f FILE, or a pipe on standard input");
   }
-  const std::string where = fromFile ? options.file : "standard input";
-  std::string text = withoutLastLineFeed(fromFile ? readFile(options.file) : readStandardInput());
-  requireText(text, where);
+  const std::string file = options.file.empty() ? "-" : options.file;
+  std::string text = readWhole(file, "prompt file");
+  if (!options.keepNewline) text = withoutLastLineFeed(std::move(text));
+  requireText(text, file == "-" ? "standard input" : file);
   return text;
 }
 

@@ -13,7 +13,8 @@ namespace zemtool {
 struct PromptOptions {
   std::string text;
   std::string file;
-  bool hasText = false;  // a text was given, perhaps an empty one
+  bool hasText = false;      // a text was given, perhaps an empty one
+  bool keepNewline = false;  // keep the line feed at the end of a file or a pipe
 };
 
 // Most threads that an option can ask for.
@@ -34,9 +35,13 @@ void addSamplingOptions(Command& command, SamplingOptions& options);
 void addPromptOptions(Command& command, PromptOptions& options);
 
 // The prompt that the options name, or standard input where that is no terminal. A line
-// feed at the very end of a file or a pipe is dropped. Throws Failure when the prompt
-// cannot be read or holds a NUL byte, and UsageError when there is none.
+// feed at the very end of a file or a pipe is dropped, unless it is to be kept. Throws Failure when
+// the prompt cannot be read or holds a NUL byte, and UsageError when there is none.
 std::string readPrompt(const PromptOptions& options);
+
+// All of the file, which is of a kind such as "prompt file", or of standard input for "-".
+// Throws Failure when it cannot be read.
+std::string readWhole(const std::string& path, const std::string& kind);
 
 // Throws Failure when `text`, which came from `where`, holds a NUL byte.
 void requireText(const std::string& text, const std::string& where);

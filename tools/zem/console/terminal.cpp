@@ -67,6 +67,15 @@ void writeOut(std::string_view text) { checkOutput(writeText(kStdout, text)); }
 
 void flushOut() { checkOutput(flushOutput()); }
 
+void writeExact(std::string_view text) {
+  if (!stdoutIsTerminal()) {
+    writeOut(text);
+    return;
+  }
+  writeOut(escapeControls(text, "\n\t"));
+  if (!text.ends_with('\n')) writeOut("\n");
+}
+
 void writeJson(const nlohmann::ordered_json& value) {
   // A terminal would obey some of the characters beyond ASCII.
   writeOut(

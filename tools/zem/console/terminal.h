@@ -39,6 +39,9 @@ bool stderrIsTerminal();
 // Failure or ClosedPipe.
 void writeOut(std::string_view text);
 void flushOut();
+// Writes a text whose bytes matter: as it is to a file or a pipe. On a terminal control
+// characters are spelled out, and a line feed ends it.
+void writeExact(std::string_view text);
 // Writes the value and a line feed to stdout. Bytes that are not UTF-8 are replaced.
 void writeJson(const nlohmann::ordered_json& value);
 

@@ -55,6 +55,12 @@ bool isControl(std::string_view character) {
   return first == 0xC2 && static_cast<uint8_t>(character[1]) < 0xA0;
 }
 
+std::string spellByte(char byte) {
+  std::array<char, 8> spelled{};
+  std::snprintf(spelled.data(), spelled.size(), "\\x%02x", static_cast<uint8_t>(byte));
+  return spelled.data();
+}
+
 std::string spellControl(std::string_view character) {
   switch (character.back()) {
     case '\n':
@@ -64,11 +70,8 @@ std::string spellControl(std::string_view character) {
     case '\r':
       return "\\r";
     default:
-      break;
+      return spellByte(character.back());
   }
-  std::array<char, 8> spelled{};
-  std::snprintf(spelled.data(), spelled.size(), "\\x%02x", static_cast<uint8_t>(character.back()));
-  return spelled.data();
 }
 
 }  // namespace
@@ -108,6 +111,30 @@ std::string escapeControls(std::string_view bytes, std::string_view keep) {
     bytes.remove_prefix(c.length);
   }
   return shown;
+}
+
+std::string escapeBytes(std::string_view bytes) {
+  std::string shown;
+  while (!bytes.empty()) {
+    const Character c = scan(bytes);
+    const std::string_view character = bytes.substr(0, c.length);
+    if (c.form == Form::Whole) {
+      shown += escapeControls(character);
+    } else {
+      for (const char byte : character) shown += spellByte(byte);
+    }
+    bytes.remove_prefix(c.length);
+  }
+  return shown;
+}
+
+bool isWholeUtf8(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const Character c = scan(bytes);
+    if (c.form != Form::Whole) return false;
+    bytes.remove_prefix(c.length);
+  }
+  return true;
 }
 
 size_t countCharacters(std::string_view text) {

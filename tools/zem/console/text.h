@@ -29,6 +29,12 @@ class Utf8Joiner {
 // U+009F) outside `keep` are spelled out: "\n", "\t", "\r", else "\x1b".
 std::string escapeControls(std::string_view bytes, std::string_view keep = {});
 
+// Likewise, but bytes that are not UTF-8 are spelled out too: "\xe6".
+std::string escapeBytes(std::string_view bytes);
+
+// Whether `bytes` are UTF-8, of whole characters.
+bool isWholeUtf8(std::string_view bytes);
+
 // The number of characters of valid UTF-8 text.
 size_t countCharacters(std::string_view text);
 
