@@ -208,7 +208,7 @@ void ggufs(const Corpus& corpus) {
 }
 
 void configs(const Corpus& corpus) {
-  const json wrapped = zemtest::wrappedConfig(8, 12, 300);
+  const json wrapped = zemtest::wrappedConfig({});
   corpus.add("wrapped", wrapped.dump());
   json plain = wrapped["text_config"];
   plain["eos_token_id"] = {1, 2};

@@ -11,7 +11,7 @@ namespace zemfuzz {
 
 // Plans the conversion of `source`. Throws zemtool::Failure for what cannot be converted.
 inline void planWhole(zemtool::ModelSource source, zemtool::WeightMix mix, bool recode) {
-  const uint64_t rows = zemtool::architectureOf(source).vocabulary;
+  const uint64_t rows = source.architecture.vocabulary;
   zemtool::planConversion(source, mix, recode);
   zemtool::TokenizerCounts counts;
   require(zemtool::convertTokenizer(source.tokenizer, rows, counts).tokens.size() == rows,

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qwen35_check.h"
 
+#include <string>
+
 #include "model/tensor_checks.h"
 
 namespace qwen35 {
@@ -43,6 +45,26 @@ void checkFull(TensorChecks& check, const Model& m, const Layer& L) {
   check.floats(L.k_norm, m.headDim);
 }
 
+// What this decoder would leave out of the computation.
+void checkWhole(TensorChecks& check, const kiv::ZEMLoader& loader, const Model& m) {
+  const TensorView* head = loader.findTensor("output.weight");
+  if (head != nullptr && head->data != m.emb->data) {
+    check.fail(badTensor(*head,
+                         "is an output head of its own, but this decoder computes with "
+                         "token_embd.weight in its place; use the engine, or a model without one"));
+  }
+  const std::string next = "blk." + std::to_string(kLayerCount) + ".";
+  const TensorView* norm = loader.findTensor(next + "attn_norm.weight");
+  const bool predicts = loader.findTensor(next + "nextn.eh_proj.weight") != nullptr;
+  if (norm != nullptr && !predicts) {
+    check.fail(badTensor(*norm, "is of block " + std::to_string(kLayerCount) +
+                                    ", but this decoder computes blocks 0 to " +
+                                    std::to_string(kLayerCount - 1) +
+                                    " only; use the engine, or a model of " +
+                                    std::to_string(kLayerCount) + " blocks"));
+  }
+}
+
 }  // namespace
 
 Status checkWeights(const kiv::ZEMLoader& ld, const Model& m) {
@@ -62,6 +84,7 @@ Status checkWeights(const kiv::ZEMLoader& ld, const Model& m) {
       checkFull(check, m, L);
     }
   }
+  checkWhole(check, ld, m);
   return check.status();
 }
 

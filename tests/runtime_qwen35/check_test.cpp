@@ -157,6 +157,24 @@ TEST(CheckWeights, QueryBiasNeedsTheOtherTwo) {
   EXPECT_THAT(complaint(tiny), StartsWith("blk.9.attn_v.bias: has 4095 bytes"));
 }
 
+TEST(CheckWeights, AnOutputHeadOfItsOwnIsNotLeftOut) {
+  TinyModel tiny;
+  tiny.tensors()["output.weight"] = tiny.tensor("token_embd.weight");
+  EXPECT_EQ(complaint(tiny),
+            "output.weight: is an output head of its own, but this decoder computes with "
+            "token_embd.weight in its place; use the engine, or a model without one");
+}
+
+TEST(CheckWeights, BlocksBeyondTheLastAreNotLeftOut) {
+  TinyModel tiny;
+  tiny.tensors()["blk.32.attn_norm.weight"] = tiny.tensor("blk.31.attn_norm.weight");
+  EXPECT_EQ(complaint(tiny),
+            "blk.32.attn_norm.weight: is of block 32, but this decoder computes blocks 0 to 31 "
+            "only; use the engine, or a model of 32 blocks");
+  tiny.tensors()["blk.32.nextn.eh_proj.weight"] = tiny.tensor("blk.31.attn_norm.weight");
+  EXPECT_EQ(complaint(tiny), "") << "that block predicts further tokens";
+}
+
 TEST(CheckWeights, WidthsThatAreNoWholeBlocksAskForWhatWideningReads) {
   zemtest::TinyModelOptions options;
   options.width = 256;

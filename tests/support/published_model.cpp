@@ -11,8 +11,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr uint64_t kLayers = 32;
-
 // How vocabularies of the supported architecture cut text.
 constexpr const char* kPattern =
     R"((?i:'s|'t|'re|'ve|'m|'ll|'d)|[^\r\n\p{L}\p{N}]?[\p{L}\p{M}]+|\p{N}| ?[^\s\p{L}\p{M}\p{N}]+[\r\n]*|\s*[\r\n]+|\s+(?!\S)|\s+)";
@@ -47,14 +45,17 @@ class ZeroCheckpoint {
     const uint64_t width = options_.width;
     add("embed_tokens.weight", {options_.vocabulary, width});
     add("norm.weight", {width});
-    for (uint64_t i = 0; i < kLayers; ++i) {
+    if (shape_.ownHead) {
+      tensors_["lm_head.weight"] = {options_.type, {options_.vocabulary, width}, {}};
+    }
+    for (uint32_t i = 0; i < shape_.layers; ++i) {
       prefix_ = "layers." + std::to_string(i) + ".";
       add("input_layernorm.weight", {width});
       add("post_attention_layernorm.weight", {width});
       add("mlp.gate_proj.weight", {options_.feedForward, width});
       add("mlp.up_proj.weight", {options_.feedForward, width});
       add("mlp.down_proj.weight", {width, options_.feedForward});
-      if (i % 4 == 3) {
+      if (shape_.isFull(i)) {
         addFull();
       } else {
         addLinear();
@@ -69,28 +70,34 @@ class ZeroCheckpoint {
 
   void addFull() {
     const uint64_t width = options_.width;
-    add("self_attn.q_proj.weight", {8192, width});
-    add("self_attn.k_proj.weight", {1024, width});
-    add("self_attn.v_proj.weight", {1024, width});
-    add("self_attn.o_proj.weight", {width, 4096});
-    add("self_attn.q_norm.weight", {256});
-    add("self_attn.k_norm.weight", {256});
+    const uint64_t rows = shape_.heads * shape_.headSize;
+    const uint64_t kvRows = shape_.kvHeads * shape_.headSize;
+    add("self_attn.q_proj.weight", {2 * rows, width});
+    add("self_attn.k_proj.weight", {kvRows, width});
+    add("self_attn.v_proj.weight", {kvRows, width});
+    add("self_attn.o_proj.weight", {width, rows});
+    add("self_attn.q_norm.weight", {shape_.headSize});
+    add("self_attn.k_norm.weight", {shape_.headSize});
   }
 
   void addLinear() {
     const uint64_t width = options_.width;
-    add("linear_attn.in_proj_qkv.weight", {8192, width});
-    add("linear_attn.in_proj_z.weight", {4096, width});
-    add("linear_attn.in_proj_b.weight", {32, width});
-    add("linear_attn.in_proj_a.weight", {32, width});
-    add("linear_attn.dt_bias", {32});
-    add("linear_attn.A_log", {32});
-    add("linear_attn.conv1d.weight", {8192, 1, 4});
-    add("linear_attn.norm.weight", {128});
-    add("linear_attn.out_proj.weight", {width, 4096});
+    const uint64_t heads = shape_.valueHeads;
+    const uint64_t values = heads * shape_.stateSize;
+    const uint64_t channels = 2 * shape_.keyHeads * shape_.stateSize + values;
+    add("linear_attn.in_proj_qkv.weight", {channels, width});
+    add("linear_attn.in_proj_z.weight", {values, width});
+    add("linear_attn.in_proj_b.weight", {heads, width});
+    add("linear_attn.in_proj_a.weight", {heads, width});
+    add("linear_attn.dt_bias", {heads});
+    add("linear_attn.A_log", {heads});
+    add("linear_attn.conv1d.weight", {channels, 1, 4});
+    add("linear_attn.norm.weight", {shape_.stateSize});
+    add("linear_attn.out_proj.weight", {width, values});
   }
 
   const CheckpointOptions& options_;
+  const kiv::Architecture& shape_ = options_.shape;
   PublishedTensors& tensors_;
   std::string prefix_;
 };
@@ -146,7 +153,7 @@ void writeSafetensors(const std::string& path, const PublishedTensors& tensors) 
 
 CheckpointBuilder::CheckpointBuilder(const CheckpointOptions& options)
     : prefix_(options.prefix),
-      config_(wrappedConfig(options.width, options.feedForward, options.vocabulary)),
+      config_(wrappedConfig(options)),
       tokenizer_(byteLevelTokenizer()),
       tokenizerConfig_({{"chat_template", "chatml"}, {"bos_token", nullptr}}) {
   ZeroCheckpoint(options, tensors_).fill();
@@ -171,29 +178,30 @@ void CheckpointBuilder::write(const std::string& folder, size_t shards) const {
   if (shards > 1) writeText(folder + "/model.safetensors.index.json", {{"weight_map", map}});
 }
 
-json wrappedConfig(uint64_t width, uint64_t feedForward, uint64_t vocabulary) {
+json wrappedConfig(const CheckpointOptions& options) {
+  const kiv::Architecture& shape = options.shape;
   json layers = json::array();
-  for (uint64_t i = 0; i < kLayers; ++i) {
-    layers.push_back(i % 4 == 3 ? "full_attention" : "linear_attention");
+  for (uint32_t i = 0; i < shape.layers; ++i) {
+    layers.push_back(shape.isFull(i) ? "full_attention" : "linear_attention");
   }
   return {{"architectures", {"Qwen3_5ForConditionalGeneration"}},
           {"model_type", "qwen3_5"},
-          {"tie_word_embeddings", true},
+          {"tie_word_embeddings", !shape.ownHead},
           {"text_config",
            {{"model_type", "qwen3_5_text"},
-            {"hidden_size", width},
-            {"intermediate_size", feedForward},
-            {"vocab_size", vocabulary},
-            {"num_hidden_layers", 32},
-            {"num_attention_heads", 16},
-            {"num_key_value_heads", 4},
-            {"head_dim", 256},
-            {"linear_num_key_heads", 16},
-            {"linear_num_value_heads", 32},
-            {"linear_key_head_dim", 128},
-            {"linear_value_head_dim", 128},
+            {"hidden_size", options.width},
+            {"intermediate_size", options.feedForward},
+            {"vocab_size", options.vocabulary},
+            {"num_hidden_layers", shape.layers},
+            {"num_attention_heads", shape.heads},
+            {"num_key_value_heads", shape.kvHeads},
+            {"head_dim", shape.headSize},
+            {"linear_num_key_heads", shape.keyHeads},
+            {"linear_num_value_heads", shape.valueHeads},
+            {"linear_key_head_dim", shape.stateSize},
+            {"linear_value_head_dim", shape.stateSize},
             {"linear_conv_kernel_dim", 4},
-            {"full_attention_interval", 4},
+            {"full_attention_interval", shape.fullEvery},
             {"layer_types", layers},
             {"hidden_act", "silu"},
             {"attn_output_gate", true},
@@ -202,7 +210,8 @@ json wrappedConfig(uint64_t width, uint64_t feedForward, uint64_t vocabulary) {
             {"rope_parameters",
              {{"rope_type", "default"},
               {"rope_theta", 10000000},
-              {"partial_rotary_factor", 0.25},
+              {"partial_rotary_factor",
+               static_cast<double>(shape.rotarySize) / static_cast<double>(shape.headSize)},
               {"mrope_section", {11, 11, 10}}}}}},
           {"vision_config", {{"depth", 24}}}};
 }
@@ -361,30 +370,30 @@ Bytes GgufBuilder::build() const {
   return out;
 }
 
-GgufBuilder supportedGguf(uint64_t width, uint64_t feedForward) {
+GgufBuilder supportedGguf(uint64_t width, uint64_t feedForward, const kiv::Architecture& shape) {
   GgufBuilder builder;
   builder.addText("general.architecture", "qwen35").addText("general.name", "small");
   const auto u32 = [&](const std::string& key, uint64_t value) {
     builder.addU32("qwen35." + key, static_cast<uint32_t>(value));
   };
-  u32("block_count", 32);
+  u32("block_count", shape.layers);
   u32("context_length", 262144);
   u32("embedding_length", width);
   u32("feed_forward_length", feedForward);
-  u32("attention.head_count", 16);
-  u32("attention.head_count_kv", 4);
-  u32("attention.key_length", 256);
-  u32("attention.value_length", 256);
-  u32("rope.dimension_count", 64);
+  u32("attention.head_count", shape.heads);
+  u32("attention.head_count_kv", shape.kvHeads);
+  u32("attention.key_length", shape.headSize);
+  u32("attention.value_length", shape.headSize);
+  u32("rope.dimension_count", shape.rotarySize);
   builder.addI32s("qwen35.rope.dimension_sections", {11, 11, 10, 0});
   builder.addF32("qwen35.rope.freq_base", 1e7F);
   builder.addF32("qwen35.attention.layer_norm_rms_epsilon", 1e-6F);
   u32("ssm.conv_kernel", 4);
-  u32("ssm.state_size", 128);
-  u32("ssm.group_count", 16);
-  u32("ssm.time_step_rank", 32);
-  u32("ssm.inner_size", 4096);
-  u32("full_attention_interval", 4);
+  u32("ssm.state_size", shape.stateSize);
+  u32("ssm.group_count", shape.keyHeads);
+  u32("ssm.time_step_rank", shape.valueHeads);
+  u32("ssm.inner_size", shape.valueRows());
+  u32("full_attention_interval", shape.fullEvery);
 
   const json tokenizer = byteLevelTokenizer();
   std::vector<std::string> tokens(274);

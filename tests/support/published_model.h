@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kiv/model/architecture.h"
 #include "support/container_builder.h"
 
 namespace zemtest {
@@ -42,6 +43,8 @@ struct CheckpointOptions {
   uint64_t vocabulary = 300;
   std::string type = "F32";
   std::string prefix = "model.language_model.";
+  // The other sizes; its widths and vocabulary do not count.
+  kiv::Architecture shape = {};
 };
 
 // The files of a checkpoint's folder; change what a test wants changed, then write.
@@ -73,7 +76,7 @@ class CheckpointBuilder {
 };
 
 // config.json of the supported architecture, values under "text_config".
-nlohmann::json wrappedConfig(uint64_t width, uint64_t feedForward, uint64_t vocabulary);
+nlohmann::json wrappedConfig(const CheckpointOptions& options);
 
 // A byte-level tokenizer.json: the 256 bytes as ids 0 to 255, some merges, and
 // "<|endoftext|>", "<|im_start|>", "<|im_end|>" and "<think>" from 270 on.
@@ -139,6 +142,7 @@ class GgufBuilder {
 };
 
 // Metadata and tokenizer of the supported architecture; no tensors.
-GgufBuilder supportedGguf(uint64_t width, uint64_t feedForward);
+GgufBuilder supportedGguf(uint64_t width, uint64_t feedForward,
+                          const kiv::Architecture& shape = {});
 
 }  // namespace zemtest

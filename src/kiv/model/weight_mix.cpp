@@ -20,8 +20,8 @@ DType matrixType(WeightMix mix, TensorRole role) {
   const DType base = baseType(mix);
   if (base == DType::F32 || base == DType::BF16) return base;
   if (role == TensorRole::Alpha || role == TensorRole::Beta) return DType::Q8_0;
-  const bool sensitive = role == TensorRole::Embedding || role == TensorRole::Value ||
-                         role == TensorRole::FeedForwardDown;
+  const bool sensitive = role == TensorRole::Embedding || role == TensorRole::OutputHead ||
+                         role == TensorRole::Value || role == TensorRole::FeedForwardDown;
   return isMixed(mix) && sensitive ? DType::Q6_K : base;
 }
 

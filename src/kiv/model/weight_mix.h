@@ -11,9 +11,9 @@
 
 namespace kiv {
 
-/// The type of the matrices. The mixes, whose names end in M, store the embedding, attn_v
-/// and ffn_down as Q6_K and the rest as Q4_K or Q5_K. Vectors and the convolution are F32
-/// always.
+/// The type of the matrices. The mixes, whose names end in M, store the embedding, an
+/// output head of its own, attn_v and ffn_down as Q6_K and the rest as Q4_K or Q5_K. Vectors
+/// and the convolution are F32 always.
 enum class WeightMix : uint8_t { F32, BF16, Q8_0, Q4_K, Q5_K, Q6_K, Q4_K_M, Q5_K_M };
 
 /// All of them.

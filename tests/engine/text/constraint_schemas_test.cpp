@@ -17,13 +17,13 @@ namespace {
 
 const size_t kSchemas = zemtest::thorough() ? 300 : 60;
 
-struct SchemaCase {
+struct CompiledCase {
   Json schema;
   std::shared_ptr<const Constraint> constraint;
 };
 
-SchemaCase nextCase(test::RandomSchemas& random, size_t depth = 64) {
-  SchemaCase made{random.schema(), nullptr};
+CompiledCase nextCase(test::RandomSchemas& random, size_t depth = 64) {
+  CompiledCase made{random.schema(), nullptr};
   ConstraintLimits limits;
   limits.depth = depth;
   const kiv::Status status = Constraint::compile(made.schema, limits, made.constraint);
@@ -31,7 +31,7 @@ SchemaCase nextCase(test::RandomSchemas& random, size_t depth = 64) {
   return made;
 }
 
-bool takes(const SchemaCase& made, std::string_view text) {
+bool takes(const CompiledCase& made, std::string_view text) {
   ConstraintState state = Constraint::begin(made.constraint);
   return state.advance(text) && state.complete();
 }
@@ -40,7 +40,7 @@ TEST(ConstraintSchemas, WhateverIsProducedSatisfiesTheSchema) {
   test::RandomSchemas random(1);
   size_t endless = 0;
   for (size_t i = 0; i < kSchemas; ++i) {
-    const SchemaCase made = nextCase(random, 8);
+    const CompiledCase made = nextCase(random, 8);
     ASSERT_NE(made.constraint, nullptr);
     for (int round = 0; round < 3; ++round) {
       const std::string reply = random.reply(made.constraint, made.schema);
@@ -59,7 +59,7 @@ TEST(ConstraintSchemas, WhateverIsProducedSatisfiesTheSchema) {
 TEST(ConstraintSchemas, DocumentsOfTheSchemaAreTaken) {
   test::RandomSchemas random(2);
   for (size_t i = 0; i < kSchemas; ++i) {
-    const SchemaCase made = nextCase(random);
+    const CompiledCase made = nextCase(random);
     ASSERT_NE(made.constraint, nullptr);
     for (int round = 0; round < 10; ++round) {
       const Json document = random.document(made.schema);
@@ -75,7 +75,7 @@ TEST(ConstraintSchemas, OfOtherDocumentsThoseThatSatisfyTheSchemaAreTaken) {
   size_t taken = 0;
   size_t refused = 0;
   for (size_t i = 0; i < kSchemas; ++i) {
-    const SchemaCase made = nextCase(random);
+    const CompiledCase made = nextCase(random);
     ASSERT_NE(made.constraint, nullptr);
     for (int round = 0; round < 20; ++round) {
       const Json document = random.damaged(random.document(made.schema));

@@ -121,7 +121,7 @@ TEST_F(ConvertCliTest, WhatIsWrongWithTheModelIsOneLine) {
   checkpoint.config()["text_config"]["num_hidden_layers"] = 36;
   writeCheckpoint(checkpoint);
   expectFailure(convert({"-o", out_}),
-                in_ + "/config.json: text_config.num_hidden_layers is 36, needs 32");
+                in_ + "/config.json: text_config.layer_types is a list, needs a list of 36");
   EXPECT_THAT(folder_.names(), ElementsAre("in"));
 }
 

@@ -34,6 +34,17 @@ TEST(Info, ShowsEveryPartOfAContainer) {
   EXPECT_THAT(result.out, Not(HasSubstr("blk.0.w")));
 }
 
+TEST(Info, NamesAnOutputHeadOfItsOwn) {
+  const TempFolder folder;
+  ContainerBuilder own;
+  own.addTensor("token_embd.weight", kiv::DType::F32, {4, 7}, Bytes(4 * 7 * 4));
+  own.addTensor("output.weight", kiv::DType::F32, {4, 7}, Bytes(4 * 7 * 4));
+  EXPECT_THAT(zem({"info", folder.write("own.zem", own.build())}).out,
+              HasSubstr("  output head  its own, output.weight\n"));
+  EXPECT_THAT(zem({"info", folder.write("m.zem", smallContainer().build())}).out,
+              Not(HasSubstr("output head")));
+}
+
 TEST(Info, SharedBytesCountOnceAsWeights) {
   const TempFolder folder;
   EXPECT_THAT(zem({"info", folder.write("m.zem", smallContainer().build())}).out,

@@ -101,11 +101,11 @@ TEST(Run, SpinningIsLimitedBeforeThePluginIsLoaded) {
 }
 
 TEST(Run, JsonHoldsTextAndTimings) {
-  const auto json = nlohmann::json::parse(answer({"-p", "hello", "--json"}));
-  EXPECT_EQ(json["text"], "<hello>");
-  EXPECT_EQ(json["tokens"], 96);
-  EXPECT_EQ(json["generation_ms"], 192.0);
-  EXPECT_EQ(json["tokens_per_second"], 500.0);
+  const auto printed = nlohmann::json::parse(answer({"-p", "hello", "--json"}));
+  EXPECT_EQ(printed["text"], "<hello>");
+  EXPECT_EQ(printed["tokens"], 96);
+  EXPECT_EQ(printed["generation_ms"], 192.0);
+  EXPECT_EQ(printed["tokens_per_second"], 500.0);
   EXPECT_EQ(nlohmann::json::parse(answer({"-p", "bytes", "--json"}))["text"],
             "a\x1b[31m\xEF\xBF\xBD(\xEF\xBF\xBD");
 }

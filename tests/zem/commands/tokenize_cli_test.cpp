@@ -41,10 +41,10 @@ TEST_F(Tokenize, PrintsIdsOnOneLine) {
 }
 
 TEST_F(Tokenize, PrintsJson) {
-  const auto json = nlohmann::json::parse(run({"-p", "ab", "--json"}).out);
-  EXPECT_EQ(json["count"], 2);
-  EXPECT_EQ(json["tokens"][1]["id"], 3);
-  EXPECT_EQ(json["tokens"][1]["piece"], "ab");
+  const auto printed = nlohmann::json::parse(run({"-p", "ab", "--json"}).out);
+  EXPECT_EQ(printed["count"], 2);
+  EXPECT_EQ(printed["tokens"][1]["id"], 3);
+  EXPECT_EQ(printed["tokens"][1]["piece"], "ab");
 }
 
 TEST_F(Tokenize, ReadsFilesAndPipes) {
@@ -165,13 +165,13 @@ TEST_F(ExactTokenize, BytesThatAreNoTextAreSpelledOut) {
   const ProcessResult result = run({"-p", "\xE6\x97\n"});
   EXPECT_EQ(result.out, "  239  \\xef\n  191  \\xbf\n  189  \\xbd\n   10  \\n\n");
   EXPECT_THAT(result.err, HasSubstr("warning: the text is not UTF-8"));
-  const auto json = nlohmann::json::parse(run({"--json", "-p",
-                                               "\xC3\xAF"
-                                               "a"})
-                                              .out);
-  EXPECT_EQ(json["tokens"][1],
+  const auto printed = nlohmann::json::parse(run({"--json", "-p",
+                                                  "\xC3\xAF"
+                                                  "a"})
+                                                 .out);
+  EXPECT_EQ(printed["tokens"][1],
             nlohmann::json({{"id", 0xAF}, {"piece", "\xEF\xBF\xBD"}, {"bytes", {0xAF}}}));
-  EXPECT_EQ(json["tokens"][2], nlohmann::json({{"id", 97}, {"piece", "a"}}));
+  EXPECT_EQ(printed["tokens"][2], nlohmann::json({{"id", 97}, {"piece", "a"}}));
 }
 
 TEST_F(ExactTokenize, WarnsOfATextInAnotherNormalForm) {

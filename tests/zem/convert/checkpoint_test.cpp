@@ -157,8 +157,8 @@ TEST_F(CheckpointTest, AHeadThatRepeatsTheEmbeddingIsLeftOut) {
   fs::remove(folder_.path("out.zem"));
   EXPECT_EQ(
       refusal(checkpoint),
-      "tensor 'lm_head.weight' differs from 'model.language_model.embed_tokens.weight'; needs "
-      "an output head that is tied to the embedding");
+      "tensor 'lm_head.weight' differs from 'model.language_model.embed_tokens.weight', but " +
+          in("config.json") + ": tie_word_embeddings is true");
 }
 
 TEST_F(CheckpointTest, HalfPrecisionSourcesAreWidened) {
@@ -323,23 +323,41 @@ const ConfigCase kConfigCases[] = {
     {"ExpertCount", [](auto&, auto& text) { text["num_experts"] = 256; },
      "text_config.num_experts is 256, needs 0"},
     {"Layers", [](auto&, auto& text) { text["num_hidden_layers"] = 24; },
-     "text_config.num_hidden_layers is 24, needs 32"},
+     "text_config.layer_types is a list, needs a list of 24"},
+    {"LayersOfTheTensors",
+     [](auto&, auto& text) {
+       text["num_hidden_layers"] = 24;
+       text.erase("layer_types");
+     },
+     "text_config.num_hidden_layers is 24, the tensors have 32"},
+    {"NoLayers",
+     [](auto&, auto& text) {
+       text["num_hidden_layers"] = 0;
+       text.erase("layer_types");
+     },
+     "text_config.num_hidden_layers is 0, the tensors have 32"},
     {"Heads", [](auto&, auto& text) { text["num_attention_heads"] = 8; },
-     "text_config.num_attention_heads is 8, needs 16"},
+     "text_config.num_attention_heads is 8, the tensors have 16"},
     {"KvHeads", [](auto&, auto& text) { text["num_key_value_heads"] = 2; },
-     "text_config.num_key_value_heads is 2, needs 4"},
+     "text_config.num_key_value_heads is 2, the tensors have 4"},
     {"HeadSize", [](auto&, auto& text) { text["head_dim"] = 128; },
-     "text_config.head_dim is 128, needs 256"},
+     "text_config.head_dim is 128, the tensors have 256"},
     {"ValueHeads", [](auto&, auto& text) { text["linear_num_value_heads"] = 48; },
-     "text_config.linear_num_value_heads is 48, needs 32"},
+     "text_config.linear_num_value_heads is 48, the tensors have 32"},
     {"KeyHeads", [](auto&, auto& text) { text["linear_num_key_heads"] = "16"; },
-     "text_config.linear_num_key_heads is \"16\", needs 16"},
+     "text_config.linear_num_key_heads is \"16\", needs a whole number"},
     {"Taps", [](auto&, auto& text) { text["linear_conv_kernel_dim"] = 3; },
      "text_config.linear_conv_kernel_dim is 3, needs 4"},
     {"Interval", [](auto&, auto& text) { text["full_attention_interval"] = 2; },
-     "text_config.full_attention_interval is 2, needs 4"},
+     "text_config.layer_types[1] is \"linear_attention\", needs \"full_attention\" by an interval "
+     "of 2"},
+    {"NoInterval", [](auto&, auto& text) { text["full_attention_interval"] = 0; },
+     "text_config.full_attention_interval is 0, needs 1 or more"},
+    {"ValueSize", [](auto&, auto& text) { text["linear_value_head_dim"] = 64; },
+     "text_config.linear_value_head_dim is 64, needs 128, as text_config.linear_key_head_dim is"},
     {"LayerTypes", [](auto&, auto& text) { text["layer_types"][3] = "linear_attention"; },
-     "text_config.layer_types[3] is \"linear_attention\", needs \"full_attention\""},
+     "text_config.layer_types[3] is \"linear_attention\", needs \"full_attention\" by an interval "
+     "of 4"},
     {"FewLayerTypes", [](auto&, auto& text) { text["layer_types"] = {"full_attention"}; },
      "text_config.layer_types is a list, needs a list of 32"},
     {"Activation", [](auto&, auto& text) { text["hidden_act"] = "gelu"; },
@@ -348,31 +366,42 @@ const ConfigCase kConfigCases[] = {
      "text_config.rms_norm_eps is 1e-05, needs 1e-06"},
     {"RotaryBase", [](auto&, auto& text) { text["rope_parameters"]["rope_theta"] = 1e6; },
      "text_config.rope_parameters.rope_theta is 1000000.0, needs 10000000.0"},
-    {"RotaryPart", [](auto&, auto& text) { text["partial_rotary_factor"] = 0.5; },
-     "text_config.partial_rotary_factor is 0.5, needs 0.25"},
+    {"RotaryParts", [](auto&, auto& text) { text["partial_rotary_factor"] = 0.5; },
+     "text_config.partial_rotary_factor is 0.5, needs 0.25, as "
+     "text_config.rope_parameters.partial_rotary_factor is"},
+    {"RotaryPart",
+     [](auto&, auto& text) { text["rope_parameters"]["partial_rotary_factor"] = 0.3; },
+     "text_config.rope_parameters.partial_rotary_factor is 0.3, needs a part of 256 that is an "
+     "even number from 2 to 256"},
+    {"HugeRotaryPart",
+     [](auto&, auto& text) { text["rope_parameters"]["partial_rotary_factor"] = 1e300; },
+     "text_config.rope_parameters.partial_rotary_factor is 1e+300, needs a part of 256 that is an "
+     "even number from 2 to 256"},
     {"RotaryType", [](auto&, auto& text) { text["rope_parameters"]["rope_type"] = "yarn"; },
      "text_config.rope_parameters.rope_type is \"yarn\", needs \"default\""},
     {"NoGate", [](auto&, auto& text) { text["attn_output_gate"] = false; },
      "text_config.attn_output_gate is false, needs true"},
     {"Untied", [](auto& root, auto&) { root["tie_word_embeddings"] = false; },
-     "tie_word_embeddings is false, needs true: the embedding is the output head too"},
+     "tie_word_embeddings is false, but the tensor 'lm_head.weight' is missing"},
+    {"TiedByWord", [](auto& root, auto&) { root["tie_word_embeddings"] = "no"; },
+     "tie_word_embeddings is \"no\", needs true or false"},
     {"UntiedInside",
      [](auto& root, auto& text) {
        root.erase("tie_word_embeddings");
        text["tie_word_embeddings"] = false;
      },
-     "text_config.tie_word_embeddings is false, needs true: the embedding is the output head too"},
+     "text_config.tie_word_embeddings is false, but the tensor 'lm_head.weight' is missing"},
     {"Packed",
      [](auto& root, auto&) {
        root["quantization_config"] = {{"quant_method", "fp8"}};
      },
      "has quantization_config (\"fp8\"), needs weights that are F32, BF16 or F16"},
     {"Width", [](auto&, auto& text) { text["hidden_size"] = 16; },
-     "hidden_size is 16, the tensors have 8"},
+     "text_config.hidden_size is 16, the tensors have 8"},
     {"FeedForward", [](auto&, auto& text) { text["intermediate_size"] = 16; },
-     "intermediate_size is 16, the tensors have 12"},
+     "text_config.intermediate_size is 16, the tensors have 12"},
     {"Vocabulary", [](auto&, auto& text) { text["vocab_size"] = 301; },
-     "vocab_size is 301, the tensors have 300"},
+     "text_config.vocab_size is 301, the tensors have 300"},
     {"WidthOfText", [](auto&, auto& text) { text["hidden_size"] = "8"; },
      "text_config.hidden_size is \"8\", needs a whole number"},
 };

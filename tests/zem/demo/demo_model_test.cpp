@@ -243,6 +243,71 @@ TEST(DemoModelTest, FourBillionPlanHasItsShapesInEveryLayer) {
   }
 }
 
+struct SizeCase {
+  DemoSize size;
+  uint32_t layers;
+  uint64_t width;
+  uint64_t feedForward;
+  uint64_t heads;
+  uint64_t kvHeads;
+  uint64_t valueHeads;
+  bool ownHead;
+  uint64_t weights;  // millions, rounded down
+};
+
+constexpr SizeCase kPublishedSizes[] = {
+    {DemoSize::Full08B, 24, 1024, 3584, 8, 2, 16, false, 752},
+    {DemoSize::Full2B, 24, 2048, 6144, 8, 2, 16, false, 1881},
+    {DemoSize::Full4B, 32, 2560, 9216, 16, 4, 32, false, 4205},
+    {DemoSize::Full9B, 32, 4096, 12288, 16, 4, 32, true, 8953},
+};
+
+TEST(DemoModelTest, PublishedSizesHaveTheirShapes) {
+  for (const SizeCase& c : kPublishedSizes) {
+    SCOPED_TRACE(demoSizeName(c.size));
+    const DemoModel model = planDemoModel(c.size, WeightMix::Q4_K_M, 1);
+    const kiv::Architecture& a = model.architecture;
+    EXPECT_EQ(a.layers, c.layers);
+    EXPECT_EQ(a.vocabulary, 248320U);
+    EXPECT_EQ(a.ownHead, c.ownHead);
+    EXPECT_THAT(tensorOf(model, "blk.0.ffn_up.weight").shape, ElementsAre(c.width, c.feedForward));
+    EXPECT_THAT(tensorOf(model, "blk.3.attn_q.weight").shape,
+                ElementsAre(c.width, 2 * c.heads * 256));
+    EXPECT_THAT(tensorOf(model, "blk.3.attn_k.weight").shape,
+                ElementsAre(c.width, c.kvHeads * 256));
+    EXPECT_THAT(tensorOf(model, "blk.0.attn_qkv.weight").shape,
+                ElementsAre(c.width, (2 * 16 + c.valueHeads) * 128));
+    uint64_t weights = 0;
+    size_t heads = 0;
+    for (const DemoTensor& tensor : model.tensors) {
+      weights += tensor.rows() * tensor.cols();
+      heads += tensor.name == "output.weight" ? 1 : 0;
+    }
+    EXPECT_EQ(heads, c.ownHead ? 1U : 0U);
+    EXPECT_EQ(weights / 1000000, c.weights);
+  }
+}
+
+TEST(DemoModelTest, AnOwnHeadIsLoudAndTheEmbeddingIsNot) {
+  const DemoModel model = planDemoModel(DemoSize::Full9B, WeightMix::Q4_K_M, 1);
+  EXPECT_EQ(tensorOf(model, "output.weight").type, DType::Q6_K);
+  EXPECT_EQ(tensorOf(model, "token_embd.weight").type, DType::Q6_K);
+  const auto quiet = std::min_element(model.loudness.begin(), model.loudness.end());
+  ASSERT_LT(*quiet, 0.9F);
+  const auto row = static_cast<uint64_t>(quiet - model.loudness.begin());
+  const auto largest = [&](const char* name) {
+    std::vector<uint8_t> bytes;
+    DemoTensor tensor = tensorOf(model, name);
+    tensor.type = DType::F32;
+    encodeDemoRows(model, tensor, row, 1, bytes);
+    std::vector<float> values(bytes.size() / sizeof(float));
+    std::memcpy(values.data(), bytes.data(), bytes.size());
+    return *std::max_element(values.begin(), values.end()) / tensor.spread;
+  };
+  EXPECT_NEAR(largest("token_embd.weight"), 1.0F, 0.01F);
+  EXPECT_NEAR(largest("output.weight"), *quiet, 0.01F);
+}
+
 TEST(DemoModelTest, FourBillionPlanHasItsSize) {
   const DemoModel model = planDemoModel(DemoSize::Full4B, WeightMix::Q4_K_M, 1);
   const zemtest::TempFile file;

@@ -227,8 +227,8 @@ void addConvert(Command& program, int& status) {
       "of Q4_K, Q5_K, Q6_K, Q8_0, BF16 and F32 are copied as they are; --type is for the others.\n"
       "\n"
       "Types: f32, bf16, q8_0, q4_k, q5_k, q6_k, and the mixes q4_k_m and q5_k_m, which store the\n"
-      "embedding, attn_v and ffn_down as q6_k. ssm_alpha and ssm_beta are q8_0 or better. Vectors\n"
-      "and the convolution are f32.\n"
+      "embedding, an output head, attn_v and ffn_down as q6_k. ssm_alpha and ssm_beta are q8_0 or\n"
+      "better. Vectors and the convolution are f32.\n"
       "\n"
       "Example:\n  zem convert ~/models/Qwen3.5-4B -o qwen.zem\n  zem chat -m qwen.zem");
   command.action([options, &status] { status = guarded([&] { convert(*options); }); });

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // zem info: what a container file holds, whether or not a runtime would open it.
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <limits>
@@ -14,6 +15,7 @@
 #include "engine/text/chat_format.h"
 #include "host/model_file.h"
 #include "host/text_source.h"
+#include "kiv/model/architecture.h"
 #include "kiv/tokenizer.h"
 #include "kiv/zem2_reader.h"
 
@@ -264,19 +266,32 @@ void printBlock(const std::string& title, const Rows& rows, const std::vector<si
   writeOut("\n" + title + "\n" + formatTable(rows, right));
 }
 
-void printHeader(const kiv::ZEM2Reader& reader, const std::string& path) {
+// Not a second name of the embedding.
+bool hasOwnHead(const std::vector<TensorFacts>& tensors) {
+  const auto named = [&](const std::string& name) {
+    return std::find_if(tensors.begin(), tensors.end(),
+                        [&](const TensorFacts& tensor) { return tensor.name == name; });
+  };
+  const auto head = named(kiv::tensorName(kiv::TensorRole::OutputHead));
+  const auto embedding = named(kiv::tensorName(kiv::TensorRole::Embedding));
+  if (head == tensors.end()) return false;
+  return embedding == tensors.end() || embedding->offset != head->offset;
+}
+
+void printHeader(const kiv::ZEM2Reader& reader, const std::string& path,
+                 const std::vector<TensorFacts>& tensors) {
   const kiv::zem2::Header& header = reader.header();
   std::error_code error;
-  writeOut(escapeControls(path) + "\n" +
-           formatTable(
-               {{"format", "container version " + std::to_string(header.version)},
-                {"file size", formatBytes(std::filesystem::file_size(compat::pathOf(path), error))},
-                {"model type", std::to_string(header.modelType)},
-                {"hidden size", std::to_string(header.hiddenSize)},
-                {"layers", std::to_string(header.layerCount)},
-                {"vocabulary", std::to_string(header.vocabSize)},
-                {"tensors", std::to_string(header.tensorCount)},
-                {"weights", std::to_string(weightTotals(reader).elements)}}));
+  Rows rows = {{"format", "container version " + std::to_string(header.version)},
+               {"file size", formatBytes(std::filesystem::file_size(compat::pathOf(path), error))},
+               {"model type", std::to_string(header.modelType)},
+               {"hidden size", std::to_string(header.hiddenSize)},
+               {"layers", std::to_string(header.layerCount)},
+               {"vocabulary", std::to_string(header.vocabSize)},
+               {"tensors", std::to_string(header.tensorCount)},
+               {"weights", std::to_string(weightTotals(reader).elements)}};
+  if (hasOwnHead(tensors)) rows.push_back({"output head", "its own, output.weight"});
+  writeOut(escapeControls(path) + "\n" + formatTable(rows));
 }
 
 void printSections(const kiv::ZEM2Reader& reader) {
@@ -358,7 +373,7 @@ void info(const InfoOptions& options) {
   if (options.json) {
     printInfoJson(reader, options);
   } else {
-    printHeader(reader, options.file);
+    printHeader(reader, options.file, tensors);
     printSections(reader);
     printMeta(reader);
     printTokenizer(reader);

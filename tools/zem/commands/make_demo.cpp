@@ -117,7 +117,7 @@ void addMakeDemo(Command& program, int& status) {
   command.option("output,-o,--output", options->output, "The file to write")
       .valueName("FILE")
       .required();
-  command.option("--size", options->size, "tiny or 4b")
+  command.option("--size", options->size, "tiny, 0.8b, 2b, 4b or 9b")
       .valueName("SIZE")
       .oneOf(namesOf(kDemoSizes, demoSizeName))
       .showDefault();
@@ -131,11 +131,13 @@ void addMakeDemo(Command& program, int& status) {
       "is a stream of words. The same seed gives the same file on every machine.\n"
       "\n"
       "  tiny   width 256, about 15 MB; layers of a kind share their weights. Default type q4_k.\n"
-      "  4b     width 2560 and 248320 tokens, the shapes of a real model of four billion weights,\n"
-      "         for benchmarks; 2.7 GB in its default type q4_k_m.\n"
+      "  0.8b, 2b, 4b, 9b\n"
+      "         248320 tokens and the shapes of the real models of as many billion weights, for\n"
+      "         benchmarks; 0.5, 1.3, 2.7 and 6.0 GB in their default type q4_k_m. 9b has an\n"
+      "         output head of its own.\n"
       "\n"
-      "Types: f32, bf16, q8_0, q4_k, q5_k, q6_k, and the mix q4_k_m (q6_k for the embedding,\n"
-      "attn_v and ffn_down, q8_0 for ssm_alpha and ssm_beta, q4_k for the rest).\n"
+      "Types: f32, bf16, q8_0, q4_k, q5_k, q6_k, and the mix q4_k_m (q6_k for the embedding, the\n"
+      "output head, attn_v and ffn_down, q8_0 for ssm_alpha and ssm_beta, q4_k for the rest).\n"
       "\n"
       "The vocabulary gives back the characters of the Basic Multilingual Plane and emoji\n"
       "unchanged; controls other than tab and line ends, and rarer planes, are dropped.\n"

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "convert/checkpoint_config.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -33,25 +34,17 @@ class ConfigReader {
 
   CheckpointConfig read() {
     checkModelType();
-    checkWhole("num_hidden_layers", needed_.layers);
-    checkWhole("num_attention_heads", needed_.heads);
-    checkWhole("num_key_value_heads", needed_.kvHeads);
-    checkWhole("head_dim", needed_.headSize);
-    checkWhole("linear_num_key_heads", needed_.keyHeads);
-    checkWhole("linear_num_value_heads", needed_.valueHeads);
-    checkWhole("linear_key_head_dim", needed_.stateSize);
-    checkWhole("linear_value_head_dim", needed_.stateSize);
     checkWhole("linear_conv_kernel_dim", needed_.taps);
-    checkWhole("full_attention_interval", needed_.fullEvery);
     checkWhole("num_experts", 0);
-    checkLayerTypes();
     checkText("hidden_act", "silu");
     checkNumber(text_, prefix_, "rms_norm_eps", needed_.normEpsilon);
     checkRotary();
     checkTrue("attn_output_gate");
-    checkTied();
     checkUnpacked();
-    return facts();
+    readSizes();
+    readTied();
+    readFacts();
+    return std::move(config_);
   }
 
  private:
@@ -106,24 +99,8 @@ class ConfigReader {
     fail(key, *value, shown(needed), prefix);
   }
 
-  // Given as a list of names, or by the interval alone.
-  void checkLayerTypes() const {
-    const json* types = member(text_, "layer_types");
-    if (types == nullptr) return;
-    if (!types->is_array() || types->size() != needed_.layers) {
-      fail("layer_types", *types, "a list of " + std::to_string(needed_.layers));
-    }
-    for (uint32_t i = 0; i < needed_.layers; ++i) {
-      const char* needed = needed_.isFull(i) ? "full_attention" : "linear_attention";
-      if ((*types)[i] != needed) {
-        fail("layer_types[" + std::to_string(i) + "]", (*types)[i],
-             "\"" + std::string(needed) + "\"");
-      }
-    }
-  }
-
   // In a block of their own, under its older name, or among the other values.
-  void checkRotary() const {
+  void checkRotary() {
     for (const char* name : {"rope_parameters", "rope_scaling"}) {
       if (const json* block = member(text_, name)) {
         checkRotaryValues(*block, prefix_ + name + ".");
@@ -138,19 +115,92 @@ class ConfigReader {
     checkRotaryValues(text_, prefix_);
   }
 
-  void checkRotaryValues(const json& object, const std::string& prefix) const {
+  void checkRotaryValues(const json& object, const std::string& prefix) {
     checkNumber(object, prefix, "rope_theta", needed_.rotaryBase);
-    checkNumber(object, prefix, "partial_rotary_factor",
-                static_cast<double>(needed_.rotarySize) / static_cast<double>(needed_.headSize));
+    readRotaryPart(object, prefix);
   }
 
-  void checkTied() const {
+  void readRotaryPart(const json& object, const std::string& prefix) {
+    const json* part = member(object, "partial_rotary_factor");
+    if (part == nullptr) return;
+    StatedSizes& sizes = config_.sizes;
+    if (!part->is_number()) fail("partial_rotary_factor", *part, "a number", prefix);
+    if (sizes.rotaryPart && *sizes.rotaryPart != part->get<double>()) {
+      fail("partial_rotary_factor", *part,
+           shown(*sizes.rotaryPart) + ", as " + sizes.key(Size::RotarySize) + " is", prefix);
+    }
+    sizes.rotaryPart = part->get<double>();
+    sizes.key(Size::RotarySize) = prefix + "partial_rotary_factor";
+  }
+
+  void readSizes() {
+    const auto read = [&](Size size, const char* key) {
+      config_.sizes.key(size) = prefix_ + key;
+      config_.sizes.value(size) = whole(key);
+    };
+    config_.sizes.path = path_;
+    read(Size::Width, "hidden_size");
+    read(Size::FeedForward, "intermediate_size");
+    read(Size::Vocabulary, "vocab_size");
+    read(Size::Layers, "num_hidden_layers");
+    read(Size::FullEvery, "full_attention_interval");
+    read(Size::Heads, "num_attention_heads");
+    read(Size::KvHeads, "num_key_value_heads");
+    read(Size::HeadSize, "head_dim");
+    read(Size::KeyHeads, "linear_num_key_heads");
+    read(Size::ValueHeads, "linear_num_value_heads");
+    read(Size::StateSize, "linear_key_head_dim");
+    readValueSize();
+    readLayerTypes();
+  }
+
+  void readValueSize() {
+    const std::optional<uint64_t> size = whole("linear_value_head_dim");
+    std::optional<uint64_t>& known = config_.sizes.value(Size::StateSize);
+    if (!size) return;
+    if (known && *size != *known) {
+      fail("linear_value_head_dim", *size,
+           std::to_string(*known) + ", as " + config_.sizes.key(Size::StateSize) + " is");
+    }
+    known = size;
+  }
+
+  // Given as a list of names, by the interval, or by both.
+  void readLayerTypes() {
+    const json* types = member(text_, "layer_types");
+    if (types == nullptr) return;
+    std::optional<uint64_t>& layers = config_.sizes.value(Size::Layers);
+    if (!types->is_array() || types->empty() || (layers && types->size() != *layers)) {
+      fail("layer_types", *types,
+           layers ? "a list of " + std::to_string(*layers) : "a list of the layers' types");
+    }
+    layers = types->size();
+    std::optional<uint64_t>& interval = config_.sizes.value(Size::FullEvery);
+    if (!interval) {
+      const auto full = std::find(types->begin(), types->end(), "full_attention");
+      interval = static_cast<uint64_t>(full - types->begin()) + 1;
+    }
+    if (*interval == 0) fail("full_attention_interval", *interval, "1 or more");
+    for (size_t i = 0; i < types->size(); ++i) {
+      const bool full = i % *interval == *interval - 1;
+      const char* needed = full ? "full_attention" : "linear_attention";
+      if ((*types)[i] != needed) {
+        fail("layer_types[" + std::to_string(i) + "]", (*types)[i],
+             "\"" + std::string(needed) + "\" by an interval of " + std::to_string(*interval));
+      }
+    }
+  }
+
+  void readTied() {
     const json* inner = member(text_, "tie_word_embeddings");
     const json* outer = member(root_, "tie_word_embeddings");
-    const json* tied = inner != nullptr && (outer == nullptr || *outer != true) ? inner : outer;
-    if (tied == nullptr || *tied == true) return;
-    fail("tie_word_embeddings", *tied, "true: the embedding is the output head too",
-         tied == inner ? prefix_ : "");
+    const bool isInner = inner != nullptr && (outer == nullptr || *outer != true);
+    const json* tied = isInner ? inner : outer;
+    if (tied == nullptr) return;
+    const std::string prefix = isInner ? prefix_ : "";
+    if (!tied->is_boolean()) fail("tie_word_embeddings", *tied, "true or false", prefix);
+    config_.tied = tied->get<bool>();
+    config_.tiedKey = path_ + ": " + prefix + "tie_word_embeddings";
   }
 
   void checkUnpacked() const {
@@ -171,17 +221,12 @@ class ConfigReader {
     return value->get<uint64_t>();
   }
 
-  CheckpointConfig facts() const {
-    CheckpointConfig config;
-    config.width = whole("hidden_size");
-    config.feedForward = whole("intermediate_size");
-    config.vocabulary = whole("vocab_size");
+  void readFacts() {
     const uint64_t context = whole("max_position_embeddings").value_or(0);
-    config.contextLength =
+    config_.contextLength =
         static_cast<uint32_t>(std::min<uint64_t>(context, std::numeric_limits<uint32_t>::max()));
-    config.eosId = tokenIdOf(member(text_, "eos_token_id"));
-    if (config.eosId < 0) config.eosId = tokenIdOf(member(root_, "eos_token_id"));
-    return config;
+    config_.eosId = tokenIdOf(member(text_, "eos_token_id"));
+    if (config_.eosId < 0) config_.eosId = tokenIdOf(member(root_, "eos_token_id"));
   }
 
   const kiv::Architecture needed_;
@@ -189,6 +234,7 @@ class ConfigReader {
   json text_;  // the object with the values
   std::string path_;
   std::string prefix_;  // in front of their keys
+  CheckpointConfig config_;
 };
 
 std::optional<float> number(const json& object, const char* key) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "convert/json_file.h"
+#include "convert/model_sizes.h"
 #include "convert/source.h"
 
 namespace zemtool {
@@ -13,15 +14,14 @@ namespace zemtool {
 struct CheckpointConfig {
   uint32_t contextLength = 0;  // 0: not stated
   int32_t eosId = -1;          // negative: not stated
-  // As stated; the tensors must agree.
-  std::optional<uint64_t> width;
-  std::optional<uint64_t> feedForward;
-  std::optional<uint64_t> vocabulary;
+  StatedSizes sizes;
+  std::optional<bool> tied;  // whether the embedding is the output head
+  std::string tiedKey;       // with its file, for messages
 };
 
-// Reads config.json, with the values at the root or under "text_config". A key that is present
-// must have the one value that the decoder computes with. The tensors decide about a key that
-// is absent. Throws Failure, which names the key, what was found and what is needed.
+// Reads config.json, with the values at the root or under "text_config". Values that
+// are no sizes must be those that the decoder computes with. Throws Failure, which names the key,
+// what was found and what is needed.
 CheckpointConfig readCheckpointConfig(const std::string& folder);
 
 // generation_config.json, if there is one.

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "convert/checkpoint_layout.h"
 
+#include <charconv>
 #include <stdexcept>
+#include <system_error>
 
 namespace zemtool {
 namespace {
@@ -70,6 +72,29 @@ const char* suffixOf(TensorRole role) {
 
 std::string checkpointName(TensorRole role, uint32_t layer) {
   return (kiv::isOfLayer(role) ? "layers." + std::to_string(layer) + "." : "") + suffixOf(role);
+}
+
+TensorNames::TensorNames(NameOf nameOf) : nameOf_(nameOf) {
+  for (uint8_t i = 0; i <= static_cast<uint8_t>(TensorRole::StateOutput); ++i) {
+    const auto role = static_cast<TensorRole>(i);
+    ofLayer0_.emplace(nameOf(role, 0), role);
+  }
+}
+
+std::optional<TensorPlace> TensorNames::find(std::string_view name) const {
+  TensorPlace place;
+  std::string ofLayer0(name);
+  const size_t number = name.find('.') + 1;
+  const char* end = name.data() + name.size();
+  const auto [rest, error] = std::from_chars(name.data() + number, end, place.layer);
+  if (number != 0 && error == std::errc()) {
+    ofLayer0.replace(number, static_cast<size_t>(rest - name.data()) - number, "0");
+  }
+  const auto found = ofLayer0_.find(ofLayer0);
+  if (found == ofLayer0_.end()) return {};
+  place.role = found->second;
+  if (nameOf_(place.role, place.layer) != name) return {};  // "blk.007."
+  return place;
 }
 
 LayoutChange changeFromCheckpoint(const kiv::Architecture& architecture, TensorRole role) {

@@ -4,7 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "kiv/model/architecture.h"
 
@@ -13,6 +17,27 @@ namespace zemtool {
 // The checkpoint's name for a tensor, without the prefix that all of them have:
 // "layers.3.self_attn.q_proj.weight".
 std::string checkpointName(kiv::TensorRole role, uint32_t layer);
+
+struct TensorPlace {
+  kiv::TensorRole role = kiv::TensorRole::Embedding;
+  uint32_t layer = 0;  // 0 too for a tensor of the model
+};
+
+// Finds what the tensor of a name is for. Any thread.
+class TensorNames {
+ public:
+  using NameOf = std::string (*)(kiv::TensorRole, uint32_t);
+
+  // `nameOf` spells the names: checkpointName or kiv::tensorName.
+  explicit TensorNames(NameOf nameOf);
+
+  // Nothing for a name that `nameOf` never gives.
+  std::optional<TensorPlace> find(std::string_view name) const;
+
+ private:
+  NameOf nameOf_;
+  std::map<std::string, kiv::TensorRole, std::less<>> ofLayer0_;
+};
 
 // An order of rows or columns that come in runs, one a value head. The checkpoint puts the
 // value heads of a key head next to each other; the container deals them out.

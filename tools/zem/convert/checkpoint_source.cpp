@@ -14,10 +14,11 @@
 #include "console/terminal.h"
 #include "console/text.h"
 #include "convert/checkpoint_config.h"
+#include "convert/checkpoint_layout.h"
 #include "convert/json_file.h"
 #include "convert/json_tokenizer.h"
+#include "convert/model_sizes.h"
 #include "convert/safetensors.h"
-#include "convert/tensor_plan.h"
 
 namespace zemtool {
 namespace {
@@ -34,15 +35,6 @@ constexpr std::array<std::string_view, 2> kPrefixes = {"model.language_model.", 
 bool startsWithAny(std::string_view text, std::initializer_list<std::string_view> prefixes) {
   return std::any_of(prefixes.begin(), prefixes.end(),
                      [&](std::string_view prefix) { return text.starts_with(prefix); });
-}
-
-// Checkpoint names without prefix to the container's.
-std::map<std::string, std::string, std::less<>> containerNames() {
-  std::map<std::string, std::string, std::less<>> names;
-  for (const kiv::ArchitectureTensor& tensor : kiv::tensorsOf({})) {
-    names.emplace(checkpointName(tensor.role, tensor.layer), tensor.name);
-  }
-  return names;
 }
 
 kiv::GgufType typeNamed(const std::string& name) {
@@ -77,9 +69,10 @@ class FolderReader {
     source_.sampling = readSampling(folder_);
     for (const std::string& name : shardNames()) readShard(name);
     checkIndex();
-    checkHead();
-    checkWidths(config);
-    source_.tokenizer = readJsonTokenizer(folder_, architectureOf(source_).vocabulary);
+    checkLanguage();
+    placeHead(config);
+    source_.architecture = settleSizes(source_, config.sizes);
+    source_.tokenizer = readJsonTokenizer(folder_, source_.architecture.vocabulary);
     chooseStop(config);
     return std::move(source_);
   }
@@ -158,13 +151,14 @@ class FolderReader {
       head_ = std::move(tensor);
       return;
     }
-    const auto known = names_.find(withoutPrefix(name));
-    if (known == names_.end()) {
+    const std::optional<TensorPlace> known = names_.find(withoutPrefix(name));
+    if (!known) {
       refuseExperts(name);
       source_.leftOut.others.push_back(name);
       return;
     }
-    const auto [found, added] = source_.tensors.try_emplace(known->second, std::move(tensor));
+    const auto [found, added] =
+        source_.tensors.try_emplace(kiv::tensorName(known->role, known->layer), std::move(tensor));
     if (!added) {
       throw Failure("tensors '" + found->second.name + "' and '" + name + "' are the same one");
     }
@@ -194,31 +188,32 @@ class FolderReader {
     }
   }
 
+  void checkLanguage() const {
+    if (!source_.tensors.empty() || source_.leftOut.vision == 0) return;
+    throw Failure(folder_ + ": has vision tensors only, needs those of the language model");
+  }
+
   // Some checkpoints store a tied head all the same.
-  void checkHead() {
-    if (head_.name.empty()) return;
+  void placeHead(const CheckpointConfig& config) {
+    if (head_.name.empty()) {
+      if (config.tied.value_or(true)) return;
+      throw Failure(config.tiedKey + " is false, but the tensor '" +
+                    checkpointName(kiv::TensorRole::OutputHead, 0) + "' is missing");
+    }
     const auto embedding = source_.tensors.find(kiv::tensorName(kiv::TensorRole::Embedding));
     if (embedding == source_.tensors.end()) return;
     const SourceTensor& table = embedding->second;
-    if (head_.type != table.type || head_.bytes != table.bytes ||
-        std::memcmp(head_.data, table.data, head_.bytes) != 0) {
-      throw Failure("tensor '" + head_.name + "' differs from '" + table.name +
-                    "'; needs an output head that is tied to the embedding");
+    if (head_.type == table.type && head_.bytes == table.bytes &&
+        std::memcmp(head_.data, table.data, head_.bytes) == 0) {
+      head_.file->release(head_.data, head_.bytes);
+      ++source_.leftOut.repeated;
+      return;
     }
-    head_.file->release(head_.data, head_.bytes);
-    ++source_.leftOut.repeated;
-  }
-
-  void checkWidths(const CheckpointConfig& config) const {
-    const kiv::Architecture found = architectureOf(source_);
-    const auto check = [&](const char* key, std::optional<uint64_t> stated, uint64_t has) {
-      if (!stated || *stated == has) return;
-      throw Failure(path("config.json") + ": " + key + " is " + std::to_string(*stated) +
-                    ", the tensors have " + std::to_string(has));
-    };
-    check("hidden_size", config.width, found.width);
-    check("intermediate_size", config.feedForward, found.feedForward);
-    check("vocab_size", config.vocabulary, found.vocabulary);
+    if (config.tied.value_or(false)) {
+      throw Failure("tensor '" + head_.name + "' differs from '" + table.name + "', but " +
+                    config.tiedKey + " is true");
+    }
+    source_.tensors.emplace(kiv::tensorName(kiv::TensorRole::OutputHead), std::move(head_));
   }
 
   // The tokenizer's own statement is the weakest.
@@ -233,7 +228,7 @@ class FolderReader {
   }
 
   std::string folder_;
-  const std::map<std::string, std::string, std::less<>> names_ = containerNames();
+  const TensorNames names_{checkpointName};
   std::map<std::string, std::string> indexed_;  // tensor to file, as the index has it
   std::map<std::string, std::string> where_;    // tensor to file, as found
   SourceTensor head_;

@@ -13,6 +13,7 @@
 #include "convert/source_tokenizer.h"
 #include "kiv/container/gguf_types.h"
 #include "kiv/container/mapped_file.h"
+#include "kiv/model/architecture.h"
 
 namespace zemtool {
 
@@ -47,6 +48,7 @@ struct ModelSource {
   std::vector<std::string> files;  // names without folders
   std::string name;
   uint32_t contextLength = 0;  // 0: not stated
+  kiv::Architecture architecture;
   Sampling sampling;
   SourceTokenizer tokenizer;
   // Whether tensors have the layout of published checkpoints. GGUF files have the container's

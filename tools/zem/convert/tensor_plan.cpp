@@ -15,7 +15,6 @@ using kiv::DType;
 using kiv::TensorRole;
 
 constexpr uint64_t kAlignment = 64;
-constexpr uint64_t kMaxVocabulary = uint64_t{1} << 22;
 
 // Extents of 1 say nothing about where elements lie.
 std::vector<uint64_t> squeezed(std::vector<uint64_t> shape) {
@@ -23,22 +22,8 @@ std::vector<uint64_t> squeezed(std::vector<uint64_t> shape) {
   return shape;
 }
 
-std::string nameInSource(const ModelSource& source, TensorRole role, uint32_t layer) {
-  return "'" +
-         (source.checkpointLayout ? checkpointName(role, layer) : kiv::tensorName(role, layer)) +
-         "'";
-}
-
 bool has(const ModelSource& source, TensorRole role, uint32_t layer) {
   return source.tensors.count(kiv::tensorName(role, layer)) != 0;
-}
-
-const SourceTensor& requiredTensor(const ModelSource& source, TensorRole role, uint32_t layer = 0) {
-  const auto found = source.tensors.find(kiv::tensorName(role, layer));
-  if (found == source.tensors.end()) {
-    throw Failure("tensor " + nameInSource(source, role, layer) + " is missing");
-  }
-  return found->second;
 }
 
 void checkShape(const ModelSource& source, const SourceTensor& found,
@@ -67,7 +52,7 @@ class Planner {
       : source_(source), mix_(mix), recode_(recode) {}
 
   ConversionPlan plan() {
-    plan_.architecture = architectureOf(source_);
+    plan_.architecture = source_.architecture;
     for (const ArchitectureTensor& tensor : kiv::tensorsOf(plan_.architecture)) {
       if (!tensor.optional || has(source_, tensor.role, tensor.layer)) add(tensor);
     }
@@ -83,7 +68,7 @@ class Planner {
     tensor.name = needed.name;
     tensor.role = needed.role;
     tensor.shape = needed.shape;
-    tensor.source = &requiredTensor(source_, needed.role, needed.layer);
+    tensor.source = &requireTensor(source_, needed.role, needed.layer);
     checkShape(source_, *tensor.source, needed.shape);
     checkType(source_, *tensor.source);
     chooseType(needed.matrix, tensor);
@@ -121,7 +106,7 @@ class Planner {
     for (uint32_t layer = 0; layer < plan_.architecture.layers; ++layer) {
       const auto present = [&](TensorRole role) { return has(source_, role, layer); };
       if (std::none_of(kBiases.begin(), kBiases.end(), present)) continue;
-      for (const TensorRole role : kBiases) requiredTensor(source_, role, layer);
+      for (const TensorRole role : kBiases) requireTensor(source_, role, layer);
     }
   }
 
@@ -141,25 +126,18 @@ uint64_t ConversionPlan::bytes() const {
   return total;
 }
 
-kiv::Architecture architectureOf(const ModelSource& source) {
-  const auto matrix = [&](TensorRole role) {
-    const SourceTensor& tensor = requiredTensor(source, role);
-    if (tensor.shape.size() == 2 && tensor.shape[0] > 0 && tensor.shape[1] > 0) return tensor.shape;
-    throw Failure("tensor '" + tensor.name + "' has the shape " +
-                  sourceShape(source, tensor.shape) + ", needs two extents");
-  };
-  kiv::Architecture architecture;
-  const std::vector<uint64_t> embedding = matrix(TensorRole::Embedding);
-  architecture.width = embedding[0];
-  architecture.vocabulary = embedding[1];
-  architecture.feedForward = matrix(TensorRole::FeedForwardGate)[1];
-  architecture.contextLength = source.contextLength;
-  if (architecture.vocabulary > kMaxVocabulary) {
-    throw Failure("tensor " + nameInSource(source, TensorRole::Embedding, 0) + " has " +
-                  std::to_string(architecture.vocabulary) + " tokens, at most " +
-                  std::to_string(kMaxVocabulary) + " can be stored");
+std::string nameInSource(const ModelSource& source, TensorRole role, uint32_t layer) {
+  return "'" +
+         (source.checkpointLayout ? checkpointName(role, layer) : kiv::tensorName(role, layer)) +
+         "'";
+}
+
+const SourceTensor& requireTensor(const ModelSource& source, TensorRole role, uint32_t layer) {
+  const auto found = source.tensors.find(kiv::tensorName(role, layer));
+  if (found == source.tensors.end()) {
+    throw Failure("tensor " + nameInSource(source, role, layer) + " is missing");
   }
-  return architecture;
+  return found->second;
 }
 
 ConversionPlan planConversion(const ModelSource& source, WeightMix mix, bool recode) {

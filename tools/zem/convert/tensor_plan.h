@@ -47,14 +47,17 @@ struct ConversionPlan {
   uint64_t bytes() const;  // with the padding between tensors
 };
 
-// Takes the widths from the tensors, and checks that every tensor is there and has the shape
-// that the architecture needs. Blocks that a container can hold are copied, unless `recode`
-// asks for `mix` everywhere. Throws Failure, which names the tensor, what was found and what
-// is needed.
+// Checks that every tensor is there and has the shape that the source's architecture needs. Blocks
+// that a container can hold are copied, unless `recode` asks for `mix` everywhere. Throws Failure,
+// which names the tensor, what was found and what is needed.
 ConversionPlan planConversion(const ModelSource& source, WeightMix mix, bool recode);
 
-// The architecture, with the widths of the embedding and of the first feed-forward block.
-kiv::Architecture architectureOf(const ModelSource& source);
+// The tensor with the container's name for this role. Throws Failure where there is none.
+const SourceTensor& requireTensor(const ModelSource& source, kiv::TensorRole role,
+                                  uint32_t layer = 0);
+
+// The tensor's name in messages: as the source spells it, in quotation marks.
+std::string nameInSource(const ModelSource& source, kiv::TensorRole role, uint32_t layer = 0);
 
 // "[8192, 64]", in the order of the source's own tools.
 std::string sourceShape(const ModelSource& source, const std::vector<uint64_t>& innermostFirst);

@@ -18,14 +18,51 @@ using kiv::WeightMix;
 
 constexpr uint32_t kContext = 8192;
 
+constexpr uint32_t kPublishedTokens = 248320;
+
 struct Dimensions {
+  uint32_t layers;
   uint64_t width;
   uint64_t feedForward;
+  uint64_t heads;
+  uint64_t kvHeads;
+  uint64_t valueHeads;
+  bool ownHead;
   uint32_t tokens;  // at least
 };
 
 constexpr Dimensions dimensionsOf(DemoSize size) {
-  return size == DemoSize::Tiny ? Dimensions{256, 512, 0} : Dimensions{2560, 9216, 248320};
+  switch (size) {
+    case DemoSize::Tiny:
+      break;
+    case DemoSize::Full08B:
+      return {24, 1024, 3584, 8, 2, 16, false, kPublishedTokens};
+    case DemoSize::Full2B:
+      return {24, 2048, 6144, 8, 2, 16, false, kPublishedTokens};
+    case DemoSize::Full4B:
+      return {32, 2560, 9216, 16, 4, 32, false, kPublishedTokens};
+    case DemoSize::Full9B:
+      return {32, 4096, 12288, 16, 4, 32, true, kPublishedTokens};
+  }
+  return {32, 256, 512, 16, 4, 32, false, 0};
+}
+
+Architecture architectureOf(const Dimensions& dimensions, uint64_t vocabulary) {
+  Architecture a;
+  a.layers = dimensions.layers;
+  a.width = dimensions.width;
+  a.feedForward = dimensions.feedForward;
+  a.vocabulary = vocabulary;
+  a.heads = dimensions.heads;
+  a.kvHeads = dimensions.kvHeads;
+  a.valueHeads = dimensions.valueHeads;
+  a.ownHead = dimensions.ownHead;
+  a.contextLength = kContext;
+  return a;
+}
+
+TensorRole headRole(const Architecture& architecture) {
+  return architecture.ownHead ? TensorRole::OutputHead : TensorRole::Embedding;
 }
 
 DType typeOf(WeightMix type, const ArchitectureTensor& tensor) {
@@ -133,7 +170,10 @@ void declareMetadata(const DemoModel& model, const std::string& generator,
 
 }  // namespace
 
-const char* demoSizeName(DemoSize size) { return size == DemoSize::Tiny ? "tiny" : "4b"; }
+const char* demoSizeName(DemoSize size) {
+  constexpr std::array kNames = {"tiny", "0.8b", "2b", "4b", "9b"};
+  return kNames[static_cast<size_t>(size)];
+}
 
 DemoModel planDemoModel(DemoSize size, WeightMix type, uint64_t seed) {
   const Dimensions dimensions = dimensionsOf(size);
@@ -144,10 +184,7 @@ DemoModel planDemoModel(DemoSize size, WeightMix type, uint64_t seed) {
   model.type = type;
   model.tokenizer = std::move(vocabulary.data);
   model.loudness = std::move(vocabulary.loudness);
-  model.architecture.width = dimensions.width;
-  model.architecture.feedForward = dimensions.feedForward;
-  model.architecture.vocabulary = model.tokenizer.tokens.size();
-  model.architecture.contextLength = kContext;
+  model.architecture = architectureOf(dimensions, model.tokenizer.tokens.size());
   planTensors(model);
   return model;
 }
@@ -176,7 +213,7 @@ void encodeDemoRows(const DemoModel& model, const DemoTensor& tensor, uint64_t f
   out.resize(count * rowBytes);
   for (uint64_t i = 0; i < count; ++i) {
     const uint64_t row = first + i;
-    const float gain = tensor.role == TensorRole::Embedding ? model.loudness[row] : 1.0F;
+    const float gain = tensor.role == headRole(model.architecture) ? model.loudness[row] : 1.0F;
     fill(key, row * cols, tensor, gain, scratch.data());
     kiv::encodeRow(tensor.type, scratch.data(), cols, out.data() + i * rowBytes);
   }

@@ -22,8 +22,11 @@ enum class DemoSize {
   // Width 256. The layers of a kind share one set of tensors, so that a model of 32 layers
   // stays small.
   Tiny,
-  // The shapes of a model of four billion weights, for benchmarks.
+  // The shapes of the published models of as many billion weights, for measuring.
+  Full08B,
+  Full2B,
   Full4B,
+  Full9B,
 };
 
 // A tensor and the rule of its weights. Element i follows from the hash of the model's seed,
@@ -46,18 +49,19 @@ struct DemoModel {
   kiv::WeightMix type = kiv::WeightMix::Q4_K;
   kiv::Architecture architecture;
   kiv::TokenizerData tokenizer;
-  std::vector<float> loudness;  // one a token: the factor of its embedding
+  std::vector<float> loudness;  // one a token: the factor of its row in the output head
   std::vector<DemoTensor> tensors;
   std::vector<std::pair<std::string, std::string>> aliases;  // name, target
 };
 
-inline constexpr std::array kDemoSizes = {DemoSize::Tiny, DemoSize::Full4B};
+inline constexpr std::array kDemoSizes = {DemoSize::Tiny, DemoSize::Full08B, DemoSize::Full2B,
+                                          DemoSize::Full4B, DemoSize::Full9B};
 // A pure type is that of every matrix, ssm_alpha and ssm_beta included.
 inline constexpr std::array kDemoTypes = {
     kiv::WeightMix::F32,  kiv::WeightMix::BF16, kiv::WeightMix::Q8_0,  kiv::WeightMix::Q4_K,
     kiv::WeightMix::Q5_K, kiv::WeightMix::Q6_K, kiv::WeightMix::Q4_K_M};
 
-const char* demoSizeName(DemoSize size);  // "tiny", "4b"
+const char* demoSizeName(DemoSize size);  // "tiny", "0.8b", ...
 
 // `type` is one of kDemoTypes.
 DemoModel planDemoModel(DemoSize size, kiv::WeightMix type, uint64_t seed);

@@ -367,15 +367,20 @@ TEST_F(GgufConvertTest, OtherModelsAreRefusedByKeyOrTensor) {
            "general.architecture is \"qwen35moe\", needs \"qwen35\": not a mixture of experts"},
       {u32("split.count", 3), where() + "is one of 3 parts (split.count); join them first"},
       {[](GgufBuilder& g) { g.erase("qwen35.block_count"); },
-       where() + "has no qwen35.block_count, needs 32"},
-      {u32("qwen35.block_count", 24),
-       where() + "qwen35.block_count is 24, needs 32, or 33 with one prediction layer"},
-      {u32("qwen35.block_count", 34),
-       where() + "qwen35.block_count is 34, needs 32, or 33 with one prediction layer"},
+       where() + "has no qwen35.block_count"},
+      {u32("qwen35.block_count", 24), where() + "qwen35.block_count is 24, the tensors have 32"},
+      {u32("qwen35.block_count", 34), where() + "qwen35.block_count is 34, the tensors have 32"},
       {u32("qwen35.nextn_predict_layers", 1),
-       where() + "qwen35.block_count is 32, needs 32, or 33 with one prediction layer"},
+       where() + "qwen35.nextn_predict_layers is 1, needs 0, for block 31 has no tensors of a "
+                 "prediction layer"},
+      {u32("qwen35.nextn_predict_layers", 32),
+       where() + "qwen35.nextn_predict_layers is 32, needs fewer than the 32 blocks"},
+      {u32("qwen35.block_count", 0), where() + "qwen35.block_count is 0, needs 1 to 1024"},
+      {u32("qwen35.full_attention_interval", 0),
+       where() + "qwen35.full_attention_interval is 0, needs 1 to 1024"},
+      {u32("qwen35.full_attention_interval", 2), "tensor 'blk.1.attn_q.weight' is missing"},
       {u32("qwen35.attention.head_count", 24),
-       where() + "qwen35.attention.head_count is 24, needs 16"},
+       where() + "qwen35.attention.head_count is 24, the tensors have 16"},
       {[](GgufBuilder& g) {
          g.erase("qwen35.attention.head_count_kv");
          std::vector<int32_t> heads(32, 4);
@@ -389,9 +394,14 @@ TEST_F(GgufConvertTest, OtherModelsAreRefusedByKeyOrTensor) {
        },
        where() + "qwen35.attention.head_count_kv is a list of 2, needs one a layer"},
       {u32("qwen35.attention.key_length", 128),
-       where() + "qwen35.attention.key_length is 128, needs 256"},
-      {u32("qwen35.rope.dimension_count", 128),
-       where() + "qwen35.rope.dimension_count is 128, needs 64"},
+       where() + "qwen35.attention.key_length is 128, the tensors have 256"},
+      {u32("qwen35.attention.value_length", 128),
+       where() + "qwen35.attention.value_length is 128, needs 256"},
+      {u32("qwen35.ssm.inner_size", 2048), where() + "qwen35.ssm.inner_size is 2048, needs 4096"},
+      {u32("qwen35.rope.dimension_count", 63),
+       where() + "qwen35.rope.dimension_count is 63, needs an even number from 2 to 256"},
+      {u32("qwen35.rope.dimension_count", 258),
+       where() + "qwen35.rope.dimension_count is 258, needs an even number from 2 to 256"},
       {[](GgufBuilder& g) {
          g.erase("qwen35.rope.dimension_sections");
          g.addI32s("qwen35.rope.dimension_sections", {11, 11});
@@ -402,15 +412,18 @@ TEST_F(GgufConvertTest, OtherModelsAreRefusedByKeyOrTensor) {
          g.addF32("qwen35.rope.freq_base", 1e6F);
        },
        where() + "qwen35.rope.freq_base is 1e+06, needs 1e+07"},
-      {u32("qwen35.ssm.group_count", 32), where() + "qwen35.ssm.group_count is 32, needs 16"},
-      {u32("qwen35.ssm.time_step_rank", 48), where() + "qwen35.ssm.time_step_rank is 48, needs 32"},
+      {u32("qwen35.ssm.group_count", 32),
+       where() + "qwen35.ssm.group_count is 32, the tensors have 16"},
+      {u32("qwen35.ssm.time_step_rank", 48),
+       where() + "qwen35.ssm.time_step_rank is 48, the tensors have 32"},
       {u32("qwen35.expert_count", 8), where() + "qwen35.expert_count is 8, needs 0"},
       {[](GgufBuilder& g) {
          g.erase("qwen35.ssm.state_size");
          g.addText("qwen35.ssm.state_size", "128");
        },
-       where() + "qwen35.ssm.state_size is not a whole number, needs 128"},
-      {u32("qwen35.embedding_length", 9), where() + "qwen35.embedding_length is 9, needs 8"},
+       where() + "qwen35.ssm.state_size is not a whole number, needs one"},
+      {u32("qwen35.embedding_length", 9),
+       where() + "qwen35.embedding_length is 9, the tensors have 8"},
       {[](GgufBuilder& g) {
          std::erase_if(g.tensors(), [](const auto& t) { return t.name == "blk.31.attn_k.weight"; });
        },
@@ -428,10 +441,9 @@ TEST_F(GgufConvertTest, OtherModelsAreRefusedByKeyOrTensor) {
        },
        "tensor 'blk.3.attn_k.weight' has the type number 16, which this program cannot read"},
       {[](GgufBuilder& g) {
-         g.addTensor("output.weight", code::kF32, {8, 300}, Bytes(9600, 1));
+         g.addTensor("output.weight", code::kF32, {8, 299}, Bytes(9568, 1));
        },
-       where() + "tensor 'output.weight' differs from 'token_embd.weight'; needs an output head "
-                 "that is tied to the embedding"},
+       "tensor 'output.weight' has the shape [8, 299], needs [8, 300]"},
       {[](GgufBuilder& g) { g.addTensor("blk.0.ffn_up_exps.weight", code::kF32, {1}, Bytes(4)); },
        where() + "tensor 'blk.0.ffn_up_exps.weight' belongs to a mixture of experts; needs one "
                  "feed-forward block a layer"},

@@ -3,20 +3,22 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <limits>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "compat/files.h"
 #include "console/terminal.h"
+#include "convert/checkpoint_layout.h"
 #include "convert/gguf/gguf_tokenizer.h"
-#include "convert/tensor_plan.h"
+#include "convert/model_sizes.h"
 #include "kiv/container/gguf.h"
 
 namespace zemtool {
@@ -38,16 +40,17 @@ class GgufReader {
   ModelSource read() {
     if (const kiv::Status s = gguf_->open(path_); !s.ok()) throw Failure(s.message());
     checkArchitecture();
-    checkShape();
+    readSizes();
+    checkFixed();
     source_.format = "GGUF";
     source_.files = {compat::nameOf(compat::pathOf(path_).filename())};
     readFacts();
     for (const kiv::GgufTensor& tensor : gguf_->tensors()) place(tensor);
-    checkHead();
-    const kiv::Architecture found = architectureOf(source_);
-    checkWhole("embedding_length", found.width);
-    checkWhole("feed_forward_length", found.feedForward);
-    source_.tokenizer = readGgufTokenizer(*gguf_, found.vocabulary);
+    checkPrediction();
+    placeHead();
+    source_.architecture = settleSizes(source_, sizes_);
+    checkDerived();
+    source_.tokenizer = readGgufTokenizer(*gguf_, source_.architecture.vocabulary);
     source_.owners.push_back(gguf_);
     return std::move(source_);
   }
@@ -78,23 +81,38 @@ class GgufReader {
     }
   }
 
-  void checkShape() {
-    checkLayers();
-    checkHeads("attention.head_count", needed_.heads);
-    checkHeads("attention.head_count_kv", needed_.kvHeads);
-    checkWhole("attention.key_length", needed_.headSize);
-    checkWhole("attention.value_length", needed_.headSize);
-    checkWhole("rope.dimension_count", needed_.rotarySize);
+  void readSizes() {
+    const auto read = [&](Size size, const std::string& key) {
+      sizes_.key(size) = std::string(kArchitecture) + "." + key;
+      sizes_.value(size) = whole(key);
+    };
+    sizes_.path = path_;
+    sizes_.key(Size::Layers) = std::string(kArchitecture) + ".block_count";
+    readLayers();
+    read(Size::FullEvery, "full_attention_interval");
+    read(Size::Width, "embedding_length");
+    read(Size::FeedForward, "feed_forward_length");
+    read(Size::HeadSize, "attention.key_length");
+    read(Size::RotarySize, "rope.dimension_count");
+    read(Size::StateSize, "ssm.state_size");
+    read(Size::KeyHeads, "ssm.group_count");
+    read(Size::ValueHeads, "ssm.time_step_rank");
+    readHeads(Size::Heads, "attention.head_count");
+    readHeads(Size::KvHeads, "attention.head_count_kv");
+  }
+
+  void checkFixed() const {
     checkSections();
-    checkWhole("ssm.conv_kernel", needed_.taps);
-    checkWhole("ssm.state_size", needed_.stateSize);
-    checkWhole("ssm.group_count", needed_.keyHeads);
-    checkWhole("ssm.time_step_rank", needed_.valueHeads);
-    checkWhole("ssm.inner_size", needed_.valueRows());
-    checkWhole("full_attention_interval", needed_.fullEvery);
+    checkWhole("ssm.conv_kernel", source_.architecture.taps);
     checkWhole("expert_count", 0);
-    checkNumber("rope.freq_base", needed_.rotaryBase);
-    checkNumber("attention.layer_norm_rms_epsilon", needed_.normEpsilon);
+    checkNumber("rope.freq_base", source_.architecture.rotaryBase);
+    checkNumber("attention.layer_norm_rms_epsilon", source_.architecture.normEpsilon);
+  }
+
+  // What other sizes decide.
+  void checkDerived() const {
+    checkWhole("attention.value_length", source_.architecture.headSize);
+    checkWhole("ssm.inner_size", source_.architecture.valueRows());
   }
 
   [[noreturn]] void failKey(const std::string& key, const std::string& found,
@@ -102,12 +120,17 @@ class GgufReader {
     fail(std::string(kArchitecture) + "." + key + " is " + found + ", needs " + needed);
   }
 
-  void checkWhole(const std::string& key, uint64_t needed) const {
+  std::optional<uint64_t> whole(const std::string& key) const {
     const kiv::GgufValue* value = find(key);
-    if (value == nullptr) return;
+    if (value == nullptr) return {};
     uint64_t found = 0;
-    if (!value->getUint(found)) failKey(key, "not a whole number", std::to_string(needed));
-    if (found != needed) failKey(key, std::to_string(found), std::to_string(needed));
+    if (!value->getUint(found)) failKey(key, "not a whole number", "one");
+    return found;
+  }
+
+  void checkWhole(const std::string& key, uint64_t needed) const {
+    const std::optional<uint64_t> found = whole(key);
+    if (found && *found != needed) failKey(key, std::to_string(*found), std::to_string(needed));
   }
 
   void checkNumber(const std::string& key, double needed) const {
@@ -125,40 +148,57 @@ class GgufReader {
     return text.data();
   }
 
-  // A prediction layer counts as a block, whether or not its tensors are there.
-  void checkLayers() {
-    const kiv::GgufValue* count = find("block_count");
-    uint64_t blocks = 0;
-    if (count == nullptr || !count->getUint(blocks)) {
-      fail("has no qwen35.block_count, needs " + std::to_string(needed_.layers));
+  // Prediction layers count as blocks, whether or not their tensors are there. They come last.
+  void readLayers() {
+    const std::optional<uint64_t> blocks = whole("block_count");
+    if (!blocks) fail("has no " + sizes_.key(Size::Layers));
+    if (*blocks < 1 || *blocks > kMaxLayers) {
+      failKey("block_count", std::to_string(*blocks), "1 to " + std::to_string(kMaxLayers));
     }
-    uint64_t predicting = blocks > needed_.layers ? 1 : 0;
-    if (const auto* stated = find("nextn_predict_layers")) (void)stated->getUint(predicting);
-    if (predicting > 1 || blocks != needed_.layers + predicting) {
-      failKey("block_count", std::to_string(blocks),
-              std::to_string(needed_.layers) + ", or " + std::to_string(needed_.layers + 1) +
-                  " with one prediction layer");
+    blocks_ = *blocks;
+    const uint64_t predicting = whole("nextn_predict_layers").value_or(lastBlockPredicts() ? 1 : 0);
+    if (predicting >= blocks_) {
+      failKey("nextn_predict_layers", std::to_string(predicting),
+              "fewer than the " + std::to_string(blocks_) + " blocks");
     }
-    predictionPrefix_ = "blk." + std::to_string(needed_.layers) + ".";
+    layers_ = blocks_ - predicting;
+    sizes_.value(Size::Layers) = layers_;
+  }
+
+  bool lastBlockPredicts() const {
+    const std::string prefix = "blk." + std::to_string(blocks_ - 1) + ".nextn.";
+    const std::vector<kiv::GgufTensor>& tensors = gguf_->tensors();
+    return std::any_of(tensors.begin(), tensors.end(),
+                       [&](const auto& tensor) { return tensor.name.starts_with(prefix); });
   }
 
   // One number, or one a layer, of which those with linear attention do not count.
-  void checkHeads(const std::string& key, uint64_t needed) const {
+  void readHeads(Size size, const std::string& key) {
+    sizes_.key(size) = std::string(kArchitecture) + "." + key;
     const kiv::GgufValue* value = find(key);
     if (value == nullptr) return;
-    if (value->count > 1024)
+    if (value->count > kMaxLayers) {
       failKey(key, "a list of " + std::to_string(value->count), "one a layer");
+    }
     std::vector<uint64_t> counts;
-    if (!value->getUints(counts)) failKey(key, "not of whole numbers", std::to_string(needed));
-    if (value->array && counts.size() < needed_.layers) {
+    if (!value->getUints(counts)) failKey(key, "not of whole numbers", "whole numbers");
+    if (!value->array) {
+      sizes_.value(size) = counts.front();
+      return;
+    }
+    if (counts.size() < layers_) {
       failKey(key, "a list of " + std::to_string(counts.size()), "one a layer");
     }
-    for (size_t i = 0; i < counts.size(); ++i) {
-      const bool counted =
-          !value->array || (i < needed_.layers && needed_.isFull(static_cast<uint32_t>(i)));
-      if (!counted || counts[i] == needed) continue;
-      const std::string where = value->array ? "[" + std::to_string(i) + "]" : "";
-      failKey(key + where, std::to_string(counts[i]), std::to_string(needed));
+    const uint64_t interval =
+        sizes_.value(Size::FullEvery).value_or(source_.architecture.fullEvery);
+    for (uint64_t i = 0; i < layers_ && interval != 0; ++i) {
+      if (i % interval != interval - 1) continue;
+      const uint64_t needed = sizes_.value(size).value_or(counts[i]);
+      if (counts[i] != needed) {
+        failKey(key + "[" + std::to_string(i) + "]", std::to_string(counts[i]),
+                std::to_string(needed));
+      }
+      sizes_.value(size) = needed;
     }
   }
 
@@ -214,8 +254,9 @@ class GgufReader {
     std::string name(tensor.name);
     if (name.starts_with("v.") || name.starts_with("mm.")) {
       ++source_.leftOut.vision;
-    } else if (name.starts_with(predictionPrefix_)) {
+    } else if (isOfPrediction(name)) {
       ++source_.leftOut.prediction;
+      predicts_ = predicts_ || name.find(".nextn.") != std::string::npos;
     } else if (name == kiv::tensorName(TensorRole::OutputHead)) {
       head_ = &tensor;
     } else if (isExpert(name)) {
@@ -223,12 +264,28 @@ class GgufReader {
            "' belongs to a mixture of experts; needs one feed-forward block a layer");
     } else {
       const std::string stored = storedName(name);
-      if (known_.count(stored) == 0) {
+      if (!names_.find(stored)) {
         source_.leftOut.others.push_back(name);
       } else if (!source_.tensors.emplace(stored, sourceTensor(tensor)).second) {
         fail("tensors '" + stored + "' and '" + name + "' are the same one");
       }
     }
+  }
+
+  bool isOfPrediction(std::string_view name) const {
+    constexpr std::string_view kPrefix = "blk.";
+    if (!name.starts_with(kPrefix)) return false;
+    name.remove_prefix(kPrefix.size());
+    uint64_t block = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), block);
+    return error == std::errc() && block >= layers_ && block < blocks_;
+  }
+
+  // A block of the model that is counted as a prediction layer would be lost.
+  void checkPrediction() const {
+    if (source_.leftOut.prediction == 0 || predicts_) return;
+    failKey("nextn_predict_layers", std::to_string(blocks_ - layers_),
+            "0, for block " + std::to_string(layers_) + " has no tensors of a prediction layer");
   }
 
   static bool isExpert(const std::string& name) {
@@ -256,31 +313,27 @@ class GgufReader {
   }
 
   // Some files store a tied head all the same.
-  void checkHead() {
+  void placeHead() {
+    if (head_ == nullptr) return;
     const auto found = source_.tensors.find(kiv::tensorName(TensorRole::Embedding));
-    if (head_ == nullptr || found == source_.tensors.end()) return;
+    if (found == source_.tensors.end()) return;
     const SourceTensor& table = found->second;
-    if (head_->type != table.type || head_->bytes != table.bytes || head_->bytes == 0 ||
-        std::memcmp(head_->data, table.data, head_->bytes) != 0) {
-      fail(
-          "tensor 'output.weight' differs from 'token_embd.weight'; needs an output head that "
-          "is tied to the embedding");
+    if (head_->type == table.type && head_->bytes == table.bytes && head_->bytes != 0 &&
+        std::memcmp(head_->data, table.data, head_->bytes) == 0) {
+      table.file->release(head_->data, head_->bytes);
+      ++source_.leftOut.repeated;
+      return;
     }
-    table.file->release(head_->data, head_->bytes);
-    ++source_.leftOut.repeated;
+    source_.tensors.emplace(kiv::tensorName(TensorRole::OutputHead), sourceTensor(*head_));
   }
 
-  static std::set<std::string> knownNames() {
-    std::set<std::string> names;
-    for (const kiv::ArchitectureTensor& tensor : kiv::tensorsOf({})) names.insert(tensor.name);
-    return names;
-  }
-
-  const kiv::Architecture needed_;
   std::string path_;
   std::shared_ptr<kiv::GgufFile> gguf_;
-  const std::set<std::string> known_ = knownNames();
-  std::string predictionPrefix_;
+  const TensorNames names_{kiv::tensorName};
+  StatedSizes sizes_;
+  uint64_t blocks_ = 0;  // with prediction layers
+  uint64_t layers_ = 0;
+  bool predicts_ = false;  // a prediction layer has the tensors of one
   const kiv::GgufTensor* head_ = nullptr;
   ModelSource source_;
 };
