@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/text/chat_message.h"
 #include "engine/text/chat_renderer.h"
 #include "engine/text/render_request.h"
 #include "fuzz.h"

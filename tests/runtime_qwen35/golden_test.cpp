@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "kiv/zem_loader.h"
+#include "layers/activations.h"
 #include "qwen35_check.h"
 #include "qwen35_model.h"
 #include "runtime_qwen35/double_decoder.h"
@@ -24,7 +25,6 @@
 namespace qwen35 {
 namespace {
 
-using Floats = std::vector<float>;
 using nlohmann::json;
 
 // Logits reach 16 here. Both the expected values and this decoder's are sums in single precision.
