@@ -111,6 +111,7 @@ SequenceState Decoder::newSequence() { return {linearSizes_, weights_.linearLaye
 
 void Decoder::step(std::span<const Chunk> chunks, std::vector<float>& logits) {
   check(chunks);
+  if (chunks.empty()) return logits.clear();
   for (const Chunk& chunk : chunks) chunk.sequence->reserve(chunk.tokens.size());
   embed(chunks);
   for (const Chunk& chunk : chunks) chunk.sequence->begin();
