@@ -439,8 +439,8 @@ INSTANTIATE_TEST_SUITE_P(
                   w.addTensor("worse", DType::F16, {kHuge});
                 },
                 "up to 'worse' are larger than a file can be"},
-        Mistake{"AliasOfNothing", [](ZEM2Writer& w) { w.addAlias("bad", "nobody"); },
-                "'bad' stands for 'nobody'"},
+        Mistake{"AliasOfNothing", [](ZEM2Writer& w) { w.addAlias("bad", "missing"); },
+                "'bad' stands for 'missing'"},
         Mistake{"AliasOfAnAlias",
                 [](ZEM2Writer& w) {
                   w.addAlias("bad", "worse");

@@ -16,7 +16,7 @@ namespace zemtest {
 
 #ifdef _WIN32
 
-inline constexpr const char* kDevice = "NUL";  // a name that is no file
+inline constexpr const char* kDevice = "NUL";  // names a device
 inline bool makeFifo(const char* /*path*/) { return false; }
 
 #else

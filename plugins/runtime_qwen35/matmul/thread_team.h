@@ -41,8 +41,8 @@ class ThreadTeam {
   void stop();
   bool takePiece(size_t thread);
 
-  // The job's number, its pieces, and the next one that nobody has taken, in one word: a thread
-  // that is late cannot take a piece of a job that it has not seen.
+  // One word holds the job's number, the count of its pieces and the next piece to take. So a late
+  // thread cannot take a piece of a newer job by mistake.
   static constexpr uint64_t kPieceBits = 16;
   static constexpr uint64_t kPieceMask = (uint64_t{1} << kPieceBits) - 1;
   static uint64_t nextOf(uint64_t job) { return job & kPieceMask; }
