@@ -7,6 +7,7 @@
 #include <exception>
 #include <functional>
 #include <future>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <system_error>
@@ -89,7 +90,7 @@ struct Engine::Impl {
 
   mutable std::mutex mutex;
   std::condition_variable arrived;
-  std::deque<Ticket> arrivals;  // under the mutex, as what follows
+  std::list<Ticket> arrivals;  // under the mutex, as what follows
   std::deque<std::packaged_task<Status()>> errands;
   bool ends = false;
   Load load;
@@ -144,7 +145,8 @@ Status Engine::Impl::onThread(const std::function<Status()>& errand) {
 }
 
 void Engine::Impl::takeArrivals() {
-  for (; !arrivals.empty(); arrivals.pop_front()) scheduler.add(std::move(arrivals.front()));
+  load.waiting += arrivals.size();
+  scheduler.add(std::exchange(arrivals, {}));
 }
 
 void Engine::Impl::noteLoad() {
@@ -191,9 +193,11 @@ Status Engine::submit(Request request, std::shared_ptr<Listener> listener, Reque
   handle = RequestHandle(ticket.cancelled);
   {
     const std::lock_guard lock(impl_->mutex);
-    const size_t waiting = impl_->arrivals.size() + impl_->load.waiting;
-    if (waiting >= impl_->mostWaiting) {
-      return kiv::unsupported("too many requests wait: " + std::to_string(waiting));
+    // Those that will find a free place do not count as waiting.
+    const size_t all = impl_->arrivals.size() + impl_->load.waiting + impl_->load.running;
+    if (all >= impl_->options.sequences + impl_->mostWaiting) {
+      return kiv::unsupported("too many requests wait: " +
+                              std::to_string(all - impl_->options.sequences));
     }
     impl_->arrivals.push_back(std::move(ticket));
   }

@@ -10,6 +10,8 @@ namespace {
 
 // A state is worth keeping where it saves at least as many tokens.
 constexpr size_t kFewTokens = 16;
+// Short enough for a string that needs no memory.
+constexpr const char* kOutOfMemory = "out of memory";
 
 }  // namespace
 
@@ -66,7 +68,7 @@ kiv::Status Scheduler::check(const Request& request) const {
   return status.ok() ? validate(request.stops) : status;
 }
 
-void Scheduler::add(Ticket ticket) { waiting_.push_back(std::move(ticket)); }
+void Scheduler::add(std::list<Ticket> tickets) { waiting_.splice(waiting_.end(), tickets); }
 
 bool Scheduler::turn() {
   dropCancelled();
@@ -81,11 +83,7 @@ bool Scheduler::turn() {
 void Scheduler::endAll(EndReason reason, const std::string& error) {
   for (const auto& place : places_) place->reply.end(reason, error);
   removeEnded();
-  for (; !waiting_.empty(); waiting_.pop_front()) {
-    Ticket& ticket = waiting_.front();
-    ActiveReply(std::move(ticket.request), ticket.listener, bytes_, options_.context, ticket.asked)
-        .end(reason, error);
-  }
+  for (; !waiting_.empty(); waiting_.pop_front()) endWaiting(waiting_.front(), reason, error);
 }
 
 void Scheduler::dropCancelled() {
@@ -98,8 +96,7 @@ void Scheduler::dropCancelled() {
       ++it;
       continue;
     }
-    ActiveReply(std::move(it->request), it->listener, bytes_, options_.context, it->asked)
-        .end(EndReason::Cancelled);
+    endWaiting(*it, EndReason::Cancelled, {});
     it = waiting_.erase(it);
   }
 }
@@ -107,24 +104,24 @@ void Scheduler::dropCancelled() {
 void Scheduler::admit() {
   while (!waiting_.empty() && places_.size() < options_.sequences &&
          hasRoomFor(waiting_.front().request)) {
-    Ticket ticket = std::move(waiting_.front());
-    waiting_.pop_front();
-    const std::shared_ptr<Listener> listener = ticket.listener;
+    std::list<Ticket> first;
+    first.splice(first.end(), waiting_, waiting_.begin());
     try {
-      start(std::move(ticket));
+      start(first.front());
     } catch (const std::bad_alloc&) {
-      refuse(*listener);
+      endWaiting(first.front(), EndReason::Error, kOutOfMemory);
     }
   }
 }
 
-// A request that failed before it had a place.
-void Scheduler::refuse(Listener& listener) {
-  End end;
-  end.reason = EndReason::Error;
-  end.error = "out of memory";  // short enough to need none
+// Ends a request that has no place. Needs no memory for a short error.
+void Scheduler::endWaiting(const Ticket& ticket, EndReason reason, const std::string& error) {
   try {
-    listener.onEnd(end);
+    End end;
+    end.reason = reason;
+    end.error = error;
+    end.usage.prompt = ticket.request.prompt.size();
+    ticket.listener->onEnd(end);
   } catch (...) {  // the listener has lost interest
   }
 }
@@ -148,10 +145,9 @@ std::unique_ptr<SequenceState> Scheduler::takeState() {
   return state;
 }
 
-void Scheduler::start(Ticket ticket) {
-  ActiveReply reply(std::move(ticket.request), std::move(ticket.listener), bytes_, options_.context,
-                    ticket.asked);
-  auto place = std::make_unique<Place>(std::move(reply), std::move(ticket.cancelled));
+void Scheduler::start(const Ticket& ticket) {
+  ActiveReply reply(ticket.request, ticket.listener, bytes_, options_.context, ticket.asked);
+  auto place = std::make_unique<Place>(std::move(reply), ticket.cancelled);
   const Request& request = place->reply.request();
   place->state = takeState();
   // The last token is evaluated anew: its logits choose the reply's first.
@@ -211,7 +207,7 @@ void Scheduler::compute() {
         std::ranges::none_of(batch_, [](const Place* place) { return place->state->broken(); });
     // What is kept for later requests gives way to those that run.
     if (untouched && cache_.dropOne()) return;
-    return failBatch("not enough memory");
+    return failBatch(kOutOfMemory);
   }
   deliver();
 }
@@ -228,7 +224,7 @@ void Scheduler::deliver() {
     try {
       place.reply.choose({row, decoder_.vocabulary()});
     } catch (const std::bad_alloc&) {
-      place.reply.end(EndReason::Error, "not enough memory");
+      place.reply.end(EndReason::Error, kOutOfMemory);
     }
     row += decoder_.vocabulary();
     if (place.reply.ended()) keep(place, place.fed());

@@ -8,7 +8,7 @@
 
 #include <atomic>
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,9 +47,9 @@ class Scheduler {
   // Why a request cannot be computed at all: InvalidFormat. Any thread.
   kiv::Status check(const Request& request) const;
 
-  // Takes a request for which check() succeeds. It runs when a place and memory are free, in the
-  // order of the calls.
-  void add(Ticket ticket);
+  // Takes requests for which check() succeeds. They run when a place and memory are free, in this
+  // order. Needs no memory.
+  void add(std::list<Ticket> tickets);
 
   // Computes one batch, if there is anything to compute. False: no request is left.
   bool turn();
@@ -68,8 +68,8 @@ class Scheduler {
   bool hasRoomFor(const Request& request) const;
   size_t bytesFor(const Request& request) const;
   std::unique_ptr<SequenceState> takeState();
-  void start(Ticket ticket);
-  static void refuse(Listener& listener);
+  void start(const Ticket& ticket);
+  static void endWaiting(const Ticket& ticket, EndReason reason, const std::string& error);
   void plan();
   size_t chunkOf(const Place& place, size_t most) const;
   void compute();
@@ -82,7 +82,7 @@ class Scheduler {
   const TokenBytes& bytes_;
   SchedulerOptions options_;
   PrefixCache cache_;
-  std::deque<Ticket> waiting_;
+  std::list<Ticket> waiting_;
   std::vector<std::unique_ptr<Place>> places_;
   std::vector<std::unique_ptr<SequenceState>> idleStates_;
   size_t reservedBytes_ = 0;

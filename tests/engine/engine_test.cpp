@@ -117,6 +117,7 @@ TEST_F(EngineTest, QueueIsBounded) {
                   .message();
   }
   EXPECT_EQ(message, "too many requests wait: 2");
+  EXPECT_EQ(listeners.size(), 4U) << "one that runs, two that wait, one that is refused";
   listeners.pop_back();
   for (const RequestHandle& handle : handles) handle.cancel();
   for (const auto& listener : listeners) listener->waitForEnd();

@@ -78,7 +78,7 @@ class SchedulerTest : public testing::Test {
     ticket.listener = listener;
     ticket.cancelled = std::make_shared<std::atomic<bool>>(false);
     cancelled_ = ticket.cancelled;
-    scheduler_->add(std::move(ticket));
+    scheduler_->add({std::move(ticket)});
     return listener;
   }
 
@@ -95,7 +95,7 @@ class SchedulerTest : public testing::Test {
     ticket.request = request;
     ticket.listener = listener;
     ticket.cancelled = std::make_shared<std::atomic<bool>>(false);
-    scheduler.add(std::move(ticket));
+    scheduler.add({std::move(ticket)});
     while (scheduler.turn()) {
     }
     return listener->ids();
