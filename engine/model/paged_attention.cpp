@@ -6,12 +6,14 @@
 
 #include "kernels/kernel_table.h"
 #include "kernels/packing.h"
+#include "layers/softmax_attention.h"
 #include "matmul/team.h"
 
 namespace zem {
 namespace {
 
 using qwen35::Activations;
+using qwen35::HeadGroup;
 using qwen35::KernelTable;
 using qwen35::kSoftmaxHeads;
 
@@ -22,24 +24,6 @@ constexpr size_t kMixWidth = 64;
 
 size_t divideUp(size_t a, size_t b) { return (a + b - 1) / b; }
 
-// Query heads [first, first + count) share key/value head `kv`.
-struct HeadGroup {
-  size_t kv;
-  size_t first;
-  size_t count;
-};
-
-std::vector<HeadGroup> headGroups(const AttentionSizes& sizes) {
-  const size_t sharing = sizes.heads / sizes.kvHeads;
-  std::vector<HeadGroup> groups;
-  for (size_t kv = 0; kv < sizes.kvHeads; ++kv) {
-    for (size_t h = 0; h < sharing; h += kSoftmaxHeads) {
-      groups.push_back({kv, kv * sharing + h, std::min(kSoftmaxHeads, sharing - h)});
-    }
-  }
-  return groups;
-}
-
 class Attention {
  public:
   Attention(const AttentionSizes& sizes, const PageLayout& layout, size_t layer,
@@ -48,7 +32,7 @@ class Attention {
         layout_(layout),
         layer_(layer),
         run_(run),
-        groups_(headGroups(sizes)),
+        groups_(qwen35::headGroups(sizes.heads, sizes.kvHeads)),
         q_(q),
         o_(o),
         kernels_(qwen35::kernelTable()),

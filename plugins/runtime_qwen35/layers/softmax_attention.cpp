@@ -18,28 +18,16 @@ constexpr size_t kMixWidth = 64;
 
 size_t divideUp(size_t a, size_t b) { return (a + b - 1) / b; }
 
-// Query heads [first, first + count) share key/value head `kv`.
-struct HeadGroup {
-  size_t kv;
-  size_t first;
-  size_t count;
-};
-
-std::vector<HeadGroup> headGroups(const Model& m) {
-  const size_t sharing = m.nHead / m.nHeadKv;
-  std::vector<HeadGroup> groups;
-  for (size_t kv = 0; kv < m.nHeadKv; ++kv) {
-    for (size_t h = 0; h < sharing; h += kSoftmaxHeads) {
-      groups.push_back({kv, kv * sharing + h, std::min(kSoftmaxHeads, sharing - h)});
-    }
-  }
-  return groups;
-}
-
 class Attention {
  public:
   Attention(const Model& m, const Layer& L, const TokenRun& run, const Activations& q, Floats& o)
-      : m_(m), L_(L), run_(run), groups_(headGroups(m)), q_(q), o_(o), kernels_(kernelTable()) {}
+      : m_(m),
+        L_(L),
+        run_(run),
+        groups_(headGroups(m.nHead, m.nHeadKv)),
+        q_(q),
+        o_(o),
+        kernels_(kernelTable()) {}
 
   SoftmaxTotals compute() { return run_.count == 1 ? oneToken() : manyTokens(); }
 
@@ -160,6 +148,17 @@ class Attention {
 };
 
 }  // namespace
+
+std::vector<HeadGroup> headGroups(size_t heads, size_t kvHeads) {
+  const size_t sharing = heads / kvHeads;
+  std::vector<HeadGroup> groups;
+  for (size_t kv = 0; kv < kvHeads; ++kv) {
+    for (size_t h = 0; h < sharing; h += kSoftmaxHeads) {
+      groups.push_back({kv, kv * sharing + h, std::min(kSoftmaxHeads, sharing - h)});
+    }
+  }
+  return groups;
+}
 
 SoftmaxTotals softmaxAttention(const Model& m, const Layer& L, const TokenRun& run,
                                const Activations& q, Floats& o) {

@@ -18,6 +18,16 @@ struct SoftmaxTotals {
   float sum[kSoftmaxHeads];
 };
 
+// Query heads [first, first + count), at most kSoftmaxHeads, share key/value head `kv`.
+struct HeadGroup {
+  size_t kv;
+  size_t first;
+  size_t count;
+};
+
+// All query heads of a layer, in order. `heads` is a multiple of `kvHeads`.
+std::vector<HeadGroup> headGroups(size_t heads, size_t kvHeads);
+
 // A run of tokens in one layer. Their keys and values are in the cache already, in the slots from
 // kvLen on. `q` holds the query heads, each with its gate behind it: 2 * headDim floats a head.
 // Token t's `o`, nHead * headDim floats, becomes softmax(q k / 16) v * sigmoid(gate). Returns the
