@@ -16,6 +16,7 @@
 
 #include "engine/model/decoder.h"
 #include "engine/model/weights.h"
+#include "engine/sampling/container_sampling.h"
 #include "engine/schedule/scheduler.h"
 #include "engine/session/session_file.h"
 #include "matmul/thread_team.h"
@@ -48,23 +49,75 @@ CacheType cacheType(CacheNumbers numbers) {
   return numbers == CacheNumbers::Float ? CacheType::F32 : CacheType::F16;
 }
 
+Status chooseFormat(const std::string& name, const std::string& chatTemplate,
+                    const text::ChatFormat*& out) {
+  if (name.empty()) {
+    out = chatTemplate.empty() ? text::chatFormatByName("qwen3.5")
+                               : text::chatFormatOfTemplate(chatTemplate);
+    return {};
+  }
+  out = text::chatFormatByName(name);
+  if (out != nullptr) return {};
+  return kiv::invalidFormat("chat format: found \"" + name + "\", needed one of " +
+                            text::chatFormatNames());
+}
+
+std::string nameOfFile(const std::string& path) {
+  const std::string name = path.substr(path.find_last_of("/\\") + 1);
+  return name.ends_with(".zem") ? name.substr(0, name.size() - 4) : name;
+}
+
+ModelFacts factsOf(const std::string& path, const Decoder& decoder, const PageLayout& pages) {
+  const Weights& weights = decoder.weights();
+  ModelFacts facts;
+  facts.name = nameOfFile(path);
+  facts.layers = weights.layers().size();
+  facts.width = weights.shape().width;
+  const kiv::ZEMLoader& loader = weights.loader();
+  for (size_t i = 0; i < loader.tensorCount(); ++i) {
+    const TensorView& tensor = loader.tensorView(i);
+    uint64_t elements = 1;
+    for (uint16_t d = 0; d < tensor.ndim; ++d) elements *= tensor.shape[d];
+    facts.parameters += elements;
+    facts.weightBytes += tensor.size;
+  }
+  facts.context = weights.shape().contextLength;
+  facts.stateBytes = decoder.recurrentBytes();
+  facts.positionBytes = pages.bytes() / kPagePositions;
+  return facts;
+}
+
 }  // namespace
 
 struct Engine::Impl {
+  // What a container says of texts and of the sampling.
+  struct TextParts {
+    Vocabulary vocabulary;
+    const text::ChatFormat* chatFormat = nullptr;
+    SamplingOptions thinking;
+    SamplingOptions answering;
+  };
+
   class VocabularyBytes : public TokenBytes {
    public:
     explicit VocabularyBytes(const Vocabulary& vocabulary) : vocabulary_(vocabulary) {}
     std::string_view bytesOf(uint32_t id) const override { return vocabulary_.bytesOf(id); }
     uint32_t size() const override { return vocabulary_.size(); }
+    const text::TokenTexts& texts() const override;
 
    private:
     const Vocabulary& vocabulary_;
+    mutable std::once_flag sorted_;
+    mutable std::optional<text::TokenTexts> texts_;
   };
 
-  Impl(std::unique_ptr<Weights> opened, Vocabulary loaded, const EngineOptions& engineOptions)
+  static Status loadText(const kiv::ZEMLoader& loader, const EngineOptions& options,
+                         TextParts& out);
+
+  Impl(std::unique_ptr<Weights> opened, TextParts parts, const EngineOptions& engineOptions)
       : weights(std::move(opened)),
-        vocabulary(std::move(loaded)),
-        bytes(vocabulary),
+        text(std::move(parts)),
+        bytes(text.vocabulary),
         decoder(*weights, cacheType(engineOptions.cacheNumbers),
                 engineOptions.math == Math::Fast ? Arithmetic::Fast : Arithmetic::Exact),
         options(schedulerOptions(engineOptions, weights->shape())),
@@ -80,13 +133,14 @@ struct Engine::Impl {
   void noteLoad();
 
   std::unique_ptr<Weights> weights;
-  Vocabulary vocabulary;
+  TextParts text;
   VocabularyBytes bytes;
   Decoder decoder;
   SchedulerOptions options;
   size_t mostWaiting;
   Scheduler scheduler;  // of the engine's thread, but for check()
   qwen35::ThreadTeam team;
+  ModelFacts facts;
 
   mutable std::mutex mutex;
   std::condition_variable arrived;
@@ -97,6 +151,24 @@ struct Engine::Impl {
 
   std::thread thread;
 };
+
+Status Engine::Impl::loadText(const kiv::ZEMLoader& loader, const EngineOptions& options,
+                              TextParts& out) {
+  Status status = chooseFormat(options.chatFormat, loader.chatTemplate(), out.chatFormat);
+  if (status.ok()) status = Vocabulary::load(loader, out.vocabulary);
+  if (status.ok()) status = containerSampling(loader, true, out.thinking);
+  if (status.ok()) status = containerSampling(loader, false, out.answering);
+  return status;
+}
+
+const text::TokenTexts& Engine::Impl::VocabularyBytes::texts() const {
+  std::call_once(sorted_, [&] {
+    std::vector<std::string> all(size());
+    for (uint32_t id = 0; id < size(); ++id) all[id] = bytesOf(id);
+    texts_.emplace(all);
+  });
+  return *texts_;
+}
 
 // The engine's thread.
 void Engine::Impl::compute() {
@@ -159,11 +231,12 @@ Status Engine::open(const std::string& path, const EngineOptions& options,
                     std::unique_ptr<Engine>& out) {
   std::unique_ptr<Weights> weights;
   Status status = Weights::open(path, weights);
-  Vocabulary vocabulary;
-  if (status.ok()) status = Vocabulary::load(weights->loader(), vocabulary);
+  Impl::TextParts text;
+  if (status.ok()) status = Impl::loadText(weights->loader(), options, text);
   if (!status.ok()) return status;
   try {
-    auto impl = std::make_unique<Impl>(std::move(weights), std::move(vocabulary), options);
+    auto impl = std::make_unique<Impl>(std::move(weights), std::move(text), options);
+    impl->facts = factsOf(path, impl->decoder, impl->decoder.pool().layout());
     impl->thread = std::thread([&engine = *impl] { engine.compute(); });
     out.reset(new Engine(std::move(impl)));
   } catch (const std::system_error& error) {
@@ -186,6 +259,7 @@ Engine::~Engine() {
 Status Engine::submit(Request request, std::shared_ptr<Listener> listener, RequestHandle& handle) {
   Status status = impl_->scheduler.check(request);
   if (!status.ok()) return status;
+  if (request.form != nullptr) (void)impl_->bytes.texts();  // not on the thread that computes
   Ticket ticket;
   ticket.request = std::move(request);
   ticket.listener = std::move(listener);
@@ -237,8 +311,13 @@ Status Engine::restore(const std::string& path, std::vector<uint32_t>& conversat
   });
 }
 
-const Vocabulary& Engine::vocabulary() const { return impl_->vocabulary; }
+const ModelFacts& Engine::model() const { return impl_->facts; }
+const Vocabulary& Engine::vocabulary() const { return impl_->text.vocabulary; }
 size_t Engine::context() const { return impl_->options.context; }
+const text::ChatFormat* Engine::chatFormat() const { return impl_->text.chatFormat; }
+const SamplingOptions& Engine::defaultSampling(bool thinking) const {
+  return thinking ? impl_->text.thinking : impl_->text.answering;
+}
 
 Engine::Load Engine::load() const {
   const std::lock_guard lock(impl_->mutex);

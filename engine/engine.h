@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "engine/request.h"
+#include "engine/text/chat_format.h"
 #include "engine/vocabulary.h"
 #include "kiv/status.h"
 
@@ -39,6 +40,19 @@ struct EngineOptions {
   size_t batchTokens = 0;                          ///< that are computed together; 48
   size_t memoryBytes = 0;                          ///< for running requests; no limit
   size_t cacheBytes = size_t{1} << 30;             ///< for what later requests may reuse
+  std::string chatFormat = {};                     ///< name of a revision; the model's template
+};
+
+/// The sizes of a model, and the memory that it takes.
+struct ModelFacts {
+  std::string name;          ///< of the file, without folders and ".zem"
+  size_t layers = 0;         ///< that the model has
+  size_t width = 0;          ///< floats of a token between layers
+  uint64_t parameters = 0;   ///< elements of all tensors
+  uint64_t weightBytes = 0;  ///< of all tensors, in the mapped file
+  size_t context = 0;        ///< tokens that the model was made for; 0 where it is not stated
+  size_t stateBytes = 0;     ///< that a conversation takes from its first token on
+  size_t positionBytes = 0;  ///< that it takes for each token beside them
 };
 
 /// A request on its way. Copies stand for the same request.
@@ -62,8 +76,8 @@ class RequestHandle {
 /// runs, is reused, or how many threads there are. Every member may be called from any thread.
 class Engine {
  public:
-  /// Opens the container at `path`. Failures: those of the file, and IOError when the system
-  /// gives no threads.
+  /// Opens the container at `path`. Failures: those of the file, InvalidFormat for an unknown name
+  /// of a chat format, and IOError when the system gives no threads.
   static kiv::Status open(const std::string& path, const EngineOptions& options,
                           std::unique_ptr<Engine>& out);
   /// Ends all requests as cancelled, and waits for their last calls.
@@ -90,8 +104,16 @@ class Engine {
   /// model, or that is larger than EngineOptions::cacheBytes. Waits for the step that runs.
   kiv::Status restore(const std::string& path, std::vector<uint32_t>& conversation);
 
+  const ModelFacts& model() const;       ///< what the container says
   const Vocabulary& vocabulary() const;  ///< of the model
   size_t context() const;                ///< tokens of prompt and reply together
+
+  /// How the model's conversations are written: the revision that the options name, else the one
+  /// of the container's template, else, in a container without a template, the first of the
+  /// family. Null where the template is none of the known revisions.
+  const text::ChatFormat* chatFormat() const;
+  /// What the publisher recommends: the container's values, else those of the model family.
+  const SamplingOptions& defaultSampling(bool thinking) const;
 
   /// What is going on.
   struct Load {

@@ -5,16 +5,19 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "engine/sampling/log_probabilities.h"
-#include "engine/sampling/sampling_options.h"
-#include "engine/stops/stop_rules.h"
-#include "engine/stops/thinking_budget.h"
+#include "engine/log_probabilities.h"
+#include "engine/sampling_options.h"
+#include "engine/stop_options.h"
 
 namespace zem {
+namespace text {
+class Constraint;
+}  // namespace text
 
 /// One reply to one prompt.
 struct Request {
@@ -25,6 +28,9 @@ struct Request {
   StopOptions stops;                        ///< when the reply ends
   std::optional<ThinkingOptions> thinking;  ///< a limit for what is thought before the answer
   std::optional<size_t> logProbabilities;   ///< of each token, and of so many that were likeliest
+  /// The form of the reply; null: any. It begins behind the thinking, where the prompt has begun
+  /// one, and ends the reply where nothing more may follow.
+  std::shared_ptr<const text::Constraint> form;
 };
 
 /// One token of a reply.

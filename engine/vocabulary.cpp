@@ -21,7 +21,7 @@ struct Vocabulary::Impl {
 
   void decodePlainTokens();
   void findEndTokens(const kiv::ZEMLoader& loader);
-  std::optional<uint32_t> idOf(const char* spelling) const;
+  std::optional<uint32_t> idOf(std::string_view spelling) const;
 };
 
 // Each token decoded by itself: the plug-in's tokenizer has no finer interface.
@@ -36,8 +36,9 @@ void Vocabulary::Impl::decodePlainTokens() {
   }
 }
 
-std::optional<uint32_t> Vocabulary::Impl::idOf(const char* spelling) const {
-  const int32_t id = exact ? exact->addedToken(spelling).value_or(-1) : plain.tokenToId(spelling);
+std::optional<uint32_t> Vocabulary::Impl::idOf(std::string_view spelling) const {
+  const int32_t id =
+      exact ? exact->addedToken(spelling).value_or(-1) : plain.tokenToId(std::string(spelling));
   return id < 0 ? std::nullopt : std::optional(static_cast<uint32_t>(id));
 }
 
@@ -113,6 +114,10 @@ std::string_view Vocabulary::spellingOf(uint32_t id) const {
 
 uint32_t Vocabulary::size() const {
   return static_cast<uint32_t>(impl_->exact ? impl_->exact->size() : impl_->texts.size());
+}
+
+std::optional<uint32_t> Vocabulary::idOf(std::string_view spelling) const {
+  return impl_->idOf(spelling);
 }
 
 const std::vector<uint32_t>& Vocabulary::endTokens() const { return impl_->endTokens; }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -43,6 +44,8 @@ class Vocabulary {
   /// The token's own text, special or not; empty for an id without a token.
   std::string_view spellingOf(uint32_t id) const;
   uint32_t size() const;  ///< one more than the largest id with a token
+  /// The id of the added token of that text, such as "</think>".
+  std::optional<uint32_t> idOf(std::string_view spelling) const;
 
   /// Tokens that end a reply: those that the container names, else those that the model family
   /// uses for it.

@@ -49,11 +49,15 @@ class RecurrentState {
   qwen35::DenseZeroedFloats floats_;
 };
 
+// The scores of all ids as the next token.
+using Logits = std::shared_ptr<const std::vector<float>>;
+
 // A conversation at one position, never changed. Shares its pages.
 struct Snapshot {
   size_t length = 0;
   std::shared_ptr<const RecurrentState> recurrent;
   std::vector<std::shared_ptr<Page>> pages;
+  Logits logits;  // of the next token, where a prompt ended here; else null
 };
 
 // One thread at a time. The pool outlives it.

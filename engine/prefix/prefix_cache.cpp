@@ -13,7 +13,14 @@ size_t commonLength(std::span<const uint32_t> a, std::span<const uint32_t> b) {
   return static_cast<size_t>(std::ranges::mismatch(a, b).in1 - a.begin());
 }
 
-size_t recurrentBytes(const Snapshot& snapshot) { return snapshot.recurrent->bytes(); }
+size_t logitsBytes(const Logits& logits) {
+  return logits == nullptr ? 0 : logits->size() * sizeof(float);
+}
+
+// Of what no other snapshot shares.
+size_t ownBytes(const Snapshot& snapshot) {
+  return snapshot.recurrent->bytes() + logitsBytes(snapshot.logits);
+}
 
 }  // namespace
 
@@ -56,15 +63,17 @@ PrefixCache::Match PrefixCache::find(std::span<const uint32_t> tokens, size_t mo
   return match;
 }
 
-bool PrefixCache::hasRoomFor(size_t recurrentBytes, size_t length) const {
+bool PrefixCache::hasRoomFor(size_t ownBytes, size_t length) const {
   const size_t pages = (length + kPagePositions - 1) / kPagePositions;
-  return recurrentBytes + pages * pageBytes_ <= budget_;
+  return ownBytes + pages * pageBytes_ <= budget_;
 }
 
 void PrefixCache::insert(std::span<const uint32_t> tokens, Snapshot snapshot) {
-  if (tokens.empty() || !hasRoomFor(recurrentBytes(snapshot), snapshot.length)) return;
+  if (tokens.empty() || !hasRoomFor(ownBytes(snapshot), snapshot.length)) return;
   const Match present = find(tokens, tokens.size());
-  if (present.snapshot != nullptr && present.snapshot->length == tokens.size()) return;
+  if (present.snapshot != nullptr && present.snapshot->length == tokens.size()) {
+    return addLogits(nodeFor(tokens), snapshot.logits);
+  }
   // Its place comes first: the state where it branches off is no longer on the way to one alone.
   Node& node = nodeFor(tokens);
   pinned_ = &node;
@@ -81,6 +90,12 @@ void PrefixCache::insert(std::span<const uint32_t> tokens, Snapshot snapshot) {
   node.snapshot = std::move(snapshot);
   node.used = ++clock_;
   ++states_;
+}
+
+void PrefixCache::addLogits(Node& node, const Logits& logits) {
+  if (node.snapshot->logits != nullptr || bytes_ + logitsBytes(logits) > budget_) return;
+  node.snapshot->logits = logits;
+  bytes_ += logitsBytes(logits);
 }
 
 // The node that ends with `tokens`; makes it where there is none.
@@ -171,7 +186,7 @@ void PrefixCache::prune(Node* node) {
 }
 
 size_t PrefixCache::addedBytes(const Snapshot& snapshot) const {
-  size_t bytes = recurrentBytes(snapshot);
+  size_t bytes = ownBytes(snapshot);
   for (const auto& page : snapshot.pages) {
     if (!pageUses_.contains(page.get())) bytes += pageBytes_;
   }
@@ -194,7 +209,7 @@ void PrefixCache::count(const Snapshot& snapshot) {
 }
 
 void PrefixCache::uncount(const Snapshot& snapshot) {
-  bytes_ -= recurrentBytes(snapshot);
+  bytes_ -= ownBytes(snapshot);
   for (const auto& page : snapshot.pages) {
     const auto uses = pageUses_.find(page.get());
     if (--uses->second > 0) continue;

@@ -37,13 +37,14 @@ class PrefixCache {
   // used.
   Match find(std::span<const uint32_t> tokens, size_t most);
 
-  // Whether a state of `recurrentBytes` at `length` tokens may be kept at all. Ask before a
-  // snapshot is made: it is large.
-  bool hasRoomFor(size_t recurrentBytes, size_t length) const;
+  // Whether a state of `ownBytes` beside its pages, at `length` tokens, may be kept at all. Ask
+  // before a snapshot is made: it is large.
+  bool hasRoomFor(size_t ownBytes, size_t length) const;
 
   // Keeps the state after `tokens`, all snapshot.length of them; one that is there already is
-  // used instead. States that were used longest ago make room: those on the way to others first.
-  // Throws std::bad_alloc; the cache is then as it was, or has fewer states.
+  // used instead, and gets the new one's logits if it has none. States that were used longest ago
+  // make room: those on the way to others first. Throws std::bad_alloc; the cache is then as it
+  // was, or has fewer states.
   void insert(std::span<const uint32_t> tokens, Snapshot snapshot);
 
   void clear();
@@ -58,6 +59,7 @@ class PrefixCache {
 
   bool isNeeded(const Node& node) const;
   void prune(Node* node);
+  void addLogits(Node& node, const Logits& logits);
   size_t addedBytes(const Snapshot& snapshot) const;
   void count(const Snapshot& snapshot);
   void uncount(const Snapshot& snapshot);

@@ -2,7 +2,7 @@
 // The sampling that a model's publisher recommends.
 #pragma once
 
-#include "engine/sampling/sampling_options.h"
+#include "engine/sampling_options.h"
 #include "kiv/status.h"
 #include "kiv/zem_loader.h"
 

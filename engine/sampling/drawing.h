@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "engine/sampling/ranking.h"
-#include "engine/sampling/sampling_options.h"
+#include "engine/sampling_options.h"
 
 namespace zem {
 

@@ -1,23 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// How likely a model took its tokens to be.
+// Logits as probabilities.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
+
+#include "engine/log_probabilities.h"
 
 namespace zem {
-
-struct TokenLogProbability {
-  uint32_t id = 0;
-  double logProbability = 0.0;  // natural logarithm; negative infinity for a probability of 0
-};
-
-struct LogProbabilities {
-  double chosen = 0.0;                         // of the id asked for
-  std::vector<TokenLogProbability> likeliest;  // likeliest first, equal ones by id
-};
 
 // Logarithms of the softmax of `logits`, as the model gave them: before penalties, bias and
 // temperature, over all ids. The sum runs from id 0 upward in double; the result is the same on

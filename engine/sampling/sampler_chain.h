@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "engine/sampling/random.h"
-#include "engine/sampling/sampling_options.h"
 #include "engine/sampling/token_filter.h"
 #include "engine/sampling/token_window.h"
+#include "engine/sampling_options.h"
 
 namespace zem {
 

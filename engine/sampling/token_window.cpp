@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engine/sampling/token_window.h"
 
-#include "engine/sampling/sampling_options.h"
+#include "engine/sampling_options.h"
 
 namespace zem {
 

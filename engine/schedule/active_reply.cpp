@@ -5,6 +5,8 @@
 #include <new>
 #include <utility>
 
+#include "engine/sampling/log_probabilities.h"
+
 namespace zem {
 namespace {
 
@@ -31,6 +33,10 @@ ActiveReply::ActiveReply(Request request, std::shared_ptr<Listener> listener,
       asked_(asked),
       begun_(asked) {
   if (request_.thinking) thinking_.emplace(*request_.thinking);
+  if (request_.form != nullptr) {
+    form_ = std::make_unique<ReplyForm>(request_.form, bytes, request_.stops.endTokens);
+    if (!thinking_ || !thinking_->inside()) form_->begin();
+  }
   usage_.prompt = request_.prompt.size();
 }
 
@@ -62,15 +68,28 @@ void ActiveReply::choose(std::span<const float> logits) {
   tokens_.push_back(*id);
   ++usage_.generated;
   sampler_.record(*id);
-  if (thinking_) thinking_->push(*id);
+  follow(*id);
   token.text = stops_.push(*id, bytes_.bytesOf(*id));
   tell([&] { listener_->onToken(token); });
-  if (stops_.reason()) end(*stops_.reason());
+  if (stops_.reason()) {
+    end(*stops_.reason());
+  } else if (form_ != nullptr && form_->over()) {
+    end(EndReason::Stop);
+  }
+}
+
+// What comes inside a form is never thinking, `<think>` in a JSON string for one.
+void ActiveReply::follow(uint32_t id) {
+  if (form_ != nullptr && form_->begun()) return form_->push(id);
+  if (!thinking_) return;
+  thinking_->push(id);
+  if (form_ != nullptr && !thinking_->inside()) form_->begin();
 }
 
 std::optional<uint32_t> ActiveReply::nextId(std::span<const float> logits) {
-  std::optional<uint32_t> forced = thinking_ ? thinking_->forced() : std::nullopt;
-  return forced ? forced : sampler_.next(logits);
+  const bool thinks = thinking_ && (form_ == nullptr || !form_->begun());
+  const std::optional<uint32_t> forced = thinks ? thinking_->forced() : std::nullopt;
+  return forced ? forced : sampler_.next(logits, form_.get());
 }
 
 void ActiveReply::end(EndReason reason, std::string error) {

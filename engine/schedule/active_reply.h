@@ -9,31 +9,17 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "engine/model/sequence_state.h"
 #include "engine/request.h"
 #include "engine/sampling/sampler_chain.h"
+#include "engine/schedule/reply_form.h"
+#include "engine/schedule/token_bytes.h"
 #include "engine/stops/stop_rules.h"
 #include "engine/stops/thinking_budget.h"
 
 namespace zem {
-
-// The bytes that tokens stand for. Any thread.
-class TokenBytes {
- public:
-  TokenBytes() = default;
-  TokenBytes(const TokenBytes&) = delete;
-  TokenBytes& operator=(const TokenBytes&) = delete;
-  virtual ~TokenBytes() = default;
-
-  // What the token adds to a text; empty for an id without a token and for one that people do
-  // not read.
-  virtual std::string_view bytesOf(uint32_t id) const = 0;
-  // One more than the largest id that has a token.
-  virtual uint32_t size() const = 0;
-};
 
 // Prompt and reply of one request, and what chooses and ends its tokens. The listener hears of
 // every token and, once, of the end.
@@ -41,7 +27,7 @@ class ActiveReply {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `reused` tokens of the prompt are in `state` already. `context` tokens fit at most.
+  // `context` tokens of prompt and reply fit at most.
   ActiveReply(Request request, std::shared_ptr<Listener> listener, const TokenBytes& bytes,
               size_t context, Clock::time_point asked);
 
@@ -62,6 +48,7 @@ class ActiveReply {
 
  private:
   std::optional<uint32_t> nextId(std::span<const float> logits);
+  void follow(uint32_t id);
   template <typename Call>
   void tell(const Call& call);
 
@@ -72,6 +59,7 @@ class ActiveReply {
   SamplerChain sampler_;
   StopRules stops_;
   std::optional<ThinkingBudget> thinking_;
+  std::unique_ptr<ReplyForm> form_;
   Usage usage_;
   Clock::time_point asked_;
   Clock::time_point begun_;

@@ -13,6 +13,23 @@ constexpr size_t kFewTokens = 16;
 // Short enough for a string that needs no memory.
 constexpr const char* kOutOfMemory = "out of memory";
 
+// Where states of a prompt are kept whose first `fed` tokens are there, and whose first `known` an
+// earlier conversation began with. A chunk ends at each: none is worth it close behind another.
+std::vector<size_t> positionsToKeep(const Request& request, size_t fed, size_t known) {
+  std::vector<size_t> wanted = request.keepAt;
+  wanted.push_back(known);
+  std::ranges::sort(wanted);
+  std::vector<size_t> result;
+  size_t before = fed;
+  for (const size_t at : wanted) {
+    if (at < before + kFewTokens || at >= request.prompt.size()) continue;
+    result.push_back(at);
+    before = at;
+  }
+  if (request.prompt.size() > fed) result.push_back(request.prompt.size());
+  return result;
+}
+
 }  // namespace
 
 struct Scheduler::Place {
@@ -150,23 +167,37 @@ void Scheduler::start(const Ticket& ticket) {
   auto place = std::make_unique<Place>(std::move(reply), ticket.cancelled);
   const Request& request = place->reply.request();
   place->state = takeState();
-  // The last token is evaluated anew: its logits choose the reply's first.
-  const PrefixCache::Match match = cache_.find(request.prompt, request.prompt.size() - 1);
+  const PrefixCache::Match match = findKept(request.prompt);
   if (match.snapshot != nullptr) {
     place->state->restore(*match.snapshot);
   } else {
     place->state->reset();
   }
   const size_t fed = place->fed();
-  place->keepAt = request.keepAt;
-  if (match.known >= fed + kFewTokens) place->keepAt.push_back(match.known);
-  place->keepAt.push_back(request.prompt.size());
-  std::ranges::sort(place->keepAt);
-  std::erase_if(place->keepAt, [&](size_t at) { return at <= fed || at > request.prompt.size(); });
+  const Logits logits = fed == request.prompt.size() ? match.snapshot->logits : nullptr;
+  place->keepAt = positionsToKeep(request, fed, match.known);
   place->reservedBytes = bytesFor(request);
   reservedBytes_ += place->reservedBytes;
   place->reply.begin(fed, match.known);
   places_.push_back(std::move(place));
+  if (logits != nullptr && !places_.back()->reply.ended()) choose(*places_.back(), *logits);
+}
+
+// The logits of the last token choose the reply's first: where they are not kept, it is evaluated
+// anew.
+PrefixCache::Match Scheduler::findKept(const std::vector<uint32_t>& prompt) {
+  const PrefixCache::Match match = cache_.find(prompt, prompt.size());
+  const bool lacksLogits = match.snapshot != nullptr && match.snapshot->length == prompt.size() &&
+                           match.snapshot->logits == nullptr;
+  return lacksLogits ? cache_.find(prompt, prompt.size() - 1) : match;
+}
+
+void Scheduler::choose(Place& place, std::span<const float> logits) {
+  try {
+    place.reply.choose(logits);
+  } catch (const std::bad_alloc&) {
+    place.reply.end(EndReason::Error, kOutOfMemory);
+  }
 }
 
 // Every reply's next token, then prompts, from firstPrompt_ on.
@@ -216,29 +247,32 @@ void Scheduler::deliver() {
   const float* row = logits_.data();
   for (size_t i = 0; i < batch_.size(); ++i) {
     Place& place = *batch_[i];
+    const bool hasLogits = chunks_[i].logits == LogitsOf::Last;
+    const std::span<const float> logits(row, hasLogits ? decoder_.vocabulary() : 0);
     if (place.fed() <= place.reply.request().prompt.size()) {
       place.reply.reportPrompt(place.fed());
-      keep(place, place.fed());
+      keep(place, logits);
     }
-    if (chunks_[i].logits == LogitsOf::None) continue;
-    try {
-      place.reply.choose({row, decoder_.vocabulary()});
-    } catch (const std::bad_alloc&) {
-      place.reply.end(EndReason::Error, kOutOfMemory);
-    }
+    if (!hasLogits) continue;
+    choose(place, logits);
     row += decoder_.vocabulary();
-    if (place.reply.ended()) keep(place, place.fed());
+    if (place.reply.ended()) keep(place, {});
   }
 }
 
-// Keeps the state after `length` tokens for later requests, where that was asked for or the reply
-// has ended.
-void Scheduler::keep(Place& place, size_t length) {
+// Keeps the state for later requests, where that was asked for or the reply has ended; with the
+// logits of the next token, if there are any.
+void Scheduler::keep(Place& place, std::span<const float> logits) {
+  const size_t length = place.fed();
   const bool wanted = std::ranges::binary_search(place.keepAt, length) || place.reply.ended();
   if (!wanted || length < kFewTokens) return;
-  if (!cache_.hasRoomFor(decoder_.recurrentBytes(), length)) return;
+  if (!cache_.hasRoomFor(decoder_.recurrentBytes() + logits.size_bytes(), length)) return;
   try {
-    cache_.insert(std::span(place.reply.tokens()).first(length), place.state->snapshot());
+    Snapshot snapshot = place.state->snapshot();
+    if (!logits.empty()) {
+      snapshot.logits = std::make_shared<const std::vector<float>>(logits.begin(), logits.end());
+    }
+    cache_.insert(std::span(place.reply.tokens()).first(length), std::move(snapshot));
   } catch (const std::bad_alloc&) {
     cache_.dropOne();
   }

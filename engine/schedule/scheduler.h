@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <list>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -74,7 +75,9 @@ class Scheduler {
   size_t chunkOf(const Place& place, size_t most) const;
   void compute();
   void deliver();
-  void keep(Place& place, size_t length);
+  PrefixCache::Match findKept(const std::vector<uint32_t>& prompt);
+  static void choose(Place& place, std::span<const float> logits);
+  void keep(Place& place, std::span<const float> logits);
   void failBatch(const std::string& error);
   void removeEnded();
 

@@ -1,45 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// When a reply ends, and what of it goes out.
+// Where a reply ends, and what of it goes out.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "engine/stop_options.h"
 #include "engine/stops/stop_texts.h"
-#include "kiv/status.h"
 
 namespace zem {
-
-// Why a reply ended.
-enum class EndReason : uint8_t {
-  Stop,       // the model wrote an end token
-  StopText,   // a stop text came
-  Length,     // the reply has as many tokens as were asked for
-  Context,    // the context is full
-  Cancelled,  // the one who asked has lost interest
-  Error,      // something failed
-};
-
-// "stop", "stop_text", "length", "context", "cancelled", "error".
-std::string_view nameOf(EndReason reason);
-
-inline constexpr uint64_t kNoTokenLimit = std::numeric_limits<uint64_t>::max();
-
-struct StopOptions {
-  std::vector<uint32_t> endTokens;         // ids that end a reply and are no part of its text
-  std::vector<std::string> stopTexts;      // end a reply and are no part of it
-  uint64_t maxTokens = kNoTokenLimit;      // of the reply
-  uint64_t contextTokens = kNoTokenLimit;  // tokens of a reply that fit into the context
-};
-
-// Fails with InvalidFormat and "stop text N: found ..., needed ..." (N from 1) for a stop text that
-// is empty, longer than 4096 bytes or no UTF-8, and for more than 64 of them.
-kiv::Status validate(const StopOptions& options);
 
 // Follows one reply, token by token. The text that goes out is, in a row, that of all tokens up to
 // the end or the stop text, whole characters only: however the text is split into tokens, and as

@@ -7,17 +7,9 @@
 #include <optional>
 #include <vector>
 
-#include "engine/stops/stop_rules.h"
+#include "engine/stop_options.h"
 
 namespace zem {
-
-struct ThinkingOptions {
-  uint32_t beginToken = 0;          // <think>
-  uint32_t endToken = 0;            // </think>
-  std::vector<uint32_t> closing;    // ids of a short text that ends the thinking; may be empty
-  uint64_t budget = kNoTokenLimit;  // tokens of thinking
-  bool inside = false;              // the prompt has begun the thinking
-};
 
 // Counts tokens between <think> and </think>. When the budget is used up, the next tokens are
 // forced: the closing text and </think>. Then the answer goes on. Neither they nor the two

@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "kiv/zem2_writer.h"
 #include "support/tiny_model.h"
 
 namespace zemtest {
@@ -83,11 +82,16 @@ kiv::Architecture smallArchitecture() {
 void writeShapedModel(const TempFile& file, const kiv::Architecture& architecture, kiv::DType type,
                       uint32_t seed) {
   kiv::ZEM2Writer writer;
+  writer.setTokenizer(tinyTokenizer());
+  finishShapedModel(writer, file, architecture, type, seed);
+}
+
+void finishShapedModel(kiv::ZEM2Writer& writer, const TempFile& file,
+                       const kiv::Architecture& architecture, kiv::DType type, uint32_t seed) {
   writer.setModel(
       {0, architecture.width, architecture.layers, static_cast<uint32_t>(architecture.vocabulary)});
   writer.addMetaStr("general.architecture", kiv::kArchitectureName);
   kiv::addMetadata(architecture, writer);
-  writer.setTokenizer(tinyTokenizer());
   std::map<std::string, ArchitectureTensor> tensors;
   for (const ArchitectureTensor& tensor : kiv::tensorsOf(architecture)) {
     tensors[tensor.name] = tensor;

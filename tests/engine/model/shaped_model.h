@@ -9,6 +9,7 @@
 #include "engine/model/weights.h"
 #include "kiv/model/architecture.h"
 #include "kiv/tensor.h"
+#include "kiv/zem2_writer.h"
 #include "support/temp_file.h"
 
 namespace zemtest {
@@ -20,6 +21,10 @@ kiv::Architecture smallArchitecture();
 // need a width, a feed-forward block and heads of whole blocks.
 void writeShapedModel(const TempFile& file, const kiv::Architecture& architecture,
                       kiv::DType type = kiv::DType::F32, uint32_t seed = 1);
+
+// Adds metadata and tensors of such a model, and writes the container.
+void finishShapedModel(kiv::ZEM2Writer& writer, const TempFile& file,
+                       const kiv::Architecture& architecture, kiv::DType type, uint32_t seed);
 
 // The model opened. Throws std::runtime_error with the message of a failure.
 std::unique_ptr<zem::Weights> openWeights(const TempFile& file);

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "engine/sampling/sampling_options.h"
+#include "engine/sampling_options.h"
 #include "engine/sampling/token_filter.h"
 
 namespace zemtest {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "engine/sampling/random.h"
-#include "engine/sampling/sampling_options.h"
+#include "engine/sampling_options.h"
 #include "kiv/math/exact_math.h"
 
 namespace zemtest::plain_chain {

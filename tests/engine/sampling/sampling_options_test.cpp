@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/sampling/sampling_options.h"
+#include "engine/sampling_options.h"
 
 #include <gtest/gtest.h>
 

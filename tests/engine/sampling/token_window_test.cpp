@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <unordered_map>
 
-#include "engine/sampling/sampling_options.h"
+#include "engine/sampling_options.h"
 
 namespace zemtest {
 

@@ -27,12 +27,15 @@ class Letters : public TokenBytes {
   explicit Letters(uint32_t size) {
     for (uint32_t i = 0; i < size; ++i)
       texts_.push_back(std::string(1, static_cast<char>('a' + i % 26)));
+    sorted_.emplace(texts_);
   }
   std::string_view bytesOf(uint32_t id) const override { return texts_[id]; }
   uint32_t size() const override { return static_cast<uint32_t>(texts_.size()); }
+  const text::TokenTexts& texts() const override { return *sorted_; }
 
  private:
   std::vector<std::string> texts_;
+  std::optional<text::TokenTexts> sorted_;
 };
 
 Request greedy(Ids prompt, uint64_t tokens) {
@@ -204,6 +207,37 @@ TEST_F(SchedulerTest, KeptStateGivesTheSameReply) {
     const auto reply = add(cold);
     runToEnd();
     EXPECT_EQ(reply->ids(), want) << i;
+  }
+}
+
+TEST_F(SchedulerTest, SamePromptAgainIsNotEvaluated) {
+  const Request request = drawn(ids(70), 9, 5);
+  const auto first = add(request);
+  runToEnd();
+  const auto second = add(request);
+  const auto none = add(greedy(ids(70), 0));
+  runToEnd();
+  EXPECT_EQ(first->end().usage.reused, 0U);
+  EXPECT_EQ(second->end().usage.reused, 70U);
+  EXPECT_EQ(second->ids(), first->ids());
+  EXPECT_EQ(second->ids(), alone(request));
+  EXPECT_EQ(second->prompt(), (std::vector<std::pair<size_t, size_t>>{{70, 70}}));
+  EXPECT_EQ(none->ends(), 1);
+  EXPECT_TRUE(none->tokens().empty());
+}
+
+// A reply that was saved has no logits behind it: its last token is evaluated again.
+TEST_F(SchedulerTest, PromptThatEndsWhereAReplyDidIsAnsweredLikeACold) {
+  const auto first = add(drawn(ids(70), 9, 5));
+  runToEnd();
+  Ids conversation = ids(70);
+  const Ids reply = first->ids();
+  conversation.insert(conversation.end(), reply.begin(), reply.end() - 1);
+  for (int i = 0; i < 2; ++i) {
+    const auto second = add(drawn(conversation, 9, 6));
+    runToEnd();
+    EXPECT_EQ(second->ids(), alone(drawn(conversation, 9, 6)));
+    EXPECT_EQ(second->end().usage.reused, i == 0 ? 70U : conversation.size());
   }
 }
 

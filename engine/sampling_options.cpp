@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "engine/sampling/sampling_options.h"
+#include "engine/sampling_options.h"
 
 #include <array>
 #include <charconv>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace zem {
 namespace {
@@ -59,6 +60,21 @@ kiv::Status validate(const SamplingOptions& options, uint32_t tokens) {
     return outOfRange(range.field, decimal(range.found), range.needed);
   }
   return validateBias(options.logitBias, tokens);
+}
+
+SamplingOptions SamplingSettings::over(SamplingOptions defaults) const {
+  SamplingOptions options = std::move(defaults);
+  options.temperature = temperature.value_or(options.temperature);
+  options.topK = topK.value_or(options.topK);
+  options.topP = topP.value_or(options.topP);
+  options.minP = minP.value_or(options.minP);
+  options.repeatPenalty = repeatPenalty.value_or(options.repeatPenalty);
+  options.presencePenalty = presencePenalty.value_or(options.presencePenalty);
+  options.frequencyPenalty = frequencyPenalty.value_or(options.frequencyPenalty);
+  options.penaltyWindow = penaltyWindow.value_or(options.penaltyWindow);
+  if (!logitBias.empty()) options.logitBias = logitBias;
+  if (seed) options.seed = seed;
+  return options;
 }
 
 SamplingOptions defaultSampling(bool thinking) {
