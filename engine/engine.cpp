@@ -237,8 +237,9 @@ Status Engine::open(const std::string& path, const EngineOptions& options,
   try {
     auto impl = std::make_unique<Impl>(std::move(weights), std::move(text), options);
     impl->facts = factsOf(path, impl->decoder, impl->decoder.pool().layout());
-    impl->thread = std::thread([&engine = *impl] { engine.compute(); });
-    out.reset(new Engine(std::move(impl)));
+    std::unique_ptr<Engine> engine(new Engine(std::move(impl)));
+    engine->impl_->thread = std::thread([&running = *engine->impl_] { running.compute(); });
+    out = std::move(engine);
   } catch (const std::system_error& error) {
     return kiv::ioError(std::string("the system gives no more threads: ") + error.what());
   }
@@ -253,7 +254,7 @@ Engine::~Engine() {
     impl_->ends = true;
   }
   impl_->arrived.notify_one();
-  impl_->thread.join();
+  if (impl_->thread.joinable()) impl_->thread.join();  // else open() found no thread
 }
 
 Status Engine::submit(Request request, std::shared_ptr<Listener> listener, RequestHandle& handle) {

@@ -35,6 +35,17 @@ struct PrefixCache::Node {
 
   // On the way to one other state alone: a conversation that went on.
   bool isInterior() const { return children.size() == 1; }
+
+  // The node behind this one, in an order in which parents come before their children; null behind
+  // the last. Needs no memory.
+  Node* next() {
+    if (!children.empty()) return children.begin()->second.get();
+    for (Node* node = this; node->parent != nullptr; node = node->parent) {
+      const auto sibling = node->parent->children.upper_bound(node->tokens.front());
+      if (sibling != node->parent->children.end()) return sibling->second.get();
+    }
+    return nullptr;
+  }
 };
 
 PrefixCache::PrefixCache(size_t budget, size_t pageBytes)
@@ -144,11 +155,7 @@ bool PrefixCache::dropOne() {
   const auto worse = [](const Node& a, const Node& b) {
     return a.isInterior() != b.isInterior() ? a.isInterior() : a.used < b.used;
   };
-  std::vector<Node*> open = {root_.get()};
-  while (!open.empty()) {
-    Node* node = open.back();
-    open.pop_back();
-    for (auto& [token, child] : node->children) open.push_back(child.get());
+  for (Node* node = root_.get(); node != nullptr; node = node->next()) {
     if (node->snapshot && (victim == nullptr || worse(*node, *victim))) victim = node;
   }
   if (victim == nullptr) return false;

@@ -48,7 +48,8 @@ class PrefixCache {
   void insert(std::span<const uint32_t> tokens, Snapshot snapshot);
 
   void clear();
-  // Drops the state that was used longest ago, to give memory back; false: there is none.
+  // Drops the state that was used longest ago, to give memory back; false: there is none. Needs no
+  // memory itself.
   bool dropOne();
 
   size_t bytes() const { return bytes_; }
