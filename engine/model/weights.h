@@ -24,8 +24,8 @@ class FloatWeights {
   const float* data() const { return copy_.empty() ? inPlace_ : copy_.data(); }
 
  private:
+  std::vector<float> copy_;  // before what may point into it
   const float* inPlace_ = nullptr;
-  std::vector<float> copy_;
 };
 
 // Matrices of linear attention, and the vectors of its stages.

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Twenty thousand containers that differ from a sound one in one field, in two, or in
-// length. Each is opened and asked for a turn. Whatever becomes of it, it becomes so
-// soon, without a large allocation, and without harm to the next one.
+// length. Each is opened and asked for a turn, by the plug-in and by the engine. Whatever becomes
+// of it, it becomes so soon, without a large allocation, and without harm to the next one.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -10,9 +11,12 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "engine/engine.h"
+#include "engine/recording_listener.h"
 #include "kiv/zem_loader.h"
 #include "mutation/largest_request.h"
 #include "runtime_qwen35_vulkan/cpu_only.h"
@@ -215,6 +219,27 @@ void openAlone(const char* path) {
   EXPECT_EQ(status.ok(), status.message().empty());
 }
 
+// The same of an engine: why it cannot be opened or asked, or the ids of its reply.
+std::string engineOutcomeOf(const char* path) {
+  std::unique_ptr<zem::Engine> engine;
+  const zem::EngineOptions options = {.threads = 1, .sequences = 1, .context = 64};
+  const kiv::Status opened = zem::Engine::open(path, options, engine);
+  EXPECT_EQ(opened.ok(), engine != nullptr);
+  EXPECT_EQ(opened.ok(), opened.message().empty());
+  if (engine == nullptr) return opened.message();
+  zem::Request request;
+  request.prompt = {0};
+  request.sampling.temperature = 0;
+  request.stops.maxTokens = 2;
+  const auto listener = std::make_shared<RecordingListener>();
+  zem::RequestHandle handle;
+  const kiv::Status asked = engine->submit(request, listener, handle);
+  if (!asked.ok()) return asked.message();
+  std::string outcome(nameOf(listener->waitForEnd().reason));
+  for (const uint32_t id : listener->ids()) outcome += " " + std::to_string(id);
+  return outcome;
+}
+
 std::string describe(const Mutation& mutation) {
   std::string text = "file of " + std::to_string(mutation.size) + " bytes";
   for (const Change& c : mutation.changes) {
@@ -230,6 +255,7 @@ TEST(SoundModelTest, TheSoundModelAnswers) {
   const MutableFile file;
   testing::internal::CaptureStderr();
   EXPECT_EQ(outcomeOf(file.path()), "turn 0: x");
+  EXPECT_THAT(engineOutcomeOf(file.path()), testing::StartsWith("length "));
   testing::internal::GetCapturedStderr();
 }
 
@@ -240,6 +266,7 @@ TEST_P(MutationTest, EndsSoonAndWithoutHarm) {
   MutableFile file;
   testing::internal::CaptureStderr();  // a line a session
   const std::string sound = outcomeOf(file.path());
+  const std::string soundEngine = engineOutcomeOf(file.path());
   for (size_t i = GetParam(); i < kMutations && !HasFailure(); i += kShards) {
     const Mutation& mutation = mutations().at(i);
     SCOPED_TRACE(describe(mutation));
@@ -247,11 +274,13 @@ TEST_P(MutationTest, EndsSoonAndWithoutHarm) {
     const std::clock_t start = std::clock();
     openAlone(file.path());
     outcomeOf(file.path());
+    engineOutcomeOf(file.path());
     EXPECT_LT(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC, kLongestSeconds);
     EXPECT_LE(largestRequest(), kLargestAllocation);
     file.restore(mutation);
   }
   EXPECT_EQ(outcomeOf(file.path()), sound);
+  EXPECT_EQ(engineOutcomeOf(file.path()), soundEngine);
   testing::internal::GetCapturedStderr();
 }
 
