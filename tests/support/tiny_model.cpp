@@ -2,9 +2,12 @@
 #include "support/tiny_model.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
+#include <utility>
 
 #include "kiv/quant.h"
 #include "kiv/quant_k.h"
@@ -87,6 +90,28 @@ Bytes encodeRows(kiv::DType type, const std::vector<float>& values, size_t cols)
   return out;
 }
 
+namespace {
+
+constexpr size_t kBankCols = 256;
+constexpr size_t kBankRows = 509;
+
+Bytes randomRows(kiv::DType type, size_t cols, size_t rows, uint64_t seed) {
+  const float scale = std::sqrt(3.0F / static_cast<float>(cols));
+  return encodeRows(type, randomFloats(seed, cols * rows, -scale, scale), cols);
+}
+
+// Made once for each type and width.
+const Bytes& rowBank(kiv::DType type, size_t cols) {
+  static std::mutex mutex;
+  static std::map<std::pair<kiv::DType, size_t>, Bytes> banks;
+  const std::lock_guard lock(mutex);
+  Bytes& bank = banks[{type, cols}];
+  if (bank.empty()) bank = randomRows(type, cols, kBankRows, cols);
+  return bank;
+}
+
+}  // namespace
+
 TinyModel::TinyModel(const TinyModelOptions& options) : options_(options) {
   const size_t width = options_.width;
   if (options_.vocab == 0) options_.vocab = options_.tokenizer.tokens.size();
@@ -131,11 +156,23 @@ void TinyModel::addFullLayer(const std::string& prefix) {
   addFloats(prefix + "attn_k_norm.weight", {256}, 0.5F, 1.5F);
 }
 
+// Wide models would take seconds to draw and to quantise: their matrices take rows from a bank,
+// from another one on for each name. Rows of one matrix are alike only kBankRows apart.
 void TinyModel::addMatrix(const std::string& name, size_t cols, size_t rows) {
-  const float scale = std::sqrt(3.0F / static_cast<float>(cols));
-  const auto values = randomFloats(hashOf(name, options_.seed), cols * rows, -scale, scale);
-  tensors_[name] = {
-      options_.matrixType, {cols, rows}, encodeRows(options_.matrixType, values, cols)};
+  const uint64_t seed = hashOf(name, options_.seed);
+  StoredTensor& tensor = tensors_[name];
+  tensor = {options_.matrixType, {cols, rows}, {}};
+  if (cols < kBankCols) {
+    tensor.data = randomRows(options_.matrixType, cols, rows, seed);
+    return;
+  }
+  const Bytes& bank = rowBank(options_.matrixType, cols);
+  const size_t rowBytes = bank.size() / kBankRows;
+  tensor.data.reserve(rows * rowBytes);
+  for (size_t row = 0; row < rows; ++row) {
+    const auto from = bank.begin() + static_cast<ptrdiff_t>((seed + row) % kBankRows * rowBytes);
+    tensor.data.insert(tensor.data.end(), from, from + static_cast<ptrdiff_t>(rowBytes));
+  }
 }
 
 void TinyModel::addFloats(const std::string& name, std::vector<uint64_t> shape, float low,
