@@ -49,9 +49,10 @@ CacheType cacheType(CacheNumbers numbers) {
   return numbers == CacheNumbers::Float ? CacheType::F32 : CacheType::F16;
 }
 
-Status chooseFormat(const std::string& name, const std::string& chatTemplate,
-                    const text::ChatFormat*& out) {
+Status chooseFormat(std::string name, const kiv::ZEMLoader& loader, const text::ChatFormat*& out) {
+  if (name.empty()) loader.getMetaStr("chat.format", name);
   if (name.empty()) {
+    const std::string& chatTemplate = loader.chatTemplate();
     out = chatTemplate.empty() ? text::chatFormatByName("qwen3.5")
                                : text::chatFormatOfTemplate(chatTemplate);
     return {};
@@ -154,7 +155,7 @@ struct Engine::Impl {
 
 Status Engine::Impl::loadText(const kiv::ZEMLoader& loader, const EngineOptions& options,
                               TextParts& out) {
-  Status status = chooseFormat(options.chatFormat, loader.chatTemplate(), out.chatFormat);
+  Status status = chooseFormat(options.chatFormat, loader, out.chatFormat);
   if (status.ok()) status = Vocabulary::load(loader, out.vocabulary);
   if (status.ok()) status = containerSampling(loader, true, out.thinking);
   if (status.ok()) status = containerSampling(loader, false, out.answering);

@@ -109,8 +109,9 @@ class Engine {
   size_t context() const;                ///< tokens of prompt and reply together
 
   /// How the model's conversations are written: the revision that the options name, else the one
-  /// of the container's template, else, in a container without a template, the first of the
-  /// family. Null where the template is none of the known revisions.
+  /// that the container's metadata entry `chat.format` names, else the one of its template, else,
+  /// in a container without a template, the first of the family. Null where the template is none
+  /// of the known revisions.
   const text::ChatFormat* chatFormat() const;
   /// What the publisher recommends: the container's values, else those of the model family.
   const SamplingOptions& defaultSampling(bool thinking) const;

@@ -20,7 +20,7 @@ say "A model with random weights: $model"
 "$zem" make-demo --force -o "$model"
 
 say "What the runtime says of it"
-"$zem" probe "$model"
+"$zem" plugin probe "$model"
 
 say "A completion"
 "$zem" run -m "$model" -p "The river was"

@@ -265,7 +265,9 @@ void Scheduler::deliver() {
 void Scheduler::keep(Place& place, std::span<const float> logits) {
   const size_t length = place.fed();
   const bool wanted = std::ranges::binary_search(place.keepAt, length) || place.reply.ended();
-  if (!wanted || length < kFewTokens) return;
+  const std::vector<size_t>& asked = place.reply.request().keepAt;
+  const bool byName = std::find(asked.begin(), asked.end(), length) != asked.end();
+  if (!wanted || (length < kFewTokens && !byName)) return;
   if (!cache_.hasRoomFor(decoder_.recurrentBytes() + logits.size_bytes(), length)) return;
   try {
     Snapshot snapshot = place.state->snapshot();

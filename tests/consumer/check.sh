@@ -40,7 +40,7 @@ zem=$prefix/bin/zem
 "$zem" --version >version.txt
 grep -qF "$(realpath "$libraries")/zem/runtime_qwen35_vulkan.so" version.txt || fail "$(<version.txt)"
 "$zem" make-demo demo.zem 2>/dev/null
-"$zem" run -m demo.zem -p "The river was" >run.txt 2>/dev/null
+"$zem" plugin run -m demo.zem -p "The river was" >run.txt 2>/dev/null
 truncate -s -1 run.txt # the line feed that ends the tool's output
 "$zem" compare demo.zem demo.zem -p "The river was" >compare.txt
 ln -s "$zem" link
@@ -50,13 +50,18 @@ say "the manual page"
 page=$prefix/share/man/man1/zem.1
 mandoc -T lint -W warning "$page" >lint.txt || fail "$(<lint.txt)"
 mandoc -T utf8 "$page" | sed 's/.\x08//g' >page.txt
-for command in $("$zem" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p'); do
-  grep -q "^ *zem $command \[OPTIONS\]" page.txt || fail "no $command in the manual page"
-  for option in $("$zem" "$command" --help | sed -n '/^Options:/,/^$/p' |
-    grep -o -- '^  -[-a-z,]*' | tr ',' ' '); do
-    grep -qE -- "^ +(.*, )?$option( |,|$)" page.txt || fail "no $option of $command in the manual page"
+# commands COMMAND ...: the subcommands that the help lists: its lines of a name and a text.
+commands() { "$zem" "$@" --help | sed -n 's/^  \([a-z][a-z-]*\)   *[A-Z].*/\1/p'; }
+# in_page COMMAND ...: the manual page has the command, its options and its subcommands.
+in_page() {
+  local option command
+  grep -q "^ *zem $* \[OPTIONS\]" page.txt || fail "no $* in the manual page"
+  for option in $("$zem" "$@" --help | grep -o -- '^  -[-a-z,]*' | tr ',' ' '); do
+    grep -qE -- "^ +(.*, )?$option( |,|$)" page.txt || fail "no $option of $* in the manual page"
   done
-done
+  [[ $1 != plugin || $# -gt 1 ]] || for command in $(commands "$@"); do in_page "$@" "$command"; done
+}
+for command in $(commands); do in_page "$command"; done
 
 say "completions"
 bash "$sources/completions.sh" "$prefix/share"

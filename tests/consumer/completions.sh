@@ -57,14 +57,16 @@ else
   echo "completions.sh: SKIPPED zsh: no pseudo-terminals here"
 fi
 for shell in "${shells[@]}"; do
-  expect "$shell" "zem pro" probe
+  expect "$shell" "zem mak" make-demo
+  expect "$shell" "zem plugin pro" probe
   expect "$shell" "zem make-demo --si" --size
-  expect "$shell" "zem run --no" --no-gpu
+  expect "$shell" "zem plugin run --no" --no-gpu
   expect "$shell" "zem convert --no" --no-verify
   expect "$shell" "zem info oth" other.zem
 done
-expect bash "zem run -m " "home" "model one.zem" "other.zem"
-expect bash "zem run -p "
+expect bash "zem plugin run -m " "home" "model one.zem" "other.zem"
+expect bash "zem plugin run -p "
 expect bash "zem --v" --version
 expect bash "zem c" chat compare convert
+expect bash "zem plugin " bench chat probe run
 expect bash "zem devices --" --help --json

@@ -55,7 +55,7 @@ for level in baseline avx2 avx512; do
   for threads in 1 2; do
     run="$level-$threads"
     export QWEN35_CPU=$level QWEN35_HID_DUMP="états $run.bin"
-    both "text-$run" run -m "$name" -t "$threads" -p 'The river' 2>"errors"
+    both "text-$run" plugin run -m "$name" -t "$threads" -p 'The river' 2>"errors"
     same "états $run.bin"
     unset QWEN35_HID_DUMP
   done
@@ -65,6 +65,6 @@ if [[ ! -s l/états\ baseline-1.bin ]]; then
   echo "same_as_linux.sh: no hidden states were written" >&2
   exit 1
 fi
-both sampled run -m q6.zem -t 2 -p 'Hällo 東京' --temp 0.8 --top-k 40 --top-p 0.9 -s 5 2>"errors"
+both sampled plugin run -m q6.zem -t 2 -p 'Hällo 東京' --temp 0.8 --top-k 40 --top-p 0.9 -s 5 2>"errors"
 
 echo "same_as_linux.sh: $compared files are the same, byte for byte"

@@ -38,11 +38,22 @@ std::vector<std::string> readArguments(std::vector<std::string> arguments) {
   return arguments;
 }
 
+// Commands that had another name.
+void explainOldNames(const std::vector<std::string>& arguments) {
+  if (arguments.empty()) return;
+  const std::string& name = arguments.front();
+  if (name == "probe" || name == "bench") {
+    throw UsageError("`zem " + name + "` is now `zem plugin " + name + "`");
+  }
+}
+
 int runProgram(const std::vector<std::string>& arguments) {
   ZemCommandLine line;
   auto outcome = CommandLine::Outcome::Nothing;
   try {
-    outcome = line.parse(readArguments(arguments));
+    const std::vector<std::string> own = readArguments(arguments);
+    explainOldNames(own);
+    outcome = line.parse(own);
   } catch (const UsageError& error) {
     complain(std::string(error.what()) + " (see `" + line.chosen() + " --help`)");
     return 2;

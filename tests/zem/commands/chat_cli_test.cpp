@@ -1,132 +1,173 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
-#include "cli_support.h"
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include "zem/commands/talk_support.h"
 
 namespace zemtest {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
-ProcessResult chat(const std::string& input, const Arguments& more = {}) {
-  Arguments arguments = {"chat", "-m", "fake.zem"};
-  arguments.insert(arguments.end(), more.begin(), more.end());
-  return zem(arguments, input);
+class ChatTest : public TalkTest {
+ protected:
+  static ProcessResult chat(const std::string& input, const Arguments& more = {}) {
+    Arguments arguments = {"-n", "8", "-s", "3", "--think", "off"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return zem(talk("chat", arguments), input);
+  }
+  // The messages behind `input`, as /save writes them.
+  nlohmann::json messagesOf(const std::string& input, const Arguments& more = {}) const {
+    const std::string file = folder_.path("saved.json");
+    const ProcessResult result = chat(input + "\n/save " + file + "\n", more);
+    EXPECT_EQ(result.status, 0) << result.err;
+    return nlohmann::json::parse(folder_.read("saved.json"))["messages"];
+  }
+};
+
+TEST_F(ChatTest, EveryTurnIsAnsweredOnStandardOutput) {
+  const auto messages = messagesOf("Hi\nAnd you?");
+  ASSERT_EQ(messages.size(), 4U);
+  EXPECT_EQ(messages[0], (nlohmann::json{{"role", "user"}, {"content", "Hi"}}));
+  EXPECT_EQ(messages[1]["role"], "assistant");
+  EXPECT_EQ(messages[2]["content"], "And you?");
+  const std::string both = messages[1]["content"].get<std::string>() + "\n" +
+                           messages[3]["content"].get<std::string>() + "\n";
+  EXPECT_EQ(chat("Hi\nAnd you?\n").out, both);
 }
 
-TEST(Chat, EachLineIsATurnAndEachReplyEndsItsLine) {
-  const ProcessResult result = chat("hello\nturn\nturn");
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "you said: hello\nturn 2\nturn 3\n");
-  EXPECT_EQ(result.err, "");
-}
-
-TEST(Chat, EmptyLinesAreNoTurns) { EXPECT_EQ(chat("\n \t\nturn\r\n\n").out, "turn 1\n"); }
-
-TEST(Chat, NoInputIsNoReply) {
-  const ProcessResult result = chat("");
+TEST_F(ChatTest, NoInputIsNoReply) {
+  const ProcessResult result = chat("\n \t\n");
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out + result.err, "");
 }
 
-TEST(Chat, PiecesAreJoinedToWholeCharacters) {
-  EXPECT_EQ(chat("split\n").out,
-            "\xE2\x82\xAC"
-            "5 \xF0\x9F\x99\x82\n");
-  EXPECT_EQ(chat("torn\n").out, "ok \xEF\xBF\xBD\n");
+TEST_F(ChatTest, LaterTurnsReuseWhatIsKnown) {
+  const std::string err = chat("A question that is longer than a few tokens\nMore\n/stats\n").err;
+  EXPECT_THAT(err, HasSubstr("last reply\nprompt: "));
+  EXPECT_THAT(err, Not(HasSubstr("last reply\nprompt: 0")));
+  const size_t last = err.find("last reply");
+  EXPECT_EQ(err.substr(last).find(", 0 reused"), std::string::npos) << err;
 }
 
-TEST(Chat, AReplyWithoutPiecesIsAnEmptyLine) {
-  EXPECT_EQ(chat("silence\nturn\n").out, "\nturn 2\n");
+TEST_F(ChatTest, UndoTakesTheTurnBack) {
+  const ProcessResult result = chat("Hi\n/undo\nHi\n");
+  EXPECT_EQ(result.out.substr(0, result.out.size() / 2), result.out.substr(result.out.size() / 2));
+  EXPECT_THAT(result.err, HasSubstr("(taken back: Hi)"));
+  EXPECT_EQ(messagesOf("Hi\n/undo").size(), 0U);
 }
 
-TEST(Chat, TheBudgetsEndIsSaidInOneLine) {
-  const ProcessResult full = chat("budget\n");
-  EXPECT_EQ(full.out, std::string(96, 'x') + "\n");
-  EXPECT_EQ(full.err, "(the reply ended at the runtime's limit of 96 tokens)\n");
-  EXPECT_EQ(chat("almost\n").err, "");
+TEST_F(ChatTest, ClearKeepsTheSystemPrompt) {
+  const auto messages = messagesOf("Hi\n/clear\nHello", {"-sys", "Be brief."});
+  ASSERT_EQ(messages.size(), 3U);
+  EXPECT_EQ(messages[0], (nlohmann::json{{"role", "system"}, {"content", "Be brief."}}));
+  EXPECT_EQ(messages[1]["content"], "Hello");
 }
 
-TEST(Chat, ClearStartsANewConversation) {
-  EXPECT_EQ(chat("turn\nturn\n/clear\nturn\n").out, "turn 1\nturn 2\nturn 1\n");
+TEST_F(ChatTest, RegenGivesAnotherReplyToTheSameMessage) {
+  const auto first = messagesOf("Hi");
+  const auto second = messagesOf("Hi\n/regen");
+  ASSERT_EQ(second.size(), 2U);
+  EXPECT_EQ(second[0], first[0]);
+  EXPECT_NE(second[1], first[1]);
 }
 
-TEST(Chat, QuitEndsBeforeTheInputDoes) { EXPECT_EQ(chat("turn\n/quit\nturn\n").out, "turn 1\n"); }
-
-TEST(Chat, SystemPromptOfTheCommandLine) {
-  EXPECT_EQ(chat("system\n").out, "[]\n");
-  EXPECT_EQ(chat("system\n", {"-sys", "be brief"}).out, "[be brief]\n");
-  EXPECT_EQ(chat("system\n", {"-sys=be brief"}).out, "[be brief]\n");
-  EXPECT_EQ(chat("system\n", {"--system-prompt", "be brief"}).out, "[be brief]\n");
+TEST_F(ChatTest, EditPutsAnotherMessageInPlace) {
+  const auto messages = messagesOf("Hi\nwhat\n/edit why not");
+  ASSERT_EQ(messages.size(), 4U);
+  EXPECT_EQ(messages[2]["content"], "why not");
+  EXPECT_EQ(messages, messagesOf("Hi\nwhy not"));
 }
 
-TEST(Chat, SystemCommandTakesEffectAtOnceOrAfterClear) {
-  EXPECT_EQ(chat("/system one\nsystem\n").out, "[one]\n");
-  const ProcessResult later =
-      chat("system\n/system two\nsystem\n/clear\nsystem\n", {"-sys", "one"});
-  EXPECT_EQ(later.out, "[one]\n[one]\n[two]\n");
-  EXPECT_EQ(later.err, "(the system prompt takes effect after /clear)\n(new conversation)\n");
+TEST_F(ChatTest, SystemTakesEffectAtOnce) {
+  EXPECT_EQ(messagesOf("Hi\n/system Be brief.")[0]["content"], "Be brief.");
+  EXPECT_EQ(chat("/system\n/system one\n/system\n").err, "(no system prompt)\none\n");
 }
 
-TEST(Chat, SystemCommandWithoutTextShowsIt) {
-  EXPECT_EQ(chat("/system\n").err, "(no system prompt)\n");
-  EXPECT_EQ(chat("/system\n", {"-sys", "one"}).err, "one\n");
+TEST_F(ChatTest, SavedConversationGoesOn) {
+  const auto whole = messagesOf("Hi\nAnd?");
+  const std::string file = folder_.path("kept.json");
+  EXPECT_EQ(chat("Hi\n/save " + file + "\n").status, 0);
+  EXPECT_EQ(messagesOf("/load " + file + "\nAnd?"), whole);
 }
 
-TEST(Chat, StatsAndHelpGoToStderr) {
-  const ProcessResult result = chat("turn\n/stats\n/help\n");
-  EXPECT_EQ(result.out, "turn 1\n");
-  EXPECT_THAT(result.err, StartsWith("2 tokens in 4.0 ms"));
-  EXPECT_THAT(result.err, HasSubstr("/clear "));
-}
-
-TEST(Chat, UnknownCommandsSaySo) {
-  const ProcessResult result = chat("/cleer\n/home/me is a path\n /home/me\n");
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "you said:  /home/me\n");
-  EXPECT_THAT(result.err, HasSubstr("zem: unknown command /cleer;"));
-  EXPECT_THAT(result.err, HasSubstr("zem: unknown command /home/me;"));
-}
-
-TEST(Chat, SamplingOptionsAreConfigured) {
-  EXPECT_EQ(chat("settings\n", {"--temp", "1.5", "--top-k", "3", "-s", "9"}).out,
-            "size=56 temp=1.500000 top_k=3 top_p=0.000000 seed=9 ctx=0\n");
-}
-
-TEST(Chat, AFailedTurnKeepsWhatWasSaidAndEndsAPipe) {
-  const ProcessResult result = chat("turn\nfail\nturn\n");
+TEST_F(ChatTest, FileThatIsNoConversationChangesNothing) {
+  const std::string file = folder_.write("odd.json", std::string_view(R"({"messages": [{}]})"));
+  const ProcessResult result = chat("/load " + file + "\n");
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "turn 1\npart\n");
-  EXPECT_THAT(result.err, StartsWith("zem: the reply failed"));
-  EXPECT_EQ(chat("refuse\n").out, "");
+  EXPECT_THAT(result.err, AllOf(StartsWith("zem: "), HasSubstr(file), HasSubstr("messages[0]")));
+  const ProcessResult missing = chat("/load " + folder_.path("none") + "\n");
+  EXPECT_THAT(missing.err, HasSubstr("cannot open the conversation"));
+  const ProcessResult full = chat("Hi\n/save /dev/full/x\n");
+  EXPECT_EQ(full.status, 1);
+  EXPECT_THAT(full.err, HasSubstr("cannot write /dev/full/x"));
 }
 
-TEST(Chat, ALineWithNulByteIsRefused) {
-  const ProcessResult result = chat(std::string("turn\na\0b\n", 9));
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "turn 1\n");
-  EXPECT_THAT(result.err, HasSubstr("line 2 holds a NUL byte"));
+TEST_F(ChatTest, LinesAreJoined) {
+  EXPECT_EQ(messagesOf("one\\\ntwo\\\nthree")[0]["content"], "one\ntwo\nthree");
+  EXPECT_EQ(messagesOf("\"\"\"\none\n\ntwo\n\"\"\"")[0]["content"], "one\n\ntwo");
+  EXPECT_EQ(messagesOf("\"\"\"one\ntwo\"\"\"")[0]["content"], "one\ntwo");
+  EXPECT_EQ(messagesOf("\"\"\"one\"\"\"")[0]["content"], "one");
 }
 
-TEST(Chat, PiecesAreFlushedAsTheyCome) {
-  // `head` ends the pipe after the first bytes, long before the reply's 96
-  // pieces of 50 ms are through.
-  const auto begin = std::chrono::steady_clock::now();
+TEST_F(ChatTest, ThinkingIsKeptAndShownOnRequest) {
   const ProcessResult result =
-      runProcess({"/bin/sh", "-c", "echo slow | '" + kZem + "' chat -m fake.zem | head -c 5"}, "",
-                 cliEnvironment());
-  EXPECT_EQ(result.out, "tick ");
-  EXPECT_EQ(result.err, "");
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+      zem(talk("chat", {"-n", "60", "-s", "3", "--think", "on", "--think-budget", "3"}),
+          "Hi\n/think\n/think off\nHi\n/think\n");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.err, AllOf(HasSubstr("long enough."), HasSubstr("(no thinking)")));
+  EXPECT_THAT(result.out, Not(HasSubstr("long enough")));
 }
 
-TEST(Chat, AFullDiskEndsTheReply) {
-  const ProcessResult result =
-      runProcess({"/bin/sh", "-c", "echo slow | '" + kZem + "' chat -m fake.zem > /dev/full"}, "",
-                 cliEnvironment());
+TEST_F(ChatTest, CommandsThatCannotBeDoneSaySo) {
+  EXPECT_THAT(chat("/cleer\n").err, HasSubstr("unknown command /cleer"));
+  EXPECT_EQ(chat("/cleer\n").status, 0);
+  for (const std::string line :
+       {"/regen", "/undo", "/edit x", "/edit", "/tool x", "/save", "/load", "/think perhaps"}) {
+    const ProcessResult result = chat(line + "\n");
+    EXPECT_EQ(result.status, 1) << line;
+    EXPECT_THAT(result.err, StartsWith("zem: ")) << line;
+  }
+  EXPECT_EQ(chat("/stats\n").err, "(no reply yet)\n");
+}
+
+TEST_F(ChatTest, HelpListsEveryCommand) {
+  const std::string help = chat("/help\n").err;
+  for (const char* name : {"/regen", "/undo", "/edit", "/clear", "/system", "/think", "/tool",
+                           "/save", "/load", "/stats", "/help", "/quit"}) {
+    EXPECT_THAT(help, HasSubstr(name));
+  }
+}
+
+TEST_F(ChatTest, TurnBeyondTheContextIsTakenBack) {
+  const ProcessResult result = chat("far too long for this\n", {"-c", "20"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "zem: cannot write to standard output: No space left on device\n");
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr("room for 20"));
+}
+
+TEST_F(ChatTest, CtrlCStopsTheReplyAndTheConversationGoesOn) {
+  ZEM_NEEDS_PLAIN_TERMINAL();
+  // The first token again and again.
+  TerminalProcess process(
+      command(talk("chat", {"--temp", "0", "--presence-penalty", "-100", "--think", "off"})),
+      cliEnvironment());
+  EXPECT_TRUE(process.shows("> "));
+  process.type("Hi\n");
+  EXPECT_TRUE(process.shows("Hi\r\n"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  process.send(SIGINT);
+  EXPECT_TRUE(process.shows("(stopped"));
+  EXPECT_TRUE(process.shows("> "));
+  process.type("/quit\n");
+  EXPECT_EQ(process.wait(), 0);
+  EXPECT_TRUE(process.isAsFound());
 }
 
 }  // namespace

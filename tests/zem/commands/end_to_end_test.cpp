@@ -40,7 +40,7 @@ class EndToEnd : public ::testing::Test {
     return zem(arguments, input, all);
   }
   static std::string completion(const Arguments& more) {
-    Arguments arguments = {"run", "-m", model_, "-p", "Hello there", "-c", "8"};
+    Arguments arguments = {"plugin", "run", "-m", model_, "-p", "Hello there", "-c", "8"};
     arguments.insert(arguments.end(), more.begin(), more.end());
     const ProcessResult result = realZem(arguments);
     EXPECT_EQ(result.status, 0) << result.err;
@@ -75,7 +75,7 @@ TEST_F(EndToEnd, ASeedRepeatsASample) {
 
 TEST_F(EndToEnd, ClearGivesTheFirstReplyAgain) {
   const ProcessResult result =
-      realZem({"chat", "-m", model_, "-c", "20"}, "Hello\n/clear\nHello\n");
+      realZem({"plugin", "chat", "-m", model_, "-c", "20"}, "Hello\n/clear\nHello\n");
   EXPECT_EQ(result.status, 0) << result.err;
   ASSERT_GT(result.out.size(), 2U);
   EXPECT_EQ(result.out.substr(0, result.out.size() / 2), result.out.substr(result.out.size() / 2));
@@ -83,20 +83,22 @@ TEST_F(EndToEnd, ClearGivesTheFirstReplyAgain) {
 
 TEST_F(EndToEnd, APromptBeyondTheContextIsAFailure) {
   const ProcessResult result =
-      realZem({"run", "-m", model_, "-c", "2", "-p", "one two three four five"});
+      realZem({"plugin", "run", "-m", model_, "-c", "2", "-p", "one two three four five"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_THAT(result.err, HasSubstr("zem: the completion failed"));
 }
 
 TEST_F(EndToEnd, AConversationBeyondTheContextSaysWhatToDo) {
-  const ProcessResult result = realZem({"chat", "-m", model_, "-c", "2"}, "one two three four\n");
+  const ProcessResult result =
+      realZem({"plugin", "chat", "-m", model_, "-c", "2"}, "one two three four\n");
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("/clear starts a new one"));
 }
 
 TEST_F(EndToEnd, ABenchmarkMeasures) {
-  const ProcessResult result = realZem({"bench", "-m", model_, "-n", "2", "-r", "2", "-o", "json"});
+  const ProcessResult result =
+      realZem({"plugin", "bench", "-m", model_, "-n", "2", "-r", "2", "-o", "json"});
   ASSERT_EQ(result.status, 0) << result.err;
   const auto json = nlohmann::json::parse(result.out);
   EXPECT_EQ(json["backend"], "CPU");
@@ -105,8 +107,8 @@ TEST_F(EndToEnd, ABenchmarkMeasures) {
 }
 
 TEST_F(EndToEnd, ABenchmarkMeasuresPromptsAndDepths) {
-  const ProcessResult result = realZem(
-      {"bench", "-m", model_, "-p", "16", "-n", "2", "-d", "0,16", "-r", "1", "-o", "json"});
+  const ProcessResult result = realZem({"plugin", "bench", "-m", model_, "-p", "16", "-n", "2",
+                                        "-d", "0,16", "-r", "1", "-o", "json"});
   ASSERT_EQ(result.status, 0) << result.err;
   const auto tests = nlohmann::json::parse(result.out)["tests"];
   const char* const names[] = {"pp16", "tg2", "pp16 @ d16", "tg2 @ d16"};
@@ -122,8 +124,9 @@ TEST_F(EndToEnd, ABenchmarkMeasuresPromptsAndDepths) {
 TEST_F(EndToEnd, ABenchmarksThreadsAreTheTeamThatComputes) {
   const Environment report = {{"OMP_DISPLAY_AFFINITY", "true"},
                               {"OMP_AFFINITY_FORMAT", "team of %N"}};
-  const ProcessResult result = realZem(
-      {"bench", "-m", model_, "-n", "1", "-r", "1", "-t", "2,3,2", "-o", "csv"}, "", report);
+  const ProcessResult result =
+      realZem({"plugin", "bench", "-m", model_, "-n", "1", "-r", "1", "-t", "2,3,2", "-o", "csv"},
+              "", report);
   ASSERT_EQ(result.status, 0) << result.err;
   const std::string said = result.err + result.out;
   const size_t two = said.find("team of 2");
@@ -143,13 +146,13 @@ TEST_F(EndToEnd, ATurnMadeToMeasureHasItsTokens) {
   ASSERT_TRUE(reader.readTokenizer(data));
   ASSERT_TRUE(tokenizer.load(std::move(data)).ok());
   const std::string turn = zemtool::ExactPrompt(tokenizer).turn(20) + "\n";
-  EXPECT_EQ(realZem({"chat", "-m", model_, "-c", "20"}, turn).status, 0);
-  EXPECT_EQ(realZem({"chat", "-m", model_, "-c", "19"}, turn).status, 1);
+  EXPECT_EQ(realZem({"plugin", "chat", "-m", model_, "-c", "20"}, turn).status, 0);
+  EXPECT_EQ(realZem({"plugin", "chat", "-m", model_, "-c", "19"}, turn).status, 1);
 }
 
 TEST_F(EndToEnd, AModelSuitsWhereThereIsADevice) {
   ZEM_NEEDS_SOFTWARE_DEVICE();
-  const ProcessResult result = realZem({"probe", model_, "--json"}, "", kSoftwareDevice);
+  const ProcessResult result = realZem({"plugin", "probe", model_, "--json"}, "", kSoftwareDevice);
   EXPECT_EQ(result.status, 0) << result.err;
   const auto json = nlohmann::json::parse(result.out);
   EXPECT_EQ(json["confidence"], 95);
@@ -157,7 +160,7 @@ TEST_F(EndToEnd, AModelSuitsWhereThereIsADevice) {
 }
 
 TEST_F(EndToEnd, AModelLacksADeviceWhereThereIsNone) {
-  const ProcessResult result = realZem({"probe", model_, "--json"}, "", kNoDrivers);
+  const ProcessResult result = realZem({"plugin", "probe", model_, "--json"}, "", kNoDrivers);
   EXPECT_EQ(result.status, 0) << result.err;
   const auto json = nlohmann::json::parse(result.out);
   EXPECT_EQ(json["confidence"], 0);
@@ -170,9 +173,10 @@ constexpr const char* kVulkanLoader = "file=libvulkan.so";
 const Environment kListLibraries = {{"ZEM_NO_VULKAN", ""}, {"LD_DEBUG", "files"}};
 
 TEST_F(EndToEnd, WithoutGpuVulkanStaysOutOfTheProcess) {
-  const std::vector<Arguments> commands = {{"run", "-m", model_, "-p", "Hi", "-c", "2"},
-                                           {"chat", "-m", model_},  // ends at once: no input
-                                           {"bench", "-m", model_, "-n", "1", "-r", "1"}};
+  const std::vector<Arguments> commands = {
+      {"plugin", "run", "-m", model_, "-p", "Hi", "-c", "2"},
+      {"plugin", "chat", "-m", model_},  // ends at once: no input
+      {"plugin", "bench", "-m", model_, "-n", "1", "-r", "1"}};
   for (Arguments arguments : commands) {
     arguments.emplace_back("--no-gpu");
     const ProcessResult result = realZem(arguments, "", kListLibraries);
@@ -185,15 +189,15 @@ TEST_F(EndToEnd, WithoutGpuVulkanStaysOutOfTheProcess) {
 // Without this the test above could not fail.
 TEST_F(EndToEnd, WithoutAnOptionVulkanIsLookedFor) {
   const ProcessResult result =
-      realZem({"run", "-m", model_, "-p", "Hi", "-c", "2"}, "", kListLibraries);
+      realZem({"plugin", "run", "-m", model_, "-p", "Hi", "-c", "2"}, "", kListLibraries);
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.err, HasSubstr(kVulkanLoader));
 }
 
 TEST_F(EndToEnd, ASoftwareDeviceIsLeftAloneUnlessAPlanSaysOtherwise) {
   ZEM_NEEDS_SOFTWARE_DEVICE();
-  const ProcessResult result =
-      realZem({"bench", "-m", model_, "-n", "1", "-r", "1", "-o", "json"}, "", kSoftwareDevice);
+  const ProcessResult result = realZem(
+      {"plugin", "bench", "-m", model_, "-n", "1", "-r", "1", "-o", "json"}, "", kSoftwareDevice);
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_THAT(result.err, HasSubstr("is software: using --plan cpu:all"));
   const auto json = nlohmann::json::parse(result.out);
@@ -203,9 +207,9 @@ TEST_F(EndToEnd, ASoftwareDeviceIsLeftAloneUnlessAPlanSaysOtherwise) {
 
 TEST_F(EndToEnd, ABenchmarkNamesTheDeviceThatAPlanPutsToWork) {
   ZEM_NEEDS_SOFTWARE_DEVICE();
-  const ProcessResult result = realZem(
-      {"bench", "-m", model_, "-n", "1", "-r", "1", "-o", "json", "--plan", "gpu:1,cpu:all"}, "",
-      kSoftwareDevice);
+  const ProcessResult result = realZem({"plugin", "bench", "-m", model_, "-n", "1", "-r", "1", "-o",
+                                        "json", "--plan", "gpu:1,cpu:all"},
+                                       "", kSoftwareDevice);
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.err, "[qwen35-gpu] layer plan: 1 gpu / 31 cpu layers\n");
   EXPECT_EQ(nlohmann::json::parse(result.out)["backend"],
@@ -224,7 +228,7 @@ TEST_F(EndToEnd, InfoAndTokenizeHaveNothingToWarnOf) {
 TEST_F(EndToEnd, ModelsThatTheRuntimeRefusesAreExplained) {
   const auto refusal = [&](const Bytes& bytes) {
     const ProcessResult result =
-        realZem({"run", "-m", folder_->write("bad.zem", bytes), "-p", "x"});
+        realZem({"plugin", "run", "-m", folder_->write("bad.zem", bytes), "-p", "x"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
     return result.err;
@@ -232,7 +236,7 @@ TEST_F(EndToEnd, ModelsThatTheRuntimeRefusesAreExplained) {
   EXPECT_THAT(refusal(Bytes(100)), HasSubstr("zem open failed (ZEM2: bad magic)"));
   EXPECT_THAT(refusal(ContainerBuilder().addMetaStr("general.architecture", "llama").build()),
               HasSubstr("not a qwen35-architecture model (its architecture is \"llama\")"));
-  EXPECT_THAT(realZem({"run", "-m", folder_->path("missing.zem"), "-p", "x"}).err,
+  EXPECT_THAT(realZem({"plugin", "run", "-m", folder_->path("missing.zem"), "-p", "x"}).err,
               HasSubstr("zem open failed (No such file or directory)"));
 }
 
@@ -250,7 +254,7 @@ TEST_F(EndToEnd, AConvertedCheckpointSpeaks) {
   const ProcessResult converted = realZem({"convert", folder, "-o", model, "--type", "q8_0"});
   ASSERT_EQ(converted.status, 0) << converted.err;
   EXPECT_EQ(converted.err, "");
-  const ProcessResult run = realZem({"run", "-m", model, "-p", "the heat", "-c", "8"});
+  const ProcessResult run = realZem({"plugin", "run", "-m", model, "-p", "the heat", "-c", "8"});
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_THAT(run.err, HasSubstr("tokens/s"));
   for (const char* tokenizer : {"--exact", "--plugin"}) {
@@ -266,7 +270,7 @@ TEST_F(EndToEnd, AModelWithWeightsOutsideTheFileFailsWithoutText) {
   Bytes bytes(whole.begin(), whole.end());
   set(bytes, tensorIndex(bytes, "output_norm.weight"), tensor::offset, uint64_t{1} << 40);
   const std::string path = folder_->write("outside.zem", bytes);
-  const ProcessResult result = realZem({"run", "-m", path, "-p", "x"});
+  const ProcessResult result = realZem({"plugin", "run", "-m", path, "-p", "x"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_THAT(result.err, HasSubstr("output_norm.weight"));
@@ -275,7 +279,8 @@ TEST_F(EndToEnd, AModelWithWeightsOutsideTheFileFailsWithoutText) {
 
 TEST_F(EndToEnd, ARealConversationOnATerminal) {
   ZEM_NEEDS_TERMINAL();
-  TerminalProcess chat(command({"chat", "-m", model_, "-c", "20"}), cliEnvironment(kSurroundings));
+  TerminalProcess chat(command({"plugin", "chat", "-m", model_, "-c", "20"}),
+                       cliEnvironment(kSurroundings));
   EXPECT_TRUE(chat.shows("> "));
   chat.type("Hello\n");
   EXPECT_TRUE(chat.shows("> "));

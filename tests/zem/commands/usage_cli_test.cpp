@@ -10,8 +10,9 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-const Arguments kCommands = {"chat",   "run",     "info",      "probe",   "bench",  "tokenize",
-                             "render", "devices", "make-demo", "convert", "compare"};
+const Arguments kCommands = {"run",     "chat",      "info",    "tokenize", "render",
+                             "devices", "make-demo", "convert", "compare",  "plugin"};
+const Arguments kPluginCommands = {"run", "chat", "bench", "probe"};
 
 TEST(Usage, BareZemPrintsHelp) {
   const ProcessResult result = zem({});
@@ -28,6 +29,21 @@ TEST(Usage, EveryCommandHasHelpWithAnExample) {
     EXPECT_EQ(result.err, "") << name;
     EXPECT_THAT(result.out, AllOf(HasSubstr("Example"), HasSubstr("zem " + name))) << name;
   }
+}
+
+TEST(Usage, EveryCommandOfACommandHasHelpWithAnExample) {
+  for (const std::string& name : kPluginCommands) {
+    const ProcessResult result = zem({"plugin", name, "--help"});
+    EXPECT_EQ(result.status, 0) << name;
+    EXPECT_THAT(result.out, AllOf(HasSubstr("Example"), HasSubstr("zem plugin " + name))) << name;
+  }
+}
+
+TEST(Usage, CommandWithoutItsCommandPrintsHelp) {
+  const ProcessResult result = zem({"plugin"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  for (const std::string& name : kPluginCommands) EXPECT_THAT(result.out, HasSubstr("\n  " + name));
 }
 
 TEST(Usage, VersionNamesThePlugin) {
@@ -63,47 +79,93 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, BadUsageTest,
     ::testing::Values(
         BadUsage{"UnknownCommand", {"frobnicate"}, "frobnicate"},
-        BadUsage{"UnknownOption", {"run", "-m", "m.zem", "-p", "x", "--frob"}, "--frob"},
-        BadUsage{"NoModel", {"run", "-p", "x"}, "--model"}, BadUsage{"NoFile", {"info"}, "file"},
-        BadUsage{"NegativeTemperature", {"run", "-m", "m", "-p", "x", "--temp", "-1"}, "--temp"},
-        BadUsage{"NanTemperature", {"run", "-m", "m", "-p", "x", "--temp", "nan"}, "--temp"},
-        BadUsage{"InfiniteTemperature", {"run", "-m", "m", "-p", "x", "--temp", "inf"}, "--temp"},
-        BadUsage{"TopPAboveOne", {"run", "-m", "m", "-p", "x", "--top-p", "1.5"}, "--top-p"},
-        BadUsage{"TopPBelowZero", {"run", "-m", "m", "-p", "x", "--top-p", "-0.5"}, "--top-p"},
-        BadUsage{"TopKBelowZero", {"run", "-m", "m", "-p", "x", "--top-k", "-1"}, "--top-k"},
-        BadUsage{"ContextZero", {"run", "-m", "m", "-p", "x", "-c", "0"}, "--ctx-size"},
-        BadUsage{"ContextTooLarge", {"run", "-m", "m", "-p", "x", "-c", "8193"}, "--ctx-size"},
-        BadUsage{"ThreadsZero", {"run", "-m", "m", "-p", "x", "-t", "0"}, "--threads"},
-        BadUsage{"SeedNegative", {"run", "-m", "m", "-p", "x", "-s", "-4"}, "--seed"},
-        BadUsage{"PlanWithSemicolon", {"run", "-m", "m", "-p", "x", "--plan", "a;kv=q8_0"}, "';'"},
-        BadUsage{"PlanWithoutGpu",
-                 {"run", "-m", "m", "-p", "x", "--no-gpu", "--plan", "gpu:all"},
-                 "--no-gpu"},
-        BadUsage{"EmptyPlanWithoutGpu", {"bench", "-m", "m", "--plan", "", "--no-gpu"}, "--plan"},
+        BadUsage{"UnknownCommandOfACommand", {"plugin", "frobnicate"}, "(see `zem plugin --help`)"},
+        BadUsage{"HelpOfACommandOfACommand", {"plugin", "run", "-m"}, "`zem plugin run --help`"},
+        BadUsage{"RunWithoutAModel", {"run", "-p", "x"}, "--model is required"},
+        BadUsage{"RunOfIdsAndAText", {"run", "-m", "m", "-p", "x", "--ids", "1"}, "--ids excludes"},
+        BadUsage{"RunOfIdsInAChat", {"run", "-m", "m", "--chat", "--ids", "1"}, "--ids excludes"},
+        BadUsage{"RunOfWords", {"run", "-m", "m", "--ids", "a"}, "--ids: \"a\" is not a whole"},
+        BadUsage{"RunAsChatAndText", {"run", "-m", "m", "--raw", "--chat"}, "excludes"},
+        BadUsage{"LogprobsWithoutJson", {"run", "-m", "m", "--logprobs", "2"}, "needs --json"},
+        BadUsage{"TooManyLogprobs", {"run", "-m", "m", "--logprobs", "1001"}, "from 0 to 1000"},
+        BadUsage{"RunTooHot", {"run", "-m", "m", "--temp", "101"}, "\"101\" is not a number from"},
+        BadUsage{"RunWithNanAsTopP", {"run", "-m", "m", "--top-p", "nan"}, "--top-p"},
+        BadUsage{"RunOfMinusTwoTokens", {"run", "-m", "m", "-n", "-2"}, "--tokens"},
+        BadUsage{"RunWithANegativeSeed", {"run", "-m", "m", "-s", "-1"}, "--seed: \"-1\" is not"},
+        BadUsage{"CacheOfNoType", {"chat", "-m", "m", "--cache", "f8"}, "--cache"},
+        BadUsage{"ThinkPerhaps", {"chat", "-m", "m", "--think", "maybe"}, "--think"},
+        BadUsage{"OldProbe", {"probe", "m.zem"}, "`zem probe` is now `zem plugin probe`"},
+        BadUsage{"OldBench", {"bench", "-m", "m"}, "`zem bench` is now `zem plugin bench`"},
+        BadUsage{"UnknownOption", {"plugin", "run", "-m", "m.zem", "-p", "x", "--frob"}, "--frob"},
+        BadUsage{"NoModel", {"plugin", "run", "-p", "x"}, "--model"},
+        BadUsage{"NoFile", {"info"}, "file"},
+        BadUsage{"NegativeTemperature",
+                 {"plugin", "run", "-m", "m", "-p", "x", "--temp", "-1"},
+                 "--temp"},
         BadUsage{
-            "ChatPlanWithoutGpu", {"chat", "-m", "m", "--plan", "cpu:all", "--no-gpu"}, "excludes"},
-        BadUsage{"PromptTwice", {"run", "-m", "m", "-p", "x", "-f", "y"}, "--prompt"},
-        BadUsage{"BenchOfNothing", {"bench", "-m", "m", "-n", "0"}, "--tokens"},
-        BadUsage{"BenchTooLong", {"bench", "-m", "m", "-n", "4096"}, "--tokens"},
-        BadUsage{"BenchOfNoPrompt", {"bench", "-m", "m", "-p", "0"}, "--prompt: \"0\" is not a"},
-        BadUsage{"BenchOfWords", {"bench", "-m", "m", "-p", "x"}, "--prompt: \"x\" is not a"},
-        BadUsage{"BenchOfALongPrompt", {"bench", "-m", "m", "-p", "8193"}, "from 1 to 8192"},
-        BadUsage{"BenchOfAGap", {"bench", "-m", "m", "-p", "1,,2"}, "\"\" in \"1,,2\" is not a"},
-        BadUsage{"BenchOfALooseEnd", {"bench", "-m", "m", "-n", "4,"}, "--tokens: \"\" in \"4,\""},
-        BadUsage{"BenchOfAList", {"bench", "-m", "m", "-n", "4,5 6"}, "\"5 6\" in \"4,5 6\""},
-        BadUsage{"BenchOfNoList", {"bench", "-m", "m", "-n", ""}, "--tokens"},
-        BadUsage{"BenchOfHugeNumbers", {"bench", "-m", "m", "-n", "99999999999"}, "from 1 to 4095"},
-        BadUsage{"BenchBelowTheStart", {"bench", "-m", "m", "-d", "-1"}, "--depth: \"-1\" is not"},
-        BadUsage{"BenchAtTheEnd", {"bench", "-m", "m", "-d", "0,8192"}, "from 0 to 8191"},
-        BadUsage{"BenchOnNoThreads", {"bench", "-m", "m", "-t", "2,0"}, "--threads: \"0\" in"},
+            "NanTemperature", {"plugin", "run", "-m", "m", "-p", "x", "--temp", "nan"}, "--temp"},
+        BadUsage{"InfiniteTemperature",
+                 {"plugin", "run", "-m", "m", "-p", "x", "--temp", "inf"},
+                 "--temp"},
+        BadUsage{
+            "TopPAboveOne", {"plugin", "run", "-m", "m", "-p", "x", "--top-p", "1.5"}, "--top-p"},
+        BadUsage{
+            "TopPBelowZero", {"plugin", "run", "-m", "m", "-p", "x", "--top-p", "-0.5"}, "--top-p"},
+        BadUsage{
+            "TopKBelowZero", {"plugin", "run", "-m", "m", "-p", "x", "--top-k", "-1"}, "--top-k"},
+        BadUsage{"ContextZero", {"plugin", "run", "-m", "m", "-p", "x", "-c", "0"}, "--ctx-size"},
+        BadUsage{
+            "ContextTooLarge", {"plugin", "run", "-m", "m", "-p", "x", "-c", "8193"}, "--ctx-size"},
+        BadUsage{"ThreadsZero", {"plugin", "run", "-m", "m", "-p", "x", "-t", "0"}, "--threads"},
+        BadUsage{"SeedNegative", {"plugin", "run", "-m", "m", "-p", "x", "-s", "-4"}, "--seed"},
+        BadUsage{"PlanWithSemicolon",
+                 {"plugin", "run", "-m", "m", "-p", "x", "--plan", "a;kv=q8_0"},
+                 "';'"},
+        BadUsage{"PlanWithoutGpu",
+                 {"plugin", "run", "-m", "m", "-p", "x", "--no-gpu", "--plan", "gpu:all"},
+                 "--no-gpu"},
+        BadUsage{"EmptyPlanWithoutGpu",
+                 {"plugin", "bench", "-m", "m", "--plan", "", "--no-gpu"},
+                 "--plan"},
+        BadUsage{"ChatPlanWithoutGpu",
+                 {"plugin", "chat", "-m", "m", "--plan", "cpu:all", "--no-gpu"},
+                 "excludes"},
+        BadUsage{"PromptTwice", {"plugin", "run", "-m", "m", "-p", "x", "-f", "y"}, "--prompt"},
+        BadUsage{"BenchOfNothing", {"plugin", "bench", "-m", "m", "-n", "0"}, "--tokens"},
+        BadUsage{"BenchTooLong", {"plugin", "bench", "-m", "m", "-n", "4096"}, "--tokens"},
+        BadUsage{"BenchOfNoPrompt",
+                 {"plugin", "bench", "-m", "m", "-p", "0"},
+                 "--prompt: \"0\" is not a"},
+        BadUsage{
+            "BenchOfWords", {"plugin", "bench", "-m", "m", "-p", "x"}, "--prompt: \"x\" is not a"},
+        BadUsage{
+            "BenchOfALongPrompt", {"plugin", "bench", "-m", "m", "-p", "8193"}, "from 1 to 8192"},
+        BadUsage{"BenchOfAGap",
+                 {"plugin", "bench", "-m", "m", "-p", "1,,2"},
+                 "\"\" in \"1,,2\" is not a"},
+        BadUsage{"BenchOfALooseEnd",
+                 {"plugin", "bench", "-m", "m", "-n", "4,"},
+                 "--tokens: \"\" in \"4,\""},
+        BadUsage{
+            "BenchOfAList", {"plugin", "bench", "-m", "m", "-n", "4,5 6"}, "\"5 6\" in \"4,5 6\""},
+        BadUsage{"BenchOfNoList", {"plugin", "bench", "-m", "m", "-n", ""}, "--tokens"},
+        BadUsage{"BenchOfHugeNumbers",
+                 {"plugin", "bench", "-m", "m", "-n", "99999999999"},
+                 "from 1 to 4095"},
+        BadUsage{"BenchBelowTheStart",
+                 {"plugin", "bench", "-m", "m", "-d", "-1"},
+                 "--depth: \"-1\" is not"},
+        BadUsage{"BenchAtTheEnd", {"plugin", "bench", "-m", "m", "-d", "0,8192"}, "from 0 to 8191"},
+        BadUsage{
+            "BenchOnNoThreads", {"plugin", "bench", "-m", "m", "-t", "2,0"}, "--threads: \"0\" in"},
         BadUsage{"BenchBeyondTheContext",
-                 {"bench", "-m", "m", "-d", "8129"},
+                 {"plugin", "bench", "-m", "m", "-d", "8129"},
                  "tg64 @ d8129 needs 8193 positions, and a conversation of this runtime has at "
                  "most 8192"},
         BadUsage{"BenchOfAPromptBeyondTheContext",
-                 {"bench", "-m", "m", "-d", "0,1", "-p", "1,8192"},
+                 {"plugin", "bench", "-m", "m", "-d", "0,1", "-p", "1,8192"},
                  "pp8192 @ d1 needs 8193 positions"},
-        BadUsage{"BenchInNoFormat", {"bench", "-m", "m", "-o", "xml"}, "--output"},
+        BadUsage{"BenchInNoFormat", {"plugin", "bench", "-m", "m", "-o", "xml"}, "--output"},
         BadUsage{"DemoWithoutName", {"make-demo"}, "output is required (see `zem make-demo"},
         BadUsage{"DemoOfNoSize", {"make-demo", "d.zem", "--size", "huge"}, "--size: huge not in"},
         BadUsage{"DemoOfNoType", {"make-demo", "d.zem", "--type", "q5_k_m"}, "--type: q5_k_m not"},
@@ -117,7 +179,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadUsage{"CompareOne", {"compare", "a.zem"}, "second is required"},
         BadUsage{"CompareThree", {"compare", "a", "b", "c"}, "c"},
         BadUsage{"CompareTwoTexts", {"compare", "a", "b", "-p", "x", "-f", "y"}, "excludes"},
-        BadUsage{"OneOptionWithoutItsValue", {"run", "-m"}, "--model"},
+        BadUsage{"OneOptionWithoutItsValue", {"plugin", "run", "-m"}, "--model"},
         BadUsage{"AnotherCommandAfterOne", {"devices", "run"}, "run"},
         BadUsage{"IdsAndJson", {"tokenize", "-m", "m", "-p", "x", "--ids", "--json"}, "--json"},
         BadUsage{"TwoTokenizers", {"tokenize", "-m", "m", "--exact", "--plugin"}, "--exact"},
@@ -141,7 +203,8 @@ struct BadPlugin {
 class BadPluginTest : public ::testing::TestWithParam<BadPlugin> {};
 
 TEST_P(BadPluginTest, IsOneLineAndStatus1) {
-  const ProcessResult result = zem({"run", "-m", "m.zem", "-p", "x", "--plugin", GetParam().path});
+  const ProcessResult result =
+      zem({"plugin", "run", "-m", "m.zem", "-p", "x", "--plugin", GetParam().path});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_THAT(result.err, AllOf(StartsWith("zem: "), HasSubstr(GetParam().says)));
@@ -159,30 +222,32 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& test) { return test.param.name; });
 
 TEST(Plugin, AnOptionBeatsTheEnvironment) {
-  const ProcessResult result = zem({"run", "-m", "m.zem", "-p", "x", "--plugin", kFakePlugin}, "",
-                                   {{"ZEM_PLUGIN", "/nonexistent.so"}});
+  const ProcessResult result =
+      zem({"plugin", "run", "-m", "m.zem", "-p", "x", "--plugin", kFakePlugin}, "",
+          {{"ZEM_PLUGIN", "/nonexistent.so"}});
   EXPECT_EQ(result.out, "<x>\n");
 }
 
 TEST(Plugin, ABareNameIsAFileOfThisFolder) {
-  const ProcessResult result =
-      runProcess({"/bin/sh", "-c",
-                  "cd '" + kBuild + "/tests' && exec '" + kZem + "' run -m m -p x --plugin " +
-                      kFakePlugin.substr(kFakePlugin.rfind('/') + 1)},
-                 "", cliEnvironment());
+  const ProcessResult result = runProcess(
+      {"/bin/sh", "-c",
+       "cd '" + kBuild + "/tests' && exec '" + kZem + "' plugin run -m m -p x --plugin " +
+           kFakePlugin.substr(kFakePlugin.rfind('/') + 1)},
+      "", cliEnvironment());
   EXPECT_EQ(result.out, "<x>\n") << result.err;
 }
 
 TEST(Output, AFullDiskIsAFailure) {
-  const ProcessResult result = runProcess(
-      {"/bin/sh", "-c", "exec '" + kZem + "' run -m m -p x > /dev/full"}, "", cliEnvironment());
+  const ProcessResult result =
+      runProcess({"/bin/sh", "-c", "exec '" + kZem + "' plugin run -m m -p x > /dev/full"}, "",
+                 cliEnvironment());
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("zem: cannot write to standard output: No space left"));
 }
 
 TEST(Output, AClosedStreamIsAFailure) {
-  const ProcessResult result =
-      runProcess({"/bin/sh", "-c", "exec '" + kZem + "' run -m m -p x >&-"}, "", cliEnvironment());
+  const ProcessResult result = runProcess(
+      {"/bin/sh", "-c", "exec '" + kZem + "' plugin run -m m -p x >&-"}, "", cliEnvironment());
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("zem: cannot write to standard output: Bad file descriptor"));
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The measurements of `zem bench`, taken through the runtime's boundary.
+// The measurements of `zem plugin bench`, taken through the runtime's boundary.
 #pragma once
 
 #include <string>

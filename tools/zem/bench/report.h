@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report of `zem bench`: one row for each measurement, in three formats.
+// The report of `zem plugin bench`: one row for each measurement, in three formats.
 #pragma once
 
 #include <optional>

@@ -36,15 +36,28 @@ OptionFacts factsOf(const CLI::Option& option) {
   return facts;
 }
 
+std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
+  return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+// The subcommands that were chosen, each inside the one before.
+std::vector<const CLI::App*> chosenIn(const CLI::App& app) {
+  std::vector<const CLI::App*> chosen;
+  const CLI::App* last = &app;
+  while (!last->get_subcommands().empty()) {
+    last = last->get_subcommands().front();
+    chosen.push_back(last);
+  }
+  return chosen;
+}
+
 CommandFacts factsOf(const CLI::App& app) {
   CommandFacts facts;
   facts.name = app.get_name();
   facts.description = app.get_description();
   facts.footer = app.get_footer();
   for (const CLI::Option* option : app.get_options()) facts.options.push_back(factsOf(*option));
-  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
-    facts.commands.push_back(factsOf(*command));
-  }
+  for (const CLI::App* command : commandsOf(app)) facts.commands.push_back(factsOf(*command));
   return facts;
 }
 
@@ -112,6 +125,11 @@ Option Command::option(const std::string& names, float& value, const std::string
   return Option(*app_->add_option(names, value, description));
 }
 
+Option Command::option(const std::string& names, std::vector<std::string>& values,
+                       const std::string& description) {
+  return Option(*app_->add_option(names, values, description)->allow_extra_args(false));
+}
+
 Option Command::option(const std::string& names, const Option::Check& take,
                        const std::string& description) {
   const std::string shown = names.substr(std::min(names.size(), names.find("--")));
@@ -126,9 +144,15 @@ Option Command::flag(const std::string& names, bool& value, const std::string& d
   return Option(*app_->add_flag(names, value, description));
 }
 
-Command Command::command(const std::string& name, const std::string& description) {
-  return Command(app_->add_subcommand(name, description));
+Command Command::command(const std::string& name, const std::string& description,
+                         const std::string& heading) {
+  app_->require_subcommand(0, 1);
+  CLI::App* command = app_->add_subcommand(name, description);
+  if (!heading.empty()) command->group(heading);
+  return Command(command);
 }
+
+void Command::heading(const std::string& text) { app_->option_defaults()->group(text); }
 
 void Command::footer(const std::string& text) { app_->footer(text); }
 
@@ -139,7 +163,6 @@ CommandFacts Command::facts() const { return factsOf(*app_); }
 CommandLine::CommandLine(const std::string& name, const std::string& description)
     : Command(nullptr), owned_(std::make_unique<CLI::App>(description, name)) {
   app_ = owned_.get();
-  app_->require_subcommand(0, 1);
   app_->allow_windows_style_options(false);  // "/models/a.zem" is a file on Windows, too
 }
 
@@ -154,14 +177,15 @@ CommandLine::Outcome CommandLine::parse(std::vector<std::string> arguments) {
   } catch (const CLI::ParseError& error) {
     throw UsageError(error.what());
   }
-  return app_->get_subcommands().empty() ? Outcome::Nothing : Outcome::Ran;
+  const std::vector<const CLI::App*> chosen = chosenIn(*app_);
+  return chosen.empty() || !commandsOf(*chosen.back()).empty() ? Outcome::Nothing : Outcome::Ran;
 }
 
 std::string CommandLine::help() const { return app_->help(); }
 
 std::string CommandLine::chosen() const {
   std::string text = app_->get_name();
-  for (const CLI::App* command : app_->get_subcommands()) text += " " + command->get_name();
+  for (const CLI::App* command : chosenIn(*app_)) text += " " + command->get_name();
   return text;
 }
 

@@ -73,13 +73,20 @@ class Command {
   Option option(const std::string& names, int32_t& value, const std::string& description);
   Option option(const std::string& names, uint64_t& value, const std::string& description);
   Option option(const std::string& names, float& value, const std::string& description);
+  // May be given several times.
+  Option option(const std::string& names, std::vector<std::string>& values,
+                const std::string& description);
   // `take` reads the value, and returns what is wrong with it.
   Option option(const std::string& names, const Option::Check& take,
                 const std::string& description);
   // "--verify,!--no-verify": the second clears the flag.
   Option flag(const std::string& names, bool& value, const std::string& description);
 
-  Command command(const std::string& name, const std::string& description);
+  // The help has subcommands with a heading of their own below it.
+  Command command(const std::string& name, const std::string& description,
+                  const std::string& heading = {});
+  // The heading of the options that are declared from now on.
+  void heading(const std::string& text);
   void footer(const std::string& text);
   // Called at the end of parsing, when this subcommand was chosen. May throw.
   void action(const std::function<void()>& run);
@@ -97,7 +104,7 @@ class CommandLine : public Command {
  public:
   enum class Outcome {
     Help,     // was asked for
-    Nothing,  // no subcommand was chosen
+    Nothing,  // no subcommand was chosen, or one that has subcommands and none of them
     Ran,      // the action of the chosen one has returned
   };
 
@@ -112,7 +119,7 @@ class CommandLine : public Command {
 
   // After parse(): the help of the chosen subcommand, or of the program.
   std::string help() const;
-  // Likewise: "zem run", or "zem".
+  // Likewise: "zem plugin run", or "zem".
   std::string chosen() const;
 
  private:

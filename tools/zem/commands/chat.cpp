@@ -1,238 +1,309 @@
 // SPDX-License-Identifier: Apache-2.0
 // zem chat: a conversation, on a terminal or line by line through pipes.
-#include <exception>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "commands/commands.h"
 #include "commands/options.h"
-#include "console/line_editor.h"
+#include "commands/talk_options.h"
+#include "compat/files.h"
 #include "console/streams.h"
 #include "console/terminal.h"
-#include "console/text.h"
-#include "host/gpu_choice.h"
-#include "host/plugin_host.h"
+#include "console/turns.h"
+#include "talk/conversation.h"
+#include "talk/follow_reply.h"
+#include "talk/reply_printer.h"
+#include "talk/reply_record.h"
 
 namespace zemtool {
 namespace {
 
-std::string commands() {
-  return "/clear          start a new conversation\n"
-         "/system TEXT    system prompt of the next conversation (/clear starts it)\n"
-         "/stats          tokens and speed since the last /clear\n"
-         "/help           this list\n"
-         "/quit           end the program (so does " +
-         std::string(kEndKeys) + ")";
+using zem::text::Json;
+using zem::text::Message;
+
+// States of earlier turns. A long conversation must fit, for what does not is evaluated again.
+constexpr size_t kKeptBytes = size_t{4} << 30;
+
+// An older file stays as it was until the new one is whole.
+void writeFile(const std::string& path, const std::string& text) {
+  using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+  const std::string part = path + ".part";
+  File file(compat::openStream(part.c_str(), "wb"), &std::fclose);
+  bool written = file && std::fwrite(text.data(), 1, text.size(), file.get()) == text.size();
+  if (file) written = std::fclose(file.release()) == 0 && written;
+  if (written && compat::moveOver(part.c_str(), path.c_str())) return;
+  const std::string reason = std::strerror(errno);
+  compat::removeFile(part.c_str());
+  throw Failure("cannot write " + path + ": " + reason);
 }
 
-struct ChatOptions {
-  SessionOptions session;
-  SamplingOptions sampling;
-  std::string system;
-};
-
-// Shows one reply as it arrives.
-class ReplyPrinter {
+class Chat {
  public:
-  int pieces() const { return pieces_; }
-
-  // A ZEMChatTokenFn; `user` is a ReplyPrinter. An exception must not pass through the
-  // runtime's frames: it ends the turn, and finish() throws it again.
-  static void onPiece(const char* piece, uint32_t length, void* user) noexcept {
-    auto* self = static_cast<ReplyPrinter*>(user);
-    ++self->pieces_;
-    try {
-      self->show(self->joiner_.push({piece, length}));
-    } catch (...) {
-      self->problem_ = std::current_exception();
-      interruptFlag = 1;
+  explicit Chat(const TalkOptions& options)
+      : engine_(openEngine(options.model, options.chatTemplate, kKeptBytes)),
+        request_(chatRequestOf(options)),
+        conversation_(options.system),
+        view_(thinkingView(options, ThinkingView::Shown)) {
+    if (engine_->chatFormat() == nullptr) {
+      throw Failure(options.model.model +
+                    ": its chat template is none of the known revisions; name one with "
+                    "--chat-template (" +
+                    zem::text::chatFormatNames() + ")");
     }
   }
 
-  void finish() {
-    if (problem_) std::rethrow_exception(problem_);
-    show(joiner_.finish());
-    if (!atLineStart_ || pieces_ == 0) writeOut("\n");
-    flushOut();
-  }
-
- private:
-  void show(const std::string& text) {
-    if (text.empty()) return;
-    writeOut(stdoutIsTerminal() ? escapeControls(text, "\n\t") : text);
-    flushOut();
-    atLineStart_ = text.back() == '\n';
-  }
-
-  Utf8Joiner joiner_;
-  std::exception_ptr problem_;
-  int pieces_ = 0;
-  bool atLineStart_ = false;
-};
-
-class Conversation {
- public:
-  Conversation(const PluginHost& host, const ChatOptions& options)
-      : session_(host, options.session), systemPrompt_(options.system) {
-    session_.configure(sessionRecord(options.sampling));
-    applySystemPrompt();
-  }
-
-  // One line of the user: a turn or a command. Returns false for /quit.
-  bool take(const std::string& line) {
-    if (line.find_first_not_of(" \t") == std::string::npos) return true;
-    if (line[0] != '/') {
-      turn(line);
-      return true;
-    }
-    return command(line);
-  }
-
- private:
-  void turn(const std::string& text) {
-    started_ = true;
-    interruptFlag = 0;
-    ReplyPrinter printer;
-    try {
-      session_.chatTurn(text, &ReplyPrinter::onPiece, &printer, &interruptFlag);
-    } catch (const Failure&) {
-      if (printer.pieces() > 0) printer.finish();
-      throw;
-    }
-    const bool stopped = interruptFlag != 0;
-    printer.finish();
-    if (stopped) {
-      remark("(stopped)");
-    } else if (printer.pieces() >= kTokenBudget) {
-      remark("(the reply ended at the runtime's limit of " + std::to_string(kTokenBudget) +
-             " tokens)");
-    }
-  }
-
-  bool command(const std::string& line) {
-    const size_t space = line.find_first_of(" \t");
-    const std::string name = line.substr(0, space);
-    const size_t begin = line.find_first_not_of(" \t", space);
-    const std::string rest = begin == std::string::npos ? "" : line.substr(begin);
-    if (name == "/quit") return false;
-    if (name == "/clear") {
-      clear();
-    } else if (name == "/system") {
-      setSystemPrompt(rest);
-    } else if (name == "/stats") {
-      remark(describeStats(session_.stats()));
-    } else if (name == "/help") {
-      remark(commands());
-    } else {
-      complain("unknown command " + name +
-               "; /help lists them (a space in front sends the line as text)");
-    }
+  // What the user said: a message or a command. False: the conversation is over.
+  bool take(const std::string& turn) {
+    if (turn.find_first_not_of(" \t\n") == std::string::npos) return true;
+    if (turn[0] == '/') return obey(turn);
+    conversation_.ask(turn);
+    reply();
     return true;
   }
 
-  void clear() {
-    session_.reset();
-    started_ = false;
-    applySystemPrompt();
-    remark("(new conversation)");
-  }
+  static std::string commandsHelp();
 
-  void setSystemPrompt(const std::string& text) {
-    if (text.empty()) {
-      remark(systemPrompt_.empty() ? "(no system prompt)" : systemPrompt_);
-      return;
-    }
-    systemPrompt_ = text;
-    if (started_) {
-      remark("(the system prompt takes effect after /clear)");
-    } else {
-      applySystemPrompt();
-    }
-  }
+ private:
+  struct ChatCommand {
+    const char* name;
+    const char* argument;
+    const char* help;
+    void (Chat::*run)(const std::string& argument);
+  };
+  static const ChatCommand kCommands[];
 
-  // A runtime takes a system prompt only while no conversation is running.
-  void applySystemPrompt() {
-    if (systemPrompt_.empty()) return;
-    ZEMSessionOptions settings = sessionRecord({});
-    settings.system_prompt = systemPrompt_.c_str();
-    session_.configure(settings);
-  }
+  bool obey(const std::string& turn);
+  void reply();
+  void noteEnd(const FollowedReply& reply, const ReplyPrinter& printer);
 
-  Session session_;
-  std::string systemPrompt_;
-  bool started_ = false;
+  void clear(const std::string& argument);
+  void setSystem(const std::string& text);
+  void regenerate(const std::string& argument);
+  void undo(const std::string& argument);
+  void edit(const std::string& text);
+  void answerTool(const std::string& text);
+  void think(const std::string& how);
+  void showThinking() const;
+  void save(const std::string& path);
+  void load(const std::string& path);
+  void showStats(const std::string& argument);
+  void help(const std::string& argument);
+
+  std::unique_ptr<zem::Engine> engine_;
+  zem::ChatRequest request_;  // without messages
+  Conversation conversation_;
+  ThinkingView view_;
+  zem::Usage last_;
+  zem::Usage total_;
+  size_t replies_ = 0;
+  uint64_t attempt_ = 0;  // at the same reply
 };
 
-void chatOnTerminal(Conversation& conversation) {
-  const InterruptGuard guard;
-  LineEditor editor(defaultHistoryPath());
-  remark(std::string("Ctrl-C stops a reply, ") + kEndKeys +
-         " ends the conversation, /help lists the commands.");
-  bool interrupted = false;
-  for (bool open = true; open;) {
-    std::string line;
-    switch (editor.read(line)) {
-      case LineEditor::Event::End:
-        remark("");
-        return;
-      case LineEditor::Event::Interrupted:
-        remark(interrupted ? "^C" : "^C (again, or " + std::string(kEndKeys) + ", to quit)");
-        if (interrupted) return;
-        interrupted = true;
-        break;
-      case LineEditor::Event::Line:
-        interrupted = false;
-        try {
-          open = conversation.take(line);
-        } catch (const Failure& failure) {
-          complain(failure.what());
-        }
-        break;
-    }
+const Chat::ChatCommand Chat::kCommands[] = {
+    {"/regen", "", "another reply to the last message", &Chat::regenerate},
+    {"/undo", "", "take back the last message and its reply", &Chat::undo},
+    {"/edit", "TEXT", "put TEXT in place of the last message, and reply to it", &Chat::edit},
+    {"/clear", "", "start a new conversation", &Chat::clear},
+    {"/system", "TEXT", "system prompt from now on; without TEXT, show it", &Chat::setSystem},
+    {"/think", "[HOW]",
+     "show the last thinking; on, off, auto: whether the model thinks;\n"
+     "                show, fold, hide: how thinking is shown while it comes",
+     &Chat::think},
+    {"/tool", "TEXT", "what a called tool answers", &Chat::answerTool},
+    {"/save", "FILE", "write the conversation, as JSON", &Chat::save},
+    {"/load", "FILE", "go on with a conversation that was saved", &Chat::load},
+    {"/stats", "", "tokens and speed", &Chat::showStats},
+    {"/help", "", "this list", &Chat::help},
+};
+
+std::string Chat::commandsHelp() {
+  constexpr size_t kColumn = 16;
+  std::string text;
+  for (const ChatCommand& command : kCommands) {
+    std::string usage = std::string(command.name) + " " + command.argument;
+    usage.resize(std::max(usage.size(), kColumn), ' ');
+    text += usage + command.help + "\n";
   }
+  return text + "/quit           end the program (so does " + kEndKeys + ")";
 }
 
-void chatThroughPipes(Conversation& conversation) {
-  std::string line;
-  for (size_t number = 1; readLine(line) == Input::Line; ++number) {
-    if (line.ends_with('\r')) line.pop_back();
-    requireText(line, "line " + std::to_string(number));
-    if (!conversation.take(line)) return;
-  }
-}
-
-void chat(ChatOptions options) {
-  applyThreads(options.session.threads);
-  settleGpu(options.session);
-  const PluginHost host(findPlugin(options.session.plugin));
-  Conversation conversation(host, options);
-  if (stdinIsTerminal() && stderrIsTerminal()) {
-    chatOnTerminal(conversation);
+bool Chat::obey(const std::string& turn) {
+  const size_t space = turn.find_first_of(" \t\n");
+  const std::string name = turn.substr(0, space);
+  const size_t begin = turn.find_first_not_of(" \t\n", space);
+  const std::string argument = begin == std::string::npos ? "" : turn.substr(begin);
+  if (name == "/quit") return false;
+  const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                     [&](const ChatCommand& c) { return name == c.name; });
+  if (command == std::end(kCommands)) {
+    complain("unknown command " + name +
+             "; /help lists them (a space in front sends the line as text)");
   } else {
-    chatThroughPipes(conversation);
+    (this->*command->run)(argument);
   }
+  return true;
+}
+
+void Chat::reply() {
+  zem::ChatRequest request = request_;
+  request.messages = conversation_.messages();
+  if (request.sampling.seed) *request.sampling.seed += attempt_;
+  zem::PreparedChat prepared;
+  const kiv::Status status = zem::prepareChat(*engine_, request, prepared);
+  if (!status.ok()) {
+    conversation_.takeQuestionBack();
+    throw Failure(status.message());
+  }
+  interruptFlag = 0;
+  ReplyPrinter printer(view_);
+  try {
+    const FollowedReply reply = followReply(*engine_, std::move(prepared), printer);
+    if (reply.end.reason != zem::EndReason::Cancelled || !printer.record().empty()) {
+      printer.finish();
+    }
+    noteEnd(reply, printer);
+  } catch (const Failure&) {
+    conversation_.takeQuestionBack();
+    throw;
+  }
+}
+
+void Chat::noteEnd(const FollowedReply& reply, const ReplyPrinter& printer) {
+  const zem::End& end = reply.end;
+  if (end.reason == zem::EndReason::Error) throw Failure("the reply failed: " + end.error);
+  if (end.reason == zem::EndReason::Cancelled && printer.record().empty()) {
+    conversation_.takeQuestionBack();
+    remark("(stopped before the reply began; the message is taken back)");
+    return;
+  }
+  conversation_.add(printer.record().message());
+  last_ = end.usage;
+  ++replies_;
+  total_.prompt += end.usage.prompt;
+  total_.reused += end.usage.reused;
+  total_.generated += end.usage.generated;
+  total_.promptSeconds += end.usage.promptSeconds;
+  total_.generateSeconds += end.usage.generateSeconds;
+  if (end.reason == zem::EndReason::Cancelled) remark("(stopped)");
+  if (end.reason == zem::EndReason::Length) remark("(the reply ended at the limit of -n)");
+  if (end.reason == zem::EndReason::Context) {
+    remark("(the context of " + std::to_string(engine_->context()) +
+           " tokens is full; /clear starts a new conversation)");
+  }
+}
+
+void Chat::clear(const std::string& /*argument*/) {
+  conversation_.clear();
+  remark("(new conversation)");
+}
+
+void Chat::setSystem(const std::string& text) {
+  if (!text.empty()) {
+    conversation_.setSystem(text);
+  } else {
+    remark(conversation_.system().empty() ? "(no system prompt)" : conversation_.system());
+  }
+}
+
+void Chat::regenerate(const std::string& /*argument*/) {
+  if (!conversation_.takeReplyBack()) throw Failure("there is no message to reply to");
+  ++attempt_;
+  reply();
+}
+
+void Chat::undo(const std::string& /*argument*/) {
+  const std::optional<std::string> question = conversation_.takeQuestionBack();
+  if (!question) throw Failure("there is no message to take back");
+  remark("(taken back: " + *question + ")");
+}
+
+void Chat::edit(const std::string& text) {
+  if (text.empty()) throw Failure("/edit needs a text, which becomes the last message");
+  if (!conversation_.takeQuestionBack()) throw Failure("there is no message to edit");
+  conversation_.ask(text);
+  reply();
+}
+
+void Chat::answerTool(const std::string& text) {
+  const Message* called = conversation_.lastReply();
+  if (called == nullptr || called->calls.empty()) throw Failure("no tool was called");
+  conversation_.answer(text);
+  reply();
+}
+
+void Chat::think(const std::string& how) {
+  if (how.empty()) return showThinking();
+  if (how == "on" || how == "off") {
+    request_.format.thinking = how == "on";
+  } else if (how == "auto") {
+    request_.format.thinking.reset();
+  } else if (how == "show") {
+    view_ = ThinkingView::Shown;
+  } else if (how == "fold") {
+    view_ = ThinkingView::Folded;
+  } else if (how == "hide") {
+    view_ = ThinkingView::Hidden;
+  } else {
+    throw Failure("/think takes on, off, auto, show, fold or hide, and found \"" + how + "\"");
+  }
+}
+
+void Chat::showThinking() const {
+  const Message* reply = conversation_.lastReply();
+  const bool thought = reply != nullptr && reply->reasoning.has_value();
+  remark(thought ? *reply->reasoning : "(no thinking)");
+}
+
+void Chat::save(const std::string& path) {
+  if (path.empty()) throw Failure("/save needs the name of a file");
+  Json json = conversation_.json();
+  if (!request_.tools.empty()) json["tools"] = request_.tools;
+  writeFile(path, json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
+  remark("(saved in " + path + ")");
+}
+
+void Chat::load(const std::string& path) {
+  if (path.empty()) throw Failure("/load needs the name of a file");
+  conversation_.take(readJsonFile(path, "conversation"), path);
+  remark("(" + std::to_string(conversation_.messages().size()) + " messages from " + path + ")");
+}
+
+void Chat::showStats(const std::string& /*argument*/) {
+  if (replies_ == 0) return remark("(no reply yet)");
+  remark("last reply\n" + describeUsage(last_) + "\nall " + std::to_string(replies_) + "\n" +
+         describeUsage(total_) + "\ncontext: " + std::to_string(last_.prompt + last_.generated) +
+         " of " + std::to_string(engine_->context()) + " tokens");
+}
+
+void Chat::help(const std::string& /*argument*/) { remark(commandsHelp() + "\n" + kLinesHelp); }
+
+void chatWith(const TalkOptions& options) {
+  Chat chat(options);
+  holdConversation(TurnForm::Lines, [&](const std::string& turn) { return chat.take(turn); });
 }
 
 }  // namespace
 
 void addChat(Command& program, int& status) {
-  auto options = std::make_shared<ChatOptions>();
-  Command command = program.command("chat", "Hold a conversation");
-  addSessionOptions(command, options->session);
-  addContextOption(command, options->session);
-  command
-      .option("--system-prompt", options->system,
-              "System prompt of the conversation; -sys for short")
-      .valueName("TEXT");
-  addSamplingOptions(command, options->sampling);
-  command.footer(std::string("Replies, of up to 96 tokens, go to standard output, all else to "
-                             "standard error. Without a\nterminal each line of standard input is "
-                             "a turn. Commands, with and without a terminal:\n") +
-                 commands() +
-                 "\n\nExamples:\n"
-                 "  zem chat -m model.zem -sys \"Answer in one sentence.\"\n"
-                 "  echo \"Why is the sky blue?\" | zem chat -m model.zem");
-  command.action([options, &status] { status = guarded([&] { chat(*options); }); });
+  auto options = std::make_shared<TalkOptions>();
+  Command command = program.command("chat", "Hold a conversation", "Talk to a model");
+  addTalkOptions(command, *options);
+  command.footer(
+      "Replies go to standard output, all else to standard error. Without a terminal each line\n"
+      "of standard input is a turn. The model goes on from what it has computed of the\n"
+      "conversation already. Commands, with and without a terminal:\n" +
+      Chat::commandsHelp() + "\n\n" + kLinesHelp +
+      "\n\nExamples:\n"
+      "  zem chat -m model.zem -sys \"Answer in one sentence.\"\n"
+      "  echo \"Why is the sky blue?\" | zem chat -m model.zem");
+  command.action([options, &status] { status = guarded([&] { chatWith(*options); }); });
 }
 
 }  // namespace zemtool

@@ -18,12 +18,11 @@ constexpr const char* kFooter =
 
 }  // namespace
 
-ZemCommandLine::ZemCommandLine()
-    : CommandLine("zem", "Runs Qwen3.5 hybrid language models through a runtime plug-in.") {
+ZemCommandLine::ZemCommandLine() : CommandLine("zem", "Runs Qwen3.5 hybrid language models.") {
   footer(kFooter);
   flag("--version", version, "Print the versions of this program and of the plug-in");
-  for (const auto add : {addChat, addRun, addInfo, addProbe, addBench, addTokenize, addRender,
-                         addDevices, addMakeDemo, addConvert, addCompare}) {
+  for (const auto add : {addRun, addChat, addInfo, addTokenize, addRender, addDevices, addMakeDemo,
+                         addConvert, addCompare, addPlugin}) {
     add(*this, status);
   }
 }

@@ -8,16 +8,15 @@
 
 namespace zemtool {
 
-void addInfo(Command& program, int& status);
-void addProbe(Command& program, int& status);
 void addRun(Command& program, int& status);
 void addChat(Command& program, int& status);
-void addBench(Command& program, int& status);
+void addInfo(Command& program, int& status);
 void addTokenize(Command& program, int& status);
 void addRender(Command& program, int& status);
 void addDevices(Command& program, int& status);
 void addMakeDemo(Command& program, int& status);
 void addConvert(Command& program, int& status);
 void addCompare(Command& program, int& status);
+void addPlugin(Command& program, int& status);  // has subcommands of its own
 
 }  // namespace zemtool

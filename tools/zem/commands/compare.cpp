@@ -184,7 +184,6 @@ std::vector<int32_t> tokensOf(const kiv::ZEMLoader& first, const kiv::ZEMLoader&
 }
 
 TextDifference compareText(const CompareOptions& options, const std::vector<int32_t>& ids) {
-  applyThreads(options.threads);
   Decoder first(options.first, ids.size());
   Decoder second(options.second, ids.size());
   if (first.vocabulary() != second.vocabulary()) {
@@ -270,6 +269,7 @@ void printComparisonJson(const CompareOptions& options,
 }
 
 void compare(const CompareOptions& options) {
+  applyThreads(options.threads);
   kiv::ZEMLoader first;
   kiv::ZEMLoader second;
   openModel(first, options.first);

@@ -157,11 +157,4 @@ std::string readPrompt(const PromptOptions& options) {
   return text;
 }
 
-void requireText(const std::string& text, const std::string& where) {
-  const size_t at = text.find('\0');
-  if (at == std::string::npos) return;
-  throw Failure("the prompt from " + where + " holds a NUL byte at offset " + std::to_string(at) +
-                "; a prompt is text");
-}
-
 }  // namespace zemtool

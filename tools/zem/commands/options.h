@@ -43,7 +43,4 @@ std::string readPrompt(const PromptOptions& options);
 // Throws Failure when it cannot be read.
 std::string readWhole(const std::string& path, const std::string& kind);
 
-// Throws Failure when `text`, which came from `where`, holds a NUL byte.
-void requireText(const std::string& text, const std::string& where);
-
 }  // namespace zemtool

@@ -24,9 +24,9 @@ class LineEditor {
   LineEditor(const LineEditor&) = delete;
   LineEditor& operator=(const LineEditor&) = delete;
 
-  // Reads one line, without its line feed. `line` is empty after any other event. Leaves the
-  // terminal as it was.
-  Event read(std::string& line);
+  // Shows `prompt` and reads one line, without its line feed. `line` is empty after any other
+  // event. Leaves the terminal as it was.
+  Event read(std::string& line, const std::string& prompt);
 
  private:
   struct Impl;

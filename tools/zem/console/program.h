@@ -14,6 +14,11 @@ int programMain(const std::vector<std::string>& arguments);
 // The program's own file; empty when the system does not tell.
 std::string programPath();
 
+// OpenMP reads the environment when it is loaded. Where this program has loaded it already, the
+// program starts anew, with its arguments and the environment of now. Does nothing where modules
+// have an OpenMP of their own, as on Windows, and where the system does not allow it.
+void restartForOpenMp();
+
 // The number of processors that this process may run on.
 int usableProcessors();
 

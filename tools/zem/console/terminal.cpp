@@ -36,6 +36,11 @@ bool stderrIsStyled() {
   return (noColor == nullptr || *noColor == '\0') && obeysEscapes(kStderr);
 }
 
+std::string dimmed(std::string_view text) {
+  const std::string shown = escapeControls(text, "\n");
+  return stderrIsStyled() ? "\033[2m" + shown + "\033[0m" : shown;
+}
+
 // In one piece, so that lines of several threads do not mix and no character is
 // torn apart on its way to a console.
 void writeError(const std::string& text) { writeText(kStderr, text); }
@@ -57,6 +62,13 @@ int guarded(const std::function<void()>& command) {
     complain("out of memory");
   }
   return 1;
+}
+
+void requireText(const std::string& text, const std::string& where) {
+  const size_t at = text.find('\0');
+  if (at == std::string::npos) return;
+  throw Failure("the prompt from " + where + " holds a NUL byte at offset " + std::to_string(at) +
+                "; a prompt is text");
 }
 
 bool stdinIsTerminal() { return isTerminal(kStdin); }
@@ -90,9 +102,12 @@ void complain(std::string_view message) {
 
 void remark(std::string_view text) {
   flushOut();
-  const bool styled = stderrIsStyled();
-  writeError((styled ? "\033[2m" : "") + escapeControls(text, "\n") +
-             (styled ? "\033[0m\n" : "\n"));
+  writeError(dimmed(text) + "\n");
+}
+
+void remarkPart(std::string_view text) {
+  flushOut();
+  writeError(dimmed(text));
 }
 
 InterruptGuard::InterruptGuard() : handler_([] { interruptFlag = 1; }) {}

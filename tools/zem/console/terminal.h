@@ -31,6 +31,9 @@ class ClosedPipe : public std::exception {};
 // Runs a command, prints the Failure that it throws, and returns its exit status.
 int guarded(const std::function<void()>& command);
 
+// Throws Failure when `text`, which came from `where`, holds a NUL byte.
+void requireText(const std::string& text, const std::string& where);
+
 bool stdinIsTerminal();
 bool stdoutIsTerminal();
 bool stderrIsTerminal();
@@ -49,6 +52,8 @@ void writeJson(const nlohmann::ordered_json& value);
 void complain(std::string_view message);
 // Writes lines without a prefix to stderr, dim on a terminal.
 void remark(std::string_view text);
+// Likewise, but without a line feed at the end.
+void remarkPart(std::string_view text);
 
 // While one lives, Ctrl-C sets interruptFlag and does nothing else. One at a time.
 class InterruptGuard {

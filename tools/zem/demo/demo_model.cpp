@@ -162,6 +162,8 @@ void declareMetadata(const DemoModel& model, const std::string& generator,
   writer.addMetaStr("general.name", "demo " + size + ", random weights");
   writer.addMetaStr("general.description", "random weights of `zem make-demo`; knows nothing");
   writer.addMetaStr("general.generator", generator);
+  // Without a trained `</think>` nothing would be an answer, so it must not begin with thinking.
+  writer.addMetaStr("chat.format", "qwen3.5-small");
   writer.addMetaU64("demo.seed", model.seed);
   writer.addMetaStr("demo.size", size);
   writer.addMetaStr("demo.type", kiv::weightMixName(model.type));

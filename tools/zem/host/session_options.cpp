@@ -9,13 +9,20 @@
 namespace zemtool {
 namespace {
 
+// True if that changes it.
+bool setVariable(const char* name, const std::string& value) {
+  if (compat::environmentVariable(name) == value) return false;
+  compat::setEnvironmentVariable(name, value);
+  return true;
+}
+
 // By default libgomp's threads spin for milliseconds before they sleep. Where other programs
 // want the processors too, each barrier then waits that long for a thread that does not run.
 // 10000 rounds last a little longer than the gaps between the products of a token.
-void limitSpinning() {
-  if (compat::environmentVariable("OMP_WAIT_POLICY")) return;
-  if (compat::environmentVariable("GOMP_SPINCOUNT")) return;
-  compat::setEnvironmentVariable("GOMP_SPINCOUNT", "10000");
+bool limitSpinning() {
+  if (compat::environmentVariable("OMP_WAIT_POLICY")) return false;
+  if (compat::environmentVariable("GOMP_SPINCOUNT")) return false;
+  return setVariable("GOMP_SPINCOUNT", "10000");
 }
 
 }  // namespace
@@ -38,9 +45,9 @@ ZEMSessionOptions sessionRecord(const SamplingOptions& options) {
 }
 
 void applyThreads(int threads) {
-  limitSpinning();
-  if (threads <= 0) return;
-  compat::setEnvironmentVariable("OMP_NUM_THREADS", std::to_string(threads));
+  const bool limited = limitSpinning();
+  const bool counted = threads > 0 && setVariable("OMP_NUM_THREADS", std::to_string(threads));
+  if (limited || counted) restartForOpenMp();
 }
 
 int effectiveThreads() {

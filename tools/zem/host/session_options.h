@@ -32,7 +32,8 @@ std::string createHint(const SessionOptions& options);
 // A full-size record; a value that was not given keeps the session's setting.
 ZEMSessionOptions sessionRecord(const SamplingOptions& options);
 
-// Sets the number of threads of modules that are loaded afterwards; 0 leaves it as it is.
+// Sets the number of threads of modules that are loaded afterwards; 0 leaves it as it is. Call
+// it before anything is read or written: the program may start anew, with its arguments.
 void applyThreads(int threads);
 // Threads that a plug-in uses when it is loaded now.
 int effectiveThreads();

@@ -63,11 +63,25 @@ Words wordsOf(const CommandFacts& command) {
   return words;
 }
 
+std::vector<std::string> namesOf(const std::vector<CommandFacts>& commands) {
+  std::vector<std::string> names;
+  names.reserve(commands.size());
+  for (const CommandFacts& command : commands) names.push_back(command.name);
+  return names;
+}
+
 std::string bashCase(const CommandFacts& command, const std::string& pattern) {
   const Words words = wordsOf(command);
   return "    " + pattern + ")\n      options='" + joined(words.options, " ") + "'\n      files='" +
          joined(words.files, " ") + "'\n      values='" + joined(words.values, " ") +
+         "'\n      commands='" + joined(namesOf(command.commands), " ") +
          "'\n      positional=" + (hasPositional(command) ? "yes" : "") + "\n      ;;\n";
+}
+
+// The words in front of a command's last one, and that one, as the script looks for them.
+std::string bashStep(const std::string& name) {
+  const size_t space = name.rfind(' ');
+  return space == std::string::npos ? "' " + name + "'" : "'" + name + "'";
 }
 
 std::string zshDescription(const std::string& text) { return quotable(guarded(text, "[]:\\")); }
@@ -113,34 +127,78 @@ void addFishOptions(std::string& script, const CommandFacts& command,
   if (hasPositional(command)) script += "complete -c zem -n '" + condition + "' -F\n";
 }
 
-std::vector<std::string> namesOf(const std::vector<CommandFacts>& commands) {
-  std::vector<std::string> names;
-  names.reserve(commands.size());
-  for (const CommandFacts& command : commands) names.push_back(command.name);
-  return names;
+// When the options of a command are offered: not for a command inside another that has its name.
+std::string fishCondition(const CommandFacts& program, const CommandFacts& command) {
+  std::string condition = "__fish_seen_subcommand_from " + command.name;
+  for (const CommandFacts& other : program.commands) {
+    if (other.commands.empty() || other.name == command.name) continue;
+    condition += "; and not __fish_seen_subcommand_from " + other.name;
+  }
+  return condition;
+}
+
+void addFishCommands(std::string& script, const CommandFacts& program,
+                     const std::string& condition) {
+  for (const CommandFacts& command : program.commands) {
+    script += "complete -c zem -n '" + condition + "' -a " + command.name + " -d " +
+              fishQuoted(command.description) + "\n";
+  }
+}
+
+void addFishSubcommands(std::string& script, const CommandFacts& command) {
+  const std::string outer = "__fish_seen_subcommand_from " + command.name;
+  const std::string names = joined(namesOf(command.commands), " ");
+  addFishCommands(script, command, outer + "; and not __fish_seen_subcommand_from " + names);
+  for (const CommandFacts& inner : command.commands) {
+    addFishOptions(script, inner, outer + "; and __fish_seen_subcommand_from " + inner.name);
+  }
+}
+
+// What zsh does with the words behind a command that has subcommands. `margin` is in front of
+// each line.
+std::string zshChoice(const CommandFacts& program, const std::string& margin) {
+  std::string script = margin + "commands=(\n";
+  for (const CommandFacts& command : program.commands) {
+    script += margin + "  '" + command.name + ":" + zshDescription(command.description) + "'\n";
+  }
+  script += margin + ")\n" + margin + "_arguments -C" + zshArguments(program) +
+            " \\\n            '1:command:->command' '*::argument:->arguments'\n" + margin +
+            "case $state in\n" + margin + "  command) _describe command commands ;;\n" + margin +
+            "  arguments)\n" + margin + "    case $words[1] in\n";
+  for (const CommandFacts& command : program.commands) {
+    script += margin + "      " + command.name + ")\n";
+    script += command.commands.empty()
+                  ? margin + "        _arguments" + zshArguments(command) + "\n"
+                  : zshChoice(command, margin + "        ");
+    script += margin + "        ;;\n";
+  }
+  return script + margin + "    esac\n" + margin + "    ;;\n" + margin + "esac\n";
 }
 
 }  // namespace
 
 std::string bashCompletion(const CommandFacts& program) {
-  const std::vector<std::string> commands = namesOf(program.commands);
+  const std::vector<CommandFacts> commands = allCommands(program);
+  std::vector<std::string> steps;
+  for (const CommandFacts& command : commands) steps.push_back(bashStep(command.name));
   std::string script =
       "# Completion of zem for bash.\n"
       "_zem() {\n"
       "  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}\n"
-      "  local command= word options files values positional\n"
+      "  local command= word options files values commands positional\n"
       "  for word in \"${COMP_WORDS[@]:1:COMP_CWORD-1}\"; do\n"
-      "    case $word in\n"
+      "    case \"$command $word\" in\n"
       "      " +
-      joined(commands, " | ") +
+      joined(steps, " | ") +
       ")\n"
-      "        command=$word\n"
-      "        break\n"
+      "        command=\"${command:+$command }$word\"\n"
       "        ;;\n"
       "    esac\n"
       "  done\n"
       "  case $command in\n";
-  for (const CommandFacts& command : program.commands) script += bashCase(command, command.name);
+  for (const CommandFacts& command : commands) {
+    script += bashCase(command, "'" + command.name + "'");
+  }
   script += bashCase(program, "*");
   script +=
       "  esac\n"
@@ -149,10 +207,8 @@ std::string bashCompletion(const CommandFacts& program) {
       "    return\n"
       "  elif [[ \" $files \" != *\" $previous \"* && $current == -* ]]; then\n"
       "    mapfile -t COMPREPLY < <(compgen -W \"$options\" -- \"$current\")\n"
-      "  elif [[ -z $command ]]; then\n"
-      "    mapfile -t COMPREPLY < <(compgen -W '" +
-      joined(commands, " ") +
-      "' -- \"$current\")\n"
+      "  elif [[ -n $commands ]]; then\n"
+      "    mapfile -t COMPREPLY < <(compgen -W \"$commands\" -- \"$current\")\n"
       "  elif [[ -n $positional || \" $files \" == *\" $previous \"* ]]; then\n"
       "    compopt -o filenames 2>/dev/null\n"
       "    mapfile -t COMPREPLY < <(compgen -f -- \"$current\")\n"
@@ -163,29 +219,12 @@ std::string bashCompletion(const CommandFacts& program) {
 }
 
 std::string zshCompletion(const CommandFacts& program) {
-  std::string script =
-      "#compdef zem\n"
-      "# Completion of zem for zsh.\n"
-      "_zem() {\n"
-      "  local curcontext=$curcontext state line\n"
-      "  local -a commands=(\n";
-  for (const CommandFacts& command : program.commands) {
-    script += "    '" + command.name + ":" + zshDescription(command.description) + "'\n";
-  }
-  script += "  )\n  _arguments -C" + zshArguments(program) +
-            " \\\n            '1:command:->command' '*::argument:->arguments'\n"
-            "  case $state in\n"
-            "    command) _describe command commands ;;\n"
-            "    arguments)\n"
-            "      case $words[1] in\n";
-  for (const CommandFacts& command : program.commands) {
-    script += "        " + command.name + ")\n          _arguments" + zshArguments(command) +
-              "\n          ;;\n";
-  }
-  return script +
-         "      esac\n"
-         "      ;;\n"
-         "  esac\n"
+  return "#compdef zem\n"
+         "# Completion of zem for zsh.\n"
+         "_zem() {\n"
+         "  local curcontext=$curcontext state line\n"
+         "  local -a commands\n" +
+         zshChoice(program, "  ") +
          "}\n"
          "_zem \"$@\"\n";
 }
@@ -193,12 +232,13 @@ std::string zshCompletion(const CommandFacts& program) {
 std::string fishCompletion(const CommandFacts& program) {
   std::string script = "# Completion of zem for fish.\ncomplete -c zem -f\n";
   addFishOptions(script, program, "__fish_use_subcommand");
+  addFishCommands(script, program, "__fish_use_subcommand");
   for (const CommandFacts& command : program.commands) {
-    script += "complete -c zem -n __fish_use_subcommand -a " + command.name + " -d " +
-              fishQuoted(command.description) + "\n";
-  }
-  for (const CommandFacts& command : program.commands) {
-    addFishOptions(script, command, "__fish_seen_subcommand_from " + command.name);
+    if (command.commands.empty()) {
+      addFishOptions(script, command, fishCondition(program, command));
+    } else {
+      addFishSubcommands(script, command);
+    }
   }
   return script;
 }

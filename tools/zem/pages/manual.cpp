@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <sstream>
+#include <utility>
 
 #include "pages.h"
 
@@ -58,10 +59,22 @@ std::string usageOf(const CommandFacts& command) {
   for (const OptionFacts& option : command.options) {
     if (!option.positional.empty()) usage += " " + option.positional;
   }
-  return usage;
+  return command.commands.empty() ? usage : usage + " COMMAND";
 }
 
 }  // namespace
+
+std::vector<CommandFacts> allCommands(const CommandFacts& program) {
+  std::vector<CommandFacts> all;
+  for (const CommandFacts& command : program.commands) {
+    all.push_back(command);
+    for (CommandFacts inner : allCommands(command)) {
+      inner.name = command.name + " " + inner.name;
+      all.push_back(std::move(inner));
+    }
+  }
+  return all;
+}
 
 std::string manualPage(const CommandFacts& program, const Release& release) {
   const std::string& name = program.name;
@@ -73,7 +86,7 @@ std::string manualPage(const CommandFacts& program, const Release& release) {
   page += ".SH OPTIONS\n";
   addOptions(page, program);
   page += ".SH COMMANDS\n";
-  for (const CommandFacts& command : program.commands) {
+  for (const CommandFacts& command : allCommands(program)) {
     page += ".SS " + escaped(usageOf(command)) + "\n" + escaped(command.description) + ".\n";
     addOptions(page, command);
     page += ".PP\n";

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "commands/arguments.h"
 
@@ -15,6 +16,10 @@ struct Release {
   std::string version;
   std::string date;  // as YYYY-MM-DD
 };
+
+// The subcommands of `program` and theirs, each behind the one that it belongs to. A name has
+// all words: "plugin run".
+std::vector<CommandFacts> allCommands(const CommandFacts& program);
 
 // A manual page of section 1 in the language of man(7), with every subcommand.
 std::string manualPage(const CommandFacts& program, const Release& release);

@@ -72,10 +72,9 @@ bool isEditing(EditLine* editor) {
   return editing != 0;
 }
 
-char* promptText(EditLine* /*editor*/) {
-  static char text[] = "> ";
-  return text;
-}
+std::string shownPrompt;
+
+char* promptText(EditLine* /*editor*/) { return shownPrompt.data(); }
 
 }  // namespace
 
@@ -129,8 +128,9 @@ LineEditor::~LineEditor() {
   el_end(impl_->editor);
 }
 
-LineEditor::Event LineEditor::read(std::string& line) {
+LineEditor::Event LineEditor::read(std::string& line, const std::string& prompt) {
   line.clear();
+  shownPrompt = prompt;
   flushOut();
   const SignalsHeld held;
   interruptFlag = 0;

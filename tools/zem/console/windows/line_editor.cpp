@@ -13,10 +13,10 @@ std::string defaultHistoryPath() { return {}; }
 LineEditor::LineEditor(std::string /*historyPath*/) {}
 LineEditor::~LineEditor() = default;
 
-LineEditor::Event LineEditor::read(std::string& line) {
+LineEditor::Event LineEditor::read(std::string& line, const std::string& prompt) {
   flushOut();
   interruptFlag = 0;
-  writeText(2, "> ");
+  writeText(2, prompt);
   switch (readLine(line)) {
     case Input::Line:
       return Event::Line;

@@ -21,6 +21,8 @@ std::string programPath() {
   }
 }
 
+void restartForOpenMp() {}
+
 int usableProcessors() {
   DWORD_PTR own = 0;
   DWORD_PTR all = 0;

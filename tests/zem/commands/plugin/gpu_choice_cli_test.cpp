@@ -2,7 +2,7 @@
 // --plan and --no-gpu: what reaches the runtime, what is said, and what a report names.
 #include <gmock/gmock.h>
 
-#include "cli_support.h"
+#include "zem/commands/cli_support.h"
 
 namespace zemtest {
 namespace {
@@ -11,7 +11,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-constexpr const char* kPrintsHint[] = {"run", "-m", "m.zem", "-p", "hint"};
+constexpr const char* kPrintsHint[] = {"plugin", "run", "-m", "m.zem", "-p", "hint"};
 
 Arguments printHint(const Arguments& more) {
   Arguments arguments(std::begin(kPrintsHint), std::end(kPrintsHint));
@@ -33,7 +33,8 @@ TEST(GpuChoice, ASoftwareDeviceGetsThePlanThatLeavesItAlone) {
 
 TEST(GpuChoice, AChatSaysItOnce) {
   ZEM_NEEDS_SOFTWARE_DEVICE();
-  const ProcessResult result = zem({"chat", "-m", "m.zem"}, "one\n/clear\ntwo\n", kSoftwareDevice);
+  const ProcessResult result =
+      zem({"plugin", "chat", "-m", "m.zem"}, "one\n/clear\ntwo\n", kSoftwareDevice);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, softwareLine() + "(new conversation)\n");
 }
@@ -61,7 +62,7 @@ TEST(GpuChoice, NoGpuIsNoPlanAndReachesThePlugin) {
   const ProcessResult result = zem(printHint({"--no-gpu"}), "", kSoftwareDevice);
   EXPECT_EQ(result.out, "zem\n");
   EXPECT_THAT(result.err, Not(HasSubstr("zem: ")));
-  const Arguments ask = {"run", "-m", "m.zem", "-p", "vulkan"};
+  const Arguments ask = {"plugin", "run", "-m", "m.zem", "-p", "vulkan"};
   EXPECT_EQ(zem(ask, "", kWithVulkan).out, "on\n");
   Arguments without = ask;
   without.emplace_back("--no-gpu");
@@ -74,9 +75,9 @@ class Backend : public ::testing::Test {
  protected:
   ProcessResult bench(const std::string& model, const Arguments& more,
                       const Environment& environment = kSoftwareDevice) const {
-    Arguments arguments = {"bench", "-m", folder_.write(model, smallContainer().build()),
-                           "-n",    "8",  "-r",
-                           "1",     "-t", "1"};
+    Arguments arguments = {"plugin", "bench", "-m", folder_.write(model, smallContainer().build()),
+                           "-n",     "8",     "-r", "1",
+                           "-t",     "1"};
     arguments.insert(arguments.end(), more.begin(), more.end());
     return zem(arguments, "", environment);
   }
@@ -132,8 +133,8 @@ TEST_F(Backend, IsTheCpuWithoutADeviceAndWithoutGpu) {
 TEST_F(Backend, AClosedStandardErrorIsNoHindrance) {
   const std::string model = folder_.write("m.zem", smallContainer().build());
   const ProcessResult result = runProcess(
-      {"/bin/sh", "-c", "exec '" + kZem + "' bench --plan cpu:all -m '" + model + "' 2>&-"}, "",
-      cliEnvironment(kSoftwareDevice));
+      {"/bin/sh", "-c", "exec '" + kZem + "' plugin bench --plan cpu:all -m '" + model + "' 2>&-"},
+      "", cliEnvironment(kSoftwareDevice));
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.out, HasSubstr("| CPU |"));
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// zem bench: how fast prompts are processed and tokens decoded, as a table to
+// zem plugin bench: how fast prompts are processed and tokens decoded, as a table to
 // paste into a report.
 #include <algorithm>
 #include <memory>
@@ -10,9 +10,9 @@
 #include "bench/measure.h"
 #include "bench/read_speed.h"
 #include "bench/report.h"
-#include "commands/commands.h"
 #include "commands/number_list.h"
 #include "commands/options.h"
+#include "commands/plugin/plugin.h"
 #include "console/progress_line.h"
 #include "console/terminal.h"
 #include "host/gpu_choice.h"
@@ -154,12 +154,12 @@ constexpr const char* kBenchFooter =
     "CPU, or a Vulkan device by its name, with the plan when both compute. Ctrl-C ends at once;\n"
     "rows that are printed stay (JSON is printed at the end).\n"
     "\nExamples:\n"
-    "  zem bench -m model.zem -t 8 -n 128\n"
-    "  zem bench -m model.zem -p 128,512 -n 64 -d 0,4096 -t 1,2,4 --roofline";
+    "  zem plugin bench -m model.zem -t 8 -n 128\n"
+    "  zem plugin bench -m model.zem -p 128,512 -n 64 -d 0,4096 -t 1,2,4 --roofline";
 
 }  // namespace
 
-void addBench(Command& program, int& status) {
+void addPluginBench(Command& program, int& status) {
   auto options = std::make_shared<BenchOptions>();
   Command command = program.command("bench", "Measure the speed of prompts and of decoding");
   addRuntimeOptions(command, options->session);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// zem probe: whether the plug-in would take a model file.
+// zem plugin probe: whether the plug-in would take a model file.
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "commands/commands.h"
 #include "commands/options.h"
+#include "commands/plugin/plugin.h"
 #include "console/terminal.h"
 #include "console/text.h"
 #include "host/model_file.h"
@@ -26,7 +26,8 @@ std::string explainRefusal(const std::string& path) {
   }
   std::string problem = modelProblem(path);
   if (!problem.empty()) return problem;
-  return "the model is sound, but there is no usable Vulkan device (see `zem devices`); `zem run` "
+  return "the model is sound, but there is no usable Vulkan device (see `zem devices`); `zem "
+         "plugin run` "
          "computes on the CPU";
 }
 
@@ -54,7 +55,7 @@ void probe(const ProbeOptions& options) {
 
 }  // namespace
 
-void addProbe(Command& program, int& status) {
+void addPluginProbe(Command& program, int& status) {
   auto options = std::make_shared<ProbeOptions>();
   Command command = program.command("probe", "Ask the plug-in whether a model file suits it");
   command.option("file", options->file, "Model file (.zem)").required().valueName("FILE");
@@ -62,7 +63,7 @@ void addProbe(Command& program, int& status) {
   command.flag("--json", options->json, "Print JSON");
   command.footer(
       "Confidence is 0 (not a model for this runtime here) to 100. Either is an answer: the exit\n"
-      "status is 1 only when the file cannot be read.\n\nExample:\n  zem probe model.zem");
+      "status is 1 only when the file cannot be read.\n\nExample:\n  zem plugin probe model.zem");
   command.action([options, &status] { status = guarded([&] { probe(*options); }); });
 }
 

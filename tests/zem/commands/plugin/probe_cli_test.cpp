@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
-#include "cli_support.h"
+#include "zem/commands/cli_support.h"
 
 namespace zemtest {
 namespace {
@@ -10,7 +10,7 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 nlohmann::json probeJson(const std::string& path) {
-  const ProcessResult result = zem({"probe", path, "--json"});
+  const ProcessResult result = zem({"plugin", "probe", path, "--json"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.err, "");
   return nlohmann::json::parse(result.out);
@@ -18,7 +18,8 @@ nlohmann::json probeJson(const std::string& path) {
 
 TEST(Probe, PrintsTheVerdict) {
   const TempFolder folder;
-  const ProcessResult result = zem({"probe", folder.write("good.zem", smallContainer().build())});
+  const ProcessResult result =
+      zem({"plugin", "probe", folder.write("good.zem", smallContainer().build())});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out,
             "  runtime       fake-id\n"
@@ -62,13 +63,13 @@ TEST(Probe, ReasonsFromAFileAreEscaped) {
   const TempFolder folder;
   const std::string path = folder.write(
       "m.zem", ContainerBuilder().addMetaStr("general.architecture", "x\x1b[2J").build());
-  EXPECT_THAT(zem({"probe", path}).out, HasSubstr("\"x\\x1b[2J\""));
+  EXPECT_THAT(zem({"plugin", "probe", path}).out, HasSubstr("\"x\\x1b[2J\""));
 }
 
 TEST(Probe, AFileThatCannotBeReadIsAFailure) {
   const TempFolder folder;
   for (const std::string& path : {folder.path("missing.zem"), folder.path("")}) {
-    const ProcessResult result = zem({"probe", path});
+    const ProcessResult result = zem({"plugin", "probe", path});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
     EXPECT_THAT(result.err, AllOf(HasSubstr("zem: cannot read"), HasSubstr(path)));

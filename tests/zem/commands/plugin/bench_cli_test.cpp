@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
-#include "cli_support.h"
 #include "support/tiny_model.h"
+#include "zem/commands/cli_support.h"
 
 namespace zemtest {
 namespace {
@@ -16,8 +16,8 @@ class Bench : public ::testing::Test {
  protected:
   // The name of the model file is the fake plug-in's script.
   ProcessResult run(const std::string& model, const Arguments& more = {}) const {
-    Arguments arguments = {"bench", "-t", "3", "-m",
-                           folder_.write(model, smallContainer().build())};
+    Arguments arguments = {"plugin", "bench", "-t",
+                           "3",      "-m",    folder_.write(model, smallContainer().build())};
     arguments.insert(arguments.end(), more.begin(), more.end());
     return zem(arguments);
   }
@@ -65,7 +65,8 @@ TEST_F(Bench, AnEmbeddingApartIsNotReadWhole) {
   builder.addTensor("token_embd.weight", kiv::DType::F32, {4, 7}, Bytes(112, 1));
   builder.addTensor("output.weight", kiv::DType::F32, {4, 7}, Bytes(112, 2));
   const std::string model = folder_.write("apart.zem", builder.build());
-  const auto result = nlohmann::json::parse(zem({"bench", "-m", model, "-o", "json"}).out);
+  const auto result =
+      nlohmann::json::parse(zem({"plugin", "bench", "-m", model, "-o", "json"}).out);
   EXPECT_EQ(result["weight_bytes"], 224);
   EXPECT_EQ(result["weight_bytes_per_token"], 112);
   EXPECT_EQ(result["model"], "apart.zem");
@@ -110,8 +111,9 @@ TEST_F(Bench, ASpeedThatIsNoNumberIsAWarning) {
 TEST_F(Bench, NamesFromTheFileStayInTheirCell) {
   const std::string model =
       folder_.write("m.zem", ContainerBuilder().addMetaStr("general.name", "a|b\n\"c\"").build());
-  EXPECT_THAT(zem({"bench", "-m", model}).out, HasSubstr("| a\\|b\\n\"c\" |"));
-  EXPECT_THAT(zem({"bench", "-m", model, "-o", "csv"}).out, HasSubstr("\n\"a|b\n\"\"c\"\"\","));
+  EXPECT_THAT(zem({"plugin", "bench", "-m", model}).out, HasSubstr("| a\\|b\\n\"c\" |"));
+  EXPECT_THAT(zem({"plugin", "bench", "-m", model, "-o", "csv"}).out,
+              HasSubstr("\n\"a|b\n\"\"c\"\"\","));
 }
 
 // Names of all rows, in their order.
@@ -154,8 +156,9 @@ class CountingBench : public Bench {
     ContainerBuilder builder;
     builder.addMetaStr("general.name", "tiny").tokenizer(tinyTokenizer());
     builder.addTensor("token_embd.weight", kiv::DType::F32, {4, 7}, Bytes(112, 1));
-    Arguments arguments = {"bench", "-m", folder_.write(model, builder.build()), "-r",
-                           std::to_string(repetitions)};
+    Arguments arguments = {"plugin", "bench",
+                           "-m",     folder_.write(model, builder.build()),
+                           "-r",     std::to_string(repetitions)};
     arguments.insert(arguments.end(), more.begin(), more.end());
     return zem(arguments);
   }
@@ -303,7 +306,7 @@ TEST_F(CountingBench, ARuntimeThatCountsOtherwiseIsAFailure) {
 
 TEST_F(CountingBench, AModelWithoutVocabularyHasNoPrompts) {
   const std::string model = folder_.write("bare.zem", ContainerBuilder().tokenizer({}).build());
-  const ProcessResult result = zem({"bench", "-m", model, "-p", "8"});
+  const ProcessResult result = zem({"plugin", "bench", "-m", model, "-p", "8"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_THAT(result.err, HasSubstr("bare.zem"));
@@ -312,8 +315,9 @@ TEST_F(CountingBench, AModelWithoutVocabularyHasNoPrompts) {
 // ---- threads
 
 TEST_F(Bench, AListOfThreadsIsMeasuredInItsOrder) {
-  const ProcessResult result = zem({"bench", "-m", folder_.write("m.zem", smallContainer().build()),
-                                    "-t", "2,1,4", "-o", "csv"});
+  const ProcessResult result =
+      zem({"plugin", "bench", "-m", folder_.write("m.zem", smallContainer().build()), "-t", "2,1,4",
+           "-o", "csv"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "threads: 2\nthreads: 1\nthreads: 4\n");
   EXPECT_THAT(result.out, HasSubstr("\"CPU\",2,tg64,"));
@@ -326,11 +330,12 @@ TEST_F(Bench, OneNumberOfThreadsIsLeftToTheEnvironment) { EXPECT_EQ(run("m.zem")
 TEST_F(Bench, AListOfThreadsNeedsAnOpenMpLibraryWithinReach) {
   const std::string plugin = testPlugin("fake_plugin_without_openmp");
   const std::string model = folder_.write("m.zem", smallContainer().build());
-  const ProcessResult result = zem({"bench", "-m", model, "-t", "1,2", "--plugin", plugin});
+  const ProcessResult result =
+      zem({"plugin", "bench", "-m", model, "-t", "1,2", "--plugin", plugin});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_THAT(result.err, HasSubstr("use a single number with -t"));
-  EXPECT_EQ(zem({"bench", "-m", model, "-t", "2", "--plugin", plugin}).status, 0);
+  EXPECT_EQ(zem({"plugin", "bench", "-m", model, "-t", "2", "--plugin", plugin}).status, 0);
 }
 
 // ---- the memory's speed
@@ -369,9 +374,9 @@ TEST_F(Bench, WithoutRooflineThereIsNoReadSpeed) {
 TEST_F(Bench, ADeviceHasNoShareOfTheProcessorsMemory) {
   ZEM_NEEDS_SOFTWARE_DEVICE();
   const std::string model = folder_.write("m.zem", smallContainer().build());
-  const ProcessResult result =
-      zem({"bench", "-m", model, "--plan", "gpu:all", "--roofline", "-o", "json", "-t", "1,2"}, "",
-          kSoftwareDevice);
+  const ProcessResult result = zem({"plugin", "bench", "-m", model, "--plan", "gpu:all",
+                                    "--roofline", "-o", "json", "-t", "1,2"},
+                                   "", kSoftwareDevice);
   EXPECT_TRUE(nlohmann::json::parse(result.out)["read_share"].is_null());
   const size_t first = result.err.find("no share is given");
   EXPECT_NE(first, std::string::npos);
@@ -383,7 +388,8 @@ TEST_F(Bench, ADeviceHasNoShareOfTheProcessorsMemory) {
 TEST_F(Bench, ProgressNeedsATerminal) {
   ZEM_NEEDS_PLAIN_TERMINAL();
   TerminalProcess process(
-      command({"bench", "-m", folder_.write("m.zem", smallContainer().build())}), cliEnvironment());
+      command({"plugin", "bench", "-m", folder_.write("m.zem", smallContainer().build())}),
+      cliEnvironment());
   EXPECT_TRUE(process.shows("tg64: 5 of 5"));
   EXPECT_EQ(process.wait(), 0);
 }
@@ -393,8 +399,9 @@ TEST_F(CountingBench, CtrlCEndsAtOnceAndLeavesTheRowsAndNoRemains) {
   ContainerBuilder builder;
   builder.tokenizer(tinyTokenizer());
   const std::string model = folder_.write("counts.zem", builder.build());
-  TerminalProcess process(command({"bench", "-m", model, "-n", "90", "-d", "0,100", "-r", "1000"}),
-                          cliEnvironment());
+  TerminalProcess process(
+      command({"plugin", "bench", "-m", model, "-n", "90", "-d", "0,100", "-r", "1000"}),
+      cliEnvironment());
   EXPECT_TRUE(process.shows("| tg90 |"));
   EXPECT_TRUE(process.shows("tg90 @ d100: 2 of 1000"));
   process.send(SIGINT);

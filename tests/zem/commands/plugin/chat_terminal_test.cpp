@@ -2,7 +2,7 @@
 // The conversation as a person at a terminal has it.
 #include <gmock/gmock.h>
 
-#include "cli_support.h"
+#include "zem/commands/cli_support.h"
 
 namespace zemtest {
 namespace {
@@ -16,7 +16,7 @@ constexpr std::string_view kUp = "\x1b[A";
 
 class ChatOnTerminal : public ::testing::Test {
  protected:
-  ChatOnTerminal() : chat_(command({"chat", "-m", "fake.zem"}), environment()) {}
+  ChatOnTerminal() : chat_(command({"plugin", "chat", "-m", "fake.zem"}), environment()) {}
   void SetUp() override {
     ZEM_NEEDS_PLAIN_TERMINAL();
     EXPECT_TRUE(chat_.shows("> "));
@@ -152,7 +152,7 @@ TEST_F(ChatOnTerminal, HistoryOutlivesTheProgram) {
   EXPECT_EQ(chat_.wait(), 0);
   EXPECT_THAT(folder_.read("state/zem/history"), HasSubstr("first"));
 
-  TerminalProcess again(command({"chat", "-m", "fake.zem"}), environment());
+  TerminalProcess again(command({"plugin", "chat", "-m", "fake.zem"}), environment());
   EXPECT_TRUE(again.shows("> "));
   again.type(std::string(kUp) + "\n");
   EXPECT_TRUE(again.shows("you said: first line"));
@@ -160,7 +160,7 @@ TEST_F(ChatOnTerminal, HistoryOutlivesTheProgram) {
 
 TEST(ChatHistory, AFolderThatCannotBeMadeIsAWarning) {
   ZEM_NEEDS_PLAIN_TERMINAL();
-  TerminalProcess chat(command({"chat", "-m", "fake.zem"}),
+  TerminalProcess chat(command({"plugin", "chat", "-m", "fake.zem"}),
                        cliEnvironment({{"XDG_STATE_HOME", "/dev/null/state"}}));
   EXPECT_TRUE(chat.shows("> "));
   chat.type(kCtrlD);
@@ -170,7 +170,8 @@ TEST(ChatHistory, AFolderThatCannotBeMadeIsAWarning) {
 
 TEST(ChatHistory, WithoutAFolderThereIsNone) {
   ZEM_NEEDS_PLAIN_TERMINAL();
-  TerminalProcess chat(command({"chat", "-m", "fake.zem"}), cliEnvironment({{"HOME", ""}}));
+  TerminalProcess chat(command({"plugin", "chat", "-m", "fake.zem"}),
+                       cliEnvironment({{"HOME", ""}}));
   EXPECT_TRUE(chat.shows("> "));
   chat.type(kCtrlD);
   EXPECT_EQ(chat.wait(), 0);
@@ -179,7 +180,8 @@ TEST(ChatHistory, WithoutAFolderThereIsNone) {
 
 TEST(ChatOnDumbTerminal, StillWorks) {
   ZEM_NEEDS_PLAIN_TERMINAL();
-  TerminalProcess chat(command({"chat", "-m", "fake.zem"}), cliEnvironment({{"TERM", "dumb"}}));
+  TerminalProcess chat(command({"plugin", "chat", "-m", "fake.zem"}),
+                       cliEnvironment({{"TERM", "dumb"}}));
   EXPECT_TRUE(chat.shows("> "));
   chat.type("turn\n");
   EXPECT_TRUE(chat.shows("turn 1"));
