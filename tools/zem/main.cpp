@@ -26,13 +26,16 @@ std::string versionText() {
   return text;
 }
 
-// Without the program's name. The parser would take "-sys" for the flags -s, -y and -s.
+// Without the program's name. The parser would take "-sys" for the flags -s, -y and -s, and
+// "-np" for -n with the value p.
 std::vector<std::string> readArguments(std::vector<std::string> arguments) {
   if (!arguments.empty()) arguments.erase(arguments.begin());
   for (std::string& argument : arguments) {
     if (argument == "--") break;
     if (argument == "-sys" || argument.starts_with("-sys=")) {
       argument.replace(0, 4, "--system-prompt");
+    } else if (argument == "-np" || argument.starts_with("-np=")) {
+      argument.replace(0, 3, "--sequences");
     }
   }
   return arguments;
@@ -42,7 +45,7 @@ std::vector<std::string> readArguments(std::vector<std::string> arguments) {
 void explainOldNames(const std::vector<std::string>& arguments) {
   if (arguments.empty()) return;
   const std::string& name = arguments.front();
-  if (name == "probe" || name == "bench") {
+  if (name == "probe") {
     throw UsageError("`zem " + name + "` is now `zem plugin " + name + "`");
   }
 }

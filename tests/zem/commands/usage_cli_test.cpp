@@ -95,7 +95,6 @@ INSTANTIATE_TEST_SUITE_P(
         BadUsage{"CacheOfNoType", {"chat", "-m", "m", "--cache", "f8"}, "--cache"},
         BadUsage{"ThinkPerhaps", {"chat", "-m", "m", "--think", "maybe"}, "--think"},
         BadUsage{"OldProbe", {"probe", "m.zem"}, "`zem probe` is now `zem plugin probe`"},
-        BadUsage{"OldBench", {"bench", "-m", "m"}, "`zem bench` is now `zem plugin bench`"},
         BadUsage{"UnknownOption", {"plugin", "run", "-m", "m.zem", "-p", "x", "--frob"}, "--frob"},
         BadUsage{"NoModel", {"plugin", "run", "-p", "x"}, "--model"},
         BadUsage{"NoFile", {"info"}, "file"},

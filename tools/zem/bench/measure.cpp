@@ -64,12 +64,6 @@ void warnIfCutShort(const std::vector<double>& ratios) {
 
 }  // namespace
 
-std::string BenchTest::name() const {
-  std::string text = (kind == Kind::Prompt ? "pp" : "tg") + std::to_string(tokens);
-  if (depth > 0) text += " @ d" + std::to_string(depth);
-  return text;
-}
-
 bool needsTexts(const BenchTest& test) {
   return test.kind == BenchTest::Kind::Prompt || test.depth > 0;
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_test.h"
 #include "bench/exact_prompt.h"
 #include "console/progress_line.h"
 #include "host/plugin_host.h"
@@ -13,17 +14,6 @@ namespace zemtool {
 
 // Positions that a conversation of the runtime may reach.
 inline constexpr int kPositions = 8192;
-
-struct BenchTest {
-  enum class Kind { Prompt, Decode };
-
-  Kind kind = Kind::Decode;
-  int tokens = 0;  // of the prompt, or decoded
-  int depth = 0;   // positions filled before
-
-  // "pp512", "tg64", "tg64 @ d4096".
-  std::string name() const;
-};
 
 // A test with the texts that it feeds.
 struct PreparedTest {

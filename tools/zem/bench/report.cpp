@@ -23,10 +23,10 @@ double deviation(const std::vector<double>& numbers) {
 }
 
 // Bytes of weights per second. The tokens of a prompt may share one reading of the weights, so
-// a prompt has no such number.
+// a prompt has no such number. Sequences together share each reading.
 std::optional<double> weightRate(const BenchSubject& subject, const BenchRow& row) {
   if (row.test.kind == BenchTest::Kind::Prompt) return std::nullopt;
-  return mean(row.rates) * static_cast<double>(subject.weights.bytesPerToken);
+  return mean(row.rates) / row.test.sequences * static_cast<double>(subject.weights.bytesPerToken);
 }
 
 // The share of the memory's read speed. A device reads its own memory, so it has none.
@@ -63,19 +63,24 @@ std::string markdownCell(const std::optional<double>& number, const char* unit =
   return number ? formatNumber(*number, 2) + unit : "-";
 }
 
-void printMarkdownHead(bool roofline) {
-  writeOut("| model | size | params | backend | threads | test | t/s | GB/s |" +
-           std::string(roofline ? " read GB/s | share |" : "") + "\n" +
-           "|---|---:|---:|---|---:|---|---:|---:|" + (roofline ? "---:|---:|" : "") + "\n");
+void printMarkdownHead(const BenchSubject& subject) {
+  const bool engine = subject.engine;
+  writeOut(std::string("| model | size | params | backend | threads |") +
+           (engine ? " math |" : "") + " test | t/s |" + (engine ? " each |" : "") + " GB/s |" +
+           (subject.roofline ? " read GB/s | share |" : "") + "\n|---|---:|---:|---|---:|" +
+           (engine ? "---|" : "") + "---|---:|" + (engine ? "---:|" : "") + "---:|" +
+           (subject.roofline ? "---:|---:|" : "") + "\n");
 }
 
 void printMarkdown(const BenchSubject& subject, const BenchRow& row) {
   std::string line = "| " + markdownCell(subject.model) + " | " + gibibytes(subject.weights.bytes) +
                      " GiB | " + formatCount(subject.weights.elements) + " | " +
                      markdownCell(subject.backend) + " | " + std::to_string(row.threads) + " | " +
-                     row.test.name() + " | " + formatNumber(mean(row.rates), 2) + " ± " +
-                     formatNumber(deviation(row.rates), 2) + " | " +
-                     markdownCell(gigabytes(weightRate(subject, row))) + " |";
+                     (subject.engine ? row.math + " | " : "") + row.test.name() + " | " +
+                     formatNumber(mean(row.rates), 2) + " ± " +
+                     formatNumber(deviation(row.rates), 2) + " | ";
+  if (subject.engine) line += formatNumber(mean(row.rates) / row.test.sequences, 2) + " | ";
+  line += markdownCell(gigabytes(weightRate(subject, row))) + " |";
   if (subject.roofline) {
     std::optional<double> percent = readShare(subject, row);
     if (percent) *percent *= 100;
@@ -95,11 +100,11 @@ std::string csvCell(const std::optional<double>& number) {
   return number ? formatNumber(*number, 6) : "";
 }
 
-void printCsvHead(bool roofline) {
-  writeOut(
-      "model,weight_bytes,params,backend,threads,test,tokens_per_second,deviation,"
-      "gigabytes_per_second" +
-      std::string(roofline ? ",read_gigabytes_per_second,read_share" : "") + "\n");
+void printCsvHead(const BenchSubject& subject) {
+  writeOut(std::string("model,weight_bytes,params,backend,threads,test,tokens_per_second,"
+                       "deviation,gigabytes_per_second") +
+           (subject.engine ? ",math,sequences" : "") +
+           (subject.roofline ? ",read_gigabytes_per_second,read_share" : "") + "\n");
 }
 
 void printCsv(const BenchSubject& subject, const BenchRow& row) {
@@ -109,6 +114,7 @@ void printCsv(const BenchSubject& subject, const BenchRow& row) {
                      formatNumber(mean(row.rates), 6) + "," +
                      formatNumber(deviation(row.rates), 6) + "," +
                      csvCell(gigabytes(weightRate(subject, row)));
+  if (subject.engine) line += "," + row.math + "," + std::to_string(row.test.sequences);
   if (subject.roofline) {
     line += "," + csvCell(gigabytes(row.readSpeed)) + "," + csvCell(readShare(subject, row));
   }
@@ -126,6 +132,10 @@ ordered_json measured(const BenchSubject& subject, const BenchRow& row) {
                        {"deviation", deviation(row.rates)},
                        {"repetitions", row.rates},
                        {"gigabytes_per_second", orNull(gigabytes(weightRate(subject, row)))}};
+  if (subject.engine) {
+    json["math"] = row.math;
+    json["sequences"] = row.test.sequences;
+  }
   if (subject.roofline) {
     json["read_gigabytes_per_second"] = orNull(gigabytes(row.readSpeed));
     json["read_share"] = orNull(readShare(subject, row));
@@ -149,10 +159,10 @@ double mean(const std::vector<double>& numbers) {
 
 void BenchReport::add(const BenchSubject& subject, const BenchRow& row) {
   if (format_ == "md") {
-    if (rows_.empty()) printMarkdownHead(subject.roofline);
+    if (rows_.empty()) printMarkdownHead(subject);
     printMarkdown(subject, row);
   } else if (format_ == "csv") {
-    if (rows_.empty()) printCsvHead(subject.roofline);
+    if (rows_.empty()) printCsvHead(subject);
     printCsv(subject, row);
   }
   flushOut();

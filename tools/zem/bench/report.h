@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The report of `zem plugin bench`: one row for each measurement, in three formats.
+// The report of `zem bench` and `zem plugin bench`: one row for each measurement, in three formats.
 #pragma once
 
 #include <optional>
@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "bench/measure.h"
+#include "bench/bench_test.h"
 #include "host/model_file.h"
 
 namespace zemtool {
@@ -18,14 +18,16 @@ struct BenchSubject {
   WeightTotals weights;
   std::string backend;
   std::string plan;
+  bool engine = false;    // rows have an arithmetic, and sequences together
   bool roofline = false;  // rows have a read speed
 };
 
 struct BenchRow {
   BenchTest test;
   int threads = 0;
-  std::vector<double> rates;        // tokens a second, one a repetition
+  std::vector<double> rates;        // tokens a second, one a repetition, of all sequences
   std::optional<double> readSpeed;  // bytes a second
+  std::string math = {};            // "exact" or "fast", of the engine
 };
 
 // Rows of a table are printed as they are added; JSON is printed by finish().

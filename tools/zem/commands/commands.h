@@ -10,6 +10,7 @@ namespace zemtool {
 
 void addRun(Command& program, int& status);
 void addChat(Command& program, int& status);
+void addBench(Command& program, int& status);
 void addInfo(Command& program, int& status);
 void addTokenize(Command& program, int& status);
 void addRender(Command& program, int& status);
