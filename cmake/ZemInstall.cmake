@@ -13,7 +13,7 @@ install(TARGETS zem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtim
 install(TARGETS qwen35_vulkan_plugin zem_decoder
   LIBRARY DESTINATION ${module_folder} COMPONENT Runtime
   RUNTIME DESTINATION ${module_folder} COMPONENT Runtime)
-install(FILES include/zem/plugin.h
+install(FILES include/zem/engine.h include/zem/plugin.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zem COMPONENT Development)
 install(FILES README.md CHANGELOG.md LICENSE SECURITY.md THIRD_PARTY_NOTICES.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Runtime)
@@ -40,6 +40,12 @@ endforeach()
 install(TARGETS kiv qwen35 qwen35gpu EXPORT zem
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
 
+# An export of its own: who links it needs nothing of what the static libraries need.
+install(TARGETS libzem EXPORT libzem
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
+
 # A public header lies at the top of its folder; what lies deeper is private.
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/zem)
 file(GLOB library_headers CONFIGURE_DEPENDS src/kiv/*.h)
@@ -53,6 +59,8 @@ install(FILES src/compat/zero_pages.h DESTINATION ${headers}/compat COMPONENT De
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/zem)
 install(EXPORT zem NAMESPACE zem:: FILE zem-targets.cmake
+  DESTINATION ${package_folder} COMPONENT Development)
+install(EXPORT libzem NAMESPACE zem:: FILE libzem-targets.cmake
   DESTINATION ${package_folder} COMPONENT Development)
 configure_package_config_file(
   cmake/install/zem-config.cmake.in ${PROJECT_BINARY_DIR}/zem-config.cmake
@@ -78,5 +86,6 @@ foreach(folder LIBDIR INCLUDEDIR)
   endif()
 endforeach()
 configure_file(cmake/install/zem.pc.in ${PROJECT_BINARY_DIR}/zem.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/zem.pc
+configure_file(cmake/install/libzem.pc.in ${PROJECT_BINARY_DIR}/libzem.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/zem.pc ${PROJECT_BINARY_DIR}/libzem.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)

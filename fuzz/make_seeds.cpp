@@ -277,6 +277,22 @@ void chatRequests(const Corpus& corpus) {
              R"({"messages":[{"role":"assistant","reasoning_content":"x"},{"role":"bot"}]})");
 }
 
+void requests(const Corpus& corpus) {
+  corpus.add("settings",
+             R"({"temperature":0.5,"top_p":0.9,"min_p":0,"top_k":40,"repetition_penalty":1.1,
+"presence_penalty":-1,"frequency_penalty":2e0,"penalty_window":64,"seed":7,"max_tokens":9,"stop":["a","b"],
+"logit_bias":{"5":-100,"17":1.5},"logprobs":true,"top_logprobs":4,"n":1,"stream":true})");
+  corpus.add("chat",
+             R"({"messages":[{"role":"user","content":"Hi"}],"tools":[{"function":{"name":"f"}}],
+"tool_choice":{"type":"function","function":{"name":"f"}},"parallel_tool_calls":false,"enable_thinking":true,
+"thinking_budget":-1,"reasoning_effort":"low","preserve_thinking":null,"max_completion_tokens":5,"stop":"x"})");
+  corpus.add(
+      "schema",
+      R"({"messages":[],"response_format":{"type":"json_schema","json_schema":{"schema":{"const":1}}},
+"merge_system":true,"omit_empty_thinking":false,"add_vision_id":false,"logprobs":3})");
+  corpus.add("refused", R"({"messages":[{"role":"user"}],"temprature":1})");
+}
+
 void schemas(const Corpus& corpus) {
   corpus.add("any", "true\xFF{\"a\": [1, {}, \"x\\u00e4\"]}");
   corpus.add("object",
@@ -355,6 +371,7 @@ int main(int argc, char** argv) {
   savedChats({folder, "saved_chat"});
   replies({folder, "reply_parser"});
   chatRequests({folder, "chat_request"});
+  requests({folder, "request_json"});
   schemas({folder, "schema"});
   textTokenizers({folder, "text_tokenizer"});
   return 0;

@@ -13,9 +13,9 @@ packages=(
   glslc libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
   # tests and benchmarks
   binutils fish libbenchmark-dev libgmock-dev libgtest-dev libspirv-cross-c-shared-dev mandoc
-  mesa-vulkan-drivers python3 python3-jinja2 spirv-tools valgrind vulkan-validationlayers zsh
+  mesa-vulkan-drivers python3 python3-jinja2 python3-pytest spirv-tools valgrind vulkan-validationlayers zsh
   # packages
-  dpkg-dev file
+  dpkg-dev file python3-pip python3-setuptools python3-wheel
   # checks
   clang-format-14 clang-tidy-14 doxygen
 )

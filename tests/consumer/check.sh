@@ -89,4 +89,19 @@ with-pkg-config/libraries demo.zem "The river was" >libraries.txt
 same run.txt libraries.txt
 with-pkg-config/host demo.zem "The river was" >host.txt 2>/dev/null
 same run.txt host.txt
+
+say "libzem, from C and C++"
+"$build/tests/libzem_write_model" chat.zem
+for language in c cpp; do
+  program=engine_$language
+  cmake -S "$sources/../../examples/$program" -B "$program" -DCMAKE_PREFIX_PATH="$prefix" >cmake.log
+  cmake --build "$program" >>cmake.log || fail "$(<cmake.log)"
+  "$program/$program" chat.zem "The river was" >"$program.txt" 2>"$program.err" ||
+    fail "$program: $(<"$program.err")"
+done
+[[ -s engine_cpp.txt ]] || fail "engine_cpp wrote nothing"
+grep -q "tokens in" engine_c.err || fail "engine_c: $(<engine_c.err)"
+cc -std=c11 "$sources/../../examples/engine_c/main.c" $(pkg-config --cflags --libs libzem) -o engine_c/linked
+LD_LIBRARY_PATH=$libraries engine_c/linked chat.zem "The river was" >/dev/null 2>engine_c.err ||
+  fail "engine_c: $(<engine_c.err)"
 say "all of it works"

@@ -22,7 +22,7 @@ for file in "$@"; do
   dynamic=$(readelf -dW "$file")
   symbols=$(readelf --dyn-syms -W "$file")
   has "$header" 'Type: +DYN' || lack "it is loaded at a fixed address"
-  [[ $file == *.so ]] || has "$dynamic" 'FLAGS_1.* PIE' || lack "it is no position-independent program"
+  [[ $file == *.so* ]] || has "$dynamic" 'FLAGS_1.* PIE' || lack "it is no position-independent program"
   has "$segments" 'GNU_RELRO' || lack "its relocations stay writable (no RELRO)"
   has "$dynamic" 'BIND_NOW|FLAGS_1.* NOW' || lack "its functions are bound lazily"
   has "$segments" 'GNU_STACK.* RW ' || lack "its stack can be executed"
