@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "engine/sampling_options.h"
 #include "engine/sampling/token_filter.h"
+#include "engine/sampling_options.h"
 
 namespace zemtest {
 

@@ -26,7 +26,7 @@ constexpr int kMostSequences = 64;
 constexpr int kDefaultPrompt = 512;
 constexpr int kDefaultTokens = 64;
 
-struct BenchOptions {
+struct EngineBenchOptions {
   std::string model;
   std::vector<int> prompts;
   std::vector<int> tokens;
@@ -41,7 +41,7 @@ struct BenchOptions {
 };
 
 // In the order of the report.
-std::vector<BenchTest> testsOf(BenchOptions options) {
+std::vector<BenchTest> engineTestsOf(EngineBenchOptions options) {
   if (options.tokens.empty() && options.prompts.empty()) {
     options.prompts = {kDefaultPrompt};
     options.tokens = {kDefaultTokens};
@@ -60,7 +60,7 @@ std::vector<BenchTest> testsOf(BenchOptions options) {
   return tests;
 }
 
-EngineSubject subjectOf(const BenchOptions& options, const std::vector<BenchTest>& tests,
+EngineSubject subjectOf(const EngineBenchOptions& options, const std::vector<BenchTest>& tests,
                         int threads, const std::string& math) {
   EngineSubject subject;
   subject.model = options.model;
@@ -74,7 +74,7 @@ EngineSubject subjectOf(const BenchOptions& options, const std::vector<BenchTest
   return subject;
 }
 
-BenchSubject describe(const BenchOptions& options) {
+BenchSubject engineSubject(const EngineBenchOptions& options) {
   BenchSubject subject;
   kiv::ZEM2Reader reader;
   openContainer(reader, options.model);
@@ -91,7 +91,7 @@ BenchSubject describe(const BenchOptions& options) {
 // slows all of them.
 class Comparison {
  public:
-  Comparison(const BenchOptions& options, const std::vector<BenchTest>& tests, int threads,
+  Comparison(const EngineBenchOptions& options, const std::vector<BenchTest>& tests, int threads,
              const ProgressLine& progress)
       : maths_(options.maths), repetitions_(options.repetitions), progress_(progress) {
     for (const std::string& math : maths_) {
@@ -123,13 +123,13 @@ class Comparison {
   std::vector<std::unique_ptr<EngineRunner>> engines_;
 };
 
-void bench(BenchOptions options) {
+void benchEngine(EngineBenchOptions options) {
   requireReadable(options.model);
-  const std::vector<BenchTest> tests = testsOf(options);
+  const std::vector<BenchTest> tests = engineTestsOf(options);
   if (options.threads.empty()) options.threads = {usableProcessors()};
   const ProgressLine progress;
   BenchReport report(options.format);
-  const BenchSubject subject = describe(options);
+  const BenchSubject subject = engineSubject(options);
   for (const int threads : options.threads) {
     std::optional<double> readSpeed;
     if (options.roofline) {
@@ -161,7 +161,7 @@ std::string readMaths(const std::string& value, std::vector<std::string>& maths)
   return {};
 }
 
-void addTestOptions(Command& command, BenchOptions& options) {
+void addEngineTests(Command& command, EngineBenchOptions& options) {
   addNumberList(command, "-p,--prompt", "Prompts to process, in tokens (default: 512)", 1,
                 kMostTokens, options.prompts);
   addNumberList(command, "-n,--tokens", "Tokens to decode (default: 64)", 1, kMostTokens,
@@ -214,12 +214,12 @@ constexpr const char* kBenchFooter =
 }  // namespace
 
 void addBench(Command& program, int& status) {
-  auto options = std::make_shared<BenchOptions>();
+  auto options = std::make_shared<EngineBenchOptions>();
   Command command = program.command("bench", "Measure the speed of prompts and of replies");
   command.option("-m,--model", options->model, "Model file (.zem)").valueName("FILE").required();
-  addTestOptions(command, *options);
+  addEngineTests(command, *options);
   command.footer(kBenchFooter);
-  command.action([options, &status] { status = guarded([&] { bench(*options); }); });
+  command.action([options, &status] { status = guarded([&] { benchEngine(*options); }); });
 }
 
 }  // namespace zemtool

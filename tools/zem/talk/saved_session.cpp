@@ -34,8 +34,7 @@ void SavedSession::goOn(zem::Request& request, bool chat) {
   std::vector<uint32_t> tokens = conversation_;
   if (chat) {
     std::vector<uint32_t> ending;
-    orFail(engine_.vocabulary().encode("<|im_end|>\n", zem::text::AddedTokens::Recognised,
-                                       ending));
+    orFail(engine_.vocabulary().encode("<|im_end|>\n", zem::text::AddedTokens::Recognised, ending));
     tokens.insert(tokens.end(), ending.begin(), ending.end());
   }
   for (size_t& position : request.keepAt) position += tokens.size();

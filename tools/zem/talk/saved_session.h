@@ -22,7 +22,8 @@ class SavedSession {
   // turn is ended where the reply was cut.
   void goOn(zem::Request& request, bool chat);
 
-  // Writes the conversation: a prompt and its reply, but for an end token. Throws Failure; an older file stays then.
+  // Writes the conversation: a prompt and its reply, but for an end token. Throws Failure; an older
+  // file stays then.
   void write(std::vector<uint32_t> prompt, const std::vector<uint32_t>& reply);
 
  private:
