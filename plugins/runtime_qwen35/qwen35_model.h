@@ -81,6 +81,11 @@ struct Model {
   /// Offered every product with K-quantised weights first. Returns true when it
   /// wrote (not added) all rows of y, false when it left y untouched.
   bool (*gpuGemvRow)(void* ctx, const TensorView* W, const float* x, float* y) = nullptr;
+  /// Offered, in place of gpuGemvRow, the products of one vector with several K-quantised matrices,
+  /// at most eight. Bit i of what it returns is set when it wrote all rows of y[i]; the others
+  /// it left untouched. May be null.
+  uint32_t (*gpuGemvGroup)(void* ctx, const TensorView* const* W, float* const* y, size_t count,
+                           const float* x) = nullptr;
 };
 
 /// Binds the 32 blocks to the container's tensors by name and sizes their state

@@ -1,41 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qwen35_gpu_gemv.h"
 
+#include <algorithm>
+#include <array>
 #include <limits>
 
 #include "kiv/quant/row_codec.h"
 #include "kiv/quant_k.h"
-#include "kiv/vulkan/vulkan_shaders.h"
 
 namespace qwen35gpu {
 namespace {
 
-using kiv::DType;
 using kiv::GPUTensorView;
 using kiv::quant::kBlock256;
-using kiv::vulkan::EmbeddedShader;
-using kiv::vulkan::ShaderId;
-using kiv::vulkan::VulkanBuffer;
-using kiv::vulkan::VulkanContext;
-using kiv::vulkan::VulkanKernel;
 
-// As in gemv_push.glsl.
-struct PushConstants {
-  uint32_t n = 0;
-  uint32_t k = 0;
-  uint32_t blocksPerCol = 0;
-  uint32_t colBytes = 0;
-};
-static_assert(sizeof(PushConstants) == 16);
-
-constexpr uint32_t kBindings = 3;
-constexpr uint64_t kRowsPerWorkgroup = 2;
-
-bool createKernel(VulkanContext& ctx, const EmbeddedShader& shader, VulkanKernel& kernel) {
-  return kernel.create(ctx, shader.code, shader.wordCount, kBindings, sizeof(PushConstants)).ok();
-}
-
-uint64_t workgroupsFor(uint64_t rows) { return (rows + kRowsPerWorkgroup - 1) / kRowsPerWorkgroup; }
+constexpr uint64_t kMostExtent = std::numeric_limits<uint32_t>::max();
 
 // Rows of a matrix with rows of `cols` elements; 0 when it is none that the
 // kernels can read. What the file says of its blocks need not be true: the rows
@@ -59,91 +38,90 @@ uint64_t rowsOf(const GPUTensorView& w, uint64_t cols) {
 }  // namespace
 
 bool GpuGemv::init(kiv::GPUModelLoader& gpu) {
+  destroy();
   gpu_ = &gpu;
-  if (!gpu.valid()) return false;
-  VulkanContext& ctx = gpu.context();
-  VkPhysicalDeviceProperties properties{};
-  vkGetPhysicalDeviceProperties(ctx.physicalDevice(), &properties);
-  limits_ = {.workgroups = properties.limits.maxComputeWorkGroupCount[0],
-             .bufferBytes = properties.limits.maxStorageBufferRange};
-  ok_ = createKernel(ctx, kiv::vulkan::embeddedShader(ShaderId::Q4KGemvLlama), kQ4_) &&
-        createKernel(ctx, kiv::vulkan::embeddedShader(ShaderId::Q6KGemvLlama), kQ6_) &&
-        createKernel(ctx, kiv::vulkan::q5kGemvShader(), kQ5_);
-  return ok_;
+  loads_ = gpu.loadCount();
+  if (!gpu.valid()) {
+    problem_ = "no device is set up";
+    return false;
+  }
+  limits_ = GpuProductLimits::of(gpu.context());
+  const kiv::Status status = products_.create(gpu.context());
+  problem_ = status.message();
+  return status.ok();
 }
 
 void GpuGemv::destroy() {
-  kQ4_.destroy();
-  kQ6_.destroy();
-  kQ5_.destroy();
-  bx_.destroy();
-  by_.destroy();
-  ok_ = false;
+  products_.destroy();
+  problem_.clear();
 }
 
 bool GpuGemv::gemvByName(const std::string& name, const float* x, uint64_t cols, float* y) {
-  if (gpu_ == nullptr) return false;
-  const GPUTensorView* w = gpu_->findTensor(name);
-  if (w == nullptr) return false;
-  const uint64_t rows = rowsOf(*w, cols);
-  constexpr uint64_t kMost = std::numeric_limits<uint32_t>::max();
-  if (rows == 0 || rows > kMost || cols > kMost) return false;
-  return run(*w, static_cast<uint32_t>(rows), static_cast<uint32_t>(cols), x, y);
+  GpuProduct product;
+  if (!findProduct(name, cols, product)) return false;
+  product.y = y;
+  return compute({&product, 1}, x);
+}
+
+uint32_t GpuGemv::gemvTogether(std::span<const kiv::TensorView* const> matrices,
+                               std::span<float* const> y, const float* x) {
+  std::array<GpuProduct, GpuProducts::kMost> group{};
+  size_t count = 0;
+  uint32_t taken = 0;
+  for (size_t i = 0; i < matrices.size() && count < group.size(); ++i) {
+    const kiv::TensorView& w = *matrices[i];
+    if (w.shape[0] != matrices[0]->shape[0] || !planAllows(w.name)) continue;
+    if (!findProduct(w.name, w.shape[0], group[count])) continue;
+    group[count++].y = y[i];
+    taken |= 1U << i;
+  }
+  return count != 0 && compute({group.data(), count}, x) ? taken : 0;
 }
 
 bool GpuGemv::run(const GPUTensorView& w, uint32_t rows, uint32_t cols, const float* x, float* y) {
-  if (!ok_ || w.buffer == VK_NULL_HANDLE || !fits(w, rows, cols)) return false;
-  const size_t xBytes = cols * sizeof(float);
-  const size_t yBytes = rows * sizeof(float);
-  if (!ensureBuffer(bx_, xBytes) || !ensureBuffer(by_, yBytes)) return false;
-  if (!bx_.upload(x, xBytes).ok()) return false;
-  if (!dispatch(kernelFor(w.dtype), w, rows, cols)) return false;
-  if (!by_.download(y, yBytes).ok()) return false;
-  ++products_;
+  if (!good() || w.buffer == VK_NULL_HANDLE || !limits_.take(w, rows, cols)) return false;
+  const GpuProduct product = {.w = &w, .rows = rows, .cols = cols, .y = y, .lasting = false};
+  return compute({&product, 1}, x);
+}
+
+// A resident matrix that the device can multiply.
+bool GpuGemv::findProduct(const std::string& name, uint64_t cols, GpuProduct& out) {
+  if (!good() || cols > kMostExtent) return false;
+  const GPUTensorView* w = gpu_->findTensor(name);
+  if (w == nullptr || w->buffer == VK_NULL_HANDLE) return false;
+  const uint64_t rows = rowsOf(*w, cols);
+  if (rows > kMostExtent || !limits_.take(*w, rows, cols)) return false;
+  if (loads_ != gpu_->loadCount()) {
+    loads_ = gpu_->loadCount();
+    products_.forgetWeights();
+  }
+  out = {.w = w,
+         .rows = static_cast<uint32_t>(rows),
+         .cols = static_cast<uint32_t>(cols),
+         .y = nullptr,
+         .lasting = true};
   return true;
 }
 
-// Beyond a limit a dispatch is undefined, not refused.
-bool GpuGemv::fits(const GPUTensorView& w, uint64_t rows, uint64_t cols) const {
-  const uint64_t rowBytes = w.rowBytes();
-  return rows != 0 && cols != 0 && rowBytes != 0 && rows <= w.size / rowBytes &&
-         workgroupsFor(rows) <= limits_.workgroups &&
-         kiv::deviceBufferBytes(w.size) <= limits_.bufferBytes &&
-         rows * sizeof(float) <= limits_.bufferBytes && cols * sizeof(float) <= limits_.bufferBytes;
-}
-
-VulkanKernel& GpuGemv::kernelFor(DType type) {
-  if (type == DType::Q6_K) return kQ6_;
-  return type == DType::Q5_K ? kQ5_ : kQ4_;
-}
-
-bool GpuGemv::ensureBuffer(VulkanBuffer& buffer, size_t bytes) {
-  if (buffer.size() >= bytes && buffer.valid()) return true;
-  buffer.destroy();
-  return buffer.create(gpu_->context(), bytes, /*hostVisible=*/true).ok();
-}
-
-bool GpuGemv::dispatch(VulkanKernel& kernel, const GPUTensorView& w, uint32_t rows, uint32_t cols) {
-  VulkanContext& ctx = gpu_->context();
-  VulkanBuffer weights;
-  weights.adopt(w.buffer, kiv::deviceBufferBytes(w.size));
-  VulkanBuffer* const buffers[kBindings] = {&bx_, &weights, &by_};
-  VkDescriptorSet set = kernel.allocSet();
-  VkCommandBuffer cmd = VK_NULL_HANDLE;
-  if (!kernel.bindBuffersTo(ctx, buffers, kBindings, set).ok()) return false;
-  if (!ctx.beginCommand(&cmd).ok()) {
-    kernel.resetSets();
-    return false;
+GpuGemv::Fit GpuGemv::fit() const {
+  Fit fit{.mostBytes = limits_.bufferBytes,
+          .mostWorkgroups = limits_.workgroupsX * limits_.workgroupsY};
+  for (size_t i = 0; gpu_ != nullptr && i < gpu_->tensorCount(); ++i) {
+    const GPUTensorView& w = gpu_->tensorAt(i);
+    const uint64_t rows = rowsOf(w, w.shape[0]);
+    if (rows == 0 || !planAllows(w.name)) continue;
+    ++fit.matrices;
+    if (limits_.take(w, rows, w.shape[0])) continue;
+    ++fit.declined;
+    fit.largestBytes = std::max(fit.largestBytes, w.size);
   }
-  const PushConstants push = {.n = rows,
-                              .k = cols,
-                              .blocksPerCol = static_cast<uint32_t>(cols / kBlock256),
-                              .colBytes = static_cast<uint32_t>(w.rowBytes())};
-  kernel.dispatchTo(cmd, set, static_cast<uint32_t>(workgroupsFor(rows)), 1, 1, &push, sizeof push);
-  kiv::vulkan::recordFullBarrier(cmd);
-  const bool done = ctx.submitAndWait(cmd).ok();
-  kernel.resetSets();
-  return done;
+  return fit;
+}
+
+bool GpuGemv::compute(std::span<const GpuProduct> group, const float* x) {
+  if (!products_.run(group, x)) return false;
+  productCount_ += group.size();
+  return true;
 }
 
 bool gemvAdapter(void* ctx, const kiv::TensorView* w, const float* x, float* y) noexcept {
@@ -153,6 +131,16 @@ bool gemvAdapter(void* ctx, const kiv::TensorView* w, const float* x, float* y) 
     return gemv.planAllows(w->name) && gemv.gemvByName(w->name, x, w->shape[0], y);
   } catch (...) {
     return false;  // out of memory; the CPU may still manage
+  }
+}
+
+uint32_t gemvGroupAdapter(void* ctx, const kiv::TensorView* const* w, float* const* y, size_t count,
+                          const float* x) noexcept {
+  if (ctx == nullptr || w == nullptr) return 0;
+  try {
+    return static_cast<GpuGemv*>(ctx)->gemvTogether({w, count}, {y, count}, x);
+  } catch (...) {
+    return 0;  // as in gemvAdapter
   }
 }
 

@@ -6,18 +6,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "kiv/gpu_model_loader.h"
 #include "kiv/tensor.h"
-#include "kiv/vulkan/vulkan_buffer.h"
-#include "kiv/vulkan/vulkan_kernel.h"
+#include "qwen35_gpu_products.h"
 #include "qwen35_layer_plan.h"
 
 namespace qwen35gpu {
 
-/// Declines everything until init(). The loader must outlive it. Products are
-/// synchronous; one thread at a time.
+/// Declines everything until init(), and again once the device is lost. The loader must outlive
+/// it. Products are synchronous; one thread at a time.
 class GpuGemv {
  public:
   GpuGemv() = default;
@@ -25,12 +25,13 @@ class GpuGemv {
   GpuGemv(const GpuGemv&) = delete;
   GpuGemv& operator=(const GpuGemv&) = delete;
 
-  /// Makes the kernels for Q4_K, Q6_K and Q5_K weights on `gpu`'s device; false
-  /// when one cannot be made, or `gpu` is not initialised.
+  /// Makes the kernels for Q4_K, Q6_K and Q5_K weights on `gpu`'s device, and releases what it had
+  /// on another; false when one cannot be made, or `gpu` is not initialised.
   bool init(kiv::GPUModelLoader& gpu);
+  const std::string& problem() const { return problem_; }  ///< why init() failed
   /// Releases kernels and buffers; may be repeated.
   void destroy();
-  bool good() const { return ok_; }  ///< init() succeeded
+  bool good() const { return products_.ready(); }  ///< init() succeeded
 
   /// Replaces the plan, as LayerPlan::set() does.
   bool setPlan(size_t nLayers, const std::string& plan) { return plan_.set(nLayers, plan); }
@@ -42,40 +43,47 @@ class GpuGemv {
   /// there is no such matrix or the device cannot compute the product. Does not look at
   /// the plan.
   bool gemvByName(const std::string& name, const float* x, uint64_t cols, float* y);
+  /// gemvByName() for several matrices, at most GpuProducts::kMost, of rows as long as the first's,
+  /// in one submission; their first extents tell the length. Of those that the plan allows: bit i
+  /// of the result is set when y[i] was computed. When the submission fails, none was.
+  uint32_t gemvTogether(std::span<const kiv::TensorView* const> matrices, std::span<float* const> y,
+                        const float* x);
   /// gemvByName() for a tensor at hand; `rows` and `cols` must be its extents. A tensor
   /// with rows of no bytes is declined.
   bool run(const kiv::GPUTensorView& w, uint32_t rows, uint32_t cols, const float* x, float* y);
 
+  /// The resident matrices of which the plan leaves the products to the device, and those of them
+  /// that are beyond its limits.
+  struct Fit {
+    size_t matrices = 0;          ///< of a K type
+    size_t declined = 0;          ///< beyond a limit
+    uint64_t largestBytes = 0;    ///< of those declined
+    uint64_t mostBytes = 0;       ///< that the device takes
+    uint64_t mostWorkgroups = 0;  ///< that the device takes, of two rows each
+  };
+  Fit fit() const;
+
   /// Products computed on the device since construction.
-  uint64_t productCount() const { return products_; }
+  uint64_t productCount() const { return productCount_; }
 
  private:
-  // What one dispatch on this device can take.
-  struct Limits {
-    uint64_t workgroups = 0;
-    uint64_t bufferBytes = 0;
-  };
-
-  bool fits(const kiv::GPUTensorView& w, uint64_t rows, uint64_t cols) const;
-  kiv::vulkan::VulkanKernel& kernelFor(kiv::DType type);
-  bool ensureBuffer(kiv::vulkan::VulkanBuffer& buffer, size_t bytes);
-  bool dispatch(kiv::vulkan::VulkanKernel& kernel, const kiv::GPUTensorView& w, uint32_t rows,
-                uint32_t cols);
+  bool findProduct(const std::string& name, uint64_t cols, GpuProduct& out);
+  bool compute(std::span<const GpuProduct> group, const float* x);
 
   kiv::GPUModelLoader* gpu_ = nullptr;
-  kiv::vulkan::VulkanKernel kQ4_;
-  kiv::vulkan::VulkanKernel kQ6_;
-  kiv::vulkan::VulkanKernel kQ5_;
-  kiv::vulkan::VulkanBuffer bx_;
-  kiv::vulkan::VulkanBuffer by_;
-  bool ok_ = false;
+  uint64_t loads_ = 0;  // of gpu_, as far as products_ knows
+  GpuProducts products_;
+  GpuProductLimits limits_;
   LayerPlan plan_;
-  Limits limits_;
-  uint64_t products_ = 0;
+  uint64_t productCount_ = 0;
+  std::string problem_;
 };
 
 /// The hook of qwen35::Model, with a GpuGemv as `ctx`. Declines the products of tensors
 /// that its plan keeps on the CPU. Never throws.
 bool gemvAdapter(void* ctx, const kiv::TensorView* w, const float* x, float* y) noexcept;
+/// The same model's hook for groups.
+uint32_t gemvGroupAdapter(void* ctx, const kiv::TensorView* const* w, float* const* y, size_t count,
+                          const float* x) noexcept;
 
 }  // namespace qwen35gpu

@@ -39,21 +39,29 @@ bool LayerPlan::set(size_t nLayers, const std::string& text) {
     return false;
   }
   layers_.assign(nLayers, kCpu);
-  parse(text);
+  parse(text, /*report=*/true);
   const size_t gpu = gpuLayers();
   print("layer plan: " + std::to_string(gpu) + " gpu / " + std::to_string(nLayers - gpu) +
         " cpu layers");
   return true;
 }
 
-void LayerPlan::parse(std::string_view text) {
+bool LayerPlan::keepsAllOnCpu(size_t nLayers, const std::string& text) {
+  if (text.empty() || nLayers == 0) return false;
+  LayerPlan plan;
+  plan.layers_.assign(nLayers, kCpu);
+  plan.parse(text, /*report=*/false);
+  return plan.gpuLayers() == 0;
+}
+
+void LayerPlan::parse(std::string_view text, bool report) {
   size_t cursor = 0;
   char fill = kCpu;
   while (!text.empty()) {
     const std::string_view token = text.substr(0, text.find(','));
     text.remove_prefix(std::min(token.size() + 1, text.size()));
     if (!isToken(token)) {
-      print("bad plan token '" + std::string(token) + "'");
+      if (report) print("bad plan token '" + std::string(token) + "'");
       continue;
     }
     const size_t colon = token.find(':', kFirstColon);

@@ -23,14 +23,17 @@ class LayerPlan {
   /// not empty and there are no layers.
   bool set(size_t nLayers, const std::string& text);
 
+  /// Whether set() would leave every layer on the CPU; prints nothing. False for no plan.
+  static bool keepsAllOnCpu(size_t nLayers, const std::string& text);
+
   bool isSet() const { return !layers_.empty(); }  ///< a plan decides
   /// Whether the tensor of that name may use the GPU. "blk.N.rest" follows layer N; any
   /// other name may when at least one layer may.
   bool allows(const std::string& name) const;
 
  private:
-  // Fills layers_, of which none is assigned yet.
-  void parse(std::string_view text);
+  // Fills layers_, of which none is assigned yet. Reports bad tokens, or not.
+  void parse(std::string_view text, bool report);
   size_t gpuLayers() const;
 
   std::vector<char> layers_;  // 'g' or 'c' each; empty: no plan

@@ -3,16 +3,14 @@
 
 #include <algorithm>
 #include <bit>
-#include <optional>
+
+#include "kiv/gpu_memory_type.h"
 
 namespace kiv {
 namespace {
 
+constexpr uint64_t kMebibyte = uint64_t{1} << 20;
 constexpr uint64_t kDefaultPool = uint64_t{8} << 30;
-constexpr uint64_t kSmallPool = uint64_t{2} << 30;
-// Devices round a buffer's need for memory up to its alignment; a buffer over
-// the whole pool must still fit.
-constexpr uint64_t kAllocationUnit = 65536;
 
 bool isDeviceLocal(VkMemoryPropertyFlags flags) {
   return (flags & VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT) != 0;
@@ -29,17 +27,11 @@ uint64_t largestDeviceHeap(const VkPhysicalDeviceMemoryProperties& memory) {
   return largest;
 }
 
-std::optional<uint32_t> choosePoolType(const VkPhysicalDeviceMemoryProperties& memory,
-                                       uint64_t poolSize) {
-  std::optional<uint32_t> chosen;
-  for (uint32_t i = 0; i < memory.memoryTypeCount; ++i) {
-    const VkMemoryPropertyFlags flags = memory.memoryTypes[i].propertyFlags;
-    if (!isDeviceLocal(flags)) continue;
-    chosen = i;
-    const bool hostVisible = (flags & VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT) != 0;
-    if (hostVisible && poolSize <= kSmallPool) break;
-  }
-  return chosen;
+bool hasChoice(const VkPhysicalDeviceMemoryProperties& memory) {
+  const auto* types = memory.memoryTypes;
+  return std::count_if(types, types + memory.memoryTypeCount, [](const VkMemoryType& type) {
+           return isDeviceLocal(type.propertyFlags);
+         }) > 1;
 }
 
 uint64_t roundUp(uint64_t value, uint64_t powerOfTwo) {
@@ -50,7 +42,16 @@ uint64_t roundUp(uint64_t value, uint64_t powerOfTwo) {
 // heap has, and 0 when the heap is smaller than the pool.
 uint64_t allocationBytes(uint64_t poolSize, uint64_t heapSize) {
   if (poolSize > heapSize) return 0;
-  return std::min(roundUp(poolSize, kAllocationUnit), heapSize);
+  return std::min(roundUp(poolSize, kPoolUnit), heapSize);
+}
+
+std::string mebibytes(uint64_t bytes) {
+  return std::to_string(bytes / kMebibyte + (bytes % kMebibyte != 0 ? 1 : 0)) + " MiB";
+}
+
+std::string describeAttempt(uint64_t poolSize, uint32_t type, uint64_t heap) {
+  return mebibytes(poolSize) + " from memory type " + std::to_string(type) + ", a heap of " +
+         std::to_string(heap / kMebibyte) + " MiB";
 }
 
 }  // namespace
@@ -66,38 +67,62 @@ Status VRAMAllocator::init(vulkan::VulkanContext& ctx, uint64_t poolSize) {
            .apiVersion = ctx.info().apiVersion,
            .valid = false};
   if (poolSize == 0) poolSize = std::min(info_.totalVRAM, kDefaultPool);
-  const std::optional<uint32_t> type = choosePoolType(memory, poolSize);
-  if (!type) return unsupported("VRAMAllocator: no device-local memory");
-
-  VkMemoryAllocateInfo info{};
-  info.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
-  info.memoryTypeIndex = *type;
-  info.allocationSize =
-      allocationBytes(poolSize, memory.memoryHeaps[memory.memoryTypes[*type].heapIndex].size);
-  VkDeviceMemory pool = VK_NULL_HANDLE;
-  if (info.allocationSize == 0 ||
-      vkAllocateMemory(ctx.device(), &info, nullptr, &pool) != VK_SUCCESS) {
-    return ioError("VRAMAllocator: vkAllocateMemory failed");
+  const uint32_t bufferTypes = hasChoice(memory) ? storageBufferTypes(ctx) : ~0U;
+  const std::vector<uint32_t> types = poolMemoryTypes(memory, poolSize, bufferTypes);
+  attempt_ = mebibytes(poolSize) + " of device-local memory";
+  if (types.empty()) return unsupported("VRAMAllocator: no device-local memory");
+  for (const uint32_t type : types) {
+    const VkDeviceSize heap = memory.memoryHeaps[memory.memoryTypes[type].heapIndex].size;
+    memoryType_ = type;
+    attempt_ = describeAttempt(poolSize, type, heap);
+    if (!takePool(poolSize, allocationBytes(poolSize, heap))) continue;
+    poolSize_ = poolSize;
+    info_.valid = true;
+    valid_ = true;
+    return {};
   }
-  memory_ = pool;
-  memoryType_ = *type;
-  memoryBytes_ = info.allocationSize;
-  poolSize_ = poolSize;
-  free_ = {{.offset = 0, .size = poolSize}};
-  info_.valid = true;
-  valid_ = true;
-  return {};
+  return ioError("VRAMAllocator: vkAllocateMemory failed");
+}
+
+uint64_t VRAMAllocator::blockLimit(const vulkan::VulkanContext& ctx) {
+  return poolBlockBytes(ctx.info().maxAllocationBytes);
+}
+
+// `poolSize` bytes in allocations of `bytes` bytes together, or nothing.
+bool VRAMAllocator::takePool(uint64_t poolSize, uint64_t bytes) {
+  if (bytes == 0) return false;
+  const uint64_t most = blockLimit(*ctx_);
+  for (uint64_t offset = 0; offset < poolSize; offset += most) {
+    VkMemoryAllocateInfo info{};
+    info.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
+    info.memoryTypeIndex = memoryType_;
+    info.allocationSize = std::min(bytes - offset, most);
+    VkDeviceMemory memory = VK_NULL_HANDLE;
+    if (vkAllocateMemory(ctx_->device(), &info, nullptr, &memory) != VK_SUCCESS) {
+      freeBlocks();
+      return false;
+    }
+    const uint64_t size = std::min(poolSize - offset, most);
+    blocks_.push_back(
+        {.memory = memory, .offset = offset, .size = size, .memoryBytes = info.allocationSize});
+    free_.push_back({.offset = offset, .size = size});
+    if (poolSize - offset <= most) break;
+  }
+  return true;
+}
+
+void VRAMAllocator::freeBlocks() {
+  for (const Block& block : blocks_) {
+    if (ctx_->device() != VK_NULL_HANDLE) vkFreeMemory(ctx_->device(), block.memory, nullptr);
+  }
+  blocks_.clear();
+  free_.clear();
 }
 
 void VRAMAllocator::destroy() {
-  if (memory_ != VK_NULL_HANDLE && ctx_ != nullptr && ctx_->device() != VK_NULL_HANDLE) {
-    vkFreeMemory(ctx_->device(), memory_, nullptr);
-  }
-  memory_ = VK_NULL_HANDLE;
-  memoryBytes_ = 0;
+  freeBlocks();
   poolSize_ = 0;
   used_ = 0;
-  free_.clear();
   info_ = {};
   valid_ = false;
 }
@@ -130,15 +155,27 @@ void VRAMAllocator::free(uint64_t offset, uint64_t size) {
   const auto behind = std::find_if(free_.begin(), free_.end(),
                                    [offset](const FreeBlock& b) { return b.offset >= offset; });
   auto block = free_.insert(behind, {.offset = offset, .size = size});
-  if (block != free_.begin() && (block - 1)->offset + (block - 1)->size == offset) {
+  if (block != free_.begin() && (block - 1)->offset + (block - 1)->size == offset &&
+      !beginsBlock(offset)) {
     (block - 1)->size += size;
     block = free_.erase(block) - 1;
   }
   const auto next = block + 1;
-  if (next != free_.end() && next->offset == block->offset + block->size) {
+  if (next != free_.end() && next->offset == block->offset + block->size &&
+      !beginsBlock(next->offset)) {
     block->size += next->size;
     free_.erase(next);
   }
+}
+
+const VRAMAllocator::Block& VRAMAllocator::blockAt(uint64_t offset) const {
+  return blocks_[offset / blockLimit(*ctx_)];
+}
+
+// A range never spans two allocations.
+bool VRAMAllocator::beginsBlock(uint64_t offset) const {
+  return std::any_of(blocks_.begin(), blocks_.end(),
+                     [offset](const Block& block) { return block.offset == offset; });
 }
 
 VRAMAllocator::Stats VRAMAllocator::stats() const {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// One large block of device memory, handed out in aligned ranges, so that all
-/// weights of a model share a single allocation.
+/// One large pool of device memory, handed out in aligned ranges, so that all
+/// weights of a model share a single allocation, or a few where a device limits their size.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,9 @@ struct GpuInfo {
 };
 
 /// Invalid until init(). First fit over a list of free ranges; no second pool, no
-/// compaction. One thread at a time; the context must outlive the allocator.
+/// compaction. The pool is one block of memory, or, where the device limits the size of an
+/// allocation, as many as it takes; no range spans two blocks. One thread at a time; the context
+/// must outlive the allocator.
 class VRAMAllocator {
  public:
   /// Bytes. The total is the device's, not the pool's.
@@ -33,6 +35,14 @@ class VRAMAllocator {
     uint64_t freeVRAM = 0;   ///< left in the pool
   };
 
+  /// One allocation of the pool.
+  struct Block {
+    VkDeviceMemory memory = VK_NULL_HANDLE;  ///< owned by the allocator
+    VkDeviceSize offset = 0;                 ///< of its first byte in the pool
+    uint64_t size = 0;                       ///< bytes of the pool in it
+    uint64_t memoryBytes = 0;                ///< bytes of `memory`, a little more than `size`
+  };
+
   VRAMAllocator() = default;
   ~VRAMAllocator() { destroy(); }
   VRAMAllocator(const VRAMAllocator&) = delete;
@@ -40,7 +50,8 @@ class VRAMAllocator {
 
   /// Takes a pool of `poolSize` bytes, or, for 0, of the largest device-local
   /// heap but at most 8 GiB. A pool of up to 2 GiB lies in the first device-local
-  /// memory type that the host can see, any other in the last device-local one.
+  /// memory type that the host can see, any other in the last device-local one;
+  /// poolMemoryTypes() tells what replaces a type that cannot hold it.
   /// An earlier pool is released first. Unsupported "VRAMAllocator: no
   /// device-local memory", IOError "VRAMAllocator: vkAllocateMemory failed".
   Status init(vulkan::VulkanContext& ctx, uint64_t poolSize);
@@ -54,14 +65,22 @@ class VRAMAllocator {
   /// Gives back exactly what allocate() handed out: nothing else is noticed.
   void free(uint64_t offset, uint64_t size);
 
-  Stats stats() const;                                 ///< zero before init()
-  const GpuInfo& info() const { return info_; }        ///< of the pool's device
-  VkDeviceMemory memory() const { return memory_; }    ///< owned by the allocator
+  Stats stats() const;                           ///< zero before init()
+  const GpuInfo& info() const { return info_; }  ///< of the pool's device
+  /// The first block's, owned by the allocator.
+  VkDeviceMemory memory() const { return blocks_.empty() ? VK_NULL_HANDLE : blocks_[0].memory; }
   VkDeviceSize poolSize() const { return poolSize_; }  ///< bytes
   /// The memory type of the device that the pool lies in.
   uint32_t memoryType() const { return memoryType_; }
-  /// The bytes of memory(), a little more than the pool.
-  uint64_t memoryBytes() const { return memoryBytes_; }
+  const std::vector<Block>& blocks() const { return blocks_; }  ///< by offset
+  /// The block of a range that allocate() handed out.
+  const Block& blockAt(uint64_t offset) const;
+
+  /// What the last init() asked the device for, with the numbers, for people.
+  const std::string& attempt() const { return attempt_; }
+
+  /// The most bytes of one block, and so of one range, on `ctx`'s device.
+  static uint64_t blockLimit(const vulkan::VulkanContext& ctx);
 
  private:
   struct FreeBlock {
@@ -69,15 +88,19 @@ class VRAMAllocator {
     uint64_t size = 0;
   };
 
+  bool takePool(uint64_t poolSize, uint64_t bytes);
+  void freeBlocks();
+  bool beginsBlock(uint64_t offset) const;
+
   vulkan::VulkanContext* ctx_ = nullptr;
-  VkDeviceMemory memory_ = VK_NULL_HANDLE;
+  std::vector<Block> blocks_;
   VkDeviceSize poolSize_ = 0;
   uint64_t used_ = 0;
   std::vector<FreeBlock> free_;  // ascending, apart from each other
   GpuInfo info_;
+  std::string attempt_;
   bool valid_ = false;
   uint32_t memoryType_ = 0;
-  uint64_t memoryBytes_ = 0;
 };
 
 }  // namespace kiv

@@ -17,23 +17,24 @@ bool isSelected(const TensorView& tensor, GPUModelLoader::TensorFilter filter) {
   return filter == nullptr || tensor.name.empty() || filter(tensor.name.c_str());
 }
 
-// The tensors to be loaded, in the container's order, and the sum of their
-// sizes. A file can claim that a tensor lies outside of it, or is as large as
-// the file many times over.
-Status selectTensors(const ZEMLoader& loader, GPUModelLoader::TensorFilter filter,
-                     std::vector<const TensorView*>& out, uint64_t& bytes) {
-  bytes = 0;
-  for (size_t i = 0; i < loader.tensorCount(); ++i) {
-    const TensorView& tensor = loader.tensorView(i);
-    if (!isSelected(tensor, filter)) continue;
-    if (!loader.holdsBytes(tensor, tensor.size) ||
-        tensor.size > std::numeric_limits<uint64_t>::max() / 2 - bytes) {
-      return invalidFormat("GPUModelLoader: tensor outside the file");
-    }
-    out.push_back(&tensor);
-    bytes += tensor.size;
+uint64_t totalBytes(const std::vector<const TensorView*>& tensors) {
+  uint64_t bytes = 0;
+  for (const TensorView* tensor : tensors) bytes += tensor->size;
+  return bytes;
+}
+
+// The end of the last tensor when all follow each other in blocks of `blockBytes`, and one that
+// does not fit into the rest of a block begins the next. The allocator, which looks for the first
+// fit, needs no more.
+uint64_t endInBlocks(const std::vector<const TensorView*>& tensors, uint64_t blockBytes) {
+  uint64_t end = 0;
+  for (const TensorView* tensor : tensors) {
+    uint64_t begin = (end + kTensorAlignment - 1) / kTensorAlignment * kTensorAlignment;
+    const uint64_t size = std::max<uint64_t>(tensor->size, 1);
+    if (begin % blockBytes + size > blockBytes) begin = (begin / blockBytes + 1) * blockBytes;
+    end = begin + size;
   }
-  return {};
+  return end;
 }
 
 bool nameLess(const GPUTensorView& view, const std::string& name) { return view.name < name; }
@@ -60,12 +61,12 @@ void GPUModelLoader::releaseBuffers() {
   if (device != VK_NULL_HANDLE) {
     if (staging_ != VK_NULL_HANDLE) vkDestroyBuffer(device, staging_, nullptr);
     if (stagingMem_ != VK_NULL_HANDLE) vkFreeMemory(device, stagingMem_, nullptr);
-    if (buffer_ != VK_NULL_HANDLE) vkDestroyBuffer(device, buffer_, nullptr);
+    for (VkBuffer buffer : poolBuffers_) vkDestroyBuffer(device, buffer, nullptr);
     for (VkBuffer buffer : tensorBuffers_) vkDestroyBuffer(device, buffer, nullptr);
   }
   staging_ = VK_NULL_HANDLE;
   stagingMem_ = VK_NULL_HANDLE;
-  buffer_ = VK_NULL_HANDLE;
+  poolBuffers_.clear();
   tensorBuffers_.clear();
 }
 
@@ -73,10 +74,10 @@ Status GPUModelLoader::loadWeightsToGPUFiltered(ZEMLoader& loader, TensorFilter 
   if (!valid_) return invalidFormat("GPUModelLoader: not initialized");
   views_.clear();
   releaseBuffers();
+  ++loadCount_;
   std::vector<const TensorView*> tensors;
-  uint64_t bytes = 0;
-  Status status = selectTensors(loader, filter, tensors, bytes);
-  if (status.ok()) status = setupPool(poolBytes(bytes));
+  Status status = selectTensors(loader, filter, tensors);
+  if (status.ok()) status = setupPool(poolBytes(tensors));
   if (status.ok()) status = placeTensors(tensors);
   if (status.ok()) status = uploadTensors(tensors);
   if (status.ok()) status = createTensorBuffers();
@@ -89,10 +90,36 @@ Status GPUModelLoader::loadWeightsToGPUFiltered(ZEMLoader& loader, TensorFilter 
   return {};
 }
 
+// The tensors to be loaded, in the container's order. A file can claim that a tensor lies outside
+// of it, or is as large as the file many times over.
+Status GPUModelLoader::selectTensors(const ZEMLoader& loader, TensorFilter filter,
+                                     std::vector<const TensorView*>& out) {
+  const uint64_t most = VRAMAllocator::blockLimit(ctx_);
+  uint64_t bytes = 0;
+  leftOut_ = 0;
+  for (size_t i = 0; i < loader.tensorCount(); ++i) {
+    const TensorView& tensor = loader.tensorView(i);
+    if (!isSelected(tensor, filter)) continue;
+    if (!loader.holdsBytes(tensor, tensor.size) ||
+        tensor.size > std::numeric_limits<uint64_t>::max() / 2 - bytes) {
+      return invalidFormat("GPUModelLoader: tensor outside the file");
+    }
+    if (tensor.size > most) {
+      ++leftOut_;
+      continue;
+    }
+    out.push_back(&tensor);
+    bytes += tensor.size;
+  }
+  return {};
+}
+
 // Once a pool has told how much memory the device has, some of it is left to
 // others.
-uint64_t GPUModelLoader::poolBytes(uint64_t tensorBytes) const {
-  const uint64_t wanted = tensorBytes + kHeadroom;
+uint64_t GPUModelLoader::poolBytes(const std::vector<const TensorView*>& tensors) const {
+  const uint64_t block = VRAMAllocator::blockLimit(ctx_);
+  uint64_t wanted = totalBytes(tensors) + kHeadroom;
+  if (wanted > block) wanted = endInBlocks(tensors, block) + kHeadroom;
   const GpuInfo& device = alloc_.info();
   if (!device.valid || device.totalVRAM == 0) return wanted;
   return std::min(wanted, device.totalVRAM * 9 / 10);
@@ -100,16 +127,35 @@ uint64_t GPUModelLoader::poolBytes(uint64_t tensorBytes) const {
 
 Status GPUModelLoader::setupPool(uint64_t poolSize) {
   if (Status status = alloc_.init(ctx_, poolSize); !status.ok()) return status;
-  constexpr VkBufferUsageFlags kPoolUsage = VK_BUFFER_USAGE_STORAGE_BUFFER_BIT |
-                                            VK_BUFFER_USAGE_TRANSFER_DST_BIT |
-                                            VK_BUFFER_USAGE_TRANSFER_SRC_BIT;
-  Status status =
-      createBuffer(poolSize, kPoolUsage, "GPUModelLoader: buffer create failed", buffer_);
+  Status status = createPoolBuffers();
   if (status.ok()) status = createStaging();
-  if (status.ok() && !bindToPool(buffer_, 0)) {
-    status = ioError("GPUModelLoader: buffer bind failed");
-  }
+  if (status.ok()) status = bindPoolBuffers();
   return status;
+}
+
+Status GPUModelLoader::createPoolBuffers() {
+  constexpr VkBufferUsageFlags kUsage = VK_BUFFER_USAGE_STORAGE_BUFFER_BIT |
+                                        VK_BUFFER_USAGE_TRANSFER_DST_BIT |
+                                        VK_BUFFER_USAGE_TRANSFER_SRC_BIT;
+  for (const VRAMAllocator::Block& block : alloc_.blocks()) {
+    VkBuffer buffer = VK_NULL_HANDLE;
+    if (Status status =
+            createBuffer(block.size, kUsage, "GPUModelLoader: buffer create failed", buffer);
+        !status.ok()) {
+      return status;
+    }
+    poolBuffers_.push_back(buffer);
+  }
+  return {};
+}
+
+Status GPUModelLoader::bindPoolBuffers() {
+  for (size_t i = 0; i < poolBuffers_.size(); ++i) {
+    if (!bindToPool(poolBuffers_[i], alloc_.blocks()[i].offset)) {
+      return ioError("GPUModelLoader: buffer bind failed");
+    }
+  }
+  return {};
 }
 
 Status GPUModelLoader::createStaging() {
@@ -188,10 +234,15 @@ Status GPUModelLoader::uploadTensor(const TensorView& tensor, uint64_t offset, v
 Status GPUModelLoader::uploadRange(uint64_t offset, uint64_t bytes) {
   VkCommandBuffer cmd = VK_NULL_HANDLE;
   if (Status status = ctx_.beginCommand(&cmd); !status.ok()) return status;
-  const VkBufferCopy region = {.srcOffset = 0, .dstOffset = offset, .size = bytes};
-  vkCmdCopyBuffer(cmd, staging_, buffer_, 1, &region);
+  const VkBufferCopy region = {
+      .srcOffset = 0, .dstOffset = offset - alloc_.blockAt(offset).offset, .size = bytes};
+  vkCmdCopyBuffer(cmd, staging_, poolBufferAt(offset), 1, &region);
   vulkan::recordFullBarrier(cmd);
   return ctx_.submitAndWait(cmd);
+}
+
+VkBuffer GPUModelLoader::poolBufferAt(uint64_t offset) const {
+  return poolBuffers_[static_cast<size_t>(&alloc_.blockAt(offset) - alloc_.blocks().data())];
 }
 
 Status GPUModelLoader::createTensorBuffers() {
@@ -237,11 +288,12 @@ Status GPUModelLoader::createBuffer(uint64_t bytes, VkBufferUsageFlags usage, co
 bool GPUModelLoader::bindToPool(VkBuffer buffer, uint64_t offset) {
   VkMemoryRequirements requirements{};
   vkGetBufferMemoryRequirements(ctx_.device(), buffer, &requirements);
+  const VRAMAllocator::Block& block = alloc_.blockAt(offset);
+  const uint64_t place = offset - block.offset;
   const bool possible = (requirements.memoryTypeBits >> alloc_.memoryType() & 1U) != 0 &&
-                        offset % requirements.alignment == 0 &&
-                        requirements.size <= alloc_.memoryBytes() - offset;
-  return possible &&
-         vkBindBufferMemory(ctx_.device(), buffer, alloc_.memory(), offset) == VK_SUCCESS;
+                        place % requirements.alignment == 0 &&
+                        requirements.size <= block.memoryBytes - place;
+  return possible && vkBindBufferMemory(ctx_.device(), buffer, block.memory, place) == VK_SUCCESS;
 }
 
 Status GPUModelLoader::downloadTensor(const GPUTensorView& view, void* dst) {
@@ -254,8 +306,10 @@ Status GPUModelLoader::downloadTensor(const GPUTensorView& view, void* dst) {
   if (view.size == 0) return {};
   VkCommandBuffer cmd = VK_NULL_HANDLE;
   if (Status status = ctx_.beginCommand(&cmd); !status.ok()) return status;
-  const VkBufferCopy region = {.srcOffset = view.offset, .dstOffset = 0, .size = view.size};
-  vkCmdCopyBuffer(cmd, buffer_, staging_, 1, &region);
+  const VkBufferCopy region = {.srcOffset = view.offset - alloc_.blockAt(view.offset).offset,
+                               .dstOffset = 0,
+                               .size = view.size};
+  vkCmdCopyBuffer(cmd, poolBufferAt(view.offset), staging_, 1, &region);
   vulkan::recordFullBarrier(cmd);
   if (Status status = ctx_.submitAndWait(cmd); !status.ok()) return status;
   void* staging = nullptr;

@@ -38,7 +38,8 @@ class GPUModelLoader {
   /// Releases everything, the context included; may be repeated.
   void release();
 
-  /// Copies all tensors to the device. Load once after init(): what an earlier load made is
+  /// Copies all tensors to the device, but for those that are larger than one allocation of it
+  /// may be: leftOut() counts them. Load once after init(): what an earlier load made is
   /// released first. `loader` is only read, and not kept. After a failure no tensor is resident;
   /// release() frees what was built. InvalidFormat "GPUModelLoader: not
   /// initialized" and "GPUModelLoader: tensor outside the file", IOError or
@@ -68,16 +69,27 @@ class GPUModelLoader {
   /// `index` must be below tensorCount().
   const GPUTensorView& tensorAt(size_t index) const { return views_[index]; }
 
-  bool valid() const { return valid_; }                              ///< init() succeeded
-  vulkan::VulkanContext& context() { return ctx_; }                  ///< empty before init()
-  VkBuffer buffer() const { return buffer_; }                        ///< the whole pool
+  /// Loads so far: what an earlier one made is gone.
+  uint64_t loadCount() const { return loadCount_; }
+  /// Tensors of the last load that one allocation of this device cannot hold.
+  size_t leftOut() const { return leftOut_; }
+
+  bool valid() const { return valid_; }              ///< init() succeeded
+  vulkan::VulkanContext& context() { return ctx_; }  ///< empty before init()
+  /// The whole pool, or the first block of a pool of several.
+  VkBuffer buffer() const { return poolBuffers_.empty() ? VK_NULL_HANDLE : poolBuffers_[0]; }
   uint64_t vramUsed() const { return alloc_.stats().usedVRAM; }      ///< bytes of the pool
   VRAMAllocator::Stats vramStats() const { return alloc_.stats(); }  ///< of the pool
   const GpuInfo& gpuInfo() const { return alloc_.info(); }           ///< of the pool's device
+  const VRAMAllocator& pool() const { return alloc_; }               ///< invalid before a load
 
  private:
-  uint64_t poolBytes(uint64_t tensorBytes) const;
+  Status selectTensors(const ZEMLoader& loader, TensorFilter filter,
+                       std::vector<const TensorView*>& out);
+  uint64_t poolBytes(const std::vector<const TensorView*>& tensors) const;
   Status setupPool(uint64_t poolSize);
+  Status createPoolBuffers();
+  Status bindPoolBuffers();
   Status createStaging();
   Status placeTensors(const std::vector<const TensorView*>& tensors);
   Status uploadTensors(const std::vector<const TensorView*>& tensors);
@@ -86,16 +98,19 @@ class GPUModelLoader {
   Status createTensorBuffers();
   Status createTensorBuffer(GPUTensorView& view);
   Status createBuffer(uint64_t bytes, VkBufferUsageFlags usage, const char* message, VkBuffer& out);
+  VkBuffer poolBufferAt(uint64_t offset) const;
   bool bindToPool(VkBuffer buffer, uint64_t offset);
   void releaseBuffers();
 
   vulkan::VulkanContext ctx_;
   VRAMAllocator alloc_;
-  VkBuffer buffer_ = VK_NULL_HANDLE;
+  std::vector<VkBuffer> poolBuffers_;  // one over each block of the pool
   std::vector<VkBuffer> tensorBuffers_;
   VkBuffer staging_ = VK_NULL_HANDLE;
   VkDeviceMemory stagingMem_ = VK_NULL_HANDLE;
   std::vector<GPUTensorView> views_;
+  uint64_t loadCount_ = 0;
+  size_t leftOut_ = 0;
   bool valid_ = false;
 };
 

@@ -69,4 +69,4 @@ expect bash "zem plugin run -p "
 expect bash "zem --v" --version
 expect bash "zem c" chat compare convert
 expect bash "zem plugin " bench chat probe run
-expect bash "zem devices --" --help --json
+expect bash "zem devices --" --help --json --verbose

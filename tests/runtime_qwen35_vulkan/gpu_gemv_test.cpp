@@ -278,14 +278,16 @@ VKAPI_ATTR void VKAPI_CALL propertiesWithScriptedLimits(VkPhysicalDevice device,
                                                         VkPhysicalDeviceProperties* out) {
   realProperties(device, out);
   out->limits.maxComputeWorkGroupCount[0] = scriptedLimits.maxComputeWorkGroupCount[0];
+  out->limits.maxComputeWorkGroupCount[1] = scriptedLimits.maxComputeWorkGroupCount[1];
   out->limits.maxStorageBufferRange = scriptedLimits.maxStorageBufferRange;
 }
 
 class GpuGemvLimits : public GpuGemvTest {
  protected:
   // Sets the path up on a device that says it has these limits.
-  void limit(uint32_t workgroups, uint32_t range) {
+  void limit(uint32_t workgroups, uint32_t range, uint32_t workgroupsInY = 65535) {
     scriptedLimits.maxComputeWorkGroupCount[0] = workgroups;
+    scriptedLimits.maxComputeWorkGroupCount[1] = workgroupsInY;
     scriptedLimits.maxStorageBufferRange = range;
     gemv_.destroy();
     realProperties = vkGetPhysicalDeviceProperties;
@@ -297,12 +299,24 @@ class GpuGemvLimits : public GpuGemvTest {
 
 constexpr uint32_t kPlenty = 1U << 20;
 
+// Nine rows need five workgroups.
 TEST_F(GpuGemvLimits, AProductOfTooManyWorkgroupsIsDeclined) {
-  limit(5, kPlenty);
+  limit(5, kPlenty, 1);
   expectRight("q4", matrices_.q4);
-  limit(4, kPlenty);
+  limit(4, kPlenty, 1);
   EXPECT_TRUE(declines("q4", 512, 9));
   expectRight("q5", matrices_.q5);
+  limit(2, kPlenty, 2);
+  EXPECT_TRUE(declines("q4", 512, 9));
+}
+
+TEST_F(GpuGemvLimits, WorkgroupsBeyondTheLimitInXGoOnInY) {
+  for (const uint32_t most : {1U, 2U, 3U, 4U}) {
+    limit(most, kPlenty);
+    expectRight("q4", matrices_.q4);
+    expectRight("q5", matrices_.q5);
+    expectRight("q6", matrices_.q6);
+  }
 }
 
 TEST_F(GpuGemvLimits, AMatrixBeyondTheRangeOfABindingIsDeclined) {
@@ -320,23 +334,16 @@ TEST_F(GpuGemvLimits, AVectorBeyondTheRangeOfABindingIsDeclined) {
   EXPECT_TRUE(declines("q6", 768, 1));
 }
 
-// The real device: either it takes the product and the product is right, or it
-// is declined.
-TEST_F(GpuGemvTest, MoreRowsThanAHundredThousandAreRightOrDeclined) {
+// 65,537 workgroups, where a device may take no more than 65,535 in one dimension.
+TEST_F(GpuGemvTest, MoreRowsThanAHundredThousandAreRight) {
   const KMatrix tall = makeKMatrix(DType::Q4_K, 131073, 256, Weights::RandomBytes);
   zemtest::ContainerBuilder builder;
   builder.quantInfo();
   TestMatrices::add(builder, "tall", tall);
   open(builder.build());
-  VkPhysicalDeviceProperties properties{};
-  vkGetPhysicalDeviceProperties(gpu_.context().physicalDevice(), &properties);
-  if (properties.limits.maxComputeWorkGroupCount[0] < 65537) {
-    EXPECT_TRUE(declines("tall", 256, tall.rows));
-    return;
-  }
   const std::vector<float> y = product("tall", 256, tall.rows);
   ASSERT_EQ(y.size(), tall.rows);
-  expectProduct(tall, input(256), y, {0, 1, 65535, 131070, 131071, 131072});
+  expectProduct(tall, input(256), y, {0, 1, 65535, 65536, 65537, 131070, 131071, 131072});
 }
 
 // ---- failures

@@ -39,7 +39,7 @@ VkPhysicalDeviceLimits usualLimits() {
   limits.maxPushConstantsSize = 128;
   limits.maxMemoryAllocationCount = 4096;
   limits.minStorageBufferOffsetAlignment = 256;
-  limits.maxComputeSharedMemorySize = 32768;
+  limits.maxComputeSharedMemorySize = 65536;
   limits.maxComputeWorkGroupInvocations = 1024;
   for (uint32_t& count : limits.maxComputeWorkGroupCount) count = 65535;
   for (uint32_t& size : limits.maxComputeWorkGroupSize) size = 1024;

@@ -36,7 +36,8 @@ constexpr VkMemoryPropertyFlags kHost = kHostVisible | kHostCoherent;
 // A shader module without instructions.
 constexpr uint32_t kCode[] = {0x07230203, 0x00010500, 0, 1, 0};
 
-// Little above the least that every device must offer.
+// Little above the least that every device must offer, but for shared memory: enough for every
+// shader.
 VkPhysicalDeviceLimits usualLimits();
 
 struct FakeDevice {
@@ -48,7 +49,9 @@ struct FakeDevice {
   uint32_t driverVersion = 0;
   uint32_t subgroupSize = 32;
   VkPhysicalDeviceLimits limits = usualLimits();
-  // An allocation that its heap has no room for fails.
+  uint64_t maxAllocation = UINT64_MAX;  // bytes; a larger one is a test failure
+  // An allocation that its heap has no room for fails. One from a type of an extension or of
+  // protected work, which no device here enables, is a test failure.
   std::vector<VkMemoryHeap> heaps = {{kGiB, VK_MEMORY_HEAP_DEVICE_LOCAL_BIT}, {kGiB, 0}};
   std::vector<VkMemoryType> memoryTypes = {{kDeviceLocal, 0}, {kHostVisible | kHostCoherent, 1}};
   // What every buffer requires of its memory; sizes are rounded up.

@@ -125,6 +125,9 @@ VKAPI_ATTR void VKAPI_CALL getProperties2(VkPhysicalDevice handle,
   VkPhysicalDeviceSubgroupProperties subgroup{};
   subgroup.subgroupSize = device.subgroupSize;
   answer(out->pNext, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_SUBGROUP_PROPERTIES, subgroup);
+  VkPhysicalDeviceMaintenance3Properties maintenance{};
+  maintenance.maxMemoryAllocationSize = device.maxAllocation;
+  answer(out->pNext, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_MAINTENANCE_3_PROPERTIES, maintenance);
 }
 
 VKAPI_ATTR void VKAPI_CALL getFeatures2(VkPhysicalDevice handle, VkPhysicalDeviceFeatures2* out) {
@@ -197,11 +200,14 @@ VKAPI_ATTR void VKAPI_CALL getDeviceQueue(VkDevice device, uint32_t family, uint
 
 // ---- command pools and buffers
 
-VKAPI_ATTR VkResult VKAPI_CALL createCommandPool(VkDevice device, const VkCommandPoolCreateInfo*,
+VKAPI_ATTR VkResult VKAPI_CALL createCommandPool(VkDevice device,
+                                                 const VkCommandPoolCreateInfo* info,
                                                  const VkAllocationCallbacks*, VkCommandPool* out) {
   const FakeCall call("vkCreateCommandPool");
   call.find(device, VK_OBJECT_TYPE_DEVICE);
-  return call.create(VK_OBJECT_TYPE_COMMAND_POOL, idOf(device), out);
+  const VkResult result = call.create(VK_OBJECT_TYPE_COMMAND_POOL, idOf(device), out);
+  if (!call.fails()) call.find(*out, VK_OBJECT_TYPE_COMMAND_POOL)->state = info->flags;
+  return result;
 }
 
 // Frees the pool's command buffers with it, as a real one does.
@@ -243,9 +249,23 @@ VkResult moveCommandBuffer(const FakeCall& call, VkCommandBuffer buffer, Command
   return VK_SUCCESS;
 }
 
+// Beginning anew is allowed where the pool was made for it.
+void resetCommands(const FakeCall& call, auto& buffer) {
+  const auto* pool =
+      call.find(handleOfId<VkCommandPool>(buffer.parent), VK_OBJECT_TYPE_COMMAND_POOL);
+  const bool resettable =
+      pool != nullptr && (pool->state & VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT) != 0;
+  call.require(resettable, "the pool's command buffers cannot be reset");
+  buffer.detail = FakeCommandBuffer{};
+  buffer.state = kInitial;
+}
+
 VKAPI_ATTR VkResult VKAPI_CALL beginCommandBuffer(VkCommandBuffer buffer,
                                                   const VkCommandBufferBeginInfo*) {
   const FakeCall call("vkBeginCommandBuffer");
+  auto* object = call.find(buffer, VK_OBJECT_TYPE_COMMAND_BUFFER);
+  if (object != nullptr && object->state == kExecutable && !call.fails())
+    resetCommands(call, *object);
   return moveCommandBuffer(call, buffer, kInitial, kRecording);
 }
 

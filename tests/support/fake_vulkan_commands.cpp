@@ -94,6 +94,8 @@ VKAPI_ATTR void VKAPI_CALL dispatch(VkCommandBuffer cmd, uint32_t x, uint32_t y,
   auto* buffer = recording(call, cmd);
   if (buffer == nullptr) return;
   call.find(buffer->pipeline, VK_OBJECT_TYPE_PIPELINE);
+  const uint32_t* most = deviceOf(call, cmd).limits.maxComputeWorkGroupCount;
+  call.require(x <= most[0] && y <= most[1] && z <= most[2], "more workgroups than the device has");
   buffer->commands.emplace_back(
       [pipeline = buffer->pipeline, one = FakeDispatch{buffer->set, {}, buffer->push, {x, y, z}}](
           const FakeCall& submit) { runDispatch(submit, pipeline, one); });

@@ -28,6 +28,14 @@ const FakeDevice& deviceOf(const FakeCall& call, VkDevice device) {
   return record != nullptr && record->index < devices.size() ? devices[record->index] : none;
 }
 
+const FakeDevice& deviceOf(const FakeCall& call, VkCommandBuffer cmd) {
+  const auto* buffer = call.find(cmd, VK_OBJECT_TYPE_COMMAND_BUFFER);
+  if (buffer == nullptr) return deviceOf(call, VkDevice{});
+  const auto* pool =
+      call.find(handleOfId<VkCommandPool>(buffer->parent), VK_OBJECT_TYPE_COMMAND_POOL);
+  return deviceOf(call, pool == nullptr ? VkDevice{} : handleOfId<VkDevice>(pool->parent));
+}
+
 std::span<uint8_t> bytesAt(const FakeCall& call, VkBuffer handle, VkDeviceSize offset,
                            VkDeviceSize size) {
   const auto* buffer = call.detail<FakeBuffer>(handle, VK_OBJECT_TYPE_BUFFER);
@@ -92,6 +100,8 @@ VKAPI_ATTR VkResult VKAPI_CALL bindBufferMemory(VkDevice device, VkBuffer buffer
   const VkDeviceSize size = source->bytes->span().size();
   call.require(offset <= size && target->requirements.size <= size - offset,
                "the memory is too small");
+  call.require((target->requirements.memoryTypeBits >> source->type & 1U) != 0,
+               "a memory type that the buffer does not allow");
   target->memory = memory;
   target->offset = offset;
   return VK_SUCCESS;
@@ -117,6 +127,10 @@ VKAPI_ATTR VkResult VKAPI_CALL allocateMemory(VkDevice device, const VkMemoryAll
   if (!known || call.fails()) return call.create(VK_OBJECT_TYPE_DEVICE_MEMORY, 0, out);
 
   const VkMemoryType& type = physical.memoryTypes[info->memoryTypeIndex];
+  constexpr VkMemoryPropertyFlags kUsable =
+      kDeviceLocal | kHost | VK_MEMORY_PROPERTY_HOST_CACHED_BIT;
+  call.require((type.propertyFlags & ~kUsable) == 0, "a memory type that was not enabled");
+  call.require(info->allocationSize <= physical.maxAllocation, "more than one allocation may have");
   const VkDeviceSize heapSize = physical.heaps.at(type.heapIndex).size;
   const VkDeviceSize used = usedOf(call, type.heapIndex);
   if (used > heapSize || info->allocationSize > heapSize - used) {
@@ -124,7 +138,8 @@ VKAPI_ATTR VkResult VKAPI_CALL allocateMemory(VkDevice device, const VkMemoryAll
   }
   return call.create(VK_OBJECT_TYPE_DEVICE_MEMORY, idOf(device), out,
                      FakeMemory{.bytes = std::make_shared<LazyBytes>(info->allocationSize),
-                                .heap = type.heapIndex});
+                                .heap = type.heapIndex,
+                                .type = info->memoryTypeIndex});
 }
 
 // Memory may be freed while it is mapped, and before the buffers that lie in it.

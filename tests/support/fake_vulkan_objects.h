@@ -40,6 +40,7 @@ class LazyBytes {
 struct FakeMemory {
   std::shared_ptr<LazyBytes> bytes;
   uint32_t heap = 0;
+  uint32_t type = 0;
   bool mapped = false;
 };
 
@@ -63,8 +64,9 @@ struct FakeDescriptorSet {
 std::span<uint8_t> bytesAt(const FakeCall& call, VkBuffer buffer, VkDeviceSize offset,
                            VkDeviceSize size);
 
-// The physical device of a logical one.
+// The physical device of a logical one, or of a command buffer's.
 const FakeDevice& deviceOf(const FakeCall& call, VkDevice device);
+const FakeDevice& deviceOf(const FakeCall& call, VkCommandBuffer cmd);
 
 enum CommandState : uint64_t { kInitial, kRecording, kExecutable };
 

@@ -190,7 +190,8 @@ void TinyModel::setFloat(const std::string& name, size_t index, float value) {
 
 Bytes TinyModel::build() const {
   ContainerBuilder builder;
-  builder.hiddenSize(options_.width)
+  builder.quantInfo(options_.quantInfo)
+      .hiddenSize(options_.width)
       .layerCount(kLayers)
       .vocabSize(static_cast<uint32_t>(options_.vocab))
       .tokenizer(options_.tokenizer);

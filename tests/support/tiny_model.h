@@ -40,6 +40,7 @@ struct TinyModelOptions {
   uint32_t seed = 1;
   std::string architecture = "qwen35";  // empty: no such key
   kiv::TokenizerData tokenizer = tinyTokenizer();
+  bool quantInfo = false;  // blocks are described, as GPU products need it
 };
 
 // Made on construction; change what a test wants changed, then build(). The

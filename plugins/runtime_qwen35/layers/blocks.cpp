@@ -20,13 +20,28 @@ void RotaryAngles::apply(float* x, size_t t) const {
                         sines_.data() + t * (nRot_ / 2));
 }
 
-GpuHook gpuOf(const Model& m) { return {m.gpuCtx, m.gpuGemvRow}; }
+GpuHook gpuOf(const Model& m) { return {m.gpuCtx, m.gpuGemvRow, m.gpuGemvGroup}; }
 
 Activations project(const Model& m, const TensorView* W, const PackedTokens& X) {
   Activations y{matrixRows(*W), {}};
   y.values.resize(X.tokens() * y.width);
   matmul(gpuOf(m), *W, X, y.values.data());
   return y;
+}
+
+std::vector<Activations> projectAll(const Model& m,
+                                    std::initializer_list<const TensorView*> matrices,
+                                    const PackedTokens& X) {
+  std::vector<Activations> all;
+  std::vector<Product> products;
+  all.reserve(matrices.size());
+  for (const TensorView* W : matrices) {
+    Activations& y = all.emplace_back(Activations{matrixRows(*W), {}});
+    y.values.resize(X.tokens() * y.width);
+    products.push_back({W, y.values.data()});
+  }
+  matmulAll(gpuOf(m), products, X);
+  return all;
 }
 
 void normTokens(const TensorView* weight, const float* x, float* out, size_t tokens, size_t n) {

@@ -8,6 +8,8 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
+#include <vector>
 
 #include "layers/activations.h"
 #include "layers/trace.h"
@@ -57,5 +59,9 @@ GpuHook gpuOf(const Model& m);
 
 // W times every token of X.
 Activations project(const Model& m, const TensorView* W, const PackedTokens& X);
+// project() for each of `matrices`; a GPU gets their products together.
+std::vector<Activations> projectAll(const Model& m,
+                                    std::initializer_list<const TensorView*> matrices,
+                                    const PackedTokens& X);
 
 }  // namespace qwen35

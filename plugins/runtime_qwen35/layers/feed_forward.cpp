@@ -7,8 +7,9 @@ namespace qwen35 {
 
 void feedForward(const Model& m, const Layer& L, const float* xn, float* out, size_t tokens) {
   const PackedTokens X(xn, m.nEmb, tokens, m.nEmb);
-  Activations gate = project(m, L.ffn_gate, X);
-  const Activations up = project(m, L.ffn_up, X);
+  std::vector<Activations> projected = projectAll(m, {L.ffn_gate, L.ffn_up}, X);
+  Activations& gate = projected[0];
+  const Activations& up = projected[1];
 
   Floats& h = gate.values;  // in place
   forEachShare(h.size(), h.size() >= kTeamElements, [&](size_t, size_t begin, size_t end) {

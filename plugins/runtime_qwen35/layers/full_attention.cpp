@@ -60,9 +60,10 @@ void fullAttention(const Model& m, Layer& L, const float* x, float* out, const T
   normTokens(L.attn_norm, x, xn.data(), run.count, m.nEmb);
 
   const PackedTokens X(xn.data(), m.nEmb, run.count, m.nEmb);
-  Activations q = project(m, L.wq, X);
-  Activations k = project(m, L.wk, X);
-  Activations v = project(m, L.wv, X);
+  std::vector<Activations> projected = projectAll(m, {L.wq, L.wk, L.wv}, X);
+  Activations& q = projected[0];
+  Activations& k = projected[1];
+  Activations& v = projected[2];
   if (L.qb != nullptr) {
     addBias(L.qb, q, run.count);
     addBias(L.kb, k, run.count);

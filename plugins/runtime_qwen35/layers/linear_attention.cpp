@@ -20,10 +20,11 @@ void linearAttention(const Model& m, Layer& L, const float* x, float* out, const
   normTokens(L.attn_norm, x, xn.data(), run.count, m.nEmb);
 
   const PackedTokens X(xn.data(), m.nEmb, run.count, m.nEmb);
-  Activations qkv = project(m, L.wqkv, X);
-  const Activations z = project(m, L.wqkv_gate, X);
-  Activations beta = project(m, L.beta, X);
-  Activations g = project(m, L.alpha, X);
+  std::vector<Activations> projected = projectAll(m, {L.wqkv, L.wqkv_gate, L.beta, L.alpha}, X);
+  Activations& qkv = projected[0];
+  const Activations& z = projected[1];
+  Activations& beta = projected[2];
+  Activations& g = projected[3];
   writeStrengths(beta, run.count);
   logDecays(weights, g, run.count);
   trace.linearInputs(qkv.token(0), z.token(0), beta.token(0), g.token(0));

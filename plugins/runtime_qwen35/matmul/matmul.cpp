@@ -2,6 +2,7 @@
 #include "matmul/matmul.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 
 #include "kernels/packing.h"
@@ -15,6 +16,27 @@ namespace {
 bool offer(const GpuHook& gpu, const TensorView& W, const float* x, float* y) {
   return gpu.run != nullptr && gpu.ctx != nullptr && kiv::isKQuant(W.dtype) &&
          gpu.run(gpu.ctx, &W, x, y);
+}
+
+// A bit for each of `products` that the GPU computed for token t, of those in `wanted`.
+uint32_t offerGroup(const GpuHook& gpu, std::span<const Product> products, const PackedTokens& X,
+                    size_t t, uint32_t wanted) {
+  std::array<const TensorView*, kGpuGroup> W{};
+  std::array<float*, kGpuGroup> y{};
+  std::array<size_t, kGpuGroup> place{};
+  size_t count = 0;
+  for (size_t i = 0; i < products.size(); ++i) {
+    const TensorView& matrix = *products[i].W;
+    if ((wanted >> i & 1U) == 0 || !kiv::isKQuant(matrix.dtype)) continue;
+    W[count] = &matrix;
+    y[count] = products[i].y + t * matrixRows(matrix);
+    place[count++] = i;
+  }
+  if (count == 0) return 0;
+  const uint32_t done = gpu.runGroup(gpu.ctx, W.data(), y.data(), count, X.token(t));
+  uint32_t computed = 0;
+  for (size_t i = 0; i < count; ++i) computed |= (done >> i & 1U) << place[i];
+  return computed;
 }
 
 bool hasWholeBlocks(const TensorView& W) {
@@ -84,6 +106,26 @@ void matmul(const GpuHook& gpu, const TensorView& W, const PackedTokens& X, floa
   // When the GPU took the first token, the others follow one by one.
   for (size_t t = together ? 1 : 0; t < X.tokens(); ++t) {
     matvec(gpu, W, X.token(t), {y + t * rows, rows});
+  }
+}
+
+void matmulAll(const GpuHook& gpu, std::span<const Product> products, const PackedTokens& X) {
+  if (gpu.runGroup == nullptr || gpu.ctx == nullptr || products.size() > kGpuGroup) {
+    for (const Product& product : products) matmul(gpu, *product.W, X, product.y);
+    return;
+  }
+  const GpuHook none;
+  const uint32_t taken = offerGroup(gpu, products, X, 0, ~0U);
+  for (size_t i = 0; i < products.size(); ++i) {
+    if ((taken >> i & 1U) == 0) matmul(none, *products[i].W, X, products[i].y);
+  }
+  for (size_t t = 1; t < X.tokens() && taken != 0; ++t) {
+    const uint32_t left = taken & ~offerGroup(gpu, products, X, t, taken);
+    for (size_t i = 0; i < products.size(); ++i) {
+      if ((left >> i & 1U) == 0) continue;
+      const size_t rows = matrixRows(*products[i].W);
+      matvec(none, *products[i].W, X.token(t), {products[i].y + t * rows, rows});
+    }
   }
 }
 

@@ -12,11 +12,13 @@
 
 namespace qwen35 {
 
-// Offered every product with K-quantised weights first; see Model::gpuGemvRow. Both members null:
-// no GPU.
+// Offered every product with K-quantised weights first; see Model::gpuGemvRow and
+// gpuGemvGroup. All members null: no GPU.
 struct GpuHook {
   void* ctx = nullptr;
   bool (*run)(void* ctx, const TensorView* W, const float* x, float* y) = nullptr;
+  uint32_t (*runGroup)(void* ctx, const TensorView* const* W, float* const* y, size_t count,
+                       const float* x) = nullptr;
 };
 
 // y = W x for the first y.size() rows of W (at most matrixRows); the hook computes all of them.
@@ -45,5 +47,18 @@ class PackedTokens {
 // Y = W X: matrixRows floats a token, one token after the other, each with the bits of matvec.
 // The hook is offered the tokens one by one, and none after the first when it declines that.
 void matmul(const GpuHook& gpu, const TensorView& W, const PackedTokens& X, float* y);
+
+// The most products that a hook is offered together.
+inline constexpr size_t kGpuGroup = 8;
+
+// A matrix and where matmul puts its product.
+struct Product {
+  const TensorView* W = nullptr;
+  float* y = nullptr;
+};
+
+// matmul for each of `products`, at most kGpuGroup. A hook for groups is offered each token's
+// products together, and a product none of the tokens after the first when it declines that.
+void matmulAll(const GpuHook& gpu, std::span<const Product> products, const PackedTokens& X);
 
 }  // namespace qwen35

@@ -11,6 +11,17 @@ namespace {
 constexpr VkMemoryPropertyFlags kHostMemory =
     VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
 constexpr VkMemoryPropertyFlags kDeviceMemory = VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT;
+constexpr VkMemoryPropertyFlags kCached = VK_MEMORY_PROPERTY_HOST_CACHED_BIT;
+
+// The properties without which the memory does not serve, and those that serve best.
+VkMemoryPropertyFlags neededFor(BufferUse use) {
+  return use == BufferUse::DeviceLocal ? kDeviceMemory : kHostMemory;
+}
+VkMemoryPropertyFlags bestFor(BufferUse use) {
+  if (use == BufferUse::HostWrites) return kHostMemory | kDeviceMemory;
+  if (use == BufferUse::HostReads) return kHostMemory | kCached;
+  return neededFor(use);
+}
 
 }  // namespace
 
@@ -18,11 +29,15 @@ bool findMemoryType(const VulkanContext& ctx, uint32_t allowedTypes, VkMemoryPro
                     uint32_t& type) {
   VkPhysicalDeviceMemoryProperties memory{};
   vkGetPhysicalDeviceMemoryProperties(ctx.physicalDevice(), &memory);
-  for (uint32_t i = 0; i < memory.memoryTypeCount; ++i) {
-    const bool allowed = (allowedTypes >> i & 1U) != 0;
-    if (!allowed || (memory.memoryTypes[i].propertyFlags & flags) != flags) continue;
-    type = i;
-    return true;
+  // At first without types of extensions, which are not enabled.
+  for (const VkMemoryPropertyFlags others : {kHostMemory | kDeviceMemory | kCached, ~0U}) {
+    for (uint32_t i = 0; i < memory.memoryTypeCount; ++i) {
+      const VkMemoryPropertyFlags has = memory.memoryTypes[i].propertyFlags;
+      const bool allowed = (allowedTypes >> i & 1U) != 0 && (has & ~(flags | others)) == 0;
+      if (!allowed || (has & flags) != flags) continue;
+      type = i;
+      return true;
+    }
   }
   return false;
 }
@@ -53,7 +68,7 @@ VulkanBuffer& VulkanBuffer::operator=(VulkanBuffer&& other) noexcept {
   return *this;
 }
 
-Status VulkanBuffer::create(VulkanContext& ctx, size_t size, bool hostVisible) {
+Status VulkanBuffer::create(VulkanContext& ctx, size_t size, BufferUse use) {
   if (valid()) return {};
   if (size == 0) return invalidFormat("create: bad size");
   if (ctx.device() == VK_NULL_HANDLE) {
@@ -61,9 +76,9 @@ Status VulkanBuffer::create(VulkanContext& ctx, size_t size, bool hostVisible) {
   }
   ctx_ = &ctx;
   size_ = size;
-  hostVisible_ = hostVisible;
+  hostVisible_ = use != BufferUse::DeviceLocal;
   Status status = createBuffer();
-  if (status.ok()) status = allocateMemory();
+  if (status.ok()) status = allocateMemory(use);
   if (status.ok() && vkBindBufferMemory(ctx.device(), buffer_, memory_, 0) != VK_SUCCESS) {
     status = ioError("vkBindBufferMemory failed");
   }
@@ -86,22 +101,30 @@ Status VulkanBuffer::createBuffer() {
   return {};
 }
 
-Status VulkanBuffer::allocateMemory() {
+// What serves best may be used up: a window of a card that other programs use as well.
+Status VulkanBuffer::allocateMemory(BufferUse use) {
   VkMemoryRequirements requirements{};
   vkGetBufferMemoryRequirements(ctx_->device(), buffer_, &requirements);
+  uint32_t needed = 0;
+  if (!findMemoryType(*ctx_, requirements.memoryTypeBits, neededFor(use), needed)) {
+    return unsupported("no suitable memory type");
+  }
+  uint32_t best = needed;
+  findMemoryType(*ctx_, requirements.memoryTypeBits, bestFor(use), best);
+  if (allocateFrom(requirements, best)) return {};
+  if (best != needed && allocateFrom(requirements, needed)) return {};
+  return ioError("vkAllocateMemory failed");
+}
+
+bool VulkanBuffer::allocateFrom(const VkMemoryRequirements& requirements, uint32_t type) {
   VkMemoryAllocateInfo info{};
   info.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
   info.allocationSize = requirements.size;
-  if (!findMemoryType(*ctx_, requirements.memoryTypeBits,
-                      hostVisible_ ? kHostMemory : kDeviceMemory, info.memoryTypeIndex)) {
-    return unsupported("no suitable memory type");
-  }
+  info.memoryTypeIndex = type;
   VkDeviceMemory memory = VK_NULL_HANDLE;
-  if (vkAllocateMemory(ctx_->device(), &info, nullptr, &memory) != VK_SUCCESS) {
-    return ioError("vkAllocateMemory failed");
-  }
+  if (vkAllocateMemory(ctx_->device(), &info, nullptr, &memory) != VK_SUCCESS) return false;
   memory_ = memory;
-  return {};
+  return true;
 }
 
 void VulkanBuffer::adopt(VkBuffer buffer, size_t size) {
@@ -167,7 +190,7 @@ Status VulkanBuffer::download(void* data, size_t bytes) {
   }
   if (ctx_ == nullptr) return invalidFormat("map: not created");
   VulkanBuffer staging;
-  Status status = staging.create(*ctx_, bytes, /*hostVisible=*/true);
+  Status status = staging.create(*ctx_, bytes, BufferUse::HostReads);
   if (status.ok()) status = staging.copyFrom(*ctx_, *this, bytes);
   if (status.ok()) status = staging.download(data, bytes);
   return status;

@@ -11,6 +11,14 @@
 
 namespace kiv::vulkan {
 
+/// Where a buffer's memory lies.
+enum class BufferUse {
+  DeviceLocal,  ///< near the shaders; reached through copies
+  Host,         ///< the lowest-numbered type that the host maps
+  HostWrites,  ///< for what the host writes and shaders read: device-local where the host maps that
+  HostReads,  ///< for what shaders write and the host reads: cached by the host where there is such
+};
+
 /// Empty, owning (after create), or a wrapper (after adopt) of somebody else's
 /// handle. Host-visible memory is coherent and can be mapped; device-local memory
 /// is reached through copies. Every transfer has finished when its call returns.
@@ -30,7 +38,11 @@ class VulkanBuffer {
   /// with nothing changed, when there is a buffer already. InvalidFormat "create:
   /// bad size" and, for an empty context, "create: uninitialized", IOError "<the call> failed",
   /// Unsupported "no suitable memory type"; nothing is left behind then.
-  Status create(VulkanContext& ctx, size_t size, bool hostVisible);
+  Status create(VulkanContext& ctx, size_t size, BufferUse use);
+  /// create() for BufferUse::Host or BufferUse::DeviceLocal.
+  Status create(VulkanContext& ctx, size_t size, bool hostVisible) {
+    return create(ctx, size, hostVisible ? BufferUse::Host : BufferUse::DeviceLocal);
+  }
   /// Wraps the first `size` bytes of a handle that stays its owner's, to be bound
   /// to a kernel. What this buffer owned before is released.
   void adopt(VkBuffer buffer, size_t size);
@@ -62,7 +74,8 @@ class VulkanBuffer {
 
  private:
   Status createBuffer();
-  Status allocateMemory();
+  Status allocateMemory(BufferUse use);
+  bool allocateFrom(const VkMemoryRequirements& requirements, uint32_t type);
 
   VulkanContext* ctx_ = nullptr;  // null in a wrapper
   VkBuffer buffer_ = VK_NULL_HANDLE;
@@ -72,7 +85,8 @@ class VulkanBuffer {
 };
 
 /// The lowest-numbered memory type of `ctx`'s device that `allowedTypes` (a bit a
-/// type) admits and that has all of `flags`; false when there is none.
+/// type) admits and that has all of `flags`, of an extension only when no other has; false when
+/// there is none.
 bool findMemoryType(const VulkanContext& ctx, uint32_t allowedTypes, VkMemoryPropertyFlags flags,
                     uint32_t& type);
 

@@ -88,8 +88,11 @@ Status VulkanContext::selectDevice(uint64_t deviceIndex) {
                           ? devices.begin() + static_cast<ptrdiff_t>(deviceIndex)
                           : std::find_if(devices.begin(), devices.end(),
                                          [](const PhysicalDevice& d) { return d.automatic; });
-  physicalDevice_ = chosen->handle;
-  info_ = chosen->info;
+  // Without an automatic one, all are too old: the first tells.
+  const PhysicalDevice& device = chosen != devices.end() ? *chosen : devices[0];
+  if (Status status = checkApiVersion(device.info); !status.ok()) return status;
+  physicalDevice_ = device.handle;
+  info_ = device.info;
   return {};
 }
 
@@ -143,6 +146,7 @@ Status VulkanContext::createFence() {
 }
 
 void VulkanContext::destroy() {
+  lost_ = false;
   if (device_ != VK_NULL_HANDLE) {
     if (fence_ != VK_NULL_HANDLE) vkDestroyFence(device_, fence_, nullptr);
     if (commandPool_ != VK_NULL_HANDLE) vkDestroyCommandPool(device_, commandPool_, nullptr);
@@ -159,9 +163,10 @@ void VulkanContext::destroy() {
   }
 }
 
-Status VulkanContext::beginCommand(VkCommandBuffer* outCmd) {
+Status VulkanContext::allocateCommand(VkCommandBuffer* outCmd) {
   if (outCmd == nullptr) return invalidFormat("null outCmd");
   if (device_ == VK_NULL_HANDLE) return invalidFormat("beginCommand: uninitialized");
+  if (lost_) return ioError("device lost");
   VkCommandBufferAllocateInfo allocation{};
   allocation.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO;
   allocation.commandPool = commandPool_;
@@ -171,12 +176,25 @@ Status VulkanContext::beginCommand(VkCommandBuffer* outCmd) {
   if (vkAllocateCommandBuffers(device_, &allocation, &cmd) != VK_SUCCESS) {
     return ioError("vkAllocateCommandBuffers failed");
   }
+  *outCmd = cmd;
+  return {};
+}
 
+void VulkanContext::freeCommand(VkCommandBuffer cmd) {
+  if (cmd == VK_NULL_HANDLE || device_ == VK_NULL_HANDLE) return;
+  vkFreeCommandBuffers(device_, commandPool_, 1, &cmd);
+}
+
+Status VulkanContext::beginCommand(VkCommandBuffer* outCmd) {
+  VkCommandBuffer cmd = VK_NULL_HANDLE;
+  if (Status status = allocateCommand(outCmd == nullptr ? nullptr : &cmd); !status.ok()) {
+    return status;
+  }
   VkCommandBufferBeginInfo begin{};
   begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
   begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
   if (vkBeginCommandBuffer(cmd, &begin) != VK_SUCCESS) {
-    vkFreeCommandBuffers(device_, commandPool_, 1, &cmd);
+    freeCommand(cmd);
     return ioError("vkBeginCommandBuffer failed");
   }
   *outCmd = cmd;
@@ -188,26 +206,43 @@ Status VulkanContext::submitAndWait(VkCommandBuffer cmd) {
       fence_ == VK_NULL_HANDLE) {
     return invalidFormat("submitAndWait: uninitialized");
   }
-  if (vkEndCommandBuffer(cmd) != VK_SUCCESS) return ioError("vkEndCommandBuffer failed");
+  if (const VkResult result = vkEndCommandBuffer(cmd); result != VK_SUCCESS) {
+    return failedCall("vkEndCommandBuffer failed", result);
+  }
+  Status status = run(cmd);
+  if (status.ok()) freeCommand(cmd);
+  return status;
+}
 
+Status VulkanContext::run(VkCommandBuffer cmd) {
+  if (cmd == VK_NULL_HANDLE || device_ == VK_NULL_HANDLE || queue_ == VK_NULL_HANDLE ||
+      fence_ == VK_NULL_HANDLE) {
+    return invalidFormat("submitAndWait: uninitialized");
+  }
+  if (lost_) return ioError("device lost");
   VkSubmitInfo submit{};
   submit.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO;
   submit.commandBufferCount = 1;
   submit.pCommandBuffers = &cmd;
   constexpr uint64_t kNoLimit = std::numeric_limits<uint64_t>::max();
-  if (vkQueueSubmit(queue_, 1, &submit, fence_) != VK_SUCCESS) {
-    return ioError("vkQueueSubmit failed");
+  if (const VkResult result = vkQueueSubmit(queue_, 1, &submit, fence_); result != VK_SUCCESS) {
+    return failedCall("vkQueueSubmit failed", result);
   }
-  if (vkWaitForFences(device_, 1, &fence_, VK_TRUE, kNoLimit) != VK_SUCCESS) {
+  if (const VkResult result = vkWaitForFences(device_, 1, &fence_, VK_TRUE, kNoLimit);
+      result != VK_SUCCESS) {
     replaceFence();
-    return ioError("vkWaitForFences failed");
+    return failedCall("vkWaitForFences failed", result);
   }
   if (vkResetFences(device_, 1, &fence_) != VK_SUCCESS) {
     replaceFence();
     return ioError("vkResetFences failed");
   }
-  vkFreeCommandBuffers(device_, commandPool_, 1, &cmd);
   return {};
+}
+
+Status VulkanContext::failedCall(const char* message, VkResult result) {
+  if (result == VK_ERROR_DEVICE_LOST) lost_ = true;
+  return ioError(message);
 }
 
 // A fence that may be signalled already would let the next wait return at once,

@@ -29,7 +29,8 @@ class VulkanContext {
   /// first, then more device-local memory; any index past the end selects the
   /// first discrete device, else the first enumerated one. Success at once on a
   /// ready context; a failure leaves it empty. IOError "<the call> failed" or
-  /// "no Vulkan physical devices", Unsupported "no compute queue family found".
+  /// "no Vulkan physical devices", Unsupported "no compute queue family found" or
+  /// checkApiVersion()'s status.
   /// Without a Vulkan loader, or with Vulkan switched off (vulkan_api.h), the
   /// failing call is vkCreateInstance. Contexts may be set up on several threads
   /// at once.
@@ -39,13 +40,27 @@ class VulkanContext {
 
   /// One primary command buffer, begun for one submission; submitAndWait() or
   /// the context frees it. On a failure `*outCmd` is left as it was: InvalidFormat
-  /// "null outCmd" or "beginCommand: uninitialized", IOError "<the call> failed".
+  /// "null outCmd" or "beginCommand: uninitialized", IOError "<the call> failed" or
+  /// "device lost".
   Status beginCommand(VkCommandBuffer* outCmd);
   /// Ends, submits, waits without limit, frees. InvalidFormat
   /// "submitAndWait: uninitialized" for a null buffer or an empty context,
   /// IOError "<the call> failed"; after a failure nothing is running, and the
   /// buffer is reclaimed with the pool.
   Status submitAndWait(VkCommandBuffer cmd);
+
+  /// One primary command buffer that the caller begins, ends and runs as often as it likes, until
+  /// freeCommand() or the context's end. Fails as beginCommand() does.
+  Status allocateCommand(VkCommandBuffer* outCmd);
+  /// Frees what allocateCommand() gave, which must not be running; null is fine.
+  void freeCommand(VkCommandBuffer cmd);
+  /// Submits a command buffer that has been ended, and waits without limit; `cmd` stays the
+  /// caller's. Fails as submitAndWait() does.
+  Status run(VkCommandBuffer cmd);
+
+  /// A submission or a wait found the device lost: every later command fails until the next
+  /// init(). Objects can still be destroyed.
+  bool lost() const { return lost_; }
 
   VkInstance instance() const { return instance_; }                    ///< null in an empty context
   VkPhysicalDevice physicalDevice() const { return physicalDevice_; }  ///< null in an empty context
@@ -63,6 +78,7 @@ class VulkanContext {
   Status createCommandPool();
   Status createFence();
   void replaceFence();
+  Status failedCall(const char* message, VkResult result);
 
   VkInstance instance_ = VK_NULL_HANDLE;
   VkPhysicalDevice physicalDevice_ = VK_NULL_HANDLE;
@@ -73,6 +89,7 @@ class VulkanContext {
   VkFence fence_ = VK_NULL_HANDLE;
   VulkanDeviceInfo info_;
   bool nativeStorage_ = false;
+  bool lost_ = false;
 };
 
 /// One device as init() would number it.

@@ -39,6 +39,25 @@ Status enumerateHandles(VkInstance instance, std::vector<VkPhysicalDevice>& hand
   return handles.empty() ? noDevices() : Status();
 }
 
+bool isNewEnough(const PhysicalDevice& device) {
+  return device.info.apiVersion >= kLeastApiVersion;
+}
+
+// Null: every device is too old.
+VkPhysicalDevice automaticDevice(const std::vector<PhysicalDevice>& sorted,
+                                 const std::vector<VkPhysicalDevice>& enumerated) {
+  const auto first = std::find_if(sorted.begin(), sorted.end(), isNewEnough);
+  if (first == sorted.end()) return VK_NULL_HANDLE;
+  if (first->info.discrete) return first->handle;
+  // Without a discrete device the system's own order decides: an integrated
+  // device with more memory is no better than the one that the system put first.
+  return *std::find_if(enumerated.begin(), enumerated.end(), [&sorted](VkPhysicalDevice handle) {
+    return std::any_of(sorted.begin(), sorted.end(), [handle](const PhysicalDevice& device) {
+      return device.handle == handle && isNewEnough(device);
+    });
+  });
+}
+
 bool isPreferred(const PhysicalDevice& a, const PhysicalDevice& b) {
   if (a.info.discrete != b.info.discrete) return a.info.discrete;
   return a.info.vramBytes > b.info.vramBytes;
@@ -46,9 +65,24 @@ bool isPreferred(const PhysicalDevice& a, const PhysicalDevice& b) {
 
 }  // namespace
 
+std::string formatApiVersion(uint32_t version) {
+  return std::to_string(VK_API_VERSION_MAJOR(version)) + "." +
+         std::to_string(VK_API_VERSION_MINOR(version)) + "." +
+         std::to_string(VK_API_VERSION_PATCH(version));
+}
+
+Status checkApiVersion(const VulkanDeviceInfo& info) {
+  if (info.apiVersion >= kLeastApiVersion) return {};
+  return unsupported(info.deviceName + " has Vulkan " + formatApiVersion(info.apiVersion) +
+                     ", 1.2 is needed");
+}
+
 Status queryPhysicalDevice(VkPhysicalDevice device, VulkanDeviceInfo& info) {
+  VkPhysicalDeviceMaintenance3Properties maintenance{};
+  maintenance.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_MAINTENANCE_3_PROPERTIES;
   VkPhysicalDeviceSubgroupProperties subgroup{};
   subgroup.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_SUBGROUP_PROPERTIES;
+  subgroup.pNext = &maintenance;
   VkPhysicalDeviceProperties2 chain{};
   chain.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PROPERTIES_2;
   chain.pNext = &subgroup;
@@ -66,6 +100,7 @@ Status queryPhysicalDevice(VkPhysicalDevice device, VulkanDeviceInfo& info) {
   info.maxPushConstants = properties.limits.maxPushConstantsSize;
   info.subgroupSize = subgroup.subgroupSize;
   info.discrete = properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU;
+  info.maxAllocationBytes = maintenance.maxMemoryAllocationSize;
   return {};
 }
 
@@ -99,9 +134,7 @@ Status listPhysicalDevices(VkInstance instance, std::vector<PhysicalDevice>& out
   }
   std::stable_sort(out.begin(), out.end(), isPreferred);
 
-  // Without a discrete device the system's own order decides: an integrated
-  // device with more memory is no better than the one that the system put first.
-  VkPhysicalDevice automatic = out[0].info.discrete ? out[0].handle : handles[0];
+  VkPhysicalDevice automatic = automaticDevice(out, handles);
   for (PhysicalDevice& device : out) device.automatic = device.handle == automatic;
   return {};
 }

@@ -26,7 +26,17 @@ struct VulkanDeviceInfo {
   uint32_t maxPushConstants = 0;         ///< bytes
   uint32_t subgroupSize = 0;             ///< invocations
   bool discrete = false;                 ///< a graphics card of its own
+  uint64_t maxAllocationBytes = 0;       ///< of one allocation of memory; 0: the device names none
 };
+
+/// What the context and the shaders are written for.
+inline constexpr uint32_t kLeastApiVersion = VK_API_VERSION_1_2;
+
+/// "major.minor.patch" of a version as Vulkan packs it.
+std::string formatApiVersion(uint32_t version);
+
+/// Unsupported "<name> has Vulkan 1.1.108, 1.2 is needed" for a device of an older version.
+Status checkApiVersion(const VulkanDeviceInfo& info);
 
 /// Fills `info`; never fails. The instance functions must be loaded.
 Status queryPhysicalDevice(VkPhysicalDevice device, VulkanDeviceInfo& info);
@@ -44,7 +54,8 @@ struct PhysicalDevice {
 
 /// All devices, discrete ones first, then those with more device-local memory;
 /// equals stay as enumerated. The automatic one is the first when it is discrete,
-/// else the first enumerated. Success means at least one device; IOError
+/// else the first enumerated, both among devices of kLeastApiVersion: none is automatic when
+/// all are older. Success means at least one device; IOError
 /// "no Vulkan physical devices" or "vkEnumeratePhysicalDevices failed" otherwise.
 Status listPhysicalDevices(VkInstance instance, std::vector<PhysicalDevice>& out);
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "kiv/vulkan/vulkan_shader.h"
+#include "kiv/vulkan/vulkan_shader_needs.h"
 
 namespace kiv::vulkan {
 Status VulkanKernel::create(VulkanContext& ctx, const uint32_t* code, size_t wordCount,
@@ -13,6 +14,9 @@ Status VulkanKernel::create(VulkanContext& ctx, const uint32_t* code, size_t wor
     return invalidFormat("create: uninitialized");
   }
   destroy();  // what an attempt that failed had made
+  if (Status status = checkShaderNeeds(shaderNeeds(code, wordCount), ctx.info()); !status.ok()) {
+    return status;
+  }
   ctx_ = &ctx;
   bindingCount_ = bindingCount;
   pushSize_ = pushSize;
@@ -103,12 +107,15 @@ Status VulkanKernel::createPool() {
 }
 
 void VulkanKernel::destroy() {
-  if (ctx_ == nullptr || ctx_->device() == VK_NULL_HANDLE) return;
-  VkDevice device = ctx_->device();
-  if (pool_ != VK_NULL_HANDLE) vkDestroyDescriptorPool(device, pool_, nullptr);
-  if (pipeline_ != VK_NULL_HANDLE) vkDestroyPipeline(device, pipeline_, nullptr);
-  if (pipelineLayout_ != VK_NULL_HANDLE) vkDestroyPipelineLayout(device, pipelineLayout_, nullptr);
-  if (setLayout_ != VK_NULL_HANDLE) vkDestroyDescriptorSetLayout(device, setLayout_, nullptr);
+  if (ctx_ != nullptr && ctx_->device() != VK_NULL_HANDLE) {
+    VkDevice device = ctx_->device();
+    if (pool_ != VK_NULL_HANDLE) vkDestroyDescriptorPool(device, pool_, nullptr);
+    if (pipeline_ != VK_NULL_HANDLE) vkDestroyPipeline(device, pipeline_, nullptr);
+    if (pipelineLayout_ != VK_NULL_HANDLE) {
+      vkDestroyPipelineLayout(device, pipelineLayout_, nullptr);
+    }
+    if (setLayout_ != VK_NULL_HANDLE) vkDestroyDescriptorSetLayout(device, setLayout_, nullptr);
+  }
   pool_ = VK_NULL_HANDLE;
   set_ = VK_NULL_HANDLE;  // went with the pool
   pipeline_ = VK_NULL_HANDLE;

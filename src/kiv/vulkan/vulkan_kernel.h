@@ -28,7 +28,7 @@ class VulkanKernel {
   /// From SPIR-V with the entry point "main", `bindingCount` bindings and
   /// `pushSize` bytes of push constants (0 for none). Success at once on a ready
   /// kernel. InvalidFormat "create: uninitialized" for an empty context, IOError
-  /// "<the call> failed", or createShaderModule()'s status; what
+  /// "<the call> failed", or the status of checkShaderNeeds() or createShaderModule(); what
   /// had been made by then is released by destroy() or the next create().
   Status create(VulkanContext& ctx, const uint32_t* code, size_t wordCount, uint32_t bindingCount,
                 uint32_t pushSize);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kiv/vulkan/shader_reflection.h"
+#include "kiv/vulkan/vulkan_shader_needs.h"
 #include "kiv/vulkan/vulkan_shaders.h"
 
 namespace zemtest {
@@ -194,6 +195,26 @@ TEST_P(ShaderInterface, IsWhatTheHostBindsAndPushes) {
 
 INSTANTIATE_TEST_SUITE_P(Modules, ShaderInterface, ::testing::ValuesIn(allInterfaces()),
                          [](const auto& module) { return module.param.name; });
+
+uint64_t bytesOf(const std::string& element) {
+  if (element == kVec4) return 16;
+  EXPECT_THAT((std::vector<std::string>{kF32, kU32}), Contains(element));
+  return 4;
+}
+
+// What the library reads from a module before it makes a pipeline of it.
+TEST_P(ShaderInterface, TellsWhatItNeedsOfTheDevice) {
+  uint64_t shared = 0;
+  for (const ReflectedShared& array : GetParam().shared) {
+    uint64_t bytes = bytesOf(array.element);
+    for (const uint32_t extent : array.extents) bytes *= extent;
+    shared += bytes;
+  }
+  const EmbeddedShader& shader = *GetParam().shader;
+  const ShaderNeeds needs = shaderNeeds(shader.code, shader.wordCount);
+  EXPECT_EQ(needs.sharedBytes, shared);
+  EXPECT_EQ(needs.localSize, (std::array<uint32_t, 3>{GetParam().localSize, 1, 1}));
+}
 
 TEST(ShaderInterfaces, EveryModuleHasARowOfItsOwn) {
   std::vector<const EmbeddedShader*> shaders;

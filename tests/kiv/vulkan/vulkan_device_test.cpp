@@ -221,6 +221,46 @@ TEST(DeviceSelection, EqualDevicesStayAsEnumerated) {
   EXPECT_EQ(chosenName(40), "0");
 }
 
+FakeDevice ofVersion(FakeDevice device, uint32_t minor) {
+  device.apiVersion = VK_MAKE_API_VERSION(0, 1, minor, 108);
+  return device;
+}
+
+TEST(DeviceSelection, DevicesBeforeVulkan12AreNotChosenAutomatically) {
+  const FakeVulkan vulkan({ofVersion(integrated("old chip", 4), 1), integrated("chip", 2),
+                           ofVersion(discrete("old card", 24), 1)});
+  EXPECT_EQ(chosenName(kAutomatic), "chip");
+  std::vector<ListedDevice> devices;
+  ASSERT_TRUE(listDevices(devices).ok());
+  ASSERT_EQ(devices.size(), 3U);
+  EXPECT_EQ(devices[0].info.deviceName, "old card");
+  for (const ListedDevice& device : devices) {
+    EXPECT_EQ(device.automatic, device.info.deviceName == "chip");
+  }
+}
+
+TEST(DeviceSelection, ADeviceBeforeVulkan12IsRefusedByIndex) {
+  const FakeVulkan vulkan({ofVersion(discrete("old card", 24), 1), discrete("card", 8)});
+  EXPECT_EQ(chosenName(0), "old card has Vulkan 1.1.108, 1.2 is needed");
+  EXPECT_EQ(chosenName(1), "card");
+  EXPECT_EQ(chosenName(kAutomatic), "card");
+  EXPECT_EQ(vulkan.live(), 0U);
+}
+
+TEST(DeviceSelection, AMachineOfOldDevicesHasNone) {
+  const FakeVulkan vulkan({ofVersion(integrated("chip", 4), 0), ofVersion(discrete("card", 8), 1)});
+  EXPECT_EQ(chosenName(kAutomatic), "card has Vulkan 1.1.108, 1.2 is needed");
+  std::vector<ListedDevice> devices;
+  ASSERT_TRUE(listDevices(devices).ok());
+  for (const ListedDevice& device : devices) EXPECT_FALSE(device.automatic);
+}
+
+TEST(VulkanDeviceInfo, TellsTheLargestAllocation) {
+  FakeDevice device = discrete("card", 8);
+  device.maxAllocation = 4 * kGiB;
+  EXPECT_EQ(describe(device).maxAllocationBytes, 4 * kGiB);
+}
+
 TEST(DeviceSelection, DeviceIsCreatedOnTheChosenOne) {
   FakeVulkan vulkan({integrated("shared", 32), discrete("small", 8), discrete("large", 24)});
   EXPECT_EQ(chosenName(1), "small");

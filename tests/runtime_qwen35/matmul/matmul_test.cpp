@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <vector>
 
 #include "kernels/reference.h"
 #include "runtime_qwen35/levels.h"
@@ -162,6 +163,76 @@ TEST(Matmul, AGpuThatDeclinesTheFirstTokenIsNotAskedAgain) {
   Floats want(6);
   matmul({}, W.view(), PackedTokens(x.data(), 256, 3, 256), want.data());
   EXPECT_EQ(y, want);
+}
+
+// ---- products that share their tokens
+
+// A GPU that writes 100 * (its number of calls) into every row of what it takes: the products
+// whose bits are set in `takes`, counted among those offered.
+struct GroupGpu {
+  uint32_t takes = ~0U;
+  std::vector<size_t> offers;  // products of each call
+
+  GpuHook hook() { return {this, nullptr, products}; }
+  static uint32_t products(void* self, const TensorView* const* W, float* const* y, size_t count,
+                           const float* /*x*/) {
+    auto& gpu = *static_cast<GroupGpu*>(self);
+    gpu.offers.push_back(count);
+    for (size_t i = 0; i < count; ++i) {
+      if ((gpu.takes >> i & 1U) == 0) continue;
+      std::fill_n(y[i], matrixRows(*W[i]), 100.0F * static_cast<float>(gpu.offers.size()));
+    }
+    return gpu.takes;
+  }
+};
+
+class MatmulAll : public testing::Test {
+ protected:
+  // The three products of `tokens` tokens, one behind the other.
+  Floats computed(const GpuHook& gpu, size_t tokens) const {
+    const Floats x = randomVector(3 * 256, 31);
+    const PackedTokens X(x.data(), 256, tokens, 256);
+    const TensorView views[] = {q4_.view(), q8_.view(), q6_.view()};
+    Floats y(5 * tokens, -1.0F);
+    const Product products[] = {
+        {&views[0], &y[0]}, {&views[1], &y[2 * tokens]}, {&views[2], &y[3 * tokens]}};
+    matmulAll(gpu, products, X);
+    return y;
+  }
+
+  const RandomMatrix q4_{DType::Q4_K, 2, 256, 26};
+  const RandomMatrix q8_{DType::Q8_0, 1, 256, 27};
+  const RandomMatrix q6_{DType::Q6_K, 2, 256, 28};
+};
+
+TEST_F(MatmulAll, WithoutAGroupHookIsOneByOne) {
+  const Floats cpu = computed({}, 1);
+  EXPECT_EQ(std::count(cpu.begin(), cpu.end(), -1.0F), 0);
+  CountingGpu gpu;
+  EXPECT_EQ(computed(gpu.hook(), 1), (Floats{100, 100, cpu[2], 200, 200}));
+}
+
+TEST_F(MatmulAll, OffersTheProductsOfATokenTogether) {
+  const Floats cpu = computed({}, 3);
+  GroupGpu gpu;
+  EXPECT_EQ(computed(gpu.hook(), 3), (Floats{100, 100, 200, 200, 300, 300, cpu[6], cpu[7], cpu[8],
+                                             100, 100, 200, 200, 300, 300}));
+  EXPECT_EQ(gpu.offers, (std::vector<size_t>{2, 2, 2}));
+}
+
+TEST_F(MatmulAll, WhatTheGpuDeclinesIsTheCpusAndNotOfferedAgain) {
+  const Floats cpu = computed({}, 3);
+  GroupGpu gpu;
+  gpu.takes = 0b10;  // of a later token, whose only offer is the first: declined, too
+  Floats want = cpu;
+  want[9] = want[10] = 100;
+  EXPECT_EQ(computed(gpu.hook(), 3), want);
+  EXPECT_EQ(gpu.offers, (std::vector<size_t>{2, 1, 1}));
+
+  GroupGpu none;
+  none.takes = 0;
+  EXPECT_EQ(computed(none.hook(), 3), cpu);
+  EXPECT_EQ(none.offers, (std::vector<size_t>{2}));
 }
 
 // A GPU hook that counts its calls and computes nothing.

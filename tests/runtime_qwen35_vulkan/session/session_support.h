@@ -18,7 +18,19 @@
 
 namespace zemtest {
 
-inline const char* const kGpuLine = "[qwen35-vulkan] GPU path unavailable - running CPU-only\n";
+inline const std::string kGpuLine = "[qwen35-vulkan] GPU path unavailable - running CPU-only\n";
+inline const std::string kGpuReason = "[qwen35-vulkan] GPU not used: ";
+
+// Whether `text` is what may follow kGpuLine: nothing, on a machine without a device, or a line
+// with the reason.
+inline bool isGpuReason(const std::string& text) {
+  return text.empty() || (text.starts_with(kGpuReason) && text.find('\n') == text.size() - 1);
+}
+
+// Whether a session that stays on the CPU says so, and nothing but the reason behind it.
+inline bool saysGpuUnavailable(const std::string& text) {
+  return text.starts_with(kGpuLine) && isGpuReason(text.substr(kGpuLine.size()));
+}
 
 // A model file for the length of a test.
 class ModelFile {

@@ -58,5 +58,27 @@ TEST(Devices, ThoseOfThisMachineAreNumberedAndOneIsAutomatic) {
   EXPECT_THAT(zem({"devices"}, "", kWithVulkan).out, HasSubstr("chosen automatically"));
 }
 
+TEST(Devices, VerboseTellsMemoryAndLimits) {
+  const auto devices = nlohmann::json::parse(
+      zem({"devices", "--json", "--verbose"}, "", kWithVulkan).out)["devices"];
+  if (devices.empty()) ZEM_SKIP_WITHOUT_GPU("no Vulkan device here");
+  for (const auto& device : devices) {
+    const auto& details = device["details"];
+    if (details.contains("problem")) continue;
+    EXPECT_GT(details["max_matrix_bytes"], 0);
+    EXPECT_FALSE(details["heaps"].empty());
+    ASSERT_FALSE(details["weights"].empty());
+    for (const auto& weights : details["weights"]) {
+      EXPECT_LT(weights["heap"], details["heaps"].size());
+      EXPECT_GE(details["heaps"][weights["heap"].get<size_t>()]["bytes"], weights["bytes"]);
+      EXPECT_THAT(weights["properties"], StartsWith("device-local"));
+    }
+  }
+  const std::string text = zem({"devices", "--verbose"}, "", kWithVulkan).out;
+  EXPECT_THAT(text, HasSubstr("weights of "));
+  EXPECT_THAT(text, HasSubstr("stays on the CPU"));
+  EXPECT_THAT(text, StartsWith(zem({"devices"}, "", kWithVulkan).out));
+}
+
 }  // namespace
 }  // namespace zemtest

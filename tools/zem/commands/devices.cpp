@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands/commands.h"
+#include "commands/device_details.h"
 #include "console/terminal.h"
 #include "console/text.h"
 #include "kiv/vulkan/vulkan_api.h"
@@ -19,7 +20,13 @@ const char* kindOf(const ListedDevice& device) {
   return device.info.discrete ? "discrete" : "integrated";
 }
 
-void printDevicesJson(const std::vector<ListedDevice>& devices, const std::string& problem) {
+struct DevicesOptions {
+  bool json = false;
+  bool verbose = false;
+};
+
+void printDevicesJson(const std::vector<ListedDevice>& devices, const std::string& problem,
+                      bool verbose) {
   auto list = nlohmann::ordered_json::array();
   for (size_t i = 0; i < devices.size(); ++i) {
     const ListedDevice& device = devices[i];
@@ -30,6 +37,7 @@ void printDevicesJson(const std::vector<ListedDevice>& devices, const std::strin
                     {"driver", device.info.driverVersion},
                     {"native_storage", device.nativeStorage},
                     {"automatic", device.automatic}});
+    if (verbose) list.back()["details"] = detailsJson(deviceDetails(i));
   }
   nlohmann::ordered_json value = {{"devices", list}};
   if (!problem.empty()) value["reason"] = problem;
@@ -49,7 +57,7 @@ void printTable(const std::vector<ListedDevice>& devices) {
   writeOut(formatTable(rows, {0, 3}));
 }
 
-void listDevices(bool json) {
+void listDevices(const DevicesOptions& options) {
   std::vector<ListedDevice> devices;
   const kiv::Status status = kiv::vulkan::listDevices(devices);
   std::string problem;
@@ -61,26 +69,30 @@ void listDevices(bool json) {
   } else if (devices.empty()) {
     problem = "no Vulkan physical devices";
   }
-  if (json) {
-    printDevicesJson(devices, problem);
+  if (options.json) {
+    printDevicesJson(devices, problem, options.verbose);
   } else if (!problem.empty()) {
     writeOut("no usable Vulkan device: " + problem + "; models run on the CPU\n");
   } else {
     printTable(devices);
+    for (size_t i = 0; options.verbose && i < devices.size(); ++i)
+      writeOut("\n" + detailsText(i, deviceDetails(i)));
   }
 }
 
 }  // namespace
 
 void addDevices(Command& program, int& status) {
-  auto json = std::make_shared<bool>(false);
+  auto options = std::make_shared<DevicesOptions>();
   Command command = program.command("devices", "List the Vulkan devices of this machine");
-  command.flag("--json", *json, "Print JSON");
+  command.flag("--json", options->json, "Print JSON");
+  command.flag("--verbose", options->verbose,
+               "Also print the memory that weights go to, and what each device's limits exclude");
   command.footer(
       "The order is the one in which a device index selects them. A device with native storage\n"
       "reads 8- and 16-bit numbers from buffers directly.\n"
       "\nExample:\n  zem devices --json");
-  command.action([json, &status] { status = guarded([&] { listDevices(*json); }); });
+  command.action([options, &status] { status = guarded([&] { listDevices(*options); }); });
 }
 
 }  // namespace zemtool
