@@ -10,7 +10,7 @@ set -euo pipefail
 packages=(
   # build
   ca-certificates cmake g++ git ninja-build pkg-config
-  glslc libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
+  glslc libboost1.81-dev libcli11-dev libedit-dev libgomp1 libvulkan-dev libvulkan-volk-dev nlohmann-json3-dev
   # tests and benchmarks
   binutils fish libbenchmark-dev libgmock-dev libgtest-dev libspirv-cross-c-shared-dev mandoc
   mesa-vulkan-drivers python3 python3-jinja2 python3-pytest spirv-tools valgrind vulkan-validationlayers zsh

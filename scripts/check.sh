@@ -12,7 +12,7 @@ source scripts/changed.sh
 
 build=build/release
 # What only Windows compiles is checked where it is built, by tests/windows/run.sh.
-linted_folders=('src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp' 'engine/*.cpp' 'libzem/*.cpp'
+linted_folders=('src/*.cpp' 'plugins/*.cpp' 'tools/*.cpp' 'engine/*.cpp' 'libzem/*.cpp' 'server/*.cpp'
   ':!*_windows.cpp' ':!tools/zem/console/windows')
 
 mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h')

@@ -126,7 +126,7 @@ def main():
     check_itself()
     listed = subprocess.run(
         ["git", "ls-files", "--cached", "--others", "--exclude-standard", "src", "include",
-         "plugins", "tools", "engine", "libzem"],
+         "plugins", "tools", "engine", "libzem", "server"],
         cwd=ROOT, check=True, capture_output=True, text=True).stdout.split("\n")
     files = {name: (ROOT / name).read_text(encoding="utf-8", errors="replace")
              for name in listed if name.endswith((".h", ".c", ".cpp")) and (ROOT / name).exists()}

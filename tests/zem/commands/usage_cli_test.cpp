@@ -10,8 +10,8 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-const Arguments kCommands = {"run",     "chat",      "info",    "tokenize", "render",
-                             "devices", "make-demo", "convert", "compare",  "plugin"};
+const Arguments kCommands = {"run",       "chat",    "info",    "tokenize", "render", "devices",
+                             "make-demo", "convert", "compare", "plugin",   "serve"};
 const Arguments kPluginCommands = {"run", "chat", "bench", "probe"};
 
 TEST(Usage, BareZemPrintsHelp) {
@@ -94,6 +94,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadUsage{"RunWithANegativeSeed", {"run", "-m", "m", "-s", "-1"}, "--seed: \"-1\" is not"},
         BadUsage{"CacheOfNoType", {"chat", "-m", "m", "--cache", "f8"}, "--cache"},
         BadUsage{"ThinkPerhaps", {"chat", "-m", "m", "--think", "maybe"}, "--think"},
+        BadUsage{"ServePort", {"serve", "-m", "m", "--port", "65536"}, "--port"},
+        BadUsage{"ServeLog", {"serve", "-m", "m", "--log", "xml"}, "--log"},
         BadUsage{"OldProbe", {"probe", "m.zem"}, "`zem probe` is now `zem plugin probe`"},
         BadUsage{"UnknownOption", {"plugin", "run", "-m", "m.zem", "-p", "x", "--frob"}, "--frob"},
         BadUsage{"NoModel", {"plugin", "run", "-p", "x"}, "--model"},

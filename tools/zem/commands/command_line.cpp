@@ -21,8 +21,8 @@ constexpr const char* kFooter =
 ZemCommandLine::ZemCommandLine() : CommandLine("zem", "Runs Qwen3.5 hybrid language models.") {
   footer(kFooter);
   flag("--version", version, "Print the versions of this program and of the plug-in");
-  for (const auto add : {addRun, addChat, addBench, addInfo, addTokenize, addRender, addDevices,
-                         addMakeDemo, addConvert, addCompare, addPlugin}) {
+  for (const auto add : {addRun, addChat, addServe, addBench, addInfo, addTokenize, addRender,
+                         addDevices, addMakeDemo, addConvert, addCompare, addPlugin}) {
     add(*this, status);
   }
 }

@@ -12,6 +12,7 @@ void addRun(Command& program, int& status);
 void addChat(Command& program, int& status);
 void addBench(Command& program, int& status);
 void addInfo(Command& program, int& status);
+void addServe(Command& program, int& status);
 void addTokenize(Command& program, int& status);
 void addRender(Command& program, int& status);
 void addDevices(Command& program, int& status);

@@ -144,9 +144,7 @@ void addTalkOptions(Command& command, TalkOptions& options) {
   addEndOptions(command, options);
 }
 
-std::unique_ptr<zem::Engine> openEngine(const ModelOptions& options,
-                                        const std::string& chatTemplate, size_t cacheBytes) {
-  requireReadable(options.model);
+zem::EngineOptions settingsOf(const ModelOptions& options) {
   zem::EngineOptions settings;
   settings.threads =
       static_cast<size_t>(options.threads > 0 ? options.threads : usableProcessors());
@@ -156,6 +154,12 @@ std::unique_ptr<zem::Engine> openEngine(const ModelOptions& options,
   settings.sequences = 1;
   settings.context = static_cast<size_t>(options.context);
   settings.batchTokens = static_cast<size_t>(options.batch);
+  return settings;
+}
+
+std::unique_ptr<zem::Engine> openEngine(const ModelOptions& options,
+                                        const std::string& chatTemplate, size_t cacheBytes) {
+  zem::EngineOptions settings = settingsOf(options);
   settings.cacheBytes = cacheBytes;
   settings.chatFormat = chatTemplate;
   std::unique_ptr<zem::Engine> engine;

@@ -45,6 +45,8 @@ void addModelOptions(Command& command, ModelOptions& options);
 // Those, and the options of prompts, thinking, sampling and ends; each under its heading.
 void addTalkOptions(Command& command, TalkOptions& options);
 
+// How the engine is set up; one sequence.
+zem::EngineOptions settingsOf(const ModelOptions& options);
 // Throws Failure. `cacheBytes` is the memory for states that later prompts may go on from.
 std::unique_ptr<zem::Engine> openEngine(const ModelOptions& options,
                                         const std::string& chatTemplate, size_t cacheBytes);
