@@ -10,7 +10,7 @@ if(WIN32)
 endif()
 
 install(TARGETS zem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
-install(TARGETS qwen35_vulkan_plugin zem_decoder
+install(TARGETS qwen35_vulkan_plugin
   LIBRARY DESTINATION ${module_folder} COMPONENT Runtime
   RUNTIME DESTINATION ${module_folder} COMPONENT Runtime)
 install(FILES include/zem/engine.h include/zem/plugin.h

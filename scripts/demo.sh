@@ -23,9 +23,9 @@ say "What the runtime says of it"
 "$zem" plugin probe "$model"
 
 say "A completion"
-"$zem" run -m "$model" -p "The river was"
+"$zem" run -m "$model" -p "The river was" -n 60
 
 if [[ -t 0 && -t 1 ]]; then
   say "A chat (/help for commands, /quit to leave)"
-  exec "$zem" chat -m "$model"
+  exec "$zem" chat -m "$model" -n 60 # random words have no end
 fi

@@ -19,7 +19,8 @@ in_root() { chroot "$root" env LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive bas
 
 in_root 'apt-get update -qq && apt-get install -y -qq --no-install-recommends /zem.deb'
 in_root 'cd /tmp && zem --version && zem make-demo demo.zem && zem info demo.zem >/dev/null &&
-  zem run -m demo.zem -p "The river was" && zem compare demo.zem demo.zem -p "The river"'
+  zem run -m demo.zem -p "The river was" -n 8 &&
+  zem plugin run -m demo.zem -p "The river was" && zem compare demo.zem demo.zem -p "The river"'
 in_root 'test -s /usr/share/man/man1/zem.1'
 
 # A compiler is enough to build against the libraries.

@@ -14,7 +14,7 @@ export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive} CI=${CI:-}
 unset ZEM_REQUIRE_GPU ZEM_EXPECTED_SKIPS
 
 linux_targets=(zem qwen35_vulkan_plugin)
-windows_targets=(zem qwen35_vulkan_plugin zem_decoder compat_test plugin_test)
+windows_targets=(zem qwen35_vulkan_plugin compat_test plugin_test)
 tests=(--tests-regex '^(compat_test|plugin_test)')
 if [[ ${ZEM_ALL:-} == 1 ]]; then
   linux_targets+=(cli_test)

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <csignal>
-#include <thread>
 
 #include "zem/commands/talk_support.h"
 
@@ -18,9 +16,7 @@ using ::testing::StartsWith;
 class ChatTest : public TalkTest {
  protected:
   static ProcessResult chat(const std::string& input, const Arguments& more = {}) {
-    Arguments arguments = {"-n", "8", "-s", "3", "--think", "off"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return zem(talk("chat", arguments), input);
+    return zem(talk("chat", with({"-n", "8", "-s", "3", "--think", "off"}, more)), input);
   }
   // The messages behind `input`, as /save writes them.
   nlohmann::json messagesOf(const std::string& input, const Arguments& more = {}) const {
@@ -155,13 +151,13 @@ TEST_F(ChatTest, TurnBeyondTheContextIsTakenBack) {
 TEST_F(ChatTest, CtrlCStopsTheReplyAndTheConversationGoesOn) {
   ZEM_NEEDS_PLAIN_TERMINAL();
   // The first token again and again.
-  TerminalProcess process(
-      command(talk("chat", {"--temp", "0", "--presence-penalty", "-100", "--think", "off"})),
-      cliEnvironment());
+  const Arguments endless = {"--temp", "0", "--presence-penalty", "-100", "--think", "off"};
+  const std::string reply = zem(talk("run", with(endless, {"-p", "Hi", "-n", "3"}))).out;
+  TerminalProcess process(command(talk("chat", endless)), cliEnvironment());
   EXPECT_TRUE(process.shows("> "));
   process.type("Hi\n");
   EXPECT_TRUE(process.shows("Hi\r\n"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_TRUE(process.shows(reply.substr(0, reply.size() - 1))) << reply;
   process.send(SIGINT);
   EXPECT_TRUE(process.shows("(stopped"));
   EXPECT_TRUE(process.shows("> "));

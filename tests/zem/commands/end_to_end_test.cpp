@@ -73,6 +73,19 @@ TEST_F(EndToEnd, ASeedRepeatsASample) {
   EXPECT_NE(completion({"--temp", "1.5", "-s", "12"}), text);
 }
 
+// Its template is none of the known revisions, and its metadata name one.
+TEST_F(EndToEnd, TheDemoModelTakesChats) {
+  const Arguments ask = {"run", "-m", model_, "-p", "Hello", "-n", "3", "-s", "1"};
+  const ProcessResult reply = realZem(ask);
+  EXPECT_EQ(reply.status, 0) << reply.err;
+  EXPECT_GT(reply.out.size(), 5U);
+  Arguments raw = ask;
+  raw.emplace_back("--raw");
+  EXPECT_NE(realZem(raw).out, reply.out);
+  const ProcessResult chat = realZem({"chat", "-m", model_, "-n", "3", "-s", "1"}, "Hello\n");
+  EXPECT_EQ(chat.out, reply.out);
+}
+
 TEST_F(EndToEnd, ClearGivesTheFirstReplyAgain) {
   const ProcessResult result =
       realZem({"plugin", "chat", "-m", model_, "-c", "20"}, "Hello\n/clear\nHello\n");

@@ -13,6 +13,11 @@
 
 namespace zemtest {
 
+inline Arguments with(Arguments arguments, const Arguments& more) {
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return arguments;
+}
+
 class TalkTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -23,9 +28,7 @@ class TalkTest : public ::testing::Test {
 
   // `zem COMMAND -m MODEL -t 1 MORE`
   static Arguments talk(const std::string& command, const Arguments& more) {
-    Arguments arguments = {command, "-m", model_->string(), "-t", "1"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return arguments;
+    return with({command, "-m", model_->string(), "-t", "1"}, more);
   }
 
   static TempFile* model_;

@@ -10,8 +10,9 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-const Arguments kCommands = {"run",       "chat",    "info",    "tokenize", "render", "devices",
-                             "make-demo", "convert", "compare", "plugin",   "serve"};
+const Arguments kCommands = {"run",     "chat",     "serve",  "bench",   "perplexity",
+                             "info",    "tokenize", "render", "devices", "make-demo",
+                             "convert", "compare",  "plugin"};
 const Arguments kPluginCommands = {"run", "chat", "bench", "probe"};
 
 TEST(Usage, BareZemPrintsHelp) {

@@ -215,7 +215,8 @@ constexpr const char* kBenchFooter =
 
 void addBench(Command& program, int& status) {
   auto options = std::make_shared<EngineBenchOptions>();
-  Command command = program.command("bench", "Measure the speed of prompts and of replies");
+  Command command =
+      program.command("bench", "Measure the speed of prompts and of replies", "Examine models");
   command.option("-m,--model", options->model, "Model file (.zem)").valueName("FILE").required();
   addEngineTests(command, *options);
   command.footer(kBenchFooter);

@@ -19,6 +19,7 @@ void addDevices(Command& program, int& status);
 void addMakeDemo(Command& program, int& status);
 void addConvert(Command& program, int& status);
 void addCompare(Command& program, int& status);
+void addPerplexity(Command& program, int& status);
 void addPlugin(Command& program, int& status);  // has subcommands of its own
 
 }  // namespace zemtool

@@ -2,24 +2,24 @@
 // zem compare: how far two model files are apart, weight by weight and in what
 // they say.
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <thread>
+#include <span>
 
 #include "commands/commands.h"
 #include "commands/options.h"
+#include "console/program.h"
 #include "console/terminal.h"
 #include "console/text.h"
 #include "convert/ordered_work.h"
-#include "decoder/decoder.h"
 #include "host/model_file.h"
 #include "kiv/quant/row_codec.h"
 #include "kiv/tokenizer.h"
 #include "kiv/zem_loader.h"
+#include "logits/logits_reader.h"
 
 namespace zemtool {
 namespace {
@@ -145,28 +145,8 @@ std::vector<TensorDifference> compareTensors(const kiv::ZEMLoader& first,
   return differences;
 }
 
-// Logits to the logarithms of probabilities.
-void normalise(const std::vector<float>& logits, std::vector<double>& out) {
-  const auto largest = static_cast<double>(*std::max_element(logits.begin(), logits.end()));
-  double sum = 0;
-  for (const float x : logits) sum += std::exp(static_cast<double>(x) - largest);
-  const double shift = largest + std::log(sum);
-  out.resize(logits.size());
-  for (size_t i = 0; i < out.size(); ++i) out[i] = static_cast<double>(logits[i]) - shift;
-}
-
-double divergence(const std::vector<double>& p, const std::vector<double>& q) {
-  double sum = 0;
-  for (size_t i = 0; i < p.size(); ++i) sum += std::exp(p[i]) * (p[i] - q[i]);
-  return std::max(sum, 0.0);
-}
-
-size_t bestOf(const std::vector<float>& logits) {
-  return static_cast<size_t>(std::max_element(logits.begin(), logits.end()) - logits.begin());
-}
-
-std::vector<int32_t> tokensOf(const kiv::ZEMLoader& first, const kiv::ZEMLoader& second,
-                              const std::string& text) {
+std::vector<uint32_t> tokensOf(const kiv::ZEMLoader& first, const kiv::ZEMLoader& second,
+                               const std::string& text) {
   if (first.tokenizer().tokens != second.tokenizer().tokens) {
     throw Failure("the vocabularies differ, so that the logits cannot be compared");
   }
@@ -180,30 +160,31 @@ std::vector<int32_t> tokensOf(const kiv::ZEMLoader& first, const kiv::ZEMLoader&
     throw Failure("the text has " + std::to_string(ids.size()) + " tokens, at most " +
                   std::to_string(kMostCompared) + " can be compared");
   }
-  return ids;
+  return {ids.begin(), ids.end()};
 }
 
-TextDifference compareText(const CompareOptions& options, const std::vector<int32_t>& ids) {
-  Decoder first(options.first, ids.size());
-  Decoder second(options.second, ids.size());
-  if (first.vocabulary() != second.vocabulary()) {
-    throw Failure("the embeddings have " + std::to_string(first.vocabulary()) + " and " +
+TextDifference compareText(const CompareOptions& options, const std::vector<uint32_t>& ids,
+                           size_t threads) {
+  LogitsReader first(options.first, {.threads = threads});
+  LogitsReader second(options.second, {.threads = threads});
+  const size_t row = first.vocabulary();
+  if (row != second.vocabulary()) {
+    throw Failure("the embeddings have " + std::to_string(row) + " and " +
                   std::to_string(second.vocabulary()) + " rows");
   }
   TextDifference result;
   result.tokens = ids.size();
-  std::vector<double> p;
-  std::vector<double> q;
   size_t sameBest = 0;
-  for (const int32_t id : ids) {
-    const std::vector<float>& a = first.step(id);
-    const std::vector<float>& b = second.step(id);
-    normalise(a, p);
-    normalise(b, q);
-    const double distance = divergence(p, q);
-    result.divergence += distance;
-    result.worst = std::max(result.worst, distance);
-    sameBest += bestOf(a) == bestOf(b) ? 1 : 0;
+  for (size_t at = 0; at < ids.size(); at += zem::kBatchTokens) {
+    const auto batch = std::span(ids).subspan(at, std::min(zem::kBatchTokens, ids.size() - at));
+    const std::span<const float> a = first.feed(batch);
+    const std::span<const float> b = second.feed(batch);
+    for (size_t i = 0; i < batch.size(); ++i) {
+      const Divergence token = divergenceOf(a.subspan(i * row, row), b.subspan(i * row, row));
+      result.divergence += token.nats;
+      result.worst = std::max(result.worst, token.nats);
+      sameBest += token.sameBest ? 1 : 0;
+    }
   }
   result.divergence /= static_cast<double>(ids.size());
   result.sameBest = static_cast<double>(sameBest) / static_cast<double>(ids.size());
@@ -269,20 +250,19 @@ void printComparisonJson(const CompareOptions& options,
 }
 
 void compare(const CompareOptions& options) {
-  applyThreads(options.threads);
   kiv::ZEMLoader first;
   kiv::ZEMLoader second;
   openModel(first, options.first);
   openModel(second, options.second);
-  std::vector<int32_t> ids;
+  std::vector<uint32_t> ids;
   if (options.prompt.hasText || !options.prompt.file.empty()) {
     ids = tokensOf(first, second, readPrompt(options.prompt));
   }
   const size_t threads = options.threads > 0 ? static_cast<size_t>(options.threads)
-                                             : std::max(1U, std::thread::hardware_concurrency());
+                                             : static_cast<size_t>(usableProcessors());
   const std::vector<TensorDifference> tensors = compareTensors(first, second, threads);
   std::optional<TextDifference> text;
-  if (!ids.empty()) text = compareText(options, ids);
+  if (!ids.empty()) text = compareText(options, ids, threads);
   if (options.json) return printComparisonJson(options, tensors, text);
   printTensorErrors(tensors, options.all);
   if (text) printComparison(*text);
@@ -292,7 +272,8 @@ void compare(const CompareOptions& options) {
 
 void addCompare(Command& program, int& status) {
   auto options = std::make_shared<CompareOptions>();
-  Command command = program.command("compare", "Show how far two model files are apart");
+  Command command =
+      program.command("compare", "Show how far two model files are apart", "Examine models");
   command.option("first", options->first, "Model file (.zem); the reference")
       .valueName("A")
       .required();

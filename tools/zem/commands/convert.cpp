@@ -200,8 +200,8 @@ void convert(ConvertOptions options) {
 void addConvert(Command& program, int& status) {
   auto options = std::make_shared<ConvertOptions>();
   ConversionOptions& conversion = options->conversion;
-  Command command =
-      program.command("convert", "Turn a published checkpoint or a GGUF file into a model file");
+  Command command = program.command(
+      "convert", "Turn a published checkpoint or a GGUF file into a model file", "Make models");
   command.option("input", conversion.input, "Folder of a checkpoint, or GGUF file")
       .valueName("INPUT")
       .required();

@@ -84,7 +84,8 @@ void listDevices(const DevicesOptions& options) {
 
 void addDevices(Command& program, int& status) {
   auto options = std::make_shared<DevicesOptions>();
-  Command command = program.command("devices", "List the Vulkan devices of this machine");
+  Command command =
+      program.command("devices", "List the Vulkan devices of this machine", "Devices and plug-ins");
   command.flag("--json", options->json, "Print JSON");
   command.flag("--verbose", options->verbose,
                "Also print the memory that weights go to, and what each device's limits exclude");

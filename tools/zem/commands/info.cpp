@@ -388,7 +388,7 @@ void info(const InfoOptions& options) {
 
 void addInfo(Command& program, int& status) {
   auto options = std::make_shared<InfoOptions>();
-  Command command = program.command("info", "Show what a model file holds");
+  Command command = program.command("info", "Show what a model file holds", "Examine models");
   command.option("file", options->file, "Model file (.zem)").required().valueName("FILE");
   command.flag("--tensors", options->tensors, "List every tensor");
   command.flag("--json", options->json, "Print JSON");

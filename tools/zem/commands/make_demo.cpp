@@ -112,8 +112,8 @@ std::vector<std::string> namesOf(const std::array<Enum, kCount>& values,
 
 void addMakeDemo(Command& program, int& status) {
   auto options = std::make_shared<MakeDemoOptions>();
-  Command command =
-      program.command("make-demo", "Write a model with random weights, to try and measure with");
+  Command command = program.command(
+      "make-demo", "Write a model with random weights, to try and measure with", "Make models");
   command.option("output,-o,--output", options->output, "The file to write")
       .valueName("FILE")
       .required();

@@ -119,7 +119,8 @@ void render(RenderOptions options) {
 
 void addRender(Command& program, int& status) {
   auto options = std::make_shared<RenderOptions>();
-  Command command = program.command("render", "Show the prompt of a chat request");
+  Command command =
+      program.command("render", "Show the prompt of a chat request", "Examine models");
   command.option("file", options->file, "Request, - for standard input; without it a pipe is read")
       .valueName("FILE");
   command.option("-m,--model", options->format.model, "Model file (.zem or .gguf) with a template")

@@ -187,7 +187,8 @@ void addServiceOptions(Command& command, ServeOptions& options) {
 
 void addServe(Command& program, int& status) {
   auto options = std::make_shared<ServeOptions>();
-  Command command = program.command("serve", "Answer programs over HTTP");
+  Command command =
+      program.command("serve", "Answer programs and browsers over HTTP", "Talk to a model");
   addModelOptions(command, options->model);
   addAddressOptions(command, *options);
   addEngineOptions(command, *options);

@@ -163,7 +163,8 @@ void addSelfTest(Command& command, TokenizeOptions& options, const Option& ids, 
 
 void addTokenize(Command& program, int& status) {
   auto options = std::make_shared<TokenizeOptions>();
-  Command command = program.command("tokenize", "Show a text as a model's tokens");
+  Command command =
+      program.command("tokenize", "Show a text as a model's tokens", "Examine models");
   command.option("-m,--model", options->model, "Model file (.zem or .gguf), or a tokenizer.json")
       .required()
       .valueName("FILE");

@@ -6,7 +6,8 @@
 namespace zemtool {
 
 void addPlugin(Command& program, int& status) {
-  Command plugin = program.command("plugin", "Drive a runtime plug-in, as other hosts do");
+  Command plugin = program.command("plugin", "Drive a runtime plug-in, as other hosts do",
+                                   "Devices and plug-ins");
   addPluginRun(plugin, status);
   addPluginChat(plugin, status);
   addPluginBench(plugin, status);
