@@ -75,6 +75,16 @@ void require(const kiv::Status& status) {
   throw ApiError(400, message, named ? member : std::string());
 }
 
+ApiError ApiError::ofRoom(Room found) {
+  ApiError error(400,
+                 "the prompt has " + std::to_string(found.prompt) +
+                     " tokens, and the context has room for " + std::to_string(found.context) +
+                     "; make the conversation shorter",
+                 "messages", "context_length_exceeded");
+  error.room = found;
+  return error;
+}
+
 std::string errorBody(Dialect dialect, const ApiError& error) {
   switch (dialect) {
     case Dialect::Anthropic:

@@ -38,6 +38,8 @@ class ApiError : public std::exception {
     size_t prompt;   // tokens
     size_t context;  // tokens
   };
+  // A prompt that does not fit.
+  static ApiError ofRoom(Room found);
   std::optional<Room> room;  // of a prompt that does not fit
 };
 

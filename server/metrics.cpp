@@ -35,7 +35,8 @@ std::string SecondsHistogram::text(const std::string& name) const {
   for (size_t i = 0; i < counts_.size(); ++i) {
     count += counts_[i];
     const std::string bound = i < kBounds.size() ? numberText(kBounds[i]) : "+Inf";
-    text += name + "_bucket{le=\"" + bound + "\"} " + std::to_string(count) + "\n";
+    text.append(name).append("_bucket{le=\"").append(bound).append("\"} ");
+    text.append(std::to_string(count)).append("\n");
   }
   text += name + "_sum " + numberText(sum_) + "\n";
   return text + name + "_count " + std::to_string(count) + "\n";

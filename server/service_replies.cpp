@@ -17,13 +17,7 @@ namespace zem::server {
 
 void Service::checkRoom(size_t promptTokens) const {
   if (promptTokens < engine_.context()) return;
-  ApiError error(400,
-                 "the prompt has " + std::to_string(promptTokens) +
-                     " tokens, and the context has room for " + std::to_string(engine_.context()) +
-                     "; make the conversation shorter",
-                 "messages", "context_length_exceeded");
-  error.room = {promptTokens, engine_.context()};
-  throw error;
+  throw ApiError::ofRoom({promptTokens, engine_.context()});
 }
 
 PreparedChat Service::prepare(const ChatRequest& chat) const {

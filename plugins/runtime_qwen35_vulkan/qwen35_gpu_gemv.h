@@ -61,7 +61,7 @@ class GpuGemv {
     uint64_t mostBytes = 0;       ///< that the device takes
     uint64_t mostWorkgroups = 0;  ///< that the device takes, of two rows each
   };
-  Fit fit() const;
+  Fit fit() const;  ///< of the attached loader
 
   /// Products computed on the device since construction.
   uint64_t productCount() const { return productCount_; }

@@ -21,10 +21,10 @@ namespace qwen35gpu {
 
 /// y = w x for the `rows` x `cols` matrix w.
 struct GpuProduct {
-  const kiv::GPUTensorView* w = nullptr;
-  uint32_t rows = 0;
-  uint32_t cols = 0;
-  float* y = nullptr;
+  const kiv::GPUTensorView* w = nullptr;  ///< on the device
+  uint32_t rows = 0;                      ///< of w
+  uint32_t cols = 0;                      ///< of w
+  float* y = nullptr;                     ///< gets `rows` floats
   /// The matrix stays where it is until forgetWeights(), so that what is bound for it can be kept.
   bool lasting = false;
 };
@@ -37,6 +37,7 @@ struct GpuProductLimits {
 
   /// Of the context's device.
   static GpuProductLimits of(const kiv::vulkan::VulkanContext& ctx);
+  /// Whether a matrix fits.
   bool take(const kiv::GPUTensorView& w, uint64_t rows, uint64_t cols) const;
 };
 

@@ -215,7 +215,7 @@ kiv::Status encodePrompt(const Vocabulary& vocabulary, const RawPrompt& prompt,
   ids.clear();
   for (const RawPrompt::Piece& piece : prompt.pieces) {
     std::vector<uint32_t> part;
-    const kiv::Status status = vocabulary.encode(piece.text, text::AddedTokens::Recognised, part);
+    kiv::Status status = vocabulary.encode(piece.text, text::AddedTokens::Recognised, part);
     if (!status.ok()) return status;
     ids.insert(ids.end(), part.begin(), part.end());
     ids.insert(ids.end(), piece.ids.begin(), piece.ids.end());

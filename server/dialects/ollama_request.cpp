@@ -11,7 +11,8 @@ namespace {
 
 void readFormat(const Fields& fields, ChatRequest& chat) {
   const Json* format = fields.find("format");
-  if (format == nullptr || *format == "") return;
+  if (format == nullptr || (format->is_string() && format->get_ref<const std::string&>().empty()))
+    return;
   if (*format == "json") {
     chat.schema = Json{{"type", "object"}};
   } else if (format->is_object()) {

@@ -180,6 +180,7 @@ std::string zshChoice(const CommandFacts& program, const std::string& margin) {
 std::string bashCompletion(const CommandFacts& program) {
   const std::vector<CommandFacts> commands = allCommands(program);
   std::vector<std::string> steps;
+  steps.reserve(commands.size());
   for (const CommandFacts& command : commands) steps.push_back(bashStep(command.name));
   std::string script =
       "# Completion of zem for bash.\n"
