@@ -10,11 +10,11 @@ preset=${1:-release}
 case $preset in
   release)
     bash scripts/bootstrap.sh
-    targets=(zem qwen35_vulkan_plugin kiv qwen35 qwen35gpu pages)
+    targets=(zem libzem qwen35_vulkan_plugin kiv qwen35 qwen35gpu pages)
     ;;
   windows)
     bash scripts/bootstrap.sh windows
-    targets=(zem qwen35_vulkan_plugin)
+    targets=(zem libzem qwen35_vulkan_plugin)
     ;;
   *)
     echo "usage: scripts/package.sh [windows]" >&2
