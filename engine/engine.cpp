@@ -49,16 +49,19 @@ CacheType cacheType(CacheNumbers numbers) {
   return numbers == CacheNumbers::Float ? CacheType::F32 : CacheType::F16;
 }
 
-Status chooseFormat(std::string name, const kiv::ZEMLoader& loader, const text::ChatFormat*& out) {
-  if (name.empty()) loader.getMetaStr("chat.format", name);
-  if (name.empty()) {
-    const std::string& chatTemplate = loader.chatTemplate();
-    out = chatTemplate.empty() ? text::chatFormatByName("qwen3.5")
-                               : text::chatFormatOfTemplate(chatTemplate);
-    return {};
-  }
-  out = text::chatFormatByName(name);
-  if (out != nullptr) return {};
+// Null for what is not known: such a file may come from a later program, and completes texts.
+const text::ChatFormat* formatOf(const kiv::ZEMLoader& loader) {
+  std::string name;
+  if (loader.getMetaStr("chat.format", name)) return text::chatFormatByName(name);
+  const std::string& chatTemplate = loader.chatTemplate();
+  return chatTemplate.empty() ? text::chatFormatByName("qwen3.5")
+                              : text::chatFormatOfTemplate(chatTemplate);
+}
+
+Status chooseFormat(const std::string& name, const kiv::ZEMLoader& loader,
+                    const text::ChatFormat*& out) {
+  out = name.empty() ? formatOf(loader) : text::chatFormatByName(name);
+  if (out != nullptr || name.empty()) return {};
   return kiv::invalidFormat("chat format: found \"" + name + "\", needed one of " +
                             text::chatFormatNames());
 }

@@ -110,8 +110,8 @@ class Engine {
 
   /// How the model's conversations are written: the revision that the options name, else the one
   /// that the container's metadata entry `chat.format` names, else the one of its template, else,
-  /// in a container without a template, the first of the family. Null where the template is none
-  /// of the known revisions.
+  /// in a container without a template, the first of the family. Null where name or template are
+  /// none of the known revisions.
   const text::ChatFormat* chatFormat() const;
   /// What the publisher recommends: the container's values, else those of the model family.
   const SamplingOptions& defaultSampling(bool thinking) const;

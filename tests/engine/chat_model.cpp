@@ -20,7 +20,8 @@ constexpr Added kAdded[] = {{"<|endoftext|>", true}, {"<|im_start|>", true}, {"<
 
 }  // namespace
 
-void writeChatModel(const TempFile& file, const std::string& chatTemplate) {
+void writeChatModel(const TempFile& file, const std::string& chatTemplate,
+                    const std::string& chatFormat) {
   zem::text::test::ByteVocabulary vocabulary;
   kiv::TokenizerData data;
   for (int byte = 0; byte < 256; ++byte) {
@@ -36,6 +37,7 @@ void writeChatModel(const TempFile& file, const std::string& chatTemplate) {
   data.chatTemplate = chatTemplate;
   const std::string source = vocabulary.text();
   kiv::ZEM2Writer writer;
+  if (!chatFormat.empty()) writer.addMetaStr("chat.format", chatFormat);
   writer.addMetaStr("tokenizer.source.section", "Asset");
   writer.addMetaStr("tokenizer.source.name", "tokenizer.json");
   writer.addMetaU64("tokenizer.source.bytes", source.size());

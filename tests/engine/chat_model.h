@@ -21,7 +21,9 @@ enum ChatToken : uint32_t {
   kChatVocabulary
 };
 
-// Writes such a model with smallArchitecture(). The container has `chatTemplate`, or none.
-void writeChatModel(const TempFile& file, const std::string& chatTemplate = {});
+// Writes such a model with smallArchitecture(). The container has `chatTemplate` and names
+// `chatFormat`, where they are not empty.
+void writeChatModel(const TempFile& file, const std::string& chatTemplate = {},
+                    const std::string& chatFormat = {});
 
 }  // namespace zemtest

@@ -267,5 +267,15 @@ TEST_F(ChatTest, UnknownTemplateNeedsAName) {
               HasSubstr("chat format: found \"odd\", needed one of qwen3.5"));
 }
 
+TEST_F(ChatTest, FormatThatTheFileNamesGoesBeforeItsTemplate) {
+  zemtest::writeChatModel(file_, "{{ messages }}", "qwen3.6");
+  reopen({});
+  ASSERT_NE(engine_->chatFormat(), nullptr);
+  EXPECT_EQ(engine_->chatFormat()->name, "qwen3.6");
+  zemtest::writeChatModel(file_, {}, "of a later program");
+  reopen({});
+  EXPECT_EQ(engine_->chatFormat(), nullptr);
+}
+
 }  // namespace
 }  // namespace zem
