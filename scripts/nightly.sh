@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # What takes too long for every change: each source compiled by itself, all mutations, all
 # failing requests for memory, the tests on a Vulkan device under the sanitizers, the thread
-# sanitizer, every test under Wine, the text library against other programs, the lint of
-# every file, the fuzzers, long runs, and a fresh Debian.
+# sanitizer, every test under Wine, the text library and the server against other programs, the
+# lint of every file, the fuzzers, long runs, and a fresh Debian.
 #   scripts/nightly.sh [MINUTES]   minutes for each fuzzer, 5 by default
 # Takes hours. Every step runs, whatever became of the one before; the table at the end says
 # which failed. The fresh Debian needs root and debootstrap, the other programs npm and its
@@ -17,11 +17,16 @@ minutes=${1:-5}
 table=()
 failures=0
 step() {
-  local name=$1 begin=$SECONDS verdict=passed
+  local name=$1 begin=$SECONDS verdict=passed status=0
   shift
   printf '\n== %s\n' "$name"
-  "$@" || verdict=FAILED
-  [[ $verdict == passed ]] || failures=$((failures + 1))
+  "$@" || status=$?
+  if ((status == 77)); then
+    verdict="left out"  # the step has said why
+  elif ((status != 0)); then
+    verdict=FAILED
+  fi
+  [[ $verdict != FAILED ]] || failures=$((failures + 1))
   table+=("$(printf '%6d s  %s  %s' $((SECONDS - begin)) "$verdict" "$name")")
 }
 
@@ -37,8 +42,9 @@ step "tests, with all mutations and requests" env ZEM_ALL=1 bash scripts/test.sh
 step "each source compiles by itself" each_source
 if command -v npm >/dev/null; then
   step "text against other programs" bash tests/clients/compare.sh
+  step "the server and other programs" bash tests/clients/server/run.sh
 else
-  table+=("         left out  text against other programs (needs Node.js with npm)")
+  table+=("         left out  text and server against other programs (needs Node.js with npm)")
 fi
 step "benchmarks build" cmake --build --preset release --target benchmarks
 step "lint of every file" bash scripts/check.sh --all

@@ -36,7 +36,7 @@ class Constraint {
   ~Constraint();  ///< states keep what they need
 
   /// JSON that `schema` allows. `true` allows every value. Blanks may stand where JSON
-  /// has them, at most 200 in a row.
+  /// has them, at most 200 in a row; in front of the value newlines alone.
   ///
   /// Known keywords: `type`, `enum`, `const`, `properties`, `required`,
   /// `additionalProperties`, `items`, `minItems`, `maxItems`, `minimum`, `maximum`,

@@ -184,6 +184,20 @@ void readThinkingBlock(const Fields& fields, ChatRequest& chat) {
   }
 }
 
+void readOutputConfig(const Fields& fields, ChatRequest& chat) {
+  const Json* value = fields.object("output_config");
+  if (value == nullptr) return;
+  const Fields config(*value, "output_config");
+  if (const auto effort = config.text("effort")) chat.format.reasoningEffort = *effort;
+  const Json* form = config.object("format");
+  if (form == nullptr) return;
+  const Fields format(*form, config.named("format"));
+  if (typeOf(format) != "json_schema") format.fail("type", "\"json_schema\"");
+  const Json* schema = format.object("schema");
+  if (schema == nullptr) format.fail("schema", "a JSON schema");
+  chat.schema = *schema;
+}
+
 }  // namespace
 
 AnthropicCall readAnthropic(const Json& body, bool counts) {
@@ -196,6 +210,7 @@ AnthropicCall readAnthropic(const Json& body, bool counts) {
   chat.tools = readTools(fields);
   readChoice(fields, chat);
   readThinkingBlock(fields, chat);
+  readOutputConfig(fields, chat);
   chat.sampling = readSampling(fields);
   chat.stopTexts = readStops(fields, "stop_sequences");
   call.stream = fields.flag("stream").value_or(false);

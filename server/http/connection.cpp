@@ -18,8 +18,9 @@ namespace {
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
 
-constexpr std::chrono::milliseconds kLinger{2'000};
-constexpr size_t kMostLingered = size_t{1} << 20;
+// Clients that send a body which is too large take so long to read that it is.
+constexpr std::chrono::milliseconds kLinger{10'000};
+constexpr size_t kMostLingered = size_t{256} << 20;
 
 std::string lowerCase(std::string_view text) {
   std::string lower(text);

@@ -59,13 +59,14 @@ class HttpClient {
     socket_ = -1;
   }
 
-  // A server that has closed meanwhile shows when the answer is read.
-  void send(std::string_view bytes) const {
+  // False when the server has closed meanwhile; that shows too when the answer is read.
+  bool send(std::string_view bytes) const {
     while (!bytes.empty()) {
       const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (sent <= 0) return;
+      if (sent <= 0) return false;
       bytes.remove_prefix(static_cast<size_t>(sent));
     }
+    return true;
   }
 
   static std::string get(const std::string& path, const std::string& headers = {}) {

@@ -183,6 +183,17 @@ TEST(Server, LargeHeadersAndBodiesAreRefused) {
             413);
 }
 
+// Many clients read an answer when they have sent all of a body: no reset may come before.
+TEST(Server, ABodyThatIsMuchTooLargeIsReadToItsEnd) {
+  ServerOptions options;
+  options.transport.bodyBytes = 1000;
+  const RunningServer server({}, options);
+  const std::string body(size_t{48} << 20, 'x');
+  HttpClient client(server.port());
+  EXPECT_TRUE(client.send(HttpClient::post("/tokenize", body)));
+  EXPECT_EQ(client.read().status, 413);
+}
+
 TEST(Server, BodiesTogetherAreBounded) {
   ServerOptions options;
   options.transport.bodyBytes = 1000;

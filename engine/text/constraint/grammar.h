@@ -96,7 +96,7 @@ struct Grammar {
   std::vector<size_t> heights;
   std::vector<PatternAutomaton> patterns;
   RuleId root = kNoRule;
-  bool newlinesOnly = false;  ///< around the root; else all blanks of JSON
+  bool newlinesOnly = false;  ///< behind the root, as in front; else all blanks of JSON
   size_t mostDepth = 0;       ///< of arrays and objects inside each other
 };
 

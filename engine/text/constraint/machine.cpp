@@ -26,8 +26,9 @@ void Stepper::begin(Way way, RuleId rule) {
 }
 
 void Stepper::stepDocument(Way way) {
-  const bool mayBeBlank = byte_ == '\n' || !grammar_.newlinesOnly;
-  if ((mayBeBlank && skip(way)) || way.top.phase == AfterValue) return;
+  const bool behind = way.top.phase == AfterValue;
+  const bool mayBeBlank = byte_ == '\n' || (behind && !grammar_.newlinesOnly);
+  if ((mayBeBlank && skip(way)) || behind) return;
   beginBehind(std::move(way), AfterValue, grammar_.root);
 }
 

@@ -192,7 +192,13 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"ToolSchema", kA, R"(,"tools":[{"name":"f"}])", "tools[0].input_schema"},
         Malformed{"Choice", kA, R"(,"tool_choice":{"type":"some"})", "tool_choice.type"},
         Malformed{"ChoiceWithoutTools", kA, R"(,"tool_choice":{"type":"any"})", "tool_choice"},
-        Malformed{"Thinking", kA, R"(,"thinking":{"type":"much"})", "thinking.type"}),
+        Malformed{"Thinking", kA, R"(,"thinking":{"type":"much"})", "thinking.type"},
+        Malformed{"OutputConfig", kA, R"(,"output_config":1)", "output_config"},
+        Malformed{"Effort", kA, R"(,"output_config":{"effort":1})", "output_config.effort"},
+        Malformed{"Format", kA, R"(,"output_config":{"format":{"type":"grammar"}})",
+                  "output_config.format.type"},
+        Malformed{"FormatSchema", kA, R"(,"output_config":{"format":{"type":"json_schema"}})",
+                  "output_config.format.schema"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 INSTANTIATE_TEST_SUITE_P(

@@ -74,6 +74,15 @@ TEST(Requests, CompletionPromptMixesTextAndIds) {
   EXPECT_EQ(call.maxTokens, 16U);
 }
 
+TEST(Requests, AnthropicReadsTheFormOfAReply) {
+  const AnthropicCall call =
+      readAnthropic(Json::parse(R"({"max_tokens":5,"messages":[{"role":"user","content":"q"}],
+        "output_config":{"effort":"high","format":{"type":"json_schema","schema":{"type":"object"}}}})"),
+                    false);
+  EXPECT_EQ(call.chat.schema, Json::parse(R"({"type":"object"})"));
+  EXPECT_EQ(call.chat.format.reasoningEffort, "high");
+}
+
 TEST(Requests, AnthropicBlocksBecomeMessages) {
   const AnthropicCall call = readAnthropic(
       Json::parse(R"({"max_tokens":5,"system":[{"type":"text","text":"s"}],"messages":[
