@@ -122,6 +122,7 @@ void VulkanKernel::destroy() {
   pipelineLayout_ = VK_NULL_HANDLE;
   setLayout_ = VK_NULL_HANDLE;
   ready_ = false;
+  ctx_ = nullptr;  // may end before the next destroy()
 }
 
 VkDescriptorSet VulkanKernel::allocSet() {
