@@ -77,13 +77,22 @@ double promptRate(const Replies& replies, Clock::time_point start) {
   return tokens / secondsBetween(start, last);
 }
 
-// Tokens that came while every reply ran.
+// Tokens that came while every reply ran; of replies so short that they never ran together, those
+// behind the first one.
 double decodeRate(const Replies& replies) {
-  Clock::time_point first = replies.front()->times().front();
-  Clock::time_point last = replies.front()->times().back();
-  for (const auto& reply : replies) {
-    first = std::max(first, reply->times().front());
-    last = std::min(last, reply->times().back());
+  const auto byFirst = [](const auto& a, const auto& b) {
+    return a->times().front() < b->times().front();
+  };
+  const auto byLast = [](const auto& a, const auto& b) {
+    return a->times().back() < b->times().back();
+  };
+  const auto [earliest, latest] = std::minmax_element(replies.begin(), replies.end(), byFirst);
+  const auto [soonest, longest] = std::minmax_element(replies.begin(), replies.end(), byLast);
+  Clock::time_point first = (*latest)->times().front();
+  Clock::time_point last = (*soonest)->times().back();
+  if (first >= last) {
+    first = (*earliest)->times().front();
+    last = (*longest)->times().back();
   }
   double tokens = 0;
   for (const auto& reply : replies) {
