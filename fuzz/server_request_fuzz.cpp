@@ -26,7 +26,7 @@ void tryRead(const Read& read) {
     require(error.status == 400, "an error that is not the client's");
     require(!error.message.empty(), "an error without a message");
     const Json body = Json::parse(errorBody(Dialect::OpenAi, error), nullptr, false);
-    require(body.is_object(), "an error that is no JSON");
+    require(body.is_object(), "an error whose body is not a JSON object");
   }
 }
 

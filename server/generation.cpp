@@ -59,7 +59,7 @@ class Generation : public std::enable_shared_from_this<Generation> {
   GenerationPlan plan_;
   std::vector<Choice> choices_;
   size_t left_;        // choices that have not ended
-  bool over_ = false;  // the answer has ended, or nobody waits for it
+  bool over_ = false;  // the answer has ended, or the client has left
 };
 
 // Runs on the engine's thread, and hands everything over.

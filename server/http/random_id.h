@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names that nobody has used before.
+// Random names for answers and requests.
 #pragma once
 
 #include <string>

@@ -36,8 +36,8 @@ struct TransportOptions {
   Time drain{30'000};                    // for requests that run when the server is to end
 };
 
-// One request and its answer. Any thread may call. An exchange that nobody holds and that has no
-// answer is answered with 500. Calls after the client has gone do nothing.
+// One request and its answer. Any thread may call. When the last reference goes
+// and there is no answer, the client gets 500. Calls after the client has gone do nothing.
 class Exchange {
  public:
   Exchange() = default;

@@ -40,8 +40,14 @@ ThreadTeam::~ThreadTeam() { stop(); }
 void ThreadTeam::stop() {
   ends_ = true;
   ++calls_;
-  calls_.notify_all();
+  wake(called_);
   for (std::thread& worker : workers_) worker.join();
+}
+
+// Passes through the mutex: who has looked and not yet fallen asleep is not missed.
+void ThreadTeam::wake(std::condition_variable& sleeping) {
+  { const std::lock_guard lock(mutex_); }
+  sleeping.notify_all();
 }
 
 void ThreadTeam::run(size_t pieces, Piece piece, void* context) {
@@ -52,15 +58,16 @@ void ThreadTeam::run(size_t pieces, Piece piece, void* context) {
   const uint64_t number = (job_.load(std::memory_order_relaxed) >> (2 * kPieceBits)) + 1;
   job_.store(number << (2 * kPieceBits) | pieces << kPieceBits);
   ++calls_;
-  if (sleepers_ > 0) calls_.notify_all();
+  if (sleepers_ > 0) wake(called_);
 
   while (takePiece(0)) {
   }
   const auto all = static_cast<uint32_t>(pieces);
-  const auto finished = [&] { return done_.load(std::memory_order_acquire) == all; };
+  const auto finished = [&] { return done_ == all; };
   if (spinUntil(finished)) return;
+  std::unique_lock lock(mutex_);
   callerSleeps_ = true;
-  for (uint32_t seen = done_; seen != all; seen = done_) done_.wait(seen);
+  finished_.wait(lock, finished);
   callerSleeps_ = false;
 }
 
@@ -73,7 +80,7 @@ bool ThreadTeam::takePiece(size_t thread) {
     const uint64_t pieces = piecesOf(job);
     piece_(context_, thread, nextOf(job));
     const bool last = done_.fetch_add(1) + 1 == pieces;
-    if (last && callerSleeps_) done_.notify_one();
+    if (last && callerSleeps_) wake(finished_);
     return true;
   }
   return false;
@@ -84,10 +91,11 @@ void ThreadTeam::work(size_t thread) {
     const uint32_t seen = calls_;
     while (takePiece(thread)) {
     }
-    const auto called = [&] { return calls_.load(std::memory_order_acquire) != seen; };
+    const auto called = [&] { return calls_ != seen; };
     if (spinUntil(called)) continue;
+    std::unique_lock lock(mutex_);
     ++sleepers_;
-    calls_.wait(seen);
+    called_.wait(lock, called);
     --sleepers_;
   }
 }

@@ -7,8 +7,10 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -39,6 +41,7 @@ class ThreadTeam {
 
   void work(size_t thread);
   void stop();
+  void wake(std::condition_variable& sleeping);
   bool takePiece(size_t thread);
 
   // One word holds the job's number, the count of its pieces and the next piece to take. So a late
@@ -55,6 +58,11 @@ class ThreadTeam {
   alignas(64) std::atomic<uint32_t> calls_{0};  // goes up when there is work, or the end
   std::atomic<uint32_t> sleepers_{0};
   std::atomic<bool> ends_{false};
+  // For sleep alone. std::atomic's own wait will not do: on Windows, as GCC 12 builds it, threads
+  // slept for ever.
+  std::mutex mutex_;
+  std::condition_variable called_;
+  std::condition_variable finished_;
   Piece piece_ = nullptr;
   void* context_ = nullptr;
   std::vector<std::thread> workers_;
