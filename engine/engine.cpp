@@ -49,7 +49,8 @@ CacheType cacheType(CacheNumbers numbers) {
   return numbers == CacheNumbers::Float ? CacheType::F32 : CacheType::F16;
 }
 
-// Null for what is not known: such a file may come from a later program, and completes texts.
+// Null for an unknown format: a later program may have written the file. Texts can still be
+// completed.
 const text::ChatFormat* formatOf(const kiv::ZEMLoader& loader) {
   std::string name;
   if (loader.getMetaStr("chat.format", name)) return text::chatFormatByName(name);

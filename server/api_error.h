@@ -14,7 +14,7 @@
 
 namespace zem::server {
 
-// Whose form requests and answers have.
+// The form of requests and answers.
 enum class Dialect : uint8_t { OpenAi, Anthropic, Ollama };
 
 // The dialect of a path; OpenAi for those that belong to none.

@@ -18,7 +18,8 @@ bool mayAsk(std::string_view origin, std::string_view host,
             const std::vector<std::string>& allowed);
 
 // Whether a header "host" names this machine: localhost, 127.0.0.1 or [::1], or one of `names`,
-// with any port. Another name is one that somebody has pointed at this machine.
+// with any port. With any other name, a page of
+// another site could reach this server through a name that points at this machine.
 bool namesThisMachine(std::string_view host, const std::vector<std::string>& names);
 
 // The key of the headers "authorization: Bearer KEY" and "x-api-key: KEY"; empty without one.

@@ -13,8 +13,9 @@ constexpr size_t kFewTokens = 16;
 // Short enough for a string that needs no memory.
 constexpr const char* kOutOfMemory = "out of memory";
 
-// Where states of a prompt are kept whose first `fed` tokens are there, and whose first `known` an
-// earlier conversation began with. A chunk ends at each: none is worth it close behind another.
+// The positions in a prompt at which states are kept. The first `fed` tokens are computed already;
+// an earlier conversation began with the first `known`. Each position ends a chunk, so positions
+// close behind another are left out.
 std::vector<size_t> positionsToKeep(const Request& request, size_t fed, size_t known) {
   std::vector<size_t> wanted = request.keepAt;
   wanted.push_back(known);

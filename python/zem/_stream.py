@@ -30,7 +30,7 @@ class Stream:
         self.reply = Reply()
         """What came so far."""
         self._handle: Optional[int] = handle
-        self._model = model  # stays open as long as somebody reads
+        self._model = model  # stays open while this stream is read
         self._lock = threading.Lock()  # held while an event is read from the library's memory
         self._ids: List[int] = []
 

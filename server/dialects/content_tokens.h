@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which tokens the content of a reply is made of: for log-probabilities, whose tokens in a row
-// are the content.
+// Which tokens the content of a reply is made of. Log-probabilities need it: the texts of their
+// tokens, joined, are the content.
 #pragma once
 
 #include <deque>
@@ -32,7 +32,7 @@ class ContentTokens {
  public:
   // A token, before the events that it makes.
   void push(ContentToken token);
-  // What became certain; tokens whose content has come whole are put at the end of `out`.
+  // The events of that token. Puts tokens at the end of `out` once their content has come whole.
   void take(const std::vector<text::ReplyEvent>& events, std::vector<ContentToken>& out);
   // The reply is over.
   void finish(std::vector<ContentToken>& out);
@@ -40,8 +40,8 @@ class ContentTokens {
  private:
   void match(std::string& said, std::vector<ContentToken>* out, bool last);
 
-  std::deque<ContentToken> waiting_;  // whose text has not come
-  std::string content_;               // whose tokens are not certain
+  std::deque<ContentToken> waiting_;  // tokens without their text so far
+  std::string content_;               // text without certain tokens
 };
 
 }  // namespace zem::server

@@ -47,7 +47,7 @@ struct Hub : std::enable_shared_from_this<Hub> {
   std::atomic<size_t> connections{0};
   std::atomic<bool> draining{false};
   bool stopping = false;
-  size_t exchanges = 0;  // that somebody holds
+  size_t exchanges = 0;  // that are referred to
   size_t bodyBytes = 0;  // of all requests
 };
 
