@@ -13,6 +13,7 @@
 #include "commands/commands.h"
 #include "commands/number_list.h"
 #include "commands/options.h"
+#include "commands/report_options.h"
 #include "console/program.h"
 #include "console/progress_line.h"
 #include "console/terminal.h"
@@ -35,9 +36,7 @@ struct EngineBenchOptions {
   std::vector<int> threads;
   std::vector<std::string> maths = {"exact"};
   std::string cache = "f16";
-  int repetitions = 5;
-  bool roofline = false;
-  std::string format = "md";
+  ReportOptions report;
 };
 
 // In the order of the report.
@@ -83,7 +82,7 @@ BenchSubject engineSubject(const EngineBenchOptions& options) {
   subject.backend = "CPU";
   subject.plan = "cpu:all";
   subject.engine = true;
-  subject.roofline = options.roofline;
+  subject.roofline = options.report.roofline;
   return subject;
 }
 
@@ -93,7 +92,7 @@ class Comparison {
  public:
   Comparison(const EngineBenchOptions& options, const std::vector<BenchTest>& tests, int threads,
              const ProgressLine& progress)
-      : maths_(options.maths), repetitions_(options.repetitions), progress_(progress) {
+      : maths_(options.maths), repetitions_(options.report.repetitions), progress_(progress) {
     for (const std::string& math : maths_) {
       progress_.show("opening the model");
       engines_.push_back(std::make_unique<EngineRunner>(subjectOf(options, tests, threads, math)));
@@ -128,11 +127,11 @@ void benchEngine(EngineBenchOptions options) {
   const std::vector<BenchTest> tests = engineTestsOf(options);
   if (options.threads.empty()) options.threads = {usableProcessors()};
   const ProgressLine progress;
-  BenchReport report(options.format);
+  BenchReport report(options.report.format);
   const BenchSubject subject = engineSubject(options);
   for (const int threads : options.threads) {
     std::optional<double> readSpeed;
-    if (options.roofline) {
+    if (options.report.roofline) {
       progress.show("memory, " + std::to_string(threads) + " threads");
       readSpeed = measureReadSpeed(threads);
     }
@@ -181,14 +180,7 @@ void addEngineTests(Command& command, EngineBenchOptions& options) {
   command.option("--cache", options.cache, "Keys and values as f16 or f32 (default: f16)")
       .oneOf({"f16", "f32"})
       .valueName("TYPE");
-  command.option("-r,--repetitions", options.repetitions, "Repetitions (default: 5)")
-      .wholeNumber(1, 1000)
-      .valueName("N");
-  command.flag("--roofline", options.roofline,
-               "Measure the memory's read speed too, and the share of it that decoding reaches");
-  command.option("-o,--output", options.format, "md, json or csv (default: md)")
-      .oneOf({"md", "json", "csv"})
-      .valueName("FORMAT");
+  addReportOptions(command, options.report);
 }
 
 constexpr const char* kBenchFooter =

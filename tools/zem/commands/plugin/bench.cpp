@@ -13,6 +13,7 @@
 #include "commands/number_list.h"
 #include "commands/options.h"
 #include "commands/plugin/plugin.h"
+#include "commands/report_options.h"
 #include "console/progress_line.h"
 #include "console/terminal.h"
 #include "host/gpu_choice.h"
@@ -31,9 +32,7 @@ struct BenchOptions {
   std::vector<int> tokens;
   std::vector<int> depths = {0};
   std::vector<int> threads;
-  int repetitions = 5;
-  bool roofline = false;
-  std::string format = "md";
+  ReportOptions report;
 };
 
 // In the order of the report.
@@ -66,7 +65,7 @@ BenchSubject describe(const BenchOptions& options) {
   subject.weights = weightTotals(reader);
   subject.plan = options.session.plan;
   subject.backend = backendName(usableDevice(), subject.plan);
-  subject.roofline = options.roofline;
+  subject.roofline = options.report.roofline;
   return subject;
 }
 
@@ -88,12 +87,12 @@ void bench(BenchOptions options) {
   if (options.threads.empty()) options.threads = {effectiveThreads()};
 
   const ProgressLine progress;
-  BenchReport report(options.format);
+  BenchReport report(options.report.format);
   std::optional<BenchSubject> subject;
   for (const int threads : options.threads) {
     if (several) host.setThreads(threads);
     std::optional<double> readSpeed;
-    if (options.roofline) {
+    if (options.report.roofline) {
       progress.show("memory, " + std::to_string(threads) + " threads");
       readSpeed = measureReadSpeed(threads);
       progress.clear();
@@ -105,7 +104,7 @@ void bench(BenchOptions options) {
     }
     BenchRunner runner(session, progress);
     for (PreparedTest test : prepared) {
-      const std::vector<double> rates = runner.run(test, options.repetitions);
+      const std::vector<double> rates = runner.run(test, options.report.repetitions);
       report.add(*subject, {test.test, threads, rates, readSpeed});
     }
   }
@@ -122,14 +121,7 @@ void addTestOptions(Command& command, BenchOptions& options) {
                 kPositions - 1, options.depths);
   addNumberList(command, "-t,--threads", "CPU threads (default: one a processor)", 1, kMaxThreads,
                 options.threads);
-  command.option("-r,--repetitions", options.repetitions, "Repetitions (default: 5)")
-      .wholeNumber(1, 1000)
-      .valueName("N");
-  command.flag("--roofline", options.roofline,
-               "Measure the memory's read speed too, and the share of it that decoding reaches");
-  command.option("-o,--output", options.format, "md, json or csv (default: md)")
-      .oneOf({"md", "json", "csv"})
-      .valueName("FORMAT");
+  addReportOptions(command, options.report);
 }
 
 constexpr const char* kBenchFooter =
