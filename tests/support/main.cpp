@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The main() of every test program. Where ZEM_EXPECTED_SKIPS names a file, a test that
-// skips without being listed there fails the program: a test that silently stops running
-// proves nothing.
+// skips without being listed there fails the program, and so does a filter that no test
+// matches: a test that silently stops running proves nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -75,5 +75,9 @@ int main(int argc, char** argv) {
   auto* check = new SkipCheck(path);  // owned by the listeners
   ::testing::UnitTest::GetInstance()->listeners().Append(check);
   const int status = RUN_ALL_TESTS();
+  if (::testing::UnitTest::GetInstance()->test_to_run_count() == 0) {
+    std::printf("[  FAILED  ] no test matches --gtest_filter\n");
+    return 1;
+  }
   return status == 0 && !check->ok() ? 1 : status;
 }
