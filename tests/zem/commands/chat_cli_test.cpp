@@ -166,5 +166,33 @@ TEST_F(ChatTest, CtrlCStopsTheReplyAndTheConversationGoesOn) {
   EXPECT_TRUE(process.isAsFound());
 }
 
+TEST_F(ChatTest, EditWithoutATextOffersTheLastMessage) {
+  ZEM_NEEDS_PLAIN_TERMINAL();
+  TerminalProcess process(command(talk("chat", {"-n", "8", "-s", "3", "--think", "off"})),
+                          cliEnvironment({{"XDG_STATE_HOME", folder_.path("state")}}));
+  EXPECT_TRUE(process.shows("> "));
+  process.type("/edit\n");
+  EXPECT_TRUE(process.shows("there is no message to edit"));
+  EXPECT_TRUE(process.shows("> "));
+  process.type("one\\\n");
+  EXPECT_TRUE(process.shows(". "));
+  process.type("two\n");
+  EXPECT_TRUE(process.shows("\n> "));
+  process.type("/edit\n");
+  EXPECT_TRUE(process.shows("> /edit one\\"));
+  process.type("\n");
+  EXPECT_TRUE(process.shows(". two"));
+  process.type("\x7f\x7fwin\n");
+  EXPECT_TRUE(process.shows("\n> "));
+  const std::string file = folder_.path("saved.json");
+  process.type("/save " + file + "\n");
+  EXPECT_TRUE(process.shows("(saved in "));
+  process.type("/quit\n");
+  EXPECT_EQ(process.wait(), 0);
+  const auto messages = nlohmann::json::parse(folder_.read("saved.json"))["messages"];
+  ASSERT_EQ(messages.size(), 2U);
+  EXPECT_EQ(messages[0]["content"], "one\ntwin");
+}
+
 }  // namespace
 }  // namespace zemtest

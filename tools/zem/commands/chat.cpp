@@ -59,13 +59,13 @@ class Chat {
     }
   }
 
-  // What the user said: a message or a command. False: the conversation is over.
-  bool take(const std::string& turn) {
-    if (turn.find_first_not_of(" \t\n") == std::string::npos) return true;
-    if (turn[0] == '/') return obey(turn);
-    conversation_.ask(turn);
-    reply();
-    return true;
+  // What the user said: a message or a command. False: the conversation is over. `draft` becomes
+  // what the user may edit next.
+  bool take(const std::string& turn, std::string& draft) {
+    draft_.clear();
+    const bool goesOn = takeTurn(turn);
+    draft = draft_;
+    return goesOn;
   }
 
   static std::string commandsHelp();
@@ -79,6 +79,13 @@ class Chat {
   };
   static const ChatCommand kCommands[];
 
+  bool takeTurn(const std::string& turn) {
+    if (turn.find_first_not_of(" \t\n") == std::string::npos) return true;
+    if (turn[0] == '/') return obey(turn);
+    conversation_.ask(turn);
+    reply();
+    return true;
+  }
   bool obey(const std::string& turn);
   void reply();
   void noteEnd(const FollowedReply& reply, const ReplyPrinter& printer);
@@ -88,6 +95,7 @@ class Chat {
   void regenerate(const std::string& argument);
   void undo(const std::string& argument);
   void edit(const std::string& text);
+  void offerLastQuestion();
   void answerTool(const std::string& text);
   void think(const std::string& how);
   void showThinking() const;
@@ -104,12 +112,16 @@ class Chat {
   zem::Usage total_;
   size_t replies_ = 0;
   uint64_t attempt_ = 0;  // at the same reply
+  std::string draft_;
 };
 
 const Chat::ChatCommand Chat::kCommands[] = {
     {"/regen", "", "another reply to the last message", &Chat::regenerate},
     {"/undo", "", "take back the last message and its reply", &Chat::undo},
-    {"/edit", "TEXT", "put TEXT in place of the last message, and reply to it", &Chat::edit},
+    {"/edit", "[TEXT]",
+     "put TEXT in place of the last message, and reply to it; without\n"
+     "                TEXT, edit that message",
+     &Chat::edit},
     {"/clear", "", "start a new conversation", &Chat::clear},
     {"/system", "TEXT", "system prompt from now on; without TEXT, show it", &Chat::setSystem},
     {"/think", "[HOW]",
@@ -225,10 +237,17 @@ void Chat::undo(const std::string& /*argument*/) {
 }
 
 void Chat::edit(const std::string& text) {
-  if (text.empty()) throw Failure("/edit needs a text, which becomes the last message");
+  if (text.empty()) return offerLastQuestion();
   if (!conversation_.takeQuestionBack()) throw Failure("there is no message to edit");
   conversation_.ask(text);
   reply();
+}
+
+void Chat::offerLastQuestion() {
+  if (!conversesOnTerminal()) throw Failure("/edit needs a text, which becomes the last message");
+  const std::optional<std::string> question = conversation_.lastQuestion();
+  if (!question) throw Failure("there is no message to edit");
+  draft_ = "/edit " + *question;
 }
 
 void Chat::answerTool(const std::string& text) {
@@ -286,7 +305,9 @@ void Chat::help(const std::string& /*argument*/) { remark(commandsHelp() + "\n" 
 
 void chatWith(const TalkOptions& options) {
   Chat chat(options);
-  holdConversation(TurnForm::Lines, [&](const std::string& turn) { return chat.take(turn); });
+  holdConversation(TurnForm::Lines, [&](const std::string& turn, std::string& draft) {
+    return chat.take(turn, draft);
+  });
 }
 
 }  // namespace

@@ -25,8 +25,9 @@ class LineEditor {
   LineEditor& operator=(const LineEditor&) = delete;
 
   // Shows `prompt` and reads one line, without its line feed. `line` is empty after any other
-  // event. Leaves the terminal as it was.
-  Event read(std::string& line, const std::string& prompt);
+  // event. Leaves the terminal as it was. `draft` stands in the line from the beginning, to be
+  // edited, its control characters as spaces; on Windows it is shown above the line.
+  Event read(std::string& line, const std::string& prompt, const std::string& draft = {});
 
  private:
   struct Impl;

@@ -55,18 +55,30 @@ Event readTurn(TurnForm form, const ReadLine& read, std::string& turn) {
   return Event::Line;
 }
 
-void converseOnTerminal(TurnForm form, const std::function<bool(const std::string&)>& take) {
+// Takes the next line out of a draft, as it is typed.
+std::string nextLine(std::string& draft) {
+  const size_t end = draft.find('\n');
+  std::string line = draft.substr(0, end);
+  if (end != std::string::npos) line += '\\';
+  draft.erase(0, end == std::string::npos ? end : end + 1);
+  return line;
+}
+
+void converseOnTerminal(TurnForm form, const TakeTurn& take) {
   const InterruptGuard guard;
   LineEditor editor(defaultHistoryPath());
   remark(std::string("Ctrl-C stops a reply, ") + kEndKeys +
          " ends the conversation, /help lists the commands.");
+  std::string draft;
   const auto read = [&](std::string& line, bool first) {
-    return editor.read(line, first ? "> " : ". ");
+    return editor.read(line, first ? "> " : ". ", nextLine(draft));
   };
   bool interrupted = false;
   for (bool open = true; open;) {
     std::string turn;
-    switch (readTurn(form, read, turn)) {
+    const Event event = readTurn(form, read, turn);
+    draft.clear();
+    switch (event) {
       case Event::End:
         remark("");
         return;
@@ -78,7 +90,7 @@ void converseOnTerminal(TurnForm form, const std::function<bool(const std::strin
       case Event::Line:
         interrupted = false;
         try {
-          open = take(turn);
+          open = take(turn, draft);
         } catch (const Failure& failure) {
           complain(failure.what());
         }
@@ -87,7 +99,7 @@ void converseOnTerminal(TurnForm form, const std::function<bool(const std::strin
   }
 }
 
-void converseThroughPipes(TurnForm form, const std::function<bool(const std::string&)>& take) {
+void converseThroughPipes(TurnForm form, const TakeTurn& take) {
   size_t number = 0;
   const auto read = [&](std::string& line, bool /*first*/) {
     if (readLine(line) != Input::Line) return Event::End;
@@ -96,7 +108,8 @@ void converseThroughPipes(TurnForm form, const std::function<bool(const std::str
     return Event::Line;
   };
   std::string turn;
-  while (readTurn(form, read, turn) == Event::Line && take(turn)) {
+  std::string draft;
+  while (readTurn(form, read, turn) == Event::Line && take(turn, draft)) {
   }
 }
 
@@ -106,8 +119,10 @@ const char* const kLinesHelp =
     "A backslash at the end of a line continues it on the next one. Several lines can stand\n"
     "between two \"\"\".";
 
-void holdConversation(TurnForm form, const std::function<bool(const std::string& turn)>& take) {
-  if (stdinIsTerminal() && stderrIsTerminal()) {
+bool conversesOnTerminal() { return stdinIsTerminal() && stderrIsTerminal(); }
+
+void holdConversation(TurnForm form, const TakeTurn& take) {
+  if (conversesOnTerminal()) {
     converseOnTerminal(form, take);
   } else {
     converseThroughPipes(form, take);

@@ -53,6 +53,12 @@ std::optional<std::string> Conversation::takeQuestionBack() {
   return question;
 }
 
+std::optional<std::string> Conversation::lastQuestion() const {
+  const auto last = std::find_if(messages_.rbegin(), messages_.rend(), isFromUser);
+  if (last == messages_.rend()) return std::nullopt;
+  return contentOf(*last);
+}
+
 const Message* Conversation::lastReply() const {
   if (messages_.empty() || messages_.back().role != Role::Assistant) return nullptr;
   return &messages_.back();

@@ -30,6 +30,8 @@ class Conversation {
   // Takes back the user's last message and all behind it. Nothing when there is none.
   std::optional<std::string> takeQuestionBack();
 
+  // The user's last message. Nothing when there is none.
+  std::optional<std::string> lastQuestion() const;
   // The last one, if the conversation ends in a reply.
   const zem::text::Message* lastReply() const;
 

@@ -168,8 +168,9 @@ void chat(PluginChatOptions options) {
   settleGpu(options.session);
   const PluginHost host(findPlugin(options.session.plugin));
   PluginConversation conversation(host, options);
-  holdConversation(TurnForm::Line,
-                   [&](const std::string& line) { return conversation.take(line); });
+  holdConversation(TurnForm::Line, [&](const std::string& line, std::string& /*draft*/) {
+    return conversation.take(line);
+  });
 }
 
 }  // namespace

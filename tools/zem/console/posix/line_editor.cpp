@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -72,6 +73,13 @@ bool isEditing(EditLine* editor) {
   return editing != 0;
 }
 
+// What types `text`. Control characters would be commands.
+std::string asKeys(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, ' ');
+  return text;
+}
+
 std::string shownPrompt;
 
 char* promptText(EditLine* /*editor*/) { return shownPrompt.data(); }
@@ -128,7 +136,8 @@ LineEditor::~LineEditor() {
   el_end(impl_->editor);
 }
 
-LineEditor::Event LineEditor::read(std::string& line, const std::string& prompt) {
+LineEditor::Event LineEditor::read(std::string& line, const std::string& prompt,
+                                   const std::string& draft) {
   line.clear();
   shownPrompt = prompt;
   flushOut();
@@ -136,6 +145,7 @@ LineEditor::Event LineEditor::read(std::string& line, const std::string& prompt)
   interruptFlag = 0;
   // Before the prompt shows, for it invites to type.
   if (isEditing(impl_->editor)) el_set(impl_->editor, EL_PREP_TERM, 1);
+  if (!draft.empty()) el_push(impl_->editor, asKeys(draft).c_str());
   int length = 0;
   const char* text = el_gets(impl_->editor, &length);
   if (interruptFlag != 0) return Event::Interrupted;

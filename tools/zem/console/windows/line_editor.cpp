@@ -13,7 +13,9 @@ std::string defaultHistoryPath() { return {}; }
 LineEditor::LineEditor(std::string /*historyPath*/) {}
 LineEditor::~LineEditor() = default;
 
-LineEditor::Event LineEditor::read(std::string& line, const std::string& prompt) {
+LineEditor::Event LineEditor::read(std::string& line, const std::string& prompt,
+                                   const std::string& draft) {
+  if (!draft.empty()) remark(draft);
   flushOut();
   interruptFlag = 0;
   writeText(2, prompt);
