@@ -31,6 +31,10 @@ if(NOT WIN32)
   install(FILES ${pages}/_zem DESTINATION ${share}/zsh/site-functions COMPONENT Runtime)
   install(FILES ${pages}/zem.fish
     DESTINATION ${share}/fish/vendor_completions.d COMPONENT Runtime)
+  # A template: no server runs before somebody names its model.
+  install(FILES deploy/zem@.service DESTINATION lib/systemd/system COMPONENT Runtime)
+  install(FILES deploy/README.md deploy/grafana.json deploy/haproxy.cfg deploy/zem.conf
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/deploy COMPONENT Runtime)
 endif()
 
 # The libraries' names say whose they are; those of their targets need not.

@@ -228,8 +228,8 @@ void Engine::Impl::takeArrivals() {
 
 void Engine::Impl::noteLoad() {
   const std::lock_guard lock(mutex);
-  load = {scheduler.running(), scheduler.waiting(), scheduler.cache().states(),
-          scheduler.cache().bytes()};
+  load = {scheduler.running(),       scheduler.waiting(),           scheduler.cache().states(),
+          scheduler.cache().bytes(), scheduler.cache().evictions(), scheduler.steps()};
 }
 
 Status Engine::open(const std::string& path, const EngineOptions& options,

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "engine/request.h"
+#include "engine/seconds_histogram.h"
 #include "engine/text/chat_format.h"
 #include "engine/vocabulary.h"
 #include "kiv/status.h"
@@ -118,10 +119,12 @@ class Engine {
 
   /// What is going on.
   struct Load {
-    size_t running = 0;     ///< requests that compute
-    size_t waiting = 0;     ///< requests that wait
-    size_t keptStates = 0;  ///< kept for later requests
-    size_t keptBytes = 0;   ///< of them
+    size_t running = 0;      ///< requests that compute
+    size_t waiting = 0;      ///< requests that wait
+    size_t keptStates = 0;   ///< kept for later requests
+    size_t keptBytes = 0;    ///< of them
+    uint64_t evictions = 0;  ///< states that were kept and had to give way, up to now
+    SecondsHistogram steps;  ///< how long the model took for each batch, up to now
   };
   Load load() const;  ///< after the latest step
 

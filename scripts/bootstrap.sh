@@ -5,6 +5,7 @@
 #   scripts/bootstrap.sh            for Linux
 #   scripts/bootstrap.sh windows    and for building and testing Windows programs here
 #   scripts/bootstrap.sh clang      and for the fuzzers and the sanitizers
+#   scripts/bootstrap.sh deploy     and for the tests of deploy/: these packages start services
 set -euo pipefail
 
 packages=(
@@ -31,6 +32,11 @@ fi
 # the library libarcher.
 if [[ ${1:-} == clang ]]; then
   packages+=(clang-14 libclang-rt-14-dev libomp-14-dev llvm-14)
+fi
+
+# Debian starts HAProxy, with a configuration that answers nowhere, and Prometheus, on port 9090.
+if [[ ${1:-} == deploy ]]; then
+  packages+=(haproxy prometheus)
 fi
 
 missing=()

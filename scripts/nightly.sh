@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # What takes too long for every change: each source compiled by itself, all mutations, all
 # failing requests for memory, the tests on a Vulkan device under the sanitizers, the thread
-# sanitizer, every test under Wine, the text library and the server against other programs, the
-# lint of every file, the fuzzers, long runs, and a fresh Debian.
+# sanitizer, every test under Wine, the text library, the server and its page against other
+# programs, the server under load and behind a proxy, the lint of every file, the fuzzers, long
+# runs, and a fresh Debian.
 #   scripts/nightly.sh [MINUTES]   minutes for each fuzzer, 5 by default
 # Takes hours. Every step runs, whatever became of the one before; the table at the end says
 # which failed. The fresh Debian needs root and debootstrap, the other programs npm and its
@@ -43,9 +44,12 @@ step "each source compiles by itself" each_source
 if command -v npm >/dev/null; then
   step "text against other programs" bash tests/clients/compare.sh
   step "the server and other programs" bash tests/clients/server/run.sh
+  step "the page in a browser" env ZEM_BUILD="$PWD/build/release" bash tests/page/run.sh
 else
-  table+=("         left out  text and server against other programs (needs Node.js with npm)")
+  table+=("         left out  text, server and page against other programs (needs Node.js with npm)")
 fi
+step "the server under load" bash tests/load/run.sh
+step "servers behind a proxy" bash tests/deploy/run.sh
 step "benchmarks build" cmake --build --preset release --target benchmarks
 step "lint of every file" bash scripts/check.sh --all
 step "thread sanitizer" bash scripts/test.sh tsan

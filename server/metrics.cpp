@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "server/metrics.h"
 
-#include <algorithm>
+#include <array>
 #include <cstdio>
 
 namespace zem::server {
@@ -21,26 +21,21 @@ std::string metric(const std::string& name, const char* type, const char* help, 
   return typeLine(name, type, help) + name + " " + numberText(value) + "\n";
 }
 
-}  // namespace
-
-void SecondsHistogram::add(double seconds) {
-  const auto bound = std::lower_bound(kBounds.begin(), kBounds.end(), seconds);
-  ++counts_[static_cast<size_t>(bound - kBounds.begin())];
-  sum_ += seconds;
-}
-
-std::string SecondsHistogram::text(const std::string& name) const {
-  std::string text;
+std::string histogram(const std::string& name, const char* help, const SecondsHistogram& times) {
+  std::string text = typeLine(name, "histogram", help);
   uint64_t count = 0;
-  for (size_t i = 0; i < counts_.size(); ++i) {
-    count += counts_[i];
-    const std::string bound = i < kBounds.size() ? numberText(kBounds[i]) : "+Inf";
+  for (size_t i = 0; i < times.counts().size(); ++i) {
+    count += times.counts()[i];
+    const bool last = i == SecondsHistogram::kBounds.size();
+    const std::string bound = last ? "+Inf" : numberText(SecondsHistogram::kBounds[i]);
     text.append(name).append("_bucket{le=\"").append(bound).append("\"} ");
     text.append(std::to_string(count)).append("\n");
   }
-  text += name + "_sum " + numberText(sum_) + "\n";
+  text += name + "_sum " + numberText(times.sum()) + "\n";
   return text + name + "_count " + std::to_string(count) + "\n";
 }
+
+}  // namespace
 
 void Metrics::countReply(const End& end) {
   ++replies_[end.reason];
@@ -76,14 +71,16 @@ std::string Metrics::text(const Engine::Load& load, size_t connections) const {
   add("zem_cache_hits_total", "counter", "Replies whose prompt was kept in part.", hits_);
   add("zem_cache_states", "gauge", "States that are kept.", load.keptStates);
   add("zem_cache_bytes", "gauge", "Bytes of states that are kept.", load.keptBytes);
+  add("zem_cache_evictions_total", "counter", "States that had to give way to others.",
+      load.evictions);
   add("zem_requests_processing", "gauge", "Replies that are computed.", load.running);
   add("zem_requests_deferred", "gauge", "Replies that wait for a place.", load.waiting);
   add("zem_connections", "gauge", "Open connections.", connections);
-  text += typeLine("zem_queue_seconds", "histogram", "Seconds that replies waited for a place.");
-  text += waitSeconds_.text("zem_queue_seconds");
+  text += histogram("zem_queue_seconds", "Seconds that replies waited for a place.", waitSeconds_);
   text +=
-      typeLine("zem_token_seconds", "histogram", "Seconds from a token of a reply to the next.");
-  return text + tokenSeconds_.text("zem_token_seconds");
+      histogram("zem_token_seconds", "Seconds from a token of a reply to the next.", tokenSeconds_);
+  return text +
+         histogram("zem_step_seconds", "Seconds that the model took for a batch.", load.steps);
 }
 
 }  // namespace zem::server

@@ -2,30 +2,15 @@
 // What the server has done, as Prometheus reads it.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 
 #include "engine/engine.h"
+#include "engine/seconds_histogram.h"
 
 namespace zem::server {
-
-// A distribution of seconds.
-class SecondsHistogram {
- public:
-  void add(double seconds);
-  // Lines of a metric with this name.
-  std::string text(const std::string& name) const;
-
-  static constexpr std::array<double, 12> kBounds = {0.001, 0.0025, 0.005, 0.01, 0.025, 0.05,
-                                                     0.1,   0.25,   0.5,   1.0,  2.5,   10.0};
-
- private:
-  std::array<uint64_t, kBounds.size() + 1> counts_{};
-  double sum_ = 0.0;
-};
 
 // One thread at a time.
 class Metrics {

@@ -71,7 +71,8 @@ class Service : public Handler {
   void replyOllama(struct OllamaCall call, const Target& exchange);
   void replyRaw(const struct CompletionCall& call, GenerationPlan plan,
                 std::unique_ptr<ReplyWriter> writer, const Target& exchange);
-  PreparedChat prepare(const ChatRequest& chat) const;
+  // `effort` is the dialect's name of the member with the reasoning effort.
+  PreparedChat prepare(const ChatRequest& chat, std::string_view effort = "reasoning_effort") const;
   void checkRoom(size_t promptTokens) const;
   ReplyFacts facts(std::string_view prefix, size_t promptTokens) const;
   GenerationPlan plan(const PreparedChat& prepared, size_t choices, bool stream,

@@ -155,7 +155,7 @@ void Service::page(const HttpRequest& request, const Target& exchange) {
 
 void Service::countTokens(const HttpRequest& request, const Target& exchange) {
   const Json body = parseBody(request.body);
-  const PreparedChat prepared = prepare(readAnthropic(body, true).chat);
+  const PreparedChat prepared = prepare(readAnthropic(body, true).chat, kAnthropicEffort);
   replyJson(exchange, {{"input_tokens", prepared.request.prompt.size()}});
 }
 

@@ -14,15 +14,32 @@
 #include "server/service.h"
 
 namespace zem::server {
+namespace {
+
+// As require(); what the chat calls "reasoning_effort" has the name `effort`.
+void requireChat(const kiv::Status& status, std::string_view effort) {
+  constexpr std::string_view kEffort = "reasoning_effort: ";
+  try {
+    require(status);
+  } catch (ApiError& error) {
+    if (error.message.starts_with(kEffort)) {
+      error.field = effort;
+      error.message = error.field + ": " + error.message.substr(kEffort.size());
+    }
+    throw;
+  }
+}
+
+}  // namespace
 
 void Service::checkRoom(size_t promptTokens) const {
   if (promptTokens < engine_.context()) return;
   throw ApiError::ofRoom({promptTokens, engine_.context()});
 }
 
-PreparedChat Service::prepare(const ChatRequest& chat) const {
+PreparedChat Service::prepare(const ChatRequest& chat, std::string_view effort) const {
   PreparedChat prepared;
-  require(prepareChat(engine_, chat, prepared));
+  requireChat(prepareChat(engine_, chat, prepared), effort);
   checkRoom(prepared.request.prompt.size());
   return prepared;
 }
@@ -94,7 +111,7 @@ void Service::replyRaw(const CompletionCall& call, GenerationPlan plan,
 
 void Service::responses(const HttpRequest& request, const Target& exchange) {
   ResponsesCall call = readResponses(parseBody(request.body));
-  const PreparedChat prepared = prepare(call.chat);
+  const PreparedChat prepared = prepare(call.chat, "reasoning.effort");
   GenerationPlan next = plan(prepared, 1, call.stream, Dialect::OpenAi);
   next.writer =
       makeResponsesWriter(facts("resp_", prepared.request.prompt.size()), std::move(call.echo));
@@ -103,7 +120,7 @@ void Service::responses(const HttpRequest& request, const Target& exchange) {
 
 void Service::messages(const HttpRequest& request, const Target& exchange) {
   const AnthropicCall call = readAnthropic(parseBody(request.body), false);
-  const PreparedChat prepared = prepare(call.chat);
+  const PreparedChat prepared = prepare(call.chat, kAnthropicEffort);
   GenerationPlan next = plan(prepared, 1, call.stream, Dialect::Anthropic);
   next.writer =
       makeAnthropicWriter(facts("msg_", prepared.request.prompt.size()), call.chat.stopTexts);
@@ -130,7 +147,7 @@ void Service::replyOllama(OllamaCall call, const Target& exchange) {
     next.dialect = Dialect::Ollama;
     return replyRaw(*call.raw, std::move(next), std::move(writer), exchange);
   }
-  GenerationPlan next = plan(prepare(call.chat), 1, call.stream, Dialect::Ollama);
+  GenerationPlan next = plan(prepare(call.chat, "think"), 1, call.stream, Dialect::Ollama);
   next.writer = std::move(writer);
   begin(exchange, std::move(next));
 }

@@ -162,6 +162,7 @@ bool PrefixCache::dropOne() {
   uncount(*victim->snapshot);
   victim->snapshot.reset();
   --states_;
+  ++evictions_;
   prune(victim);
   return true;
 }

@@ -54,6 +54,7 @@ class PrefixCache {
 
   size_t bytes() const { return bytes_; }
   size_t states() const { return states_; }
+  uint64_t evictions() const { return evictions_; }  // states that were dropped, up to now
 
  private:
   struct Node;
@@ -70,6 +71,7 @@ class PrefixCache {
   size_t pageBytes_;
   size_t bytes_ = 0;
   size_t states_ = 0;
+  uint64_t evictions_ = 0;
   uint64_t clock_ = 0;
   std::unique_ptr<Node> root_;
   const Node* pinned_ = nullptr;  // about to get a state

@@ -2,6 +2,7 @@
 #include "engine/schedule/scheduler.h"
 
 #include <algorithm>
+#include <chrono>
 #include <new>
 #include <utility>
 
@@ -233,7 +234,7 @@ size_t Scheduler::chunkOf(const Place& place, size_t most) const {
 
 void Scheduler::compute() {
   try {
-    decoder_.step(chunks_, logits_);
+    step();
   } catch (const std::bad_alloc&) {
     const bool untouched =
         std::ranges::none_of(batch_, [](const Place* place) { return place->state->broken(); });
@@ -242,6 +243,13 @@ void Scheduler::compute() {
     return failBatch(kOutOfMemory);
   }
   deliver();
+}
+
+void Scheduler::step() {
+  const auto begin = std::chrono::steady_clock::now();
+  decoder_.step(chunks_, logits_);
+  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+  steps_.add(seconds.count());
 }
 
 void Scheduler::deliver() {

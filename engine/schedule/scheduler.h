@@ -18,6 +18,7 @@
 #include "engine/prefix/prefix_cache.h"
 #include "engine/request.h"
 #include "engine/schedule/active_reply.h"
+#include "engine/seconds_histogram.h"
 #include "kiv/status.h"
 
 namespace zem {
@@ -60,6 +61,8 @@ class Scheduler {
   size_t running() const { return places_.size(); }
   size_t waiting() const { return waiting_.size(); }
   PrefixCache& cache() { return cache_; }
+  // How long the decoder took for each batch.
+  const SecondsHistogram& steps() const { return steps_; }
 
  private:
   struct Place;
@@ -74,6 +77,7 @@ class Scheduler {
   void plan();
   size_t chunkOf(const Place& place, size_t most) const;
   void compute();
+  void step();
   void deliver();
   PrefixCache::Match findKept(const std::vector<uint32_t>& prompt);
   static void choose(Place& place, std::span<const float> logits);
@@ -89,6 +93,7 @@ class Scheduler {
   std::vector<std::unique_ptr<Place>> places_;
   std::vector<std::unique_ptr<SequenceState>> idleStates_;
   size_t reservedBytes_ = 0;
+  SecondsHistogram steps_;
   size_t firstPrompt_ = 0;  // the place whose prompt is first in the next batch
 
   // Of the batch that is computed.

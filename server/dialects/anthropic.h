@@ -4,12 +4,16 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/chat.h"
 #include "server/dialects/reply_writer.h"
 
 namespace zem::server {
+
+// The member with the reasoning effort.
+inline constexpr std::string_view kAnthropicEffort = "output_config.effort";
 
 struct AnthropicCall {
   ChatRequest chat;

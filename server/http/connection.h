@@ -7,49 +7,19 @@
 #pragma once
 
 #include <array>
-#include <atomic>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/thread_pool.hpp>
-#include <boost/beast/http/parser.hpp>
-#include <boost/beast/http/string_body.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
+#include "server/http/hub.h"
+#include "server/http/request_parser.h"
 #include "server/http/transport.h"
 
 namespace zem::server {
-
-class Connection;
-
-// What the connections of a server share. Of the thread of input and output, but for what is
-// atomic.
-struct Hub : std::enable_shared_from_this<Hub> {
-  Hub(const TransportOptions& wanted, Handler& answers)
-      : options(wanted), handler(answers), guard(io.get_executor()), workers(wanted.workers) {}
-
-  void drain();
-  void stop();
-  void settle();  // ends the loop when nothing is left to wait for
-
-  TransportOptions options;
-  Handler& handler;
-  boost::asio::io_context io{1};
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard;
-  boost::asio::thread_pool workers;
-  std::function<void()> stopAccepting;
-  std::set<std::shared_ptr<Connection>> open;
-  std::atomic<size_t> connections{0};
-  std::atomic<bool> draining{false};
-  bool stopping = false;
-  size_t exchanges = 0;  // that are referred to
-  size_t bodyBytes = 0;  // of all requests
-};
 
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
@@ -75,7 +45,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
  private:
   using Timer = boost::asio::steady_timer;
   using Clock = std::chrono::steady_clock;
-  using Parser = boost::beast::http::request_parser<boost::beast::http::string_body>;
   enum class State : uint8_t { Idle, Header, Body, Answering, Lingering, Closed };
 
   void read();
@@ -88,7 +57,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool takeBodyRoom();
   void onRequest();
   void hand(const std::shared_ptr<Exchange>& exchange);
-  void fail(Error error);
   void refuse(int status, const std::string& message);
   void beginAnswer();
 
@@ -122,7 +90,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::array<char, 32 << 10> incoming_;
   bool reading_ = false;
   std::string pending_;  // what came and was not parsed
-  std::optional<Parser> parser_;
+  std::optional<RequestParser> parser_;
   size_t lingered_ = 0;
 
   uint64_t serial_ = 0;
@@ -145,9 +113,5 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::string sending_;  // being sent
   size_t sent_ = 0;      // of it
 };
-
-// Makes the exchange of a connection's request.
-std::shared_ptr<Exchange> makeExchange(const std::shared_ptr<Hub>& hub,
-                                       std::shared_ptr<Connection> connection, uint64_t serial);
 
 }  // namespace zem::server

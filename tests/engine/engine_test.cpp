@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -130,6 +131,38 @@ TEST_F(EngineTest, LoadShowsWhatIsKept) {
   // The listener hears of the end before the step is over.
   while (engine->load().keptStates == 0) std::this_thread::yield();
   EXPECT_GT(engine->load().keptBytes, 0U);
+  EXPECT_EQ(engine->load().evictions, 0U);
+}
+
+TEST_F(EngineTest, LoadCountsSteps) {
+  const auto engine = open();
+  const auto steps = [&] {
+    const Engine::Load load = engine->load();
+    const auto& counts = load.steps.counts();
+    return std::accumulate(counts.begin(), counts.end(), uint64_t{0});
+  };
+  EXPECT_EQ(steps(), 0U);
+  replyOf(*engine, requestFor(zemtest::randomIds(40, 100, 1), 5));
+  // The prompt is one batch and gives the first token. The last token is not fed.
+  while (steps() < 5) std::this_thread::yield();
+  EXPECT_EQ(steps(), 5U);
+  EXPECT_GT(engine->load().steps.sum(), 0.0);
+}
+
+TEST_F(EngineTest, LoadCountsStatesThatGiveWay) {
+  size_t oneReply = 0;
+  {
+    const auto engine = open();
+    replyOf(*engine, requestFor(zemtest::randomIds(40, 100, 1), 5));
+    while (engine->load().keptStates < 2) std::this_thread::yield();
+    oneReply = engine->load().keptBytes;
+  }
+  const auto engine = open({.threads = 1, .cacheBytes = oneReply});
+  for (uint32_t i = 0; i < 10; ++i) {
+    replyOf(*engine, requestFor(zemtest::randomIds(40, 100, i), 5));
+  }
+  while (engine->load().evictions < 9) std::this_thread::yield();
+  EXPECT_LE(engine->load().keptBytes, oneReply);
 }
 
 TEST_F(EngineTest, SavedConversationGoesOnInAnotherEngine) {

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Tests the page in headless Chromium against a mock server, and the parts that need no browser.
-# Needs Node 20 or later, npm with its registry, and the package chromium.
+# Tests the page in headless Chromium against a mock server and against the real one, and the parts
+# that need no browser. Needs Node 20 or later, npm with its registry, and the package chromium; the
+# real server is that of build/release, or of the build that ZEM_BUILD names.
 #   tests/page/run.sh                        all tests
 #   SHOTS=FOLDER tests/page/run.sh           and leaves pictures of the page in FOLDER
 #   tests/page/run.sh --test-name-pattern=X  the tests with X in their name
@@ -16,4 +17,4 @@ for program in node npm; do
   fi
 done
 [[ -d node_modules ]] || npm ci --no-audit --no-fund
-node --test "$@" unit.test.mjs page.test.mjs
+node --test "$@" unit.test.mjs page.test.mjs server.test.mjs

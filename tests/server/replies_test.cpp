@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Replies of a model in every dialect, over real sockets.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <set>
@@ -379,6 +380,36 @@ TEST_F(Replies, ResponsesFinishEachItemBeforeTheEnd) {
   EXPECT_EQ(last.at("output")[0].at("content")[0].at("text"), text);
   EXPECT_EQ(whole.at("output")[0].at("content")[0].at("text"), text);
   EXPECT_EQ(last.at("usage").at("output_tokens"), whole.at("usage").at("output_tokens"));
+}
+
+TEST(Efforts, RefusalsHaveTheDialectsName) {
+  EngineOptions engine;
+  engine.chatFormat = "qwen3.8";  // knows efforts
+  const zemtest::RunningServer server(engine);
+  const json turns = {{{"role", "user"}, {"content", "Hi"}}};
+  struct Row {
+    const char* path;
+    json body;
+    const char* name;
+  };
+  const json config = {{"effort", "most"}};
+  for (const Row& row :
+       {Row{"/v1/chat/completions", {{"reasoning_effort", "most"}}, "reasoning_effort"},
+        Row{"/v1/responses", {{"input", "Hi"}, {"reasoning", config}}, "reasoning.effort"},
+        Row{"/v1/messages", {{"max_tokens", 1}, {"output_config", config}}, "output_config.effort"},
+        Row{"/v1/messages/count_tokens", {{"output_config", config}}, "output_config.effort"},
+        Row{"/api/chat", {{"think", "most"}}, "think"}}) {
+    json body = row.body;
+    body["messages"] = turns;
+    const zemtest::HttpAnswer answer = server.post(row.path, body);
+    EXPECT_EQ(answer.status, 400) << row.path;
+    EXPECT_THAT(answer.body, testing::HasSubstr("\"" + std::string(row.name) +
+                                                ": found \\\"most\\\", expected xhigh"))
+        << row.path;
+  }
+  const json refused = json::parse(
+      server.post("/v1/responses", {{"input", "Hi"}, {"reasoning", {{"effort", "low"}}}}).body);
+  EXPECT_EQ(refused.at("error").at("param"), "reasoning.effort");
 }
 
 }  // namespace

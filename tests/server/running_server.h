@@ -22,7 +22,7 @@ class RunningServer {
  public:
   explicit RunningServer(zem::EngineOptions engine = {}, zem::server::ServerOptions options = {}) {
     engine.threads = 1;
-    engine.chatFormat = "qwen3.5";
+    if (engine.chatFormat.empty()) engine.chatFormat = "qwen3.5";
     writeShapedModel(file_, smallArchitecture());
     kiv::Status status = zem::Engine::open(file_.string(), engine, engine_);
     if (!status.ok()) throw std::runtime_error(status.message());

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "server/access_log.h"
-#include "server/metrics.h"
 
 namespace zem::server {
 namespace {
@@ -64,18 +63,6 @@ TEST(AccessLog, HoldsNoControlCharacters) {
   EXPECT_EQ(accessLine(record, LogForm::Plain, 0),
             "1970-01-01T00:00:00Z ::1 GET /a?[31m? 404 12 B 12.3 ms req_1 cut off");
   EXPECT_EQ(accessLine(record, LogForm::JsonLines, 0).find('\n'), std::string::npos);
-}
-
-TEST(Metrics, HistogramCountsUpward) {
-  SecondsHistogram histogram;
-  histogram.add(0.001);
-  histogram.add(0.3);
-  histogram.add(99);
-  const std::string text = histogram.text("t");
-  EXPECT_NE(text.find("t_bucket{le=\"0.001\"} 1\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("t_bucket{le=\"0.5\"} 2\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("t_bucket{le=\"+Inf\"} 3\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("t_sum 99.301\n"), std::string::npos) << text;
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Builds for Windows and tests what came of it under Wine: the tests of what differs between
-# systems, and the same bits as the build for Linux. With ZEM_ALL=1 every test, and the tool
-# through the tests of the command line. Installs what is missing; scripts/test.sh windows
+# systems, and the same bits as the build for Linux. With ZEM_ALL=1 every test, the tool through the
+# tests of the command line, and the server. Installs what is missing; scripts/test.sh windows
 # calls this.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
@@ -89,6 +89,7 @@ step "tests" unit_tests
 if [[ ${ZEM_ALL:-} == 1 ]]; then
   step "slow tests" slow_tests
   step "the command line" command_line
+  step "the server" python3 -B tests/windows/serve_same_as_linux.py build/release build/windows
 fi
 step "the same bits as on Linux" bash tests/windows/same_as_linux.sh build/release build/windows
 steps_table
