@@ -115,7 +115,10 @@ void Decoder::step(std::span<const Chunk> chunks, std::vector<float>& logits) {
   for (const Chunk& chunk : chunks) chunk.sequence->reserve(chunk.tokens.size());
   embed(chunks);
   for (const Chunk& chunk : chunks) chunk.sequence->begin();
-  for (const LayerWeights& layer : weights_.layers()) runLayer(chunks, layer);
+  if (only_.empty()) {
+    for (const LayerWeights& layer : weights_.layers()) runLayer(chunks, layer);
+  }
+  for (const size_t index : only_) runLayer(chunks, weights_.layers()[index]);
   computeLogits(chunks, logits);
   for (const Chunk& chunk : chunks) chunk.sequence->advance(chunk.tokens.size());
 }

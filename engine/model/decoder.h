@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "engine/model/paged_attention.h"
@@ -43,6 +44,10 @@ class Decoder {
  public:
   Decoder(const Weights& weights, CacheType cacheType, Arithmetic arithmetic = Arithmetic::Exact);
 
+  // From now on, computes with these layers alone, in their order; with none named, with all. For
+  // checks of a part of a model.
+  void useLayers(std::vector<size_t> layers) { only_ = std::move(layers); }
+
   PagePool& pool() { return pool_; }
   const Weights& weights() const { return weights_; }
   size_t vocabulary() const { return weights_.shape().vocabulary; }
@@ -74,6 +79,7 @@ class Decoder {
 
   const Weights& weights_;
   Arithmetic arithmetic_;
+  std::vector<size_t> only_;
   qwen35::DeltaNetSizes linearSizes_;
   AttentionSizes fullSizes_;
   PagePool pool_;

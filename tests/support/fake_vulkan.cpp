@@ -36,6 +36,7 @@ void expectKnown(const std::string& function) {
 VkPhysicalDeviceLimits usualLimits() {
   VkPhysicalDeviceLimits limits{};
   limits.maxStorageBufferRange = uint32_t{1} << 27;
+  limits.maxPerStageDescriptorStorageBuffers = 16;
   limits.maxPushConstantsSize = 128;
   limits.maxMemoryAllocationCount = 4096;
   limits.minStorageBufferOffsetAlignment = 256;

@@ -38,6 +38,21 @@ VKAPI_ATTR void VKAPI_CALL copyBuffer(VkCommandBuffer cmd, VkBuffer source, VkBu
   }
 }
 
+VKAPI_ATTR void VKAPI_CALL fillBuffer(VkCommandBuffer cmd, VkBuffer target, VkDeviceSize offset,
+                                      VkDeviceSize size, uint32_t word) {
+  const FakeCall call("vkCmdFillBuffer");
+  auto* buffer = recording(call, cmd);
+  call.require(offset % sizeof word == 0 && size % sizeof word == 0 && size != 0,
+               "a buffer is filled by whole words");
+  if (buffer == nullptr) return;
+  buffer->commands.emplace_back([=](const FakeCall& submit) {
+    const std::span<uint8_t> bytes = bytesAt(submit, target, offset, size);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+      bytes[i] = static_cast<uint8_t>(word >> 8 * (i % sizeof word));
+    }
+  });
+}
+
 VKAPI_ATTR void VKAPI_CALL pipelineBarrier(VkCommandBuffer cmd, VkPipelineStageFlags,
                                            VkPipelineStageFlags, VkDependencyFlags, uint32_t,
                                            const VkMemoryBarrier*, uint32_t,
@@ -106,6 +121,7 @@ VKAPI_ATTR void VKAPI_CALL dispatch(VkCommandBuffer cmd, uint32_t x, uint32_t y,
 const FakeFunctions& commandFunctions() {
   static const FakeFunctions functions = {
       {"vkCmdCopyBuffer", erase<PFN_vkCmdCopyBuffer>(copyBuffer)},
+      {"vkCmdFillBuffer", erase<PFN_vkCmdFillBuffer>(fillBuffer)},
       {"vkCmdPipelineBarrier", erase<PFN_vkCmdPipelineBarrier>(pipelineBarrier)},
       {"vkCmdBindPipeline", erase<PFN_vkCmdBindPipeline>(bindPipeline)},
       {"vkCmdBindDescriptorSets", erase<PFN_vkCmdBindDescriptorSets>(bindDescriptorSets)},

@@ -16,6 +16,8 @@
 // shared memory than the 64 KiB of the usual ones. With TILE_BITS defined the tiles are
 // words that hold the bits of floats, otherwise floats.
 //
+// With GEMM_ADDS defined, a push constant says whether Y is added to.
+//
 // The including shader sets kBlock, the elements of a block, and defines fourWeights.
 
 #ifndef TILE_ROWS
@@ -32,7 +34,11 @@ layout(local_size_x = 256) in;
 
 layout(std430, set = 0, binding = 0) readonly buffer X { float x[]; };
 layout(std430, set = 0, binding = 1) readonly buffer W { uint w[]; };
+#ifdef GEMM_ADDS
+layout(std430, set = 0, binding = 2) buffer Y { float y[]; };
+#else
 layout(std430, set = 0, binding = 2) writeonly buffer Y { float y[]; };
+#endif
 
 layout(push_constant) uniform PC {
   uint n;             // rows of W, columns of Y
@@ -40,6 +46,9 @@ layout(push_constant) uniform PC {
   uint blocksPerCol;  // whole blocks in a row of W
   uint colBytes;      // bytes from one row of W to the next
   uint tokens;        // rows of X and Y
+#ifdef GEMM_ADDS
+  uint add;           // 1: Y += X W^T, 0: Y = X W^T
+#endif
 };
 
 #include "row_blocks.glsl"
@@ -130,7 +139,13 @@ void main() {
     const uint yToken = firstToken + token + t * kSide;
     for (uint r = 0u; r < kRows; ++r) {
       const uint yRow = firstRow + row + r * kSide;
-      if (yToken < tokens && yRow < n) y[yToken * n + yRow] = sums[t][r];
+      if (yToken >= tokens || yRow >= n) continue;
+      const uint at = yToken * n + yRow;
+#ifdef GEMM_ADDS
+      y[at] = add == 0u ? sums[t][r] : y[at] + sums[t][r];
+#else
+      y[at] = sums[t][r];
+#endif
     }
   }
 }

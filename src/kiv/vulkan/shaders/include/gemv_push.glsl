@@ -5,4 +5,7 @@ layout(push_constant) uniform PC {
   uint k;             // columns of the matrix, length of x
   uint blocksPerCol;  // whole blocks in a row
   uint colBytes;      // bytes from one stored row to the next
+#ifdef GEMV_OF_TOKENS
+  uint add;           // 1: y += W x, 0: y = W x
+#endif
 };

@@ -16,7 +16,8 @@
 // What the including shader defines before: nothing, or any of
 //   FIFTH_BIT;
 //   HALF_WORDS: nibbles are loaded as 16-bit numbers, through a second view of w;
-//   SUBGROUP_SUMS: sums are reduced by subgroups.
+//   SUBGROUP_SUMS: sums are reduced by subgroups;
+//   GEMV_OF_TOKENS: a vector for each token (gemv_tokens.glsl).
 
 layout(local_size_x = 64) in;
 
@@ -30,13 +31,18 @@ layout(std430, set = 0, binding = 2) readonly buffer W { uint w[]; };
 layout(std430, set = 0, binding = 3) writeonly buffer Y { float y[]; };
 #else
 layout(std430, set = 0, binding = 1) readonly buffer W { uint w[]; };
+#ifdef GEMV_OF_TOKENS
+layout(std430, set = 0, binding = 2) buffer Y { float y[]; };
+#else
 layout(std430, set = 0, binding = 2) writeonly buffer Y { float y[]; };
+#endif
 #endif
 
 shared float sRed[64];
 
 #include "four_bytes.glsl"
 #include "gemv_push.glsl"
+#include "gemv_tokens.glsl"
 #include "k_scales.glsl"
 #ifdef SUBGROUP_SUMS
 #include "two_row_subgroup_sums.glsl"
@@ -98,7 +104,8 @@ void main() {
     const uint row0 = first * (colBytes >> 2);
     const uint row1 = second * (colBytes >> 2);
     for (uint b = gl_LocalInvocationID.x / kPerBlock; b < blocksPerCol; b += kAtOnce) {
-      const uint at = 64u * b + 16u * (part >> 3) + (part & 7u);  // in vectors of four
+      // In vectors of four.
+      const uint at = firstOfX() / 4u + 64u * b + 16u * (part >> 3) + (part & 7u);
       const vec4 xs[4] = {x[at], x[at + 8u], x[at + 32u], x[at + 40u]};
       const vec4 xSums = vec4(sumOf(xs[0]), sumOf(xs[1]), sumOf(xs[2]), sumOf(xs[3]));
       sums.x += partProduct(row0 + b * kBlockWords, part, xs, xSums);
@@ -108,5 +115,5 @@ void main() {
 
   const float sum = twoRowSums(sums);
   const uint row = gl_LocalInvocationID.x == 32u ? first : first + 1u;
-  if (gl_LocalInvocationID.x % 32u == 0u && row < n) y[row] = sum;
+  if (gl_LocalInvocationID.x % 32u == 0u && row < n) storeRow(row, sum);
 }

@@ -10,6 +10,7 @@
 // and `y`, sScale and sRed, and includes gemv_push.glsl, two_row_sums.glsl and what
 // q6k_block.glsl needs.
 
+#include "gemv_tokens.glsl"
 #include "q6k_block.glsl"
 
 const uint kPerBlock = kLocal / kAtOnce;  // invocations a block
@@ -40,7 +41,8 @@ void main() {
     }
     barrier();
     if (reads) {
-      const uint at = 64u * b + 32u * (part >> 3) + (part & 7u);  // in vectors of four
+      // In vectors of four.
+      const uint at = firstOfX() / 4u + 64u * b + 32u * (part >> 3) + (part & 7u);
       const vec4 xs[4] = {x[at], x[at + 8u], x[at + 16u], x[at + 24u]};
       sums.x += partProduct(block0, part, xs, slot, 0u);
       sums.y += partProduct(block1, part, xs, slot, 1u);
@@ -49,5 +51,5 @@ void main() {
 
   const float sum = twoRowSums(sums);
   const uint row = gl_LocalInvocationID.x == 32u ? first : first + 1u;
-  if (gl_LocalInvocationID.x % 32u == 0u && row < n) y[row] = sum;
+  if (gl_LocalInvocationID.x % 32u == 0u && row < n) storeRow(row, sum);
 }

@@ -24,26 +24,10 @@ layout(push_constant) uniform PC {
 
 #include "grid.glsl"
 #include "words.glsl"
-
-const uint kBlockBytes = 210u;
-const uint kHighBits = 128u;  // where the parts of a block begin
-const uint kScales = 192u;
-const uint kBlockScale = 208u;
-
-// Element e of the block at byte `block`: (code - 32) * scale of the sixteenth * d.
-float elementAt(uint block, uint e) {
-  const uint half_ = e / 128u;
-  const uint quarter = e % 128u / 32u;
-  const uint l = e % 32u;
-  const uint low = byteAt(block + 64u * half_ + 32u * (quarter & 1u) + l) >> (4u * (quarter >> 1));
-  const uint high = byteAt(block + kHighBits + 32u * half_ + l) >> (2u * quarter);
-  const int code = int((low & 15u) | ((high & 3u) << 4)) - 32;
-  const int subScale = bitfieldExtract(int(byteAt(block + kScales + e / 16u)), 0, 8);
-  return float(subScale * code) * halfAt(block + kBlockScale);
-}
+#include "q6k_element.glsl"
 
 void main() {
   const uint e = invocationIndex();
   if (e >= width) return;
-  y[e] = scale * elementAt(token * rowBytes + e / 256u * kBlockBytes, e % 256u);
+  y[e] = scale * q6kElement(token * rowBytes + e / 256u * kQ6KBytes, e % 256u);
 }

@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
+// attention_inputs.glsl over pages of single precision.
+#version 450
+#extension GL_GOOGLE_include_directive : require
+
+#define FLOAT_CACHE
+#include "attention_inputs.glsl"
