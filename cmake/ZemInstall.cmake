@@ -1,12 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` puts where. The component Runtime has the program, the modules and
-# the documents, the component Development what other programs are built with.
+# the documents, Library the shared library, Development what other programs are built with, and
+# Python the Python package, in Debian's place for it.
 include(CMakePackageConfigHelpers)
 
-# On Windows a program finds its modules beside itself.
+# On Windows a program finds its modules and libraries beside itself, and all are one package.
 set(module_folder ${CMAKE_INSTALL_LIBDIR}/zem)
+set(library_component Library)
 if(WIN32)
   set(module_folder ${CMAKE_INSTALL_BINDIR})
+  set(library_component Runtime)
 endif()
 
 install(TARGETS zem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
@@ -46,9 +49,14 @@ install(TARGETS kiv qwen35 qwen35gpu EXPORT zem
 
 # An export of its own: who links it needs nothing of what the static libraries need.
 install(TARGETS libzem EXPORT libzem
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    COMPONENT ${library_component} NAMELINK_COMPONENT Development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${library_component})
+
+# Elsewhere the wheel brings it.
+install(DIRECTORY python/zem DESTINATION lib/python3/dist-packages
+  COMPONENT Python EXCLUDE_FROM_ALL PATTERN __pycache__ EXCLUDE)
 
 # A public header lies at the top of its folder; what lies deeper is private.
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/zem)

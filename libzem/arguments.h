@@ -42,18 +42,23 @@ inline Outcome readFlags(const char* name, uint32_t flags, uint32_t known) {
                                          ", which has bits without a meaning");
 }
 
-// Copies `items` into a buffer of the caller's and writes their number.
+// Writes the number of `items` and looks whether a buffer of the caller's has room for them.
 template <typename Items, typename Item>
-Outcome writeItems(const Items& items, Item* buffer, size_t capacity, size_t* length) {
+Outcome measureItems(const Items& items, const Item* buffer, size_t capacity, size_t* length) {
   if (length == nullptr) return isNull("length");
   if (buffer == nullptr && capacity != 0) return isNull("the buffer");
   *length = items.size();
-  if (items.size() > capacity) {
-    return failure(ZEM_ERROR_SPACE, "the buffer has room for " + std::to_string(capacity) +
-                                        ", needed " + std::to_string(items.size()));
-  }
-  std::copy(items.begin(), items.end(), buffer);
-  return {};
+  if (items.size() <= capacity) return {};
+  return failure(ZEM_ERROR_SPACE, "the buffer has room for " + std::to_string(capacity) +
+                                      ", needed " + std::to_string(items.size()));
+}
+
+// Copies `items` into a buffer of the caller's and writes their number.
+template <typename Items, typename Item>
+Outcome writeItems(const Items& items, Item* buffer, size_t capacity, size_t* length) {
+  Outcome outcome = measureItems(items, buffer, capacity, length);
+  if (outcome.ok()) std::copy(items.begin(), items.end(), buffer);
+  return outcome;
 }
 
 }  // namespace zem::boundary

@@ -120,6 +120,7 @@ Outcome openEngine(const char* path, const zem_engine_options* given, zem_engine
   const kiv::Status status = Engine::open(path, options, open->engine);
   if (!status.ok()) return notOpened(path, status);
   if (const text::ChatFormat* format = open->engine->chatFormat()) open->chatFormat = format->name;
+  watchForks();
   *out = engines().insert(std::move(open));
   return {};
 }

@@ -45,8 +45,22 @@ class HandleTable {
     const size_t place = placeOf(handle);
     if (place >= places_.size()) return nullptr;
     std::shared_ptr<Object> object = std::exchange(places_[place].object, nullptr);
-    if (++places_[place].generation != 0) free_.push_back(static_cast<uint32_t>(place));
+    freePlace(place);
     return object;
+  }
+
+  // Around a fork, in this order: lock() in front of it, then unlock() in the parent and forget()
+  // in the child. There all handles find nothing, and their objects, whose threads are gone, stay
+  // untouched.
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
+  void forget() {
+    for (size_t place = 0; place < places_.size(); ++place) {
+      if (places_[place].object == nullptr) continue;
+      new std::shared_ptr<Object>(std::move(places_[place].object));  // lives on
+      freePlace(place);
+    }
+    mutex_.unlock();
   }
 
  private:
@@ -62,6 +76,10 @@ class HandleTable {
     free_.reserve(places_.size() + 1);  // remove() takes no memory
     places_.emplace_back();
     free_.push_back(static_cast<uint32_t>(places_.size() - 1));
+  }
+
+  void freePlace(size_t place) {
+    if (++places_[place].generation != 0) free_.push_back(static_cast<uint32_t>(place));
   }
 
   Handle handleOf(uint32_t place) const {

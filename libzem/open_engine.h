@@ -29,6 +29,9 @@ using RequestTable = HandleTable<OpenRequest, zem_request, 2>;
 EngineTable& engines();
 RequestTable& requests();
 
+// Makes every later fork() start its child without engines and requests. May be repeated.
+void watchForks();
+
 // An engine that stays open while this lives.
 class EngineUse {
  public:

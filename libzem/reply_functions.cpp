@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The functions of replies.
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/chat.h"
@@ -74,6 +76,8 @@ Outcome submit(const EngineUse& use, Request prepared, zem_delivery delivery, ze
 
 Outcome readPrompt(const Vocabulary& vocabulary, const zem_completion& completion,
                    std::vector<uint32_t>& ids) {
+  Outcome outcome = readFlags("zem_completion.flags", completion.flags, ZEM_SPECIAL_TOKENS);
+  if (!outcome.ok()) return outcome;
   if ((completion.prompt == nullptr) == (completion.ids == nullptr)) {
     return failure(ZEM_ERROR_ARGUMENT,
                    "zem_completion: needs either prompt or ids, found " +
@@ -84,10 +88,7 @@ Outcome readPrompt(const Vocabulary& vocabulary, const zem_completion& completio
     return {};
   }
   std::string_view text;
-  Outcome outcome = readFlags("zem_completion.flags", completion.flags, ZEM_SPECIAL_TOKENS);
-  if (outcome.ok()) {
-    outcome = readText("zem_completion.prompt", completion.prompt, completion.prompt_size, text);
-  }
+  outcome = readText("zem_completion.prompt", completion.prompt, completion.prompt_size, text);
   if (!outcome.ok()) return outcome;
   const auto added = completion.flags == ZEM_SPECIAL_TOKENS ? text::AddedTokens::Recognised
                                                             : text::AddedTokens::AsText;
@@ -159,6 +160,21 @@ struct RenderOutput {
   size_t* idLength;
 };
 
+Outcome writeRendered(const std::string& text, const std::vector<uint32_t>& ids,
+                      const RenderOutput& out) {
+  Outcome outcome;
+  Outcome second;
+  if (out.textLength != nullptr) {
+    outcome = measureItems(text, out.text, out.textCapacity, out.textLength);
+  }
+  if (out.idLength != nullptr) second = measureItems(ids, out.ids, out.idCapacity, out.idLength);
+  if (outcome.ok()) outcome = std::move(second);
+  if (!outcome.ok()) return outcome;
+  if (out.textLength != nullptr) std::copy(text.begin(), text.end(), out.text);
+  if (out.idLength != nullptr) std::copy(ids.begin(), ids.end(), out.ids);
+  return {};
+}
+
 Outcome render(const Engine& engine, const char* json, size_t size, const RenderOutput& out) {
   ChatRequest request;
   if (Outcome outcome = readChat(engine, json, size, request); !outcome.ok()) return outcome;
@@ -169,12 +185,7 @@ Outcome render(const Engine& engine, const char* json, size_t size, const Render
   PreparedChat prepared;
   if (outcome.ok()) outcome = ofRequest(prepareChat(engine, request, prepared));
   if (!outcome.ok()) return outcome;
-  if (out.textLength != nullptr) {
-    outcome = writeItems(rendered.text(), out.text, out.textCapacity, out.textLength);
-  }
-  if (out.idLength == nullptr) return outcome;
-  const Outcome ids = writeItems(prepared.request.prompt, out.ids, out.idCapacity, out.idLength);
-  return outcome.ok() ? ids : outcome;
+  return writeRendered(rendered.text(), prepared.request.prompt, out);
 }
 
 Outcome nextEvent(OpenRequest& request, uint32_t milliseconds, zem_event* out) {

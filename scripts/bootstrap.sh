@@ -6,6 +6,7 @@
 #   scripts/bootstrap.sh windows    and for building and testing Windows programs here
 #   scripts/bootstrap.sh clang      and for the fuzzers and the sanitizers
 #   scripts/bootstrap.sh deploy     and for the tests of deploy/: these packages start services
+#   scripts/bootstrap.sh packages   and for Debian packages and the Python wheel
 set -euo pipefail
 
 packages=(
@@ -15,14 +16,16 @@ packages=(
   # tests and benchmarks
   binutils fish libbenchmark-dev libgmock-dev libgtest-dev libspirv-cross-c-shared-dev mandoc
   mesa-vulkan-drivers python3 python3-jinja2 python3-pytest spirv-tools valgrind vulkan-validationlayers zsh
-  # packages
-  dpkg-dev file python3-pip python3-setuptools python3-wheel
   # checks
-  clang-format-14 clang-tidy-14 doxygen
+  abigail-tools clang-format-14 clang-tidy-14 doxygen
 )
 
 if [[ ${1:-} == windows ]]; then
   packages+=(g++-mingw-w64-x86-64-posix googletest wine wine64)
+fi
+
+if [[ ${1:-} == packages ]]; then
+  packages+=(dpkg-dev lintian python3-pip python3-setuptools python3-venv python3-wheel)
 fi
 
 # Clang brings libFuzzer, and compiles and runs under the address sanitizer in less time

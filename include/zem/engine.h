@@ -27,6 +27,9 @@
  * handle. Inside a callback some functions are refused, with ZEM_ERROR_CALLBACK: they wait for
  * the thread that calls back. Each says so.
  *
+ * Processes. The child of a fork() has no engines and no requests: handles of its parent are
+ * ZEM_ERROR_HANDLE there. It may open engines of its own.
+ *
  * No C++ exception leaves a function. The code of the library stays mapped until the process ends.
  */
 #ifndef ZEM_ENGINE_H
@@ -166,9 +169,10 @@ typedef struct zem_statistics {
   uint64_t generated_tokens; /**< of their replies */
 } zem_statistics;
 
-/** Opens the model file at `path`. `options` may be null: all defaults. `*engine` is the
- * caller's until zem_engine_close(). ZEM_ERROR_FILE, ZEM_ERROR_FORMAT and ZEM_ERROR_UNSUPPORTED
- * tell what is wrong with the file. Reads the file's tables, no weights: takes less than a second.
+/** Opens the model file at `path`, which ends with a NUL. `options` may be null: all defaults.
+ * `*engine` is the caller's until zem_engine_close(). ZEM_ERROR_FILE, ZEM_ERROR_FORMAT and
+ * ZEM_ERROR_UNSUPPORTED tell what is wrong with the file. Reads the file's tables, no weights:
+ * takes less than a second.
  */
 ZEM_API zem_code zem_engine_open(const char* path, const zem_engine_options* options,
                                  zem_engine* engine) ZEM_NOTHROW;

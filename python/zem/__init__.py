@@ -32,7 +32,7 @@ from ._model import Description, Model, Prompt, Statistics
 from ._session import Session
 from ._stream import Stream
 
-__version__ = "0.1.0"
+__version__ = "0.2.0"
 
 __all__ = [
     "BusyError",

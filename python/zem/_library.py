@@ -9,7 +9,7 @@ import sys
 from ctypes import POINTER, Structure, c_char_p, c_double, c_int32, c_size_t, c_uint32, c_uint64
 from ctypes import c_void_p
 from pathlib import Path
-from typing import Any, Callable, Tuple
+from typing import Any, Callable, List, Tuple
 
 from ._errors import SPACE, error_of
 
@@ -160,7 +160,7 @@ _FUNCTIONS = {
 }
 
 
-def _places() -> list[str]:
+def _places() -> List[str]:
     """Where the library may be, in the order in which it is looked for."""
     named = os.environ.get(LIBRARY_VARIABLE)
     if named:

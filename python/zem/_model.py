@@ -9,6 +9,7 @@ import os
 from ctypes import c_char, c_size_t, c_uint32, c_void_p
 from typing import Any, Dict, List, Literal, NamedTuple, Optional, Sequence, Union, overload
 
+from ._closing import Closing
 from ._events import Reply
 from ._library import (
     NONE,
@@ -80,7 +81,7 @@ def _json(fields: Dict[str, Any]) -> bytes:
     return json.dumps(present, ensure_ascii=False).encode("utf-8", "replace")
 
 
-class Model:
+class Model(Closing):
     """A model file that is open, with threads that compute. Any thread may use it.
 
     threads        that compute; None: all processors
@@ -126,18 +127,6 @@ class Model:
         handle = c_void_p()
         call("zem_engine_open", os.fsencode(path), ctypes.byref(options), ctypes.byref(handle))
         self._handle = handle.value
-
-    def __enter__(self) -> Model:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
-    def __del__(self) -> None:
-        try:
-            self.close()
-        except Exception:  # the interpreter ends and has lost its modules
-            pass
 
     def close(self) -> None:
         """Ends all replies and closes the file. May be repeated."""

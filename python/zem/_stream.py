@@ -9,6 +9,7 @@ import threading
 from ctypes import c_uint32
 from typing import AsyncIterator, Iterator, List, Optional
 
+from ._closing import Closing
 from ._errors import FINISHED, SPACE, TIMEOUT, ClosedError, ReplyError
 from ._events import Event, Reply, data_of, event_of, finish
 from ._library import EventRecord, call, filled
@@ -18,7 +19,7 @@ _SLICE_MILLISECONDS = 100
 _END = 8
 
 
-class Stream:
+class Stream(Closing):
     """The events of a reply, to be iterated over, once, with `for` or with `async for`.
 
     The iteration ends with the reply. `reply` has what came so far. A loop that is left early, by
@@ -33,18 +34,6 @@ class Stream:
         self._model = model  # stays open while this stream is read
         self._lock = threading.Lock()  # held while an event is read from the library's memory
         self._ids: List[int] = []
-
-    def __enter__(self) -> Stream:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
-    def __del__(self) -> None:
-        try:
-            self.close()
-        except Exception:  # the interpreter ends and has lost its modules
-            pass
 
     def __iter__(self) -> Iterator[Event]:
         return self

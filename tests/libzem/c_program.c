@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "zem/engine.h"
 
@@ -69,6 +71,40 @@ static void check_chat(zem_engine engine) {
   require(read_reply(request) > 0, "a chat has a reply");
 }
 
+/* What the child of a fork may do, while the parent computes. */
+static void use_in_child(const char* path, zem_engine of_parent, zem_request asked_by_parent) {
+  zem_event event = {.struct_size = sizeof event};
+  zem_description model = {.struct_size = sizeof model};
+  require(zem_engine_describe(of_parent, &model) == ZEM_ERROR_HANDLE, "the engine stays behind");
+  require(zem_request_next(asked_by_parent, ZEM_FOREVER, &event) == ZEM_ERROR_HANDLE,
+          "so does the request");
+  require(zem_engine_cancel_all(of_parent) == ZEM_ERROR_HANDLE, "nothing is waited for");
+  require(zem_engine_close(of_parent) == ZEM_ERROR_HANDLE, "nothing is closed");
+  zem_engine engine = open_engine(path);
+  check_chat(engine);
+  require(zem_engine_close(engine) == ZEM_OK, "the child's engine closes");
+}
+
+static void check_fork(const char* path, zem_engine engine) {
+  zem_completion what = {
+      .struct_size = sizeof what,
+      .prompt = "Once",
+      .prompt_size = ZEM_TERMINATED,
+      .settings =
+          "{\"max_tokens\": 8, \"seed\": 1, \"logit_bias\": {\"256\": -100, \"258\": -100}}"};
+  zem_request request = NULL;
+  int status = -1;
+  require(zem_engine_complete(engine, &what, NULL, &request) == ZEM_OK, "a completion begins");
+  const pid_t child = fork();
+  require(child >= 0, "the process forks");
+  if (child == 0) {
+    use_in_child(path, engine, request);
+    _exit(0);
+  }
+  require(read_reply(request) > 0, "the parent's reply goes on");
+  require(waitpid(child, &status, 0) == child && status == 0, "the child succeeds");
+}
+
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   require(zem_api_version() >= ZEM_API_VERSION, "the library is as new as the header");
@@ -76,6 +112,7 @@ int main(int argc, char** argv) {
   check_description(engine);
   check_completion(engine);
   check_chat(engine);
+  check_fork(argv[1], engine);
   require(zem_engine_close(engine) == ZEM_OK, "the engine closes");
   require(zem_engine_close(engine) == ZEM_ERROR_HANDLE, "it closes once");
   return 0;

@@ -25,6 +25,30 @@ TEST(HandleTableTest, FindsWhatWasPutIn) {
   EXPECT_EQ(*table.find(second), 2);
 }
 
+TEST(HandleTableTest, AfterAForkTheChildFindsNothingAndObjectsStay) {
+  Table table;
+  const auto object = std::make_shared<int>(1);
+  const zem_request before = table.insert(object);
+  table.remove(table.insert(std::make_shared<int>(2)));
+  table.lock();
+  table.forget();
+  EXPECT_EQ(table.find(before), nullptr);
+  EXPECT_EQ(table.remove(before), nullptr);
+  EXPECT_EQ(object.use_count(), 2);
+  const zem_request after = table.insert(std::make_shared<int>(3));
+  EXPECT_NE(after, before);
+  EXPECT_EQ(*table.find(after), 3);
+  EXPECT_EQ(table.find(before), nullptr);
+}
+
+TEST(HandleTableTest, AfterAForkTheParentFindsAll) {
+  Table table;
+  const zem_request handle = table.insert(std::make_shared<int>(1));
+  table.lock();
+  table.unlock();
+  EXPECT_EQ(*table.find(handle), 1);
+}
+
 TEST(HandleTableTest, NumbersThatAreNoHandlesFindNothing) {
   Table table;
   const auto handle = reinterpret_cast<uint64_t>(table.insert(std::make_shared<int>(1)));

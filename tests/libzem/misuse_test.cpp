@@ -2,6 +2,7 @@
 // Whatever a host does wrong is an error with a code and a text.
 #include <gmock/gmock.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -154,6 +155,64 @@ TEST_F(MisuseTest, OptionsOutOfRangeAreNamed) {
   }
 }
 
+// A record as a program with a newer header has it: 16 bytes more.
+template <typename Record>
+struct Newer {
+  Record known{};
+  std::array<unsigned char, 16> more{};
+
+  Newer() : Newer(Record{}) {}
+  explicit Newer(const Record& record) : known(record) { known.struct_size = sizeof *this; }
+};
+
+TEST_F(MisuseTest, RecordsOfANewerHeaderAreTakenUnlessTheySayMore) {
+  Newer<zem_engine_options> with(options());
+  zem_engine engine = nullptr;
+  with.more[15] = 1;
+  EXPECT_REFUSED(zem_engine_open(modelPath(), &with.known, &engine), ZEM_ERROR_ARGUMENT,
+                 "zem_engine_options: byte 87 is set, which this version of the library does not");
+  with.more[15] = 0;
+  ASSERT_EQ(zem_engine_open(modelPath(), &with.known, &engine), ZEM_OK) << zem_last_error();
+
+  Newer<zem_completion> what(completion("Once", R"({"max_tokens": 2})"));
+  Newer<zem_delivery> how(delivery());
+  zem_request request = nullptr;
+  what.more[0] = 1;
+  EXPECT_REFUSED(zem_engine_complete(engine, &what.known, nullptr, &request), ZEM_ERROR_ARGUMENT,
+                 "zem_completion: byte 48 is set");
+  what.more[0] = 0;
+  how.more[0] = 1;
+  EXPECT_REFUSED(zem_engine_complete(engine, &what.known, &how.known, &request), ZEM_ERROR_ARGUMENT,
+                 "zem_delivery: byte 32 is set");
+  how.more[0] = 0;
+  ASSERT_EQ(zem_engine_complete(engine, &what.known, &how.known, &request), ZEM_OK);
+
+  Newer<zem_event> event;
+  event.more.fill(0xAB);
+  ASSERT_EQ(zem_request_next(request, ZEM_FOREVER, &event.known), ZEM_OK);
+  EXPECT_EQ(event.known.struct_size, sizeof event);
+  EXPECT_EQ(event.more, decltype(event.more){}) << "what the library does not know is zero";
+  EXPECT_EQ(zem_request_close(request), ZEM_OK);
+  EXPECT_EQ(zem_engine_cancel_all(engine), ZEM_OK);
+  EXPECT_EQ(zem_engine_close(engine), ZEM_OK);
+}
+
+TEST_F(MisuseTest, OutputRecordsOfAnotherSizeAreRefused) {
+  const zem_engine engine = open();
+  const zem_request request = complete(engine, "Once", kEndless);
+  zem_description description{};
+  zem_statistics statistics{};
+  zem_event event{};
+  EXPECT_REFUSED(zem_engine_describe(engine, &description), ZEM_ERROR_ARGUMENT,
+                 "zem_description.struct_size: found 0");
+  EXPECT_REFUSED(zem_engine_statistics(engine, &statistics), ZEM_ERROR_ARGUMENT,
+                 "zem_statistics.struct_size: found 0");
+  event.struct_size = sizeof event - 1;
+  EXPECT_REFUSED(zem_request_next(request, 0, &event), ZEM_ERROR_ARGUMENT,
+                 "zem_event.struct_size: found 135");
+  EXPECT_EQ(zem_request_close(request), ZEM_OK);
+}
+
 TEST_F(MisuseTest, FilesThatAreNoModelsAreTold) {
   zem_engine engine = nullptr;
   EXPECT_REFUSED(zem_engine_open("no such file", nullptr, &engine), ZEM_ERROR_FILE,
@@ -190,6 +249,12 @@ TEST_F(MisuseTest, ACompletionNeedsATextOrIds) {
   what.id_count = 1;
   EXPECT_REFUSED(zem_engine_complete(engine, &what, nullptr, &request), ZEM_ERROR_ARGUMENT,
                  "found both");
+  what = completion(nullptr, nullptr);
+  what.ids = &id;
+  what.id_count = 1;
+  what.flags = 4;
+  EXPECT_REFUSED(zem_engine_complete(engine, &what, nullptr, &request), ZEM_ERROR_ARGUMENT,
+                 "zem_completion.flags: found 4");
 }
 
 TEST_F(MisuseTest, RequestsThatCannotBeComputedNameTheReason) {

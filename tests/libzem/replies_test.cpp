@@ -245,6 +245,31 @@ TEST_F(RepliesTest, ThePromptOfAChatCanBeSeen) {
   EXPECT_EQ(ids[0], 1U) << "<|im_start|>";
 }
 
+TEST_F(RepliesTest, OfTextAndIdsOfAPromptBothAreWrittenOrNeither) {
+  const zem_engine engine = open();
+  const std::string json = R"({"messages": [{"role": "user", "content": "Hi"}]})";
+  const auto render = [&](char* text, size_t room, size_t* size, uint32_t* ids, size_t idRoom,
+                          size_t* count) {
+    return zem_engine_render(engine, json.data(), json.size(), text, room, size, ids, idRoom,
+                             count);
+  };
+  size_t size = 0;
+  size_t count = 0;
+  EXPECT_EQ(render(nullptr, 0, &size, nullptr, 0, &count), ZEM_ERROR_SPACE);
+  ASSERT_GT(size, 0U);
+  ASSERT_GT(count, 0U);
+  std::string text(size, '-');
+  std::vector<uint32_t> ids(count, 7);
+  EXPECT_EQ(render(text.data(), size, &size, ids.data(), count - 1, &count), ZEM_ERROR_SPACE);
+  EXPECT_EQ(render(text.data(), size - 1, &size, ids.data(), count, &count), ZEM_ERROR_SPACE);
+  EXPECT_EQ(text, std::string(size, '-'));
+  EXPECT_EQ(ids, std::vector<uint32_t>(count, 7));
+  EXPECT_EQ(render(text.data(), size, &size, ids.data(), count, &count), ZEM_OK);
+  EXPECT_NE(text, std::string(size, '-'));
+  EXPECT_NE(ids, std::vector<uint32_t>(count, 7));
+  EXPECT_EQ(render(nullptr, 0, nullptr, nullptr, 0, nullptr), ZEM_OK) << "both left out";
+}
+
 TEST_F(RepliesTest, ACancelledReplyEndsAsCancelled) {
   const zem_engine engine = open();
   const zem_request request = complete(engine, "Once", kEndless);
@@ -275,6 +300,31 @@ TEST_F(RepliesTest, ACallbackMayCancelItsRequest) {
   state.heard.waitForEnd();
   EXPECT_EQ(state.heard.reply.end.end_reason, static_cast<uint32_t>(ZEM_END_CANCELLED));
   EXPECT_EQ(zem_request_close(state.request), ZEM_OK);
+}
+
+TEST_F(RepliesTest, ACallbackMayAskForTheNextReply) {
+  struct State {
+    zem_engine engine = nullptr;
+    Heard heard;
+    zem_code asked = ZEM_ERROR_INTERNAL;
+  } state;
+  state.engine = open();
+  zem_delivery how = delivery();
+  how.user = &state;
+  how.callback = [](const zem_event* event, void* user) {
+    if (event->kind != ZEM_EVENT_END) return;
+    auto& inside = *static_cast<State*>(user);
+    const zem_completion next = completion("and then", kTwenty);
+    zem_delivery listens = delivery();
+    listens.user = &inside.heard;
+    listens.callback = Heard::hear;
+    inside.asked = zem_engine_complete(inside.engine, &next, &listens, nullptr);
+  };
+  const zem_completion what = completion("Once", kTwenty);
+  ASSERT_EQ(zem_engine_complete(state.engine, &what, &how, nullptr), ZEM_OK);
+  state.heard.waitForEnd();
+  EXPECT_EQ(state.asked, ZEM_OK);
+  EXPECT_FALSE(state.heard.reply.content.empty());
 }
 
 TEST_F(RepliesTest, NoCallbackRunsOnceARequestIsClosed) {

@@ -17,7 +17,7 @@ linux_targets=(zem qwen35_vulkan_plugin)
 windows_targets=(zem qwen35_vulkan_plugin compat_test plugin_test)
 tests=(--tests-regex '^(compat_test|plugin_test)')
 if [[ ${ZEM_ALL:-} == 1 ]]; then
-  linux_targets+=(cli_test)
+  linux_targets+=(cli_test libzem_write_model)
   windows_targets=(all)
   tests=(--label-exclude slow)
 fi
@@ -80,6 +80,17 @@ command_line() {
   ZEM_TEST_WINDOWS_BUILD=$PWD/build/windows build/release/tests/cli_test --gtest_brief=1
 }
 
+# Programs that use libzem.dll, which lies beside them as on a Windows machine.
+library() {
+  local model=build/windows/chat.zem program
+  build/release/tests/libzem_write_model "$model"
+  cp build/windows/bin/libzem.dll build/windows/bin/examples
+  for program in engine_c engine_cpp; do
+    echo "$program"
+    "$wine" "build/windows/bin/examples/$program.exe" "$model" "Hello" >/dev/null
+  done
+}
+
 step "packages" bash scripts/bootstrap.sh windows
 step "the build for Linux that Windows is compared with" linux_build
 step "cross build" cross_build
@@ -90,6 +101,7 @@ if [[ ${ZEM_ALL:-} == 1 ]]; then
   step "slow tests" slow_tests
   step "the command line" command_line
   step "the server" python3 -B tests/windows/serve_same_as_linux.py build/release build/windows
+  step "libzem" library
 fi
 step "the same bits as on Linux" bash tests/windows/same_as_linux.sh build/release build/windows
 steps_table

@@ -50,13 +50,13 @@ TEST(Usage, CommandWithoutItsCommandPrintsHelp) {
 TEST(Usage, VersionNamesThePlugin) {
   const ProcessResult result = zem({"--version"});
   EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "zem 0.1.0\nfake version 7 (" + kFakePlugin + ")\n");
+  EXPECT_EQ(result.out, "zem 0.2.0\nfake version 7 (" + kFakePlugin + ")\n");
 }
 
 TEST(Usage, VersionNeedsNoPlugin) {
   const ProcessResult result = zem({"--version"}, "", {{"ZEM_PLUGIN", "/nonexistent.so"}});
   EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(result.out, StartsWith("zem 0.1.0\n"));
+  EXPECT_THAT(result.out, StartsWith("zem 0.2.0\n"));
   EXPECT_EQ(result.err, "");
 }
 
