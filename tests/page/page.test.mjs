@@ -517,7 +517,8 @@ if (!chromium) {
       ] }));
       await page.see("One chat was added.");
       await page.tab.click("#chats .open");
-      await page.tab.waitForSelector("article.turn");
+      // The circle of parents is open before its leaf, which has the attack in every member.
+      await page.tab.waitForSelector("article.reply");
       await harmless();
     });
 
