@@ -51,13 +51,13 @@ class HandleTable {
 
   // Around a fork, in this order: lock() in front of it, then unlock() in the parent and forget()
   // in the child. There all handles find nothing, and their objects, whose threads are gone, stay
-  // untouched.
+  // untouched as long as the table lives.
   void lock() { mutex_.lock(); }
   void unlock() { mutex_.unlock(); }
   void forget() {
     for (size_t place = 0; place < places_.size(); ++place) {
       if (places_[place].object == nullptr) continue;
-      new std::shared_ptr<Object>(std::move(places_[place].object));  // lives on
+      lost_.push_back(std::move(places_[place].object));
       freePlace(place);
     }
     mutex_.unlock();
@@ -99,6 +99,7 @@ class HandleTable {
   mutable std::mutex mutex_;
   std::vector<Place> places_;
   std::vector<uint32_t> free_;
+  std::vector<std::shared_ptr<Object>> lost_;  // in a child: its parent's
 };
 
 }  // namespace zem::boundary

@@ -224,7 +224,8 @@ ZEM_API zem_code zem_quote_json(const char* text, size_t size, char* out, size_t
 
 /** What an event tells. */
 typedef enum zem_event_kind {
-  ZEM_EVENT_PROMPT = 1,         /**< so many tokens of the prompt are done (ZEM_TELL_PROMPT) */
+  ZEM_EVENT_PROMPT = 1,         /**< so many tokens of the prompt are done, at first those that are
+                                     not computed again, maybe none (ZEM_TELL_PROMPT) */
   ZEM_EVENT_TOKEN = 2,          /**< a token was chosen (ZEM_TELL_TOKENS); pieces follow it */
   ZEM_EVENT_REASONING = 3,      /**< a piece of what the model thinks before it answers */
   ZEM_EVENT_CONTENT = 4,        /**< a piece of the answer, or of a completion */
