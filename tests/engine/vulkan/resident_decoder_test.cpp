@@ -103,7 +103,7 @@ INSTANTIATE_TEST_SUITE_P(Of, EachModel, ::testing::ValuesIn(kModels),
 TEST_P(EachModel, GivesTheLogitsOfTheCpuOver200Positions) {
   write(GetParam().architecture, GetParam().type);
   open({.store = {.cacheType = GetParam().cache, .positions = 256}});
-  const double distance = distanceOver(120, 80);
+  const double distance = distanceOver(170, 30);
   RecordProperty("distance", std::to_string(distance));
   EXPECT_LE(distance, kClose);
 }
@@ -177,7 +177,7 @@ TEST_F(ResidentDecoderTest, AStepWithoutResultsReadsNothingBack) {
 TEST_F(ResidentDecoderTest, FewTokensTogetherGiveTheBitsOfSingleTokens) {
   write(fourLayers());
   open();
-  const Ids text = ids(100);
+  const Ids text = ids(70);
   ResidentSequence one = begin();
   const Floats singly = onGpu(one, text);
   one.release();
@@ -252,7 +252,7 @@ TEST_F(ResidentDecoderTest, AStateOfTheCpuGoesOnOnTheDevice) {
 TEST_F(ResidentDecoderTest, AStateThatGoesThereAndBackHasTheSameBits) {
   write(fourLayers());
   open({.store = {.conversations = 2}});
-  const Ids before = ids(130);
+  const Ids before = ids(70);
   const Ids after = ids(20, 2);
   ResidentSequence sequence = begin();
   onGpu(sequence, before, 40);
