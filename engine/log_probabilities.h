@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// How likely a model took its tokens to be.
+/// Log-probabilities of tokens.
 #pragma once
 
 #include <cstdint>

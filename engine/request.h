@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// What is asked of the engine, and what comes back.
+/// A request to the engine, and what its listener gets.
 #pragma once
 
 #include <cstddef>
@@ -62,7 +62,7 @@ struct End {
 };
 
 /// Hears of a reply. The engine's thread calls, one call at a time, and computes nothing
-/// meanwhile: return soon. An exception ends the request as if it had been cancelled.
+/// meanwhile: return soon. An exception ends the request as cancel() would.
 class Listener {
  public:
   Listener() = default;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Many functions use an engine at once; one closes it.
+// A lock between the functions that use an engine, many at once, and the one that closes it.
 #pragma once
 
 #include <condition_variable>
@@ -8,9 +8,9 @@
 
 namespace zem::boundary {
 
-// A function that enters never waits for one that wants to be alone: a callback may use the
-// engine while a function that is inside waits for that callback's thread. A shared mutex does
-// not promise that. Any thread.
+// enter() never waits for a thread that waits in alone(). A callback may use the engine while a
+// function that is inside waits for that callback's thread, so waiting there would be a deadlock;
+// a shared mutex may wait. Any thread.
 class Gate {
  public:
   void enter() {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the engine tells of a reply, made into the events of its request.
+// Listeners that turn the engine's calls about a reply into the events of its request.
 #pragma once
 
 #include <memory>
@@ -11,8 +11,9 @@
 
 namespace zem::boundary {
 
-// A request's last event comes in any case: when the engine lets a listener go without an end,
-// memory was out. `vocabulary` outlives the listener.
+// For a completion. A request always gets its last event: the engine destroys a listener without
+// onEnd() only when memory runs out, and the destructor then adds that event. `vocabulary` outlives
+// the listener.
 class CompletionListener : public Listener {
  public:
   CompletionListener(std::shared_ptr<OpenRequest> request, const Vocabulary& vocabulary);
@@ -26,7 +27,7 @@ class CompletionListener : public Listener {
   const Vocabulary& vocabulary_;
 };
 
-// Likewise of a chat.
+// For a chat, with the same rules.
 class ChatEvents : public ChatListener {
  public:
   ChatEvents(const PreparedChat& chat, std::shared_ptr<OpenRequest> request,

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What stands behind a request's handle.
+// The object that a request's handle stands for.
 #pragma once
 
 #include <atomic>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a function of the library comes to, and the text that a thread finds afterwards.
+// The result of a function of the library, and the thread's error text.
 #pragma once
 
 #include <string>
@@ -20,10 +20,11 @@ struct Outcome {
 
 inline Outcome failure(zem_code code, std::string message) { return {code, std::move(message)}; }
 
-// A failure of a file: ZEM_ERROR_FILE, _FORMAT or _UNSUPPORTED. Success for success.
+// The outcome for the status of a file: ZEM_ERROR_FILE, _FORMAT or _UNSUPPORTED; ZEM_OK for
+// success.
 Outcome ofFile(const kiv::Status& status);
 
-// A failure of a request: ZEM_ERROR_REQUEST. Success for success.
+// The outcome for the status of a request: ZEM_ERROR_REQUEST; ZEM_OK for success.
 Outcome ofRequest(const kiv::Status& status);
 
 // Makes `outcome` the result of the function `call`, and its message the thread's text.
@@ -38,7 +39,7 @@ const char* lastError() noexcept;
 template <typename Body>
 zem_code guarded(const char* call, const Body& body) noexcept;
 
-// What guarded() makes of the exception that is being handled.
+// Reports the exception that is being handled, for guarded().
 zem_code reportException(const char* call) noexcept;
 
 template <typename Body>

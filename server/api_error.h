@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is wrong with a request, and how each dialect says so.
+// Errors of requests, and the form that each dialect gives them.
 #pragma once
 
 #include <cstdint>

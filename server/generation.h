@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One answer while the engine computes it.
+// An answer from the engine: its requests, its time limit, and the way out to the client.
 #pragma once
 
 #include <chrono>

@@ -18,14 +18,15 @@ bool mayAsk(std::string_view origin, std::string_view host,
             const std::vector<std::string>& allowed);
 
 // Whether a header "host" names this machine: localhost, 127.0.0.1 or [::1], or one of `names`,
-// with any port. With any other name, a page of
-// another site could reach this server through a name that points at this machine.
+// with any port. Other names are refused: a foreign page could use a name of its own that points
+// at this machine.
 bool namesThisMachine(std::string_view host, const std::vector<std::string>& names);
 
 // The key of the headers "authorization: Bearer KEY" and "x-api-key: KEY"; empty without one.
 std::string_view keyOf(std::string_view authorization, std::string_view apiKey);
 
-// Whether `given` is one of `keys`. The time says nothing of how much of a key is right.
+// Whether `given` is one of `keys`. The time that it takes does not tell how much of a key is
+// right.
 bool isKnownKey(std::string_view given, const std::vector<std::string>& keys);
 
 }  // namespace zem::server

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// A model for programs that speak HTTP: the dialects that they know, and a page.
+/// A server for one model: the interfaces that HTTP clients know, and a page for chats.
 #pragma once
 
 #include <chrono>
@@ -22,7 +22,7 @@ struct ServerOptions {
   TransportOptions transport;        ///< where it listens, and its limits
   std::string name;                  ///< of the model, for clients; empty: that of its file
   std::vector<std::string> keys;     ///< of clients; empty: none is needed
-  std::vector<std::string> origins;  ///< pages that may ask, beside those of this machine; "*"
+  std::vector<std::string> origins;  ///< pages that may ask, beside this machine's; "*": all
   std::vector<std::string> hosts;    ///< names of this machine, beside localhost
   bool anyAddress = false;           ///< listens without a key on addresses that others reach
   std::chrono::milliseconds timeout{600'000};   ///< for a reply; 0: none
@@ -45,7 +45,7 @@ class Server {
   virtual ~Server() = default;
 
   virtual std::string address() const = 0;      ///< "127.0.0.1:8080"
-  virtual uint16_t port() const = 0;            ///< that was found, where any free one was wanted
+  virtual uint16_t port() const = 0;            ///< the one in use, also where 0 was asked for
   virtual const std::string& name() const = 0;  ///< of the model
 
   /// See Transport::run(), drain() and stop().

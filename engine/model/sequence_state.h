@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a model remembers of one conversation.
+// The state of one conversation: its recurrent part and its keys and values.
 #pragma once
 
 #include <cstddef>

@@ -19,7 +19,7 @@ kiv::Status readShape(const kiv::ZEMLoader& loader, Shape& shape);
 
 // Whether the file has every tensor of a model of this shape, each with the type and extents that
 // the decoder computes with and its bytes inside the file. InvalidFormat names the first tensor
-// that is amiss, what was found, and the metadata key that asks for something else.
+// that is wrong, what was found, and the metadata key that asks for something else.
 kiv::Status checkTensors(const kiv::ZEMLoader& loader, const Shape& shape);
 
 }  // namespace zem

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a constrained reply may go on with.
+// Which tokens a constrained reply may continue with.
 #pragma once
 
 #include <cstdint>

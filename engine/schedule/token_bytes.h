@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tokens of a vocabulary stand for.
+// The bytes that each token of a vocabulary stands for.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where a reply ends, and what of it goes out.
+// When a reply ends, and which part of its text may go out.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A limit for what a model thinks before it answers.
+// A limit for the tokens of thinking before the answer.
 #pragma once
 
 #include <cstddef>
@@ -13,8 +13,8 @@ namespace zem {
 
 // Counts tokens between <think> and </think>. When the budget is used up, the next tokens are
 // forced: the closing text and </think>. Then the answer goes on. Neither they nor the two
-// markers count as thinking. Should the model begin to think again, it has what is left
-// of the budget.
+// markers count as thinking. If the model begins to think again, it has the rest of
+// the budget.
 class ThinkingBudget {
  public:
   explicit ThinkingBudget(const ThinkingOptions& options);

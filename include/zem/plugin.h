@@ -8,7 +8,7 @@
  *
  * A host loads the library, looks up the four zem_plugin_* functions and drives
  * everything else through the tables that they return. docs/plugin-abi.md is
- * the guide and shows a complete host.
+ * the guide, and README.md has a complete host.
  *
  * Return codes of every runtime entry that returns int:
  *   0  success

@@ -15,7 +15,7 @@ namespace zem::server {
 
 inline constexpr size_t kMostPrompts = 64;  // of a request
 
-// A text or ids, maybe in turns.
+// A text, ids, or pieces of both that alternate.
 struct RawPrompt {
   struct Piece {
     std::string text;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// JSON as it goes out.
+// JSON values as the text of answers and events.
 #pragma once
 
 #include <nlohmann/json.hpp>

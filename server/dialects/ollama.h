@@ -17,7 +17,7 @@ struct OllamaCall {
   std::optional<CompletionCall> raw;  // in place of the chat: the prompt as it stands
   bool generates = false;             // of /api/generate
   bool stream = true;
-  bool loads = false;  // nothing is asked but that the model is there
+  bool loads = false;  // asks for no reply, only that the model is loaded
 };
 
 // Throw ApiError for what is wrong, by name.

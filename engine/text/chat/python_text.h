@@ -18,7 +18,7 @@ std::string pythonJson(const Json& value);
 /// One string of pythonJson(), with its quotation marks.
 std::string quotedJson(std::string_view text);
 
-/// The same of the beginning of `text`, for a message: at most 80 bytes, of whole
+/// quotedJson() of the beginning of `text`, for a message: at most 80 bytes of whole
 /// characters.
 std::string quotedStart(std::string_view text);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// What a constrained reply may be, compiled: rules that refer to each other.
+/// The form of a constrained reply as a grammar: rules that refer to each other.
 #pragma once
 
 #include <cstddef>
@@ -74,7 +74,7 @@ struct Arguments {
   std::vector<Property> properties;  ///< as of an object
 };
 
-/// Rules one behind the other.
+/// Rules one after the other.
 struct Sequence {
   std::vector<RuleId> parts;
 };

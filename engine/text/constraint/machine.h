@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// Which bytes may follow, by the rules of a grammar: a stack of rules that are begun.
+/// The place of a reply in a grammar, a stack of rules that are begun, and the bytes that may
+/// follow.
 #pragma once
 
 #include <array>

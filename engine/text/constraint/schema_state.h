@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// How a SchemaReader works: schema by schema, each an own list of rules.
+/// The inside of a SchemaReader: it reads one schema after the other, each into rules of its own.
 #pragma once
 
 #include <cstddef>

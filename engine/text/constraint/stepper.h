@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// One byte given to a way, by the kind of the rule that has come so far.
+/// Advances a way, a stack of begun rules, by one byte.
 #pragma once
 
 #include <cstddef>

@@ -28,8 +28,8 @@ inline void warn(const std::string& text) {
   std::fputs((kWarningPrefix + text + "\n").c_str(), stderr);
 }
 
-// The same for a literal, where no memory may be left: the line is put together on
-// the stack.
+// Prints a literal in the same way when no memory may be left: the line is put together
+// on the stack.
 template <size_t N>
 void warn(const char (&text)[N]) noexcept {
   constexpr size_t kPrefixLength = sizeof(kWarningPrefix) - 1;

@@ -286,7 +286,7 @@ void addCompare(Command& program, int& status) {
       "Prints for every tensor the root mean square of the differences, relative to A's weights,\n"
       "and the largest difference. With a text, both models read it on the CPU, and the logits\n"
       "behind each token are compared: the mean KL divergence of B's from A's, in nats, and how\n"
-      "often both think the same token the best.\n"
+      "often both rate the same token highest.\n"
       "\nExample:\n  zem compare f32.zem q4.zem -f page.txt");
   command.action([options, &status] { status = guarded([&] { compare(*options); }); });
 }

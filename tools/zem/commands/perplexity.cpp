@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// zem perplexity: how well a model foresees a text, and how far it is from another one.
+// zem perplexity: how well a model predicts a text, and how far it is from another one.
 #include <algorithm>
 #include <cmath>
 #include <memory>
@@ -140,7 +140,7 @@ class Measurement {
     model_.beginText();
     if (reference_) reference_->beginText();
     const auto all = std::span(ids_).first(window.end);
-    // The last token foresees none.
+    // The logits behind the last token predict nothing of this window.
     for (size_t at = window.begin; at + 1 < window.end; at += zem::kBatchTokens) {
       const auto batch = all.subspan(at, std::min(zem::kBatchTokens, window.end - 1 - at));
       const std::span<const float> logits = model_.feed(batch);
@@ -255,7 +255,7 @@ void addPerplexityOptions(Command& command, PerplexityOptions& options) {
       .valueName("FILE");
   command
       .option("--reference", options.reference,
-              "Another model file, from which the model is told apart token by token")
+              "Another model file, with which the model is compared token by token")
       .valueName("FILE");
   command.option("--window", options.window, "Tokens that are read together (default: 512)")
       .wholeNumber(2, kMostWindow)
@@ -280,16 +280,16 @@ void addPerplexityOptions(Command& command, PerplexityOptions& options) {
 void addPerplexity(Command& program, int& status) {
   auto options = std::make_shared<PerplexityOptions>();
   Command command =
-      program.command("perplexity", "Measure how well a model foresees a text", "Examine models");
+      program.command("perplexity", "Measure how well a model predicts a text", "Examine models");
   addPerplexityOptions(command, *options);
   command.footer(
-      "The text is read in windows. Of the first one, every token but the first is scored; of\n"
-      "each later one, the tokens that no window before it had. So a token is scored once, and\n"
-      "behind at least as many others as a window has, less the stride. The perplexity is the\n"
-      "exponential of the mean of -log p, in nats, and its error the standard error of that\n"
-      "mean, carried over. Only figures of the same text, vocabulary, window and stride can be\n"
-      "compared. With a reference: the mean of KL(reference || model), and how often both\n"
-      "expect the same token the most.\n"
+      "The text is read in windows. In the first one every token but the first is scored, in\n"
+      "each later one the tokens that are new. So each token is scored once. In the later\n"
+      "windows at least window minus stride tokens stand before it. The perplexity is the\n"
+      "exponential of the mean of -log p, in nats; its error is the standard error of that mean,\n"
+      "times the perplexity. Only figures of the same text, vocabulary, window and stride can be\n"
+      "compared. With a reference: the mean of KL(reference || model), and how often both rate\n"
+      "the same token highest.\n"
       "\nExample:\n  zem perplexity -m q4.zem -f page.txt --reference bf16.zem");
   command.action([options, &status] { status = guarded([&] { measurePerplexity(*options); }); });
 }

@@ -189,7 +189,7 @@ void addTokenize(Command& program, int& status) {
       "beginning-of-sequence token in front when the vocabulary has one, and shows pieces as the\n"
       "vocabulary stores them. Without --exact and --plugin a line on standard error says which\n"
       "one was used. --decode reads ids from -p, -f or a pipe, with spaces or commas between, and\n"
-      "adds no line feed to the text, but on a terminal.\n"
+      "adds no line feed to the text, except on a terminal.\n"
       "\nExamples:\n"
       "  zem tokenize -m model.zem -p \"Hello there\"\n"
       "  zem tokenize -m model.zem -f page.txt --ids | zem tokenize -m model.zem --decode\n"
