@@ -273,11 +273,12 @@ Status Engine::submit(Request request, std::shared_ptr<Listener> listener, Reque
   handle = RequestHandle(ticket.cancelled);
   {
     const std::lock_guard lock(impl_->mutex);
+    if (impl_->ends) return kiv::unsupported("the engine ends");
     // Those that will find a free place do not count as waiting.
     const size_t all = impl_->arrivals.size() + impl_->load.waiting + impl_->load.running;
-    if (all >= impl_->options.sequences + impl_->mostWaiting) {
-      return kiv::unsupported("too many requests wait: " +
-                              std::to_string(all - impl_->options.sequences));
+    const size_t places = impl_->options.sequences;
+    if (all >= places && all - places >= impl_->mostWaiting) {
+      return kiv::unsupported("too many requests wait: " + std::to_string(all - places));
     }
     impl_->arrivals.push_back(std::move(ticket));
   }

@@ -87,8 +87,9 @@ class Engine {
   Engine& operator=(const Engine&) = delete;
 
   /// Asks for a reply. Fails with InvalidFormat, and a message that says what is wrong, for a
-  /// request that cannot be computed; with Unsupported while too many requests wait. Otherwise
-  /// `listener` hears of the reply, maybe before this call returns; it lives until its last call.
+  /// request that cannot be computed; with Unsupported while too many requests wait, or when the
+  /// engine ends and a listener asks. Otherwise `listener` hears of the reply, maybe before this
+  /// call returns; it lives until its last call.
   kiv::Status submit(Request request, std::shared_ptr<Listener> listener, RequestHandle& handle);
 
   /// Writes what is kept of a conversation to a file: the longest state whose tokens are the

@@ -31,22 +31,28 @@ class Ledger {
   void forget(const OpenRequest* request) noexcept;
   // It ended, and its last event follows.
   void leave(const OpenRequest* request, const zem_usage& usage) noexcept;
+  // The last event of a request was delivered. Another owner keeps the request meanwhile.
+  void settle(const OpenRequest* request) noexcept;
 
-  // The last event of a request was delivered.
-  void noteSettled() noexcept;
-
+  // Requests that have not ended.
   size_t underWay() const;
   Totals totals() const;
 
-  // Cancels those that are under way, and waits until each has its last event.
+  // Cancels all requests, and waits until each has its last event.
   void cancelAll();
 
  private:
-  void remove(const OpenRequest* request);
+  struct Entry {
+    std::shared_ptr<OpenRequest> request;
+    bool ended = false;  // its last event is on its way
+  };
+
+  std::vector<Entry>::iterator find(const OpenRequest* request);
+  void remove(const OpenRequest* request) noexcept;
 
   mutable std::mutex mutex_;
   std::condition_variable settled_;
-  std::vector<std::shared_ptr<OpenRequest>> underWay_;  // under the mutex, as what follows
+  std::vector<Entry> entries_;  // under the mutex, as what follows
   Totals totals_;
 };
 

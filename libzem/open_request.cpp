@@ -51,7 +51,7 @@ void OpenRequest::finish(Event end) noexcept {
     queue_.finish(std::move(end));
   }
   settled_ = true;
-  ledger_->noteSettled();
+  ledger_->settle(this);
 }
 
 void OpenRequest::withdraw() noexcept {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "server/generation.h"
 
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -12,6 +13,7 @@ using Events = std::vector<text::ReplyEvent>;
 
 constexpr const char* kTimedOut = "the reply was not finished in time";
 constexpr const char* kEnding = "the server ends";
+constexpr const char* kLost = "out of memory, try again later";
 
 // All members run on the exchange's thread.
 class Generation : public std::enable_shared_from_this<Generation> {
@@ -31,6 +33,8 @@ class Generation : public std::enable_shared_from_this<Generation> {
   void onPrompt(size_t choice, size_t done, size_t total, Clock::time_point at);
   void onToken(size_t choice, const Token& token, const Events& events, Clock::time_point at);
   void onEnd(const ReplyEnd& end, const Events& events);
+  // A reply ended without being told so.
+  void onLoss() { fail(ApiError(503, kLost)); }
 
  private:
   struct Choice {
@@ -68,6 +72,16 @@ void handOver(const std::shared_ptr<Generation>& generation,
   generation->exchange().post([generation, work = std::move(work)] { work(*generation); });
 }
 
+// The engine lets a listener go without an end when that has thrown, for want of memory. Without
+// effect behind a failure.
+void tellLoss(const std::shared_ptr<Generation>& generation) noexcept {
+  if (generation == nullptr) return;
+  try {
+    handOver(generation, [](Generation& g) { g.onLoss(); });
+  } catch (const std::bad_alloc&) {  // the time limit ends the answer
+  }
+}
+
 ReplyEnd endOf(size_t choice, const End& end, bool called, size_t reasoningTokens) {
   ReplyEnd result;
   result.choice = choice;
@@ -81,6 +95,7 @@ class ChatAnswer : public ChatListener {
  public:
   ChatAnswer(const PreparedChat& chat, std::shared_ptr<Generation> generation, size_t choice)
       : ChatListener(chat), generation_(std::move(generation)), choice_(choice) {}
+  ~ChatAnswer() override { tellLoss(generation_); }
 
   void onPrompt(size_t done, size_t total) override {
     handOver(generation_, [choice = choice_, done, total, now = Clock::now()](Generation& g) {
@@ -113,6 +128,7 @@ class RawAnswer : public Listener {
  public:
   RawAnswer(std::shared_ptr<Generation> generation, size_t choice)
       : generation_(std::move(generation)), choice_(choice) {}
+  ~RawAnswer() override { tellLoss(generation_); }
 
   void onToken(const Token& token) override {
     handOver(generation_, [choice = choice_, token, now = Clock::now()](Generation& g) {

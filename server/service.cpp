@@ -72,9 +72,18 @@ bool Service::knowsPath(std::string_view path) const {
 }
 
 std::optional<HttpReply> Service::checkHead(const HttpRequest& head) {
+  if (auto refusal = checkHosts(head)) return refusal;
   if (auto refusal = checkClient(head)) return refusal;
   if (head.method == "OPTIONS") return preflight(head);
   return checkRoute(head);
+}
+
+// What reads the request before this server may have looked at the other one.
+std::optional<HttpReply> Service::checkHosts(const HttpRequest& head) {
+  const auto hosts = std::count_if(head.headers.begin(), head.headers.end(),
+                                   [](const auto& header) { return header.first == "host"; });
+  if (hosts < 2) return std::nullopt;
+  return errorReply(dialectOf(head.path), ApiError(400, "the header \"host\" comes twice"));
 }
 
 // Whether a browser of a stranger's page asks.

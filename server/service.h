@@ -43,6 +43,7 @@ class Service : public Handler {
   static std::span<const Route> routes();
   const Route* find(std::string_view method, std::string_view path) const;
   bool knowsPath(std::string_view path) const;
+  static std::optional<HttpReply> checkHosts(const HttpRequest& head);
   std::optional<HttpReply> checkClient(const HttpRequest& head) const;
   std::optional<HttpReply> checkRoute(const HttpRequest& head) const;
   static HttpReply preflight(const HttpRequest& head);

@@ -125,10 +125,13 @@ void Service::applyTemplate(const HttpRequest& request, const Target& exchange) 
 }
 
 void Service::metrics(const HttpRequest& /*request*/, const Target& exchange) {
-  exchange->reply({200,
-                   "text/plain; version=0.0.4",
-                   {},
-                   metrics_.text(engine_.load(), transport_->connections())});
+  // A request with a body comes on another thread than the one that counts.
+  exchange->post([this, exchange] {
+    exchange->reply({200,
+                     "text/plain; version=0.0.4",
+                     {},
+                     metrics_.text(engine_.load(), transport_->connections())});
+  });
 }
 
 void Service::page(const HttpRequest& request, const Target& exchange) {

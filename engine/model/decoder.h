@@ -50,6 +50,7 @@ class Decoder {
 
   PagePool& pool() { return pool_; }
   const Weights& weights() const { return weights_; }
+  Arithmetic arithmetic() const { return arithmetic_; }
   size_t vocabulary() const { return weights_.shape().vocabulary; }
   SequenceState newSequence();
   // Of the part of a conversation's state that does not grow.

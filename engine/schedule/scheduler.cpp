@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -84,7 +85,22 @@ kiv::Status Scheduler::check(const Request& request) const {
                               " MiB; ask for fewer tokens");
   }
   kiv::Status status = validate(request.sampling, bytes_.size());
+  if (status.ok()) status = checkThinking(request);
   return status.ok() ? validate(request.stops) : status;
+}
+
+// Its tokens are written in the model's place and then fed to it.
+kiv::Status Scheduler::checkThinking(const Request& request) const {
+  if (!request.thinking) return {};
+  std::vector<uint32_t> written = request.thinking->closing;
+  written.push_back(request.thinking->endToken);
+  for (const uint32_t id : written) {
+    if (id < decoder_.vocabulary()) continue;
+    return kiv::invalidFormat("thinking ends with token " + std::to_string(id) +
+                              ", the model has " + std::to_string(decoder_.vocabulary()) +
+                              " tokens");
+  }
+  return {};
 }
 
 void Scheduler::add(std::list<Ticket> tickets) { waiting_.splice(waiting_.end(), tickets); }
@@ -129,6 +145,8 @@ void Scheduler::admit() {
       start(first.front());
     } catch (const std::bad_alloc&) {
       endWaiting(first.front(), EndReason::Error, kOutOfMemory);
+    } catch (const std::exception& error) {  // the others go on
+      endWaiting(first.front(), EndReason::Error, error.what());
     }
   }
 }

@@ -76,6 +76,7 @@ class Scheduler {
   static void endWaiting(const Ticket& ticket, EndReason reason, const std::string& error);
   void plan();
   size_t chunkOf(const Place& place, size_t most) const;
+  kiv::Status checkThinking(const Request& request) const;
   void compute();
   void step();
   void deliver();

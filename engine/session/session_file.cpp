@@ -49,8 +49,12 @@ class Checksum {
   size_t pending_ = 0;
 };
 
+// Parts of Head::numbers.
+constexpr uint32_t kSinglePrecision = 1;
+constexpr uint32_t kFastProducts = 2;
+
 struct Head {
-  uint32_t cacheType = 0;
+  uint32_t numbers = 0;
   uint64_t fingerprint = 0;
   uint64_t tokens = 0;
   uint64_t recurrentFloats = 0;
@@ -64,7 +68,8 @@ size_t pagesFor(size_t tokens) { return (tokens + kPagePositions - 1) / kPagePos
 Head headFor(Decoder& decoder, uint64_t tokens) {
   const PageLayout& layout = decoder.pool().layout();
   Head head;
-  head.cacheType = layout.type() == CacheType::F16 ? 0 : 1;
+  if (layout.type() == CacheType::F32) head.numbers |= kSinglePrecision;
+  if (decoder.arithmetic() == Arithmetic::Fast) head.numbers |= kFastProducts;
   head.fingerprint = fingerprintOf(decoder.weights());
   head.tokens = tokens;
   head.recurrentFloats = decoder.recurrentBytes() / sizeof(float);
@@ -97,7 +102,7 @@ class SessionWriter {
 
 bool writeHead(SessionWriter& writer, const Head& head) {
   return writer.append(kMagic.data(), kMagic.size()) && writer.append(kVersion) &&
-         writer.append(head.cacheType) && writer.append(head.fingerprint) &&
+         writer.append(head.numbers) && writer.append(head.fingerprint) &&
          writer.append(head.tokens) && writer.append(head.recurrentFloats) &&
          writer.append(head.pages) && writer.append(head.pageBytes);
 }
@@ -148,7 +153,7 @@ class SessionReader {
       return bad("has the version " + std::to_string(version) + ", this program reads " +
                  std::to_string(kVersion));
     }
-    const bool whole = cursor_.read(head.cacheType) && cursor_.read(head.fingerprint) &&
+    const bool whole = cursor_.read(head.numbers) && cursor_.read(head.fingerprint) &&
                        cursor_.read(head.tokens) && cursor_.read(head.recurrentFloats) &&
                        cursor_.read(head.pages) && cursor_.read(head.pageBytes);
     return whole ? checkHead(head) : bad("is cut short");
@@ -160,11 +165,18 @@ class SessionReader {
     }
     const Head needed = headFor(decoder_, head.tokens);
     if (head.fingerprint != needed.fingerprint) return bad("belongs to another model");
-    if (head.cacheType != needed.cacheType) {
+    const uint32_t different = head.numbers ^ needed.numbers;
+    if ((different & kSinglePrecision) != 0) {
       return bad(std::string("keeps keys and values in ") +
-                 (head.cacheType == 0 ? "half" : "single") +
+                 ((head.numbers & kSinglePrecision) == 0 ? "half" : "single") +
                  " precision, this engine uses the other");
     }
+    if ((different & kFastProducts) != 0) {
+      return bad(std::string("was computed with ") +
+                 ((head.numbers & kFastProducts) == 0 ? "exact" : "fast") +
+                 " products, this engine uses the other");
+    }
+    if (different != 0) return bad("has numbers of an unknown kind");
     if (head.recurrentFloats != needed.recurrentFloats || head.pages != needed.pages ||
         head.pageBytes != needed.pageBytes) {
       return bad("has other sizes than the model");

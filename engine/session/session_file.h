@@ -5,7 +5,8 @@
 //
 //   8 bytes   "ZEMCHAT" and a zero
 //   u32       version, 1
-//   u32       numbers of the key/value cache: 0 half, 1 single precision
+//   u32       numbers of the key/value cache: 0 half, 1 single precision; 2 more where products
+//             are computed with integers
 //   u64       fingerprint of the model
 //   u64       tokens; u64 floats of the recurrent part; u64 pages; u64 bytes of a page
 //   u32 ...   the tokens
@@ -39,7 +40,8 @@ kiv::Status saveSession(const std::string& path, Decoder& decoder,
 
 // Reads it back: the next token's logits have the bits that they would have had. IOError for a
 // file that cannot be read; InvalidFormat, with the path in front, for one that is not such a file,
-// is damaged, or belongs to another model or another kind of cache. Throws std::bad_alloc.
+// is damaged, or belongs to another model, another kind of cache or another arithmetic. Throws
+// std::bad_alloc.
 kiv::Status loadSession(const std::string& path, Decoder& decoder, std::vector<uint32_t>& tokens,
                         Snapshot& snapshot);
 

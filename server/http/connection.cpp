@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "server/http/connection.h"
 
+#include <algorithm>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/post.hpp>
 #include <exception>
@@ -154,6 +155,12 @@ bool Connection::takeBodyRoom() {
   return true;
 }
 
+// Room that was taken for a body of unknown length, and that it does not need.
+void Connection::keepBodyRoom(size_t size) {
+  const size_t kept = std::min(bodyRoom_, std::max<size_t>(size, 1));
+  hub_.bodyBytes -= std::exchange(bodyRoom_, kept) - kept;
+}
+
 void Connection::onRequest() {
   beginAnswer();
   hand(makeExchange(hub_.shared_from_this(), shared_from_this(), serial_));
@@ -162,6 +169,7 @@ void Connection::onRequest() {
 void Connection::hand(const std::shared_ptr<Exchange>& exchange) {
   HttpRequest request = head_;
   request.body = parser_->takeBody();
+  keepBodyRoom(request.body.size());
   auto work = [&handler = hub_.handler, request = std::move(request), exchange]() mutable {
     const HttpRequest head{request.method, request.path, request.query, {}, {}, {}, request.id};
     try {

@@ -55,6 +55,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void readHead();
   void onHead();
   bool takeBodyRoom();
+  void keepBodyRoom(size_t size);
   void onRequest();
   void hand(const std::shared_ptr<Exchange>& exchange);
   void refuse(int status, const std::string& message);

@@ -5,6 +5,7 @@
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
+#include <iterator>
 #include <utility>
 
 namespace zem::server {
@@ -36,6 +37,12 @@ struct RequestParser::Impl {
     }
     return {400, "this is no request of HTTP/1.1: " + error.message()};
   }
+
+  // Of another encoding nobody here knows where the body ends.
+  bool hasKnownEncoding() const {
+    const auto [begin, end] = parser.get().equal_range(http::field::transfer_encoding);
+    return begin == end || (std::next(begin) == end && lowerCase(begin->value()) == "chunked");
+  }
 };
 
 RequestParser::RequestParser(const Limits& limits) : impl_(std::make_unique<Impl>()) {
@@ -51,6 +58,14 @@ std::optional<RequestParser::Refusal> RequestParser::take(std::string& bytes) {
   const size_t used = impl_->parser.put(boost::asio::buffer(std::as_const(bytes)), error);
   bytes.erase(0, used);
   if (error && error != http::error::need_more) return impl_->refusalOf(error);
+  if (hasHeader() && !impl_->hasKnownEncoding()) {
+    return Refusal{400, "the header \"transfer-encoding\" may say chunked and nothing else"};
+  }
+  // Of a body, only what stands between its pieces or behind them is ever left.
+  if (error && hasHeader() && bytes.size() > impl_->limits.headerBytes) {
+    return Refusal{431, "a line between the pieces of a body may have " +
+                            std::to_string(impl_->limits.headerBytes) + " bytes"};
+  }
   return std::nullopt;
 }
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <memory>
 #include <numeric>
 #include <string>
@@ -122,6 +123,44 @@ TEST_F(EngineTest, QueueIsBounded) {
   listeners.pop_back();
   for (const RequestHandle& handle : handles) handle.cancel();
   for (const auto& listener : listeners) listener->waitForEnd();
+}
+
+TEST_F(EngineTest, QueueMayBeWithoutABound) {
+  const auto engine = open({.threads = 1, .waiting = std::numeric_limits<size_t>::max()});
+  for (int i = 0; i < 20; ++i) {
+    RequestHandle handle;
+    const auto listener = std::make_shared<RecordingListener>();
+    const kiv::Status status = engine->submit(requestFor({1, 2}, 4000), listener, handle);
+    ASSERT_TRUE(status.ok()) << status.message();
+  }
+}
+
+// Asks for another reply when one has ended.
+class RepeatingListener : public Listener {
+ public:
+  explicit RepeatingListener(Engine& engine) : engine_(engine) {}
+  void onToken(const Token& /*token*/) override {}
+  void onEnd(const End& /*end*/) override {
+    RequestHandle handle;
+    message_ = engine_.submit(requestFor({1, 2}, 4000), next_, handle).message();
+  }
+  const RecordingListener& next() const { return *next_; }
+  const std::string& message() const { return message_; }
+
+ private:
+  Engine& engine_;
+  std::shared_ptr<RecordingListener> next_ = std::make_shared<RecordingListener>();
+  std::string message_;
+};
+
+TEST_F(EngineTest, RequestThatIsMadeWhileTheEngineEndsIsRefused) {
+  auto engine = open();
+  const auto listener = std::make_shared<RepeatingListener>(*engine);
+  RequestHandle handle;
+  ASSERT_TRUE(engine->submit(requestFor({1, 2}, 4000), listener, handle).ok());
+  engine.reset();
+  EXPECT_EQ(listener->message(), "the engine ends");
+  EXPECT_FALSE(listener->next().hasEnded());
 }
 
 TEST_F(EngineTest, LoadShowsWhatIsKept) {

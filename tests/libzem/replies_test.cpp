@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <mutex>
@@ -365,6 +366,29 @@ TEST_F(RepliesTest, CancelAllEndsEveryRequest) {
     EXPECT_EQ(read(request).end.end_reason, static_cast<uint32_t>(ZEM_END_CANCELLED))
         << "events can be read when the engine is closed";
   }
+}
+
+// Whoever has waited may give back what the callback uses.
+TEST_F(RepliesTest, CancelAllWaitsForALastEventThatIsOnItsWay) {
+  struct State {
+    std::atomic<bool> ends = false;
+    std::atomic<bool> ended = false;
+  } state;
+  zem_delivery how = delivery();
+  how.user = &state;
+  how.callback = [](const zem_event* event, void* user) {
+    if (event->kind != ZEM_EVENT_END) return;
+    auto& inside = *static_cast<State*>(user);
+    inside.ends = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    inside.ended = true;
+  };
+  const zem_engine engine = open();
+  const zem_completion what = completion("Once", kTwenty);
+  ASSERT_EQ(zem_engine_complete(engine, &what, &how, nullptr), ZEM_OK);
+  while (!state.ends) std::this_thread::yield();
+  EXPECT_EQ(zem_engine_cancel_all(engine), ZEM_OK);
+  EXPECT_TRUE(state.ended);
 }
 
 TEST_F(RepliesTest, AReplyThatIsNotReadEndsWhenItsQueueIsFull) {

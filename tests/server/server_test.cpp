@@ -279,6 +279,13 @@ TEST(Server, HostHasToNameThisMachine) {
   EXPECT_EQ(client.ask("GET /health HTTP/1.1\r\nhost: 127.0.0.1:99\r\n\r\n").status, 200);
 }
 
+TEST(Server, TwoHostsAreRefused) {
+  const RunningServer server;
+  const HttpAnswer answer = server.get("/health", "host: elsewhere.example\r\n");
+  EXPECT_EQ(answer.status, 400);
+  EXPECT_EQ(errorOf(answer), "the header \"host\" comes twice");
+}
+
 TEST(Server, PreflightNeedsNoKeyAndRepeatsHeaders) {
   ServerOptions options;
   options.keys = {"secret"};

@@ -9,6 +9,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/model/shaped_model.h"
@@ -413,6 +414,45 @@ TEST_F(SchedulerTest, RequestsThatCannotBeComputedAreRefused) {
   request = greedy(ids(5), 1);
   request.stops.stopTexts = {""};
   EXPECT_NE(why(request), "");
+}
+
+// A batch with such a token cannot be computed, for anybody in it.
+TEST_F(SchedulerTest, ThinkingThatEndsWithUnknownTokensIsRefused) {
+  const auto why = [&](const ThinkingOptions& thinking) {
+    Request request = greedy(ids(5), 20);
+    request.thinking = thinking;
+    return scheduler_->check(request).message();
+  };
+  EXPECT_EQ(why({1, 2, {3, 4}, 5, true}), "");
+  EXPECT_EQ(why({1, 2, {3, 106}, 5, true}),
+            "thinking ends with token 106, the model has 106 tokens");
+  EXPECT_EQ(why({1, 4000000000, {3}, 5, true}),
+            "thinking ends with token 4000000000, the model has 106 tokens");
+}
+
+// A vocabulary that fails once.
+class FailingLetters : public Letters {
+ public:
+  using Letters::Letters;
+  uint32_t size() const override {
+    if (std::exchange(fails, false)) throw std::runtime_error("no random numbers");
+    return Letters::size();
+  }
+  mutable bool fails = false;
+};
+
+TEST_F(SchedulerTest, RequestThatCannotBeginEndsAlone) {
+  const FailingLetters letters(letters_->size());
+  scheduler_.emplace(*decoder_, letters, SchedulerOptions{.sequences = 2});
+  const auto running = add(greedy(ids(10), 5));
+  scheduler_->turn();
+  const auto failing = add(greedy(ids(10, 2), 5));
+  letters.fails = true;
+  runToEnd();
+  ASSERT_EQ(failing->ends(), 1);
+  EXPECT_EQ(failing->end().reason, EndReason::Error);
+  EXPECT_EQ(failing->end().error, "no random numbers");
+  EXPECT_EQ(running->end().reason, EndReason::Length);
 }
 
 TEST_F(SchedulerTest, ThousandRandomRequestsWithRandomCancels) {

@@ -131,6 +131,25 @@ TEST_F(SessionFileTest, OtherModelsAndCachesAreRefused) {
   EXPECT_EQ(loadMessage(), "belongs to another model");
 }
 
+// Either gives other bits: the conversation would not go on as it began.
+TEST_F(SessionFileTest, AnotherArithmeticIsRefused) {
+  save(zemtest::randomIds(10, 100, 1));
+  decoder_.emplace(*weights_, CacheType::F16, Arithmetic::Fast);
+  EXPECT_EQ(loadMessage(), "was computed with exact products, this engine uses the other");
+  save(zemtest::randomIds(10, 100, 1));
+  EXPECT_EQ(loadMessage(), "");
+  decoder_.emplace(*weights_, CacheType::F16);
+  EXPECT_EQ(loadMessage(), "was computed with fast products, this engine uses the other");
+}
+
+TEST_F(SessionFileTest, NumbersOfAnUnknownKindAreRefused) {
+  save(zemtest::randomIds(10, 100, 1));
+  std::vector<uint8_t> bytes = file_.read();
+  bytes[12] = 4;
+  file_.write(bytes);
+  EXPECT_EQ(loadMessage(), "has numbers of an unknown kind");
+}
+
 TEST_F(SessionFileTest, FilesThatAreNoneAreRefused) {
   EXPECT_NE(loadMessage().find("cannot read"), std::string::npos);
   file_.write({});
