@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# From a fresh checkout to a reply: installs what is missing, builds, makes a
-# small model with random weights, and talks to it. Random weights make random
-# words; the point is that everything runs.
+# From a fresh checkout to a reply: installs what is missing, builds the tool, and talks to the
+# small model that travels with the sources. demo/README.md says what it knows.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -11,21 +10,26 @@ say() { printf '\n== %s\n' "$*"; }
 say "Packages and build"
 bash scripts/bootstrap.sh
 cmake --preset release
-cmake --build --preset release --target zem qwen35_vulkan_plugin
+cmake --build --preset release --target zem
 
 zem=build/release/bin/zem
-model=build/release/demo.zem
+model=demo/demo.zem
 
-say "A model with random weights: $model"
-"$zem" make-demo --force -o "$model"
+ask() {
+  say "$1"
+  shift
+  "$zem" run -m "$model" --temp 0 "$@"
+  echo
+}
 
-say "What the runtime says of it"
-"$zem" plugin probe "$model"
-
-say "A completion"
-"$zem" run -m "$model" -p "The river was" -n 60
+ask "A greeting: Hello!" --think off -p "Hello!"
+ask "A question: What is 27 + 45?" --think off -p "What is 27 + 45?"
+ask "A story: Tell me a story about a fox." --think off -p "Tell me a story about a fox."
+ask "With thinking: What is 34 + 58?" --think on --think-show on -p "What is 34 + 58?"
+ask "With tools: What is the weather in Paris?" --think off --tools demo/tools.json \
+  -p "What is the weather in Paris?"
 
 if [[ -t 0 && -t 1 ]]; then
   say "A chat (/help for commands, /quit to leave)"
-  exec "$zem" chat -m "$model" -n 60 # random words have no end
+  exec "$zem" chat -m "$model" --think off
 fi

@@ -41,6 +41,8 @@ kiv::Status containerSampling(const kiv::ZEMLoader& loader, bool thinking, Sampl
   if (kiv::Status s = take("sampling.temperature", options.temperature); !s.ok()) return s;
   if (kiv::Status s = take("sampling.top_k", options.topK); !s.ok()) return s;
   if (kiv::Status s = take("sampling.top_p", options.topP); !s.ok()) return s;
+  const std::string presence = "sampling.presence_penalty";
+  if (kiv::Status s = take(presence, options.presencePenalty); !s.ok()) return s;
   out = options;
   return {};
 }

@@ -51,6 +51,14 @@ TEST(ContainerSampling, EachEntryTakesThePlaceOfItsValue) {
   EXPECT_EQ(options.topP, 0.8F);
 }
 
+TEST(ContainerSampling, APresencePenaltyOfZeroTakesThePlaceOfTheFamilys) {
+  ContainerBuilder none;
+  none.addMetaF32("sampling.presence_penalty", 0.0F);
+  SamplingOptions options;
+  ASSERT_THAT(read(none, true, options), IsOk());
+  EXPECT_EQ(options.presencePenalty, 0.0F);
+}
+
 TEST(ContainerSampling, ValuesOutOfRangeAreRefused) {
   ContainerBuilder hot;
   hot.addMetaF32("sampling.temperature", -1.0F);

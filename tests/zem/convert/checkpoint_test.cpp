@@ -195,8 +195,11 @@ TEST_F(CheckpointTest, BiasesOfFullAttentionTravelAlong) {
 
 TEST_F(CheckpointTest, FactsOfTheModelAreInTheMetadata) {
   CheckpointBuilder checkpoint;
-  checkpoint.generationConfig() = {
-      {"temperature", 0.6}, {"top_k", 20}, {"top_p", 0.95}, {"eos_token_id", {272, 270}}};
+  checkpoint.generationConfig() = {{"temperature", 0.6},
+                                   {"top_k", 20},
+                                   {"top_p", 0.95},
+                                   {"presence_penalty", 0},
+                                   {"eos_token_id", {272, 270}}};
   convert(checkpoint);
   open();
   std::string text;
@@ -222,6 +225,8 @@ TEST_F(CheckpointTest, FactsOfTheModelAreInTheMetadata) {
   EXPECT_EQ(real, 0.6F);
   EXPECT_TRUE(loader_.getMetaF32("sampling.top_p", real));
   EXPECT_EQ(real, 0.95F);
+  EXPECT_TRUE(loader_.getMetaF32("sampling.presence_penalty", real));
+  EXPECT_EQ(real, 0.0F);
   const uint32_t* stop = nullptr;
   uint64_t count = 0;
   ASSERT_TRUE(loader_.getMetaU32Array("sampling.stop_ids", stop, count));

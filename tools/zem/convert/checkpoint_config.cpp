@@ -264,6 +264,7 @@ Sampling readSampling(const std::string& folder) {
   const json root = parseJson(text, path);
   sampling.temperature = number(root, "temperature");
   sampling.topP = number(root, "top_p");
+  sampling.presencePenalty = number(root, "presence_penalty");
   if (const auto topK = number(root, "top_k")) {
     sampling.topK = static_cast<uint32_t>(std::min(*topK, 1e9F));
   }

@@ -81,6 +81,9 @@ void addSampling(const Sampling& sampling, kiv::ZEM2Writer& writer) {
   if (sampling.temperature) writer.addMetaF32("sampling.temperature", *sampling.temperature);
   if (sampling.topK) writer.addMetaU32("sampling.top_k", *sampling.topK);
   if (sampling.topP) writer.addMetaF32("sampling.top_p", *sampling.topP);
+  if (sampling.presencePenalty) {
+    writer.addMetaF32("sampling.presence_penalty", *sampling.presencePenalty);
+  }
   if (!sampling.stopIds.empty()) writer.addMetaU32Array("sampling.stop_ids", sampling.stopIds);
 }
 

@@ -33,6 +33,7 @@ struct Sampling {
   std::optional<float> temperature;
   std::optional<uint32_t> topK;
   std::optional<float> topP;
+  std::optional<float> presencePenalty;
   std::vector<uint32_t> stopIds;
 };
 
