@@ -38,7 +38,7 @@ struct RequestParser::Impl {
     return {400, "this is no request of HTTP/1.1: " + error.message()};
   }
 
-  // Of another encoding nobody here knows where the body ends.
+  // With another encoding the end of the body is not known.
   bool hasKnownEncoding() const {
     const auto [begin, end] = parser.get().equal_range(http::field::transfer_encoding);
     return begin == end || (std::next(begin) == end && lowerCase(begin->value()) == "chunked");

@@ -86,7 +86,7 @@ if (!chromium) {
 
   const replyText = async () => (await page.texts("article.reply .markdown")).at(-1).trim();
 
-  test("the server's policy lets the page work, and it asks nobody else", async () => {
+  test("the server's policy lets the page work, and it sends nothing to others", async () => {
     await settle(20);
     await page.send("Hello");
     assert.notEqual(await replyText(), "");

@@ -53,7 +53,7 @@ TEST(HostileRequests, AnEndlessTrailerIsRefused) {
   EXPECT_EQ(client.read().status, 431);
 }
 
-// Nobody knows before how long they get, but afterwards they count as what they are.
+// The room for a body in pieces is reserved until its length is known.
 TEST(HostileRequests, ShortBodiesInPiecesLeaveRoomForOthers) {
   ServerOptions options;
   options.transport.bodyBytes = 1000;

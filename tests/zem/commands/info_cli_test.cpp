@@ -81,6 +81,11 @@ TEST(Info, SaysWhichTokenizerAndChatFormatTextHas) {
   EXPECT_THAT(broken, HasSubstr("  chat format  none"));
   EXPECT_THAT(brokenJson["problem"], ::testing::StartsWith("tokenizer.json: "));
 
+  EXPECT_THAT(textOf(smallContainer().addMetaStr("chat.format", "qwen3.6")).first,
+              HasSubstr("  chat format  qwen3.6"));
+  EXPECT_THAT(textOf(smallContainer().addMetaStr("chat.format", "other")).first,
+              HasSubstr("  chat format  \"other\", none of the known revisions"));
+
   EXPECT_EQ(textOf(smallContainer().noTokenizer()).first,
             "  tokenizer    none\n  chat format  none");
 }

@@ -197,6 +197,24 @@ struct TextFacts {
   bool exact = false;
 };
 
+// As the engine chooses it: a name goes before a template.
+void readChatFormat(const kiv::ZEM2Reader& reader, const std::string& chatTemplate,
+                    TextFacts& facts) {
+  std::string name;
+  const bool named = reader.getMetaStr("chat.format", name);
+  if (!named && chatTemplate.empty()) return;
+  const zem::text::ChatFormat* format =
+      named ? zem::text::chatFormatByName(name) : zem::text::chatFormatOfTemplate(chatTemplate);
+  facts.knownFormat = format != nullptr;
+  if (facts.knownFormat) {
+    facts.chatFormat = format->name;
+  } else if (named) {
+    facts.chatFormat = "\"" + name + "\", none of the known revisions";
+  } else {
+    facts.chatFormat = zem::text::describeUnknownTemplate(chatTemplate);
+  }
+}
+
 TextFacts readTextFacts(const kiv::ZEM2Reader& reader) {
   TextFacts facts;
   kiv::TokenizerData data;
@@ -210,12 +228,7 @@ TextFacts readTextFacts(const kiv::ZEM2Reader& reader) {
   } catch (const Failure& failure) {
     facts.problem = failure.what();
   }
-  if (!data.chatTemplate.empty()) {
-    const zem::text::ChatFormat* format = zem::text::chatFormatOfTemplate(data.chatTemplate);
-    facts.knownFormat = format != nullptr;
-    facts.chatFormat = format != nullptr ? std::string(format->name)
-                                         : zem::text::describeUnknownTemplate(data.chatTemplate);
-  }
+  readChatFormat(reader, data.chatTemplate, facts);
   return facts;
 }
 
