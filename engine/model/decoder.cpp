@@ -86,8 +86,10 @@ qwen35::DeltaNetWeights stageWeights(const LinearWeights& w) {
   return {w.decayBias.data(), w.decay.data(), w.taps.data(), w.tapStride, w.norm.data()};
 }
 
-size_t logitRows(const Chunk& chunk) {
-  switch (chunk.logits) {
+}  // namespace
+
+size_t logitRows(LogitsOf which, size_t tokens) {
+  switch (which) {
     case LogitsOf::None:
       return 0;
     case LogitsOf::Last:
@@ -95,10 +97,8 @@ size_t logitRows(const Chunk& chunk) {
     case LogitsOf::All:
       break;
   }
-  return chunk.tokens.size();
+  return tokens;
 }
-
-}  // namespace
 
 Decoder::Decoder(const Weights& weights, CacheType cacheType, Arithmetic arithmetic)
     : weights_(weights),
@@ -270,7 +270,7 @@ void Decoder::feedForward(const LayerWeights& layer) {
 
 void Decoder::computeLogits(std::span<const Chunk> chunks, std::vector<float>& logits) {
   size_t rows = 0;
-  for (const Chunk& chunk : chunks) rows += logitRows(chunk);
+  for (const Chunk& chunk : chunks) rows += logitRows(chunk.logits, chunk.tokens.size());
   logits.resize(rows * vocabulary());
   if (rows == 0) return;
   shape(part_, x_.width, rows);
@@ -278,7 +278,7 @@ void Decoder::computeLogits(std::span<const Chunk> chunks, std::vector<float>& l
   size_t row = 0;
   for (const Chunk& chunk : chunks) {
     const size_t end = first + chunk.tokens.size();
-    for (size_t t = end - logitRows(chunk); t < end; ++t, ++row) {
+    for (size_t t = end - logitRows(chunk.logits, chunk.tokens.size()); t < end; ++t, ++row) {
       std::copy_n(x_.token(t), x_.width, part_.token(row));
     }
     first = end;

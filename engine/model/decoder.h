@@ -22,6 +22,9 @@ namespace zem {
 // Of which tokens of a chunk the logits are computed.
 enum class LogitsOf : uint8_t { None, Last, All };
 
+// How many of a chunk's tokens have logits. They are its last ones.
+size_t logitRows(LogitsOf which, size_t tokens);
+
 // The next tokens of one conversation; a batch has each conversation once at most.
 struct Chunk {
   SequenceState* sequence;

@@ -18,19 +18,6 @@ using kiv::Status;
 // Command buffers that are kept. One takes some hundred KiB.
 constexpr size_t kMostRecorded = 16;
 
-// Of the tokens of a chunk, those with results are the last ones.
-size_t pickedTokens(const ResidentChunk& chunk) {
-  switch (chunk.logits) {
-    case LogitsOf::None:
-      return 0;
-    case LogitsOf::Last:
-      return 1;
-    case LogitsOf::All:
-      break;
-  }
-  return chunk.tokens.size();
-}
-
 // What rounding may make of a logit, as a share of the largest: a hundred times what was measured.
 constexpr double kMostShare = 1e-3;
 
@@ -189,7 +176,8 @@ StepShape ResidentDecoder::describe(std::span<const ResidentChunk> chunks, const
     std::copy(sequence.pages().begin(), sequence.pages().end(), buffers_.pages.data + pages);
     pages += static_cast<uint32_t>(sequence.pages().size());
     shape.tokens += count;
-    for (auto left = static_cast<uint32_t>(pickedTokens(chunk)); left > 0; --left) {
+    for (auto left = static_cast<uint32_t>(logitRows(chunk.logits, chunk.tokens.size())); left > 0;
+         --left) {
       buffers_.picks.data[shape.picks++] = shape.tokens - left;
     }
   }
