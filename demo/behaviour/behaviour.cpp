@@ -63,7 +63,7 @@ Status readCase(std::string_view line, Case& out) {
   return status.ok() ? readWanted(*wants, out.wanted) : status;
 }
 
-// Keeps a reply until somebody waits for its end.
+// Keeps a reply for wait().
 class ReplyKeeper : public ChatListener {
  public:
   using ChatListener::ChatListener;

@@ -189,7 +189,7 @@ def counting(rng):
 
 def echo(rng):
     """What is said is said again: numbers and words in any order."""
-    words = [*ANIMALS, *NAMES, *CITIES, *(a for a, _ in OPPOSITES), *set(COLOURS.values())]
+    words = [*ANIMALS, *NAMES, *CITIES, *(a for a, _ in OPPOSITES), *dict.fromkeys(COLOURS.values())]
     items = [str(rng.randrange(1000)) if rng.random() < 0.5 else rng.choice(words)
              for _ in range(rng.randrange(2, 8))]
     said = rng.choice([" ", ", ", " + "]).join(items)
@@ -426,37 +426,39 @@ TALK = (greeting, how_are_you, thanks, goodbye, identity, identity, unnamed)
 SYSTEMS = ("You are a helpful assistant.", f"You are {NAME}.", "Be kind.", "You are a friend.")
 
 
+# What a stage of training speaks of: up to which share, and the kinds of it.
+FIRST_STAGE = (
+    (0.34, (addition, addition, addition, addition, several_sums, story_sum)),
+    (0.60, FACTS),
+    (0.71, TALK),
+    (0.80, counting),
+    (0.90, (unknown, unknown, beyond)),
+    (1.00, story_exchange),
+)
+# More of what has to be taken from the question.
+SECOND_STAGE = (
+    (0.40, (addition, addition, addition, several_sums, story_sum)),
+    (0.55, echo),
+    (0.72, FACTS),
+    (0.80, TALK),
+    (0.88, counting),
+    (0.95, (unknown, unknown, beyond)),
+    (1.00, story_exchange),
+)
+
+
+def one_of(rng, stage):
+    share = rng.random()
+    kinds = next(kinds for below, kinds in stage if share < below)
+    return (kinds if callable(kinds) else rng.choice(kinds))(rng)
+
+
 def first_stage(rng):
-    kind = rng.random()
-    if kind < 0.34:
-        return rng.choice((addition, addition, addition, addition, several_sums, story_sum))(rng)
-    if kind < 0.60:
-        return rng.choice(FACTS)(rng)
-    if kind < 0.71:
-        return rng.choice(TALK)(rng)
-    if kind < 0.80:
-        return counting(rng)
-    if kind < 0.90:
-        return rng.choice((unknown, unknown, beyond))(rng)
-    return story_exchange(rng)
+    return one_of(rng, FIRST_STAGE)
 
 
 def second_stage(rng):
-    """More of what has to be taken from the question."""
-    kind = rng.random()
-    if kind < 0.40:
-        return rng.choice((addition, addition, addition, several_sums, story_sum))(rng)
-    if kind < 0.55:
-        return echo(rng)
-    if kind < 0.72:
-        return rng.choice(FACTS)(rng)
-    if kind < 0.80:
-        return rng.choice(TALK)(rng)
-    if kind < 0.88:
-        return counting(rng)
-    if kind < 0.95:
-        return rng.choice((unknown, unknown, beyond))(rng)
-    return story_exchange(rng)
+    return one_of(rng, SECOND_STAGE)
 
 
 def chat(rng, one):

@@ -1,4 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library that is no plug-in.
+// A library without the functions of a plug-in.
 __attribute__((visibility("default"))) int nothingOfUse();
 int nothingOfUse() { return 0; }

@@ -34,8 +34,8 @@ void addSamplingOptions(Command& command, SamplingOptions& options);
 // --prompt and --file; readPrompt() reads standard input where neither is given.
 void addPromptOptions(Command& command, PromptOptions& options);
 
-// The prompt that the options name, or standard input where that is no terminal. A line
-// feed at the very end of a file or a pipe is dropped, unless it is to be kept. Throws Failure when
+// The prompt that the options name, else standard input, unless that is a terminal. A line feed at
+// the very end of a file or a pipe is dropped, unless it is to be kept. Throws Failure when
 // the prompt cannot be read or holds a NUL byte, and UsageError when there is none.
 std::string readPrompt(const PromptOptions& options);
 
